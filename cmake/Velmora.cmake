@@ -1,0 +1,55 @@
+# Helpers shared by every subsystem's CMakeLists.
+
+# velmora_library(<name> DEPS <targets...>): one library per subsystem folder,
+# built from every .cpp in the folder (and its subfolders given in DIRS).
+function(velmora_library name)
+  cmake_parse_arguments(ARG "" "" "DEPS;PRIVATE_DEPS;DIRS" ${ARGN})
+  set(globs ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  foreach(d IN LISTS ARG_DIRS)
+    list(APPEND globs ${CMAKE_CURRENT_SOURCE_DIR}/${d}/*.cpp)
+  endforeach()
+  file(GLOB sources CONFIGURE_DEPENDS ${globs})
+  if(sources)
+    add_library(${name} STATIC ${sources})
+    target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${name} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+  else()
+    # A subsystem with headers only (or not written yet).
+    add_library(${name} INTERFACE)
+    target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${name} INTERFACE ${ARG_DEPS} ${ARG_PRIVATE_DEPS})
+  endif()
+endfunction()
+
+# velmora_tests(<subsystem> DEPS <targets...>): one GoogleTest executable per
+# label from tests/<subsystem>/. A file's label comes from its name:
+# *_net_test.cpp -> net (loopback UDP), *_gl_test.cpp -> gl (software GL),
+# *_e2e_test.cpp -> e2e (the built executable), anything else -> unit.
+function(velmora_tests subsystem)
+  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  file(GLOB all CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  foreach(label unit net gl e2e)
+    set(files "")
+    foreach(f IN LISTS all)
+      get_filename_component(n ${f} NAME)
+      if(n MATCHES "_(net|gl|e2e)_test\\.cpp$")
+        set(l ${CMAKE_MATCH_1})
+      else()
+        set(l unit)
+      endif()
+      if(l STREQUAL label)
+        list(APPEND files ${f})
+      endif()
+    endforeach()
+    if(files)
+      set(exe ${subsystem}_${label}_tests)
+      add_executable(${exe} ${files} ${PROJECT_SOURCE_DIR}/tests/support/TestMain.cpp)
+      target_include_directories(${exe} PRIVATE ${PROJECT_SOURCE_DIR}/tests ${PROJECT_SOURCE_DIR}/src)
+      target_link_libraries(${exe} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gmock)
+      target_compile_definitions(${exe} PRIVATE
+        VELMORA_BINARY_DIR="${PROJECT_BINARY_DIR}"
+        VELMORA_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+      gtest_discover_tests(${exe} PROPERTIES LABELS ${label} DISCOVERY_TIMEOUT 60)
+    endif()
+  endforeach()
+endfunction()

@@ -1,0 +1,20 @@
+#pragma once
+// Process start-up and shutdown: chooses the run from the command line,
+// starts the listeners and the frame loop on the main thread, and shuts
+// down cleanly on SIGINT/SIGTERM.
+
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+class Application {
+ public:
+  // Returns the process exit status (0 for every batch run, whatever its outcome).
+  static int main(const std::vector<std::string>& args);
+
+ private:
+  static int runInteractive();
+};
+
+}  // namespace velmora

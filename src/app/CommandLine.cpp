@@ -1,0 +1,26 @@
+#include "app/CommandLine.h"
+
+#include <algorithm>
+
+namespace velmora {
+
+CommandLine CommandLine::parse(const std::vector<std::string>& args) {
+  CommandLine result;
+  if (std::find(args.begin(), args.end(), "--run-tests") != args.end()) {
+    result.mode = Mode::runTests;
+    return result;
+  }
+  const std::pair<const char*, Mode> folderSwitches[] = {{"--snapshot", Mode::snapshot},
+                                                         {"--output-selftest", Mode::outputSelfTest}};
+  for (const auto& [name, mode] : folderSwitches) {
+    auto it = std::find(args.begin(), args.end(), name);
+    if (it != args.end() && it + 1 != args.end()) {
+      result.mode = mode;
+      result.folder = *(it + 1);
+      return result;
+    }
+  }
+  return result;
+}
+
+}  // namespace velmora
