@@ -5,6 +5,8 @@
 namespace velmora {
 
 void Morpher::setWeight(std::size_t index, float weight) {
+  for (auto& f : followers)
+    if (f && f.get() != this) f->setWeight(index, weight);
   if (index >= targetCount()) return;
   if (weights.size() < targetCount()) weights.resize(targetCount(), 0.0f);
   weights[index] = weight;

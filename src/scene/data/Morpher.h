@@ -19,6 +19,9 @@ struct Morpher {
   CalculationMode calculationMode = CalculationMode::normalized;
   std::shared_ptr<const std::vector<std::shared_ptr<const Geometry>>> targets;
   std::vector<float> weights;  // one per target, 0..1
+  // Morphers of other nodes of the same character that take the same weights
+  // (e.g. a part that must move with the body); setWeight forwards to them.
+  std::vector<std::shared_ptr<Morpher>> followers;
 
   std::size_t targetCount() const { return targets ? targets->size() : 0; }
   // Out-of-range indices are ignored.
