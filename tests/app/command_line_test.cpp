@@ -1,0 +1,36 @@
+#include "app/CommandLine.h"
+
+#include <gtest/gtest.h>
+
+namespace velmora {
+namespace {
+
+using Mode = CommandLine::Mode;
+
+TEST(CommandLine, SwitchesAreCheckedInOrderAndTheFirstMatchWins) {
+  EXPECT_EQ(CommandLine::parse({}).mode, Mode::interactive);
+  EXPECT_EQ(CommandLine::parse({"--run-tests"}).mode, Mode::runTests);
+  EXPECT_EQ(CommandLine::parse({"--snapshot", "out", "--run-tests"}).mode, Mode::runTests);
+  auto snap = CommandLine::parse({"--output-selftest", "a", "--snapshot", "b"});
+  EXPECT_EQ(snap.mode, Mode::snapshot);
+  EXPECT_EQ(snap.folder, "b");
+  auto self = CommandLine::parse({"-v", "--output-selftest", "/tmp/x"});
+  EXPECT_EQ(self.mode, Mode::outputSelfTest);
+  EXPECT_EQ(self.folder, "/tmp/x");
+}
+
+TEST(CommandLine, AFolderSwitchWithNothingAfterItIsIgnored) {
+  EXPECT_EQ(CommandLine::parse({"--snapshot"}).mode, Mode::interactive);
+  auto r = CommandLine::parse({"--output-selftest", "o", "--snapshot"});
+  EXPECT_EQ(r.mode, Mode::outputSelfTest);
+  EXPECT_EQ(r.folder, "o");
+}
+
+TEST(CommandLine, MatchesAreExactAndCaseSensitive) {
+  EXPECT_EQ(CommandLine::parse({"--Run-Tests"}).mode, Mode::interactive);
+  EXPECT_EQ(CommandLine::parse({"--run-tests=1"}).mode, Mode::interactive);
+  EXPECT_EQ(CommandLine::parse({"--snapshot=out"}).mode, Mode::interactive);
+}
+
+}  // namespace
+}  // namespace velmora

@@ -1,0 +1,137 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "base/MainQueue.h"
+#include "base/MainThreadMailbox.h"
+#include "base/SerialQueue.h"
+
+namespace velmora {
+namespace {
+
+TEST(MainQueue, WorkPostedFromManyThreadsRunsOnTheMainThreadInPerThreadOrder) {
+  MainQueue queue;
+  queue.bindToCurrentThread();
+  const auto mainId = std::this_thread::get_id();
+  std::vector<int> seen[4];
+  std::atomic<int> offMain{0};
+  std::vector<std::thread> producers;
+  for (int t = 0; t < 4; ++t)
+    producers.emplace_back([&, t] {
+      for (int i = 0; i < 500; ++i)
+        queue.post([&, t, i] {
+          if (std::this_thread::get_id() != mainId) ++offMain;
+          seen[t].push_back(i);
+        });
+    });
+  for (auto& p : producers) p.join();
+  EXPECT_EQ(queue.drain(), 2000u);
+  EXPECT_EQ(offMain.load(), 0);
+  for (auto& s : seen) {
+    ASSERT_EQ(s.size(), 500u);
+    for (int i = 0; i < 500; ++i) EXPECT_EQ(s[i], i);
+  }
+}
+
+TEST(MainQueue, RunTicksAndReturnsAfterStopHavingRunWhatWasPosted) {
+  MainQueue queue;
+  queue.bindToCurrentThread();
+  int ticks = 0;
+  bool lateWorkRan = false;
+  queue.setTick([&] {
+    if (++ticks == 5) {
+      queue.stop();
+      queue.post([&] { lateWorkRan = true; });
+    }
+  }, 200.0);
+  queue.run();
+  EXPECT_EQ(ticks, 5);
+  EXPECT_TRUE(lateWorkRan);
+  EXPECT_FALSE(queue.isRunning());
+}
+
+TEST(MainQueue, StopFromAnotherThreadWakesAnIdleLoop) {
+  MainQueue queue;
+  queue.bindToCurrentThread();
+  std::thread stopper([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    queue.stop();
+  });
+  queue.run();  // no tick: waits on the queue until stopped
+  stopper.join();
+  SUCCEED();
+}
+
+TEST(MainQueue, AThrowingClosureDoesNotStopTheLoop) {
+  MainQueue queue;
+  queue.bindToCurrentThread();
+  bool after = false;
+  queue.post([] { throw std::runtime_error("boom"); });
+  queue.post([&] { after = true; });
+  EXPECT_EQ(queue.drain(), 2u);
+  EXPECT_TRUE(after);
+}
+
+TEST(MainThreadMailbox, KeepsEverythingAtNormalRatesAndDropsTheOldestUnderAFlood) {
+  MainQueue queue;
+  queue.bindToCurrentThread();
+  MainThreadMailbox mailbox(8, queue);
+  std::vector<int> ran;
+  for (int i = 0; i < 5; ++i) mailbox.post([&, i] { ran.push_back(i); });
+  queue.drain();
+  EXPECT_EQ(ran, (std::vector<int>{0, 1, 2, 3, 4}));
+  EXPECT_EQ(mailbox.droppedCount(), 0u);
+
+  ran.clear();
+  for (int i = 0; i < 10000; ++i) mailbox.post([&, i] { ran.push_back(i); });
+  EXPECT_LE(mailbox.pendingCount(), 8u);
+  EXPECT_LE(queue.pendingCount(), 1u) << "one drain is posted however many items wait";
+  queue.drain();
+  ASSERT_EQ(ran.size(), 8u);
+  EXPECT_EQ(ran.front(), 9992);
+  EXPECT_EQ(ran.back(), 9999);
+  EXPECT_EQ(mailbox.droppedCount(), 9992u);
+}
+
+TEST(SerialQueue, RunsWorkInOrderOnOneNamedThread) {
+  SerialQueue queue("com.velmora.test");
+  std::vector<int> order;
+  std::thread::id worker;
+  for (int i = 0; i < 100; ++i) queue.post([&, i] {
+      order.push_back(i);
+      worker = std::this_thread::get_id();
+    });
+  bool onWorker = false;
+  EXPECT_TRUE(queue.sync([&] { onWorker = queue.isCurrent(); }));
+  EXPECT_TRUE(onWorker);
+  EXPECT_FALSE(queue.isCurrent());
+  ASSERT_EQ(order.size(), 100u);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(order[i], i);
+  EXPECT_NE(worker, std::this_thread::get_id());
+}
+
+TEST(SerialQueue, StopRunsPendingWorkThenRefusesMore) {
+  SerialQueue queue("com.velmora.test");
+  std::atomic<int> ran{0};
+  for (int i = 0; i < 50; ++i) queue.post([&] { ++ran; });
+  queue.stop();
+  EXPECT_EQ(ran.load(), 50);
+  EXPECT_TRUE(queue.isStopped());
+  queue.post([&] { ++ran; });
+  EXPECT_FALSE(queue.sync([&] { ++ran; }));
+  EXPECT_EQ(ran.load(), 50);
+  queue.stop();  // idempotent
+}
+
+TEST(SerialQueue, SurvivesThrowingWork) {
+  SerialQueue queue("com.velmora.test");
+  queue.post([] { throw std::runtime_error("decoder bug"); });
+  bool after = false;
+  queue.sync([&] { after = true; });
+  EXPECT_TRUE(after);
+}
+
+}  // namespace
+}  // namespace velmora
