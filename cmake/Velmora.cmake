@@ -1,9 +1,10 @@
 # Helpers shared by every subsystem's CMakeLists.
 
-# velmora_library(<name> DEPS <targets...>): one library per subsystem folder,
+# velmora_library(<name> DEPS <targets...> [PRIVATE_DEPS ...] [DIRS ...]
+#                  [SYSTEM_INCLUDES ...]): one library per subsystem folder,
 # built from every .cpp in the folder (and its subfolders given in DIRS).
 function(velmora_library name)
-  cmake_parse_arguments(ARG "" "" "DEPS;PRIVATE_DEPS;DIRS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "DEPS;PRIVATE_DEPS;DIRS;SYSTEM_INCLUDES" ${ARGN})
   set(globs ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
   foreach(d IN LISTS ARG_DIRS)
     list(APPEND globs ${CMAKE_CURRENT_SOURCE_DIR}/${d}/*.cpp)
@@ -13,6 +14,9 @@ function(velmora_library name)
     add_library(${name} STATIC ${sources})
     target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
     target_link_libraries(${name} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+    if(ARG_SYSTEM_INCLUDES)
+      target_include_directories(${name} SYSTEM PRIVATE ${ARG_SYSTEM_INCLUDES})
+    endif()
   else()
     # A subsystem with headers only (or not written yet).
     add_library(${name} INTERFACE)
