@@ -83,12 +83,16 @@ std::optional<LightingSettings> LightingSettings::presetMatching(std::string_vie
 }
 
 LightingSettings LightingSettings::load(const SettingsStore& store) {
-  const auto stored = store.dictionary(storeKey);
-  if (!stored) return theatrical();
-  const nlohmann::json& object = *stored;
+  return stored(store).value_or(theatrical());
+}
+
+std::optional<LightingSettings> LightingSettings::stored(const SettingsStore& store) {
+  const auto value = store.dictionary(storeKey);
+  if (!value) return std::nullopt;
+  const nlohmann::json& object = *value;
   LightingSettings out;
   const auto presetIt = object.find("preset");
-  if (presetIt == object.end() || !presetIt->is_string()) return theatrical();
+  if (presetIt == object.end() || !presetIt->is_string()) return std::nullopt;
   out.preset = presetIt->get<std::string>();
   const std::pair<const char*, double LightingSettings::*> numbers[] = {
       {"key", &LightingSettings::key},           {"fill", &LightingSettings::fill},
@@ -98,7 +102,7 @@ LightingSettings LightingSettings::load(const SettingsStore& store) {
   };
   for (const auto& [name, field] : numbers) {
     const auto it = object.find(name);
-    if (it == object.end() || !it->is_number()) return theatrical();
+    if (it == object.end() || !it->is_number()) return std::nullopt;
     out.*field = it->get<double>();
   }
   return out;

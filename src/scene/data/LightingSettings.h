@@ -46,6 +46,8 @@ struct LightingSettings {
   // "Theatrical" when nothing is stored or the stored value does not decode
   // (not an object, a field missing or of the wrong type).
   static LightingSettings load(const SettingsStore& store);
+  // The stored record; none when nothing is stored or it does not decode.
+  static std::optional<LightingSettings> stored(const SettingsStore& store);
   void save(SettingsStore& store) const;
 
   bool operator==(const LightingSettings&) const = default;

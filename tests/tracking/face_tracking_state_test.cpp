@@ -1,0 +1,485 @@
+// FaceTrackingState: the per-frame processing (filter, range, sensitivity),
+// head rotation and position, calibration, ranges, filter parameters,
+// observers and the OSC server hook. Persistence is in
+// tracking_settings_test.cpp.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#include "base/SettingsStore.h"
+#include "support/TempDir.h"
+#include "tracking/FaceTrackingState.h"
+
+namespace velmora {
+namespace {
+
+using Property = FaceTrackingState::Property;
+
+constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+constexpr float inf = std::numeric_limits<float>::infinity();
+
+// A state over a private settings folder with a clock the test moves.
+struct Fixture {
+  test::TempDir dir;
+  SettingsStore store{dir.path()};
+  double now = 100.0;
+  std::unique_ptr<FaceTrackingState> state = std::make_unique<FaceTrackingState>(store, [this] { return now; });
+
+  void packet(BlendshapeMap shapes, double advance = 1.0 / 60.0) {
+    now += advance;
+    state->ingestPacket(std::move(shapes), std::nullopt, std::nullopt, "10.0.0.9:5000");
+  }
+  void rotation(float3 r, double advance = 1.0 / 60.0) {
+    now += advance;
+    state->ingestPacket(std::nullopt, r, std::nullopt, "10.0.0.9:5000");
+  }
+  void neutralSensitivities() {
+    state->setMouthSensitivity(1.0f);
+    state->setBrowSensitivity(1.0f);
+  }
+};
+
+TEST(FaceTrackingStateTest, InitialValues) {
+  Fixture f;
+  const FaceTrackingState& s = *f.state;
+  EXPECT_TRUE(s.blendshapes().empty());
+  EXPECT_TRUE(s.rawBlendshapes().empty());
+  EXPECT_EQ(s.headRotation(), float3(0.0f));
+  EXPECT_EQ(s.headPosition(), float3(0.0f));
+  EXPECT_EQ(s.zeroRotationOffset(), float3(0.0f));
+  EXPECT_FALSE(s.isCalibrated());
+  EXPECT_FLOAT_EQ(s.smoothing(), 0.45f);
+  EXPECT_EQ(s.globalSensitivity(), 1.0f);
+  EXPECT_FLOAT_EQ(s.mouthSensitivity(), 1.2f);
+  EXPECT_FLOAT_EQ(s.browSensitivity(), 1.2f);
+  EXPECT_EQ(s.eyeSensitivity(), 1.0f);
+  EXPECT_TRUE(s.blendshapeRanges().empty());
+  EXPECT_EQ(s.characterModel(), CharacterModelType::theatricalMask);
+  EXPECT_EQ(s.trackingDetail(), TrackingDetail::detailed);
+  EXPECT_FALSE(s.lockRotation());
+  EXPECT_EQ(s.rotationScale(), 1.0f);
+  EXPECT_FALSE(s.reverseUpDown() || s.reverseLeftRight() || s.reverseTilt());
+  EXPECT_EQ(s.maskOpacity(), 1.0f);
+  EXPECT_FLOAT_EQ(s.lightIntensity(), 1.2f);
+  EXPECT_EQ(s.lighting(), LightingSettings::theatrical());
+  EXPECT_EQ(s.rimLightColor(), float3(0.9f, 0.95f, 1.0f));
+  EXPECT_TRUE(s.isSyphonActive());
+  EXPECT_FALSE(s.isNDIActive());
+  EXPECT_EQ(s.syphonStatus(), "Syphon: starting…");
+  EXPECT_EQ(s.ndiStatus(), "NDI: off");
+  EXPECT_FALSE(s.isProjectorFullscreen());
+  EXPECT_FALSE(s.localIP().empty());
+  EXPECT_FALSE(s.isConnected());
+  EXPECT_EQ(s.senderIP(), "Waiting for iPhone...");
+  EXPECT_EQ(s.incomingFPS(), 0.0);
+  EXPECT_EQ(s.totalPacketsReceived(), 0u);
+  EXPECT_FALSE(s.lastPacketTimestamp());
+  EXPECT_EQ(s.lastQLabCommand(), "None");
+  EXPECT_EQ(s.oscPort(), 53100);
+  EXPECT_TRUE(s.isOSCEnabled());
+  EXPECT_EQ(s.oscStatus(), "OSC cues: starting…");
+}
+
+TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
+  Fixture f;
+  f.now = 0.0;
+  f.state = std::make_unique<FaceTrackingState>(f.store, [&f] { return f.now; });
+  for (int i = 1; i <= 30; ++i) {
+    f.now = i * 0.03;  // up to 0.9 s: no rate yet
+    f.state->ingestPacket(std::nullopt, std::nullopt, std::nullopt, "192.168.1.20:50123");
+  }
+  EXPECT_EQ(f.state->incomingFPS(), 0.0);
+  EXPECT_EQ(f.state->totalPacketsReceived(), 30u);
+  EXPECT_TRUE(f.state->isConnected());
+  EXPECT_EQ(f.state->senderIP(), "192.168.1.20:50123");
+  ASSERT_TRUE(f.state->lastPacketTimestamp());
+  f.now = 1.25;
+  f.state->ingestPacket(std::nullopt, std::nullopt, std::nullopt, "192.168.1.21:7");
+  EXPECT_DOUBLE_EQ(f.state->incomingFPS(), 31 / 1.25);
+  EXPECT_EQ(f.state->senderIP(), "192.168.1.21:7");
+  // The count restarts: 10 packets over the next 2 s.
+  for (int i = 1; i <= 10; ++i) {
+    f.now = 1.25 + i * 0.2;
+    f.state->ingestPacket(std::nullopt, std::nullopt, std::nullopt, "192.168.1.21:7");
+  }
+  EXPECT_DOUBLE_EQ(f.state->incomingFPS(), 5 / 1.0);  // the 5 packets up to 2.25 s
+  EXPECT_EQ(f.state->totalPacketsReceived(), 41u);
+}
+
+TEST(FaceTrackingStateTest, ConstantInputPassesThroughAndConverges) {
+  Fixture f;
+  f.neutralSensitivities();
+  f.packet({{"jawOpen", 0.5f}, {"cheekPuff", 0.25f}});
+  EXPECT_EQ(f.state->blendshapes().at("jawOpen"), 0.5f);  // the first sample is exact
+  EXPECT_EQ(f.state->blendshapes().at("cheekPuff"), 0.25f);
+  for (int i = 0; i < 30; ++i) f.packet({{"jawOpen", 0.5f}, {"cheekPuff", 0.25f}});
+  EXPECT_EQ(f.state->blendshapes().at("jawOpen"), 0.5f);
+  EXPECT_EQ(f.state->rawBlendshapes().at("cheekPuff"), 0.25f);
+}
+
+TEST(FaceTrackingStateTest, RegionalSensitivityAndClamping) {
+  Fixture f;
+  f.state->setEyeSensitivity(1.5f);
+  f.packet({{"jawOpen", 0.5f},
+            {"mouthSmileLeft", 0.5f},
+            {"browInnerUp", 0.5f},
+            {"eyeBlinkLeft", 0.5f},
+            {"cheekPuff", 0.5f},
+            {"tongueOut", 0.5f},
+            {"someOtherName", 0.5f},
+            {"mouthFunnel", 0.9f},
+            {"noseSneerLeft", -0.3f}});
+  const auto& b = f.state->blendshapes();
+  EXPECT_FLOAT_EQ(b.at("jawOpen"), 0.6f);
+  EXPECT_FLOAT_EQ(b.at("mouthSmileLeft"), 0.6f);
+  EXPECT_FLOAT_EQ(b.at("browInnerUp"), 0.6f);
+  EXPECT_FLOAT_EQ(b.at("eyeBlinkLeft"), 0.75f);
+  EXPECT_EQ(b.at("cheekPuff"), 0.5f);
+  EXPECT_EQ(b.at("tongueOut"), 0.5f);
+  EXPECT_EQ(b.at("someOtherName"), 0.5f);  // names outside the 52 are processed alike
+  EXPECT_EQ(b.at("mouthFunnel"), 1.0f);    // 1.08 clamped
+  EXPECT_EQ(b.at("noseSneerLeft"), 0.0f);
+  EXPECT_EQ(f.state->rawBlendshapes().at("noseSneerLeft"), -0.3f);
+
+  f.state->setGlobalSensitivity(0.8f);
+  f.packet({{"jawOpen", 0.5f}, {"cheekPuff", 0.5f}}, 0.0);
+  EXPECT_FLOAT_EQ(f.state->blendshapes().at("jawOpen"), 0.48f);
+  EXPECT_FLOAT_EQ(f.state->blendshapes().at("cheekPuff"), 0.4f);
+  f.state->setGlobalSensitivity(nan);
+  f.packet({{"cheekPuff", 0.5f}}, 0.0);
+  EXPECT_EQ(f.state->blendshapes().at("cheekPuff"), 0.0f);  // NaN clamps to 0
+}
+
+TEST(FaceTrackingStateTest, FilterThenRangeThenSensitivity) {
+  Fixture f;
+  f.state->setRange("jawOpen", 0.2f, 0.6f);
+  // Steady 0.4 inside (0.2, 0.6) is 0.5, then x1.2 for the mouth.
+  f.packet({{"jawOpen", 0.4f}});
+  EXPECT_FLOAT_EQ(f.state->blendshapes().at("jawOpen"), 0.6f);
+
+  // A step is filtered before the range maps it: replay the same samples
+  // through a filter with the blendshape creation parameters.
+  Fixture g;
+  g.state->setRange("jawOpen", 0.2f, 0.6f);
+  OneEuroFilter1D reference(1.5f, 0.02f, 1.0f);
+  const float inputs[] = {0.0f, 1.0f, 1.0f, 0.3f};
+  for (float x : inputs) {
+    g.packet({{"jawOpen", x}});
+    const float filtered = reference.filter(x, g.now);
+    float n = (filtered - 0.2f) / 0.4f;
+    n = std::clamp(n, 0.0f, 1.0f) * 1.2f;
+    EXPECT_FLOAT_EQ(g.state->blendshapes().at("jawOpen"), std::min(n, 1.0f)) << x;
+    EXPECT_EQ(g.state->rawBlendshapes().at("jawOpen"), x);
+  }
+}
+
+TEST(FaceTrackingStateTest, NarrowRangeSpanCountsAsMinimumGap) {
+  Fixture f;
+  f.state->setBlendshapeRanges({{"cheekPuff", {0.5f, 0.51f}}});
+  f.packet({{"cheekPuff", 0.51f}});
+  EXPECT_NEAR(f.state->blendshapes().at("cheekPuff"), 0.5f, 1e-5f);
+  f.packet({{"cheekPuff", 0.4f}}, 0.0);
+  EXPECT_LT(f.state->blendshapes().at("cheekPuff"), 0.5f);
+}
+
+TEST(FaceTrackingStateTest, NonFiniteValuesAreSkipped) {
+  Fixture f;
+  f.packet({{"jawOpen", 0.5f}, {"eyeBlinkLeft", nan}, {"cheekPuff", inf}});
+  EXPECT_EQ(f.state->blendshapes().size(), 1u);
+  EXPECT_FALSE(f.state->rawBlendshapes().contains("eyeBlinkLeft"));
+  EXPECT_EQ(f.state->blendshapeFilter("cheekPuff"), nullptr);
+  const float before = f.state->blendshapes().at("jawOpen");
+  f.packet({{"jawOpen", -inf}});
+  EXPECT_EQ(f.state->blendshapes().at("jawOpen"), before);
+  EXPECT_EQ(f.state->rawBlendshapes().at("jawOpen"), 0.5f);
+  f.packet({});  // an empty map changes nothing
+  EXPECT_EQ(f.state->blendshapes().size(), 1u);
+  EXPECT_EQ(f.state->totalPacketsReceived(), 3u);
+}
+
+TEST(FaceTrackingStateTest, RotationSignsScaleAndReverseFlags) {
+  struct Case {
+    bool upDown, leftRight, tilt;
+    float scale;
+    float3 expected;
+  };
+  const float3 received(0.1f, -0.2f, 0.3f);
+  const Case cases[] = {
+      {false, false, false, 1.0f, {-0.1f, 0.2f, -0.3f}},  // inverted by default
+      {true, false, false, 1.0f, {0.1f, 0.2f, -0.3f}},
+      {false, true, false, 1.0f, {-0.1f, -0.2f, -0.3f}},
+      {false, false, true, 1.0f, {-0.1f, 0.2f, 0.3f}},
+      {true, true, true, 2.0f, {0.2f, -0.4f, 0.6f}},
+  };
+  for (const Case& c : cases) {
+    Fixture f;
+    f.state->setReverseUpDown(c.upDown);
+    f.state->setReverseLeftRight(c.leftRight);
+    f.state->setReverseTilt(c.tilt);
+    f.state->setRotationScale(c.scale);
+    f.rotation(received);  // first sample: the filter passes it through
+    EXPECT_EQ(f.state->headRotation(), c.expected) << c.upDown << c.leftRight << c.tilt;
+    EXPECT_EQ(f.state->rawRotation(), received);
+  }
+}
+
+TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZero) {
+  Fixture f;
+  const float3 pose(0.3f, -0.25f, 0.1f);
+  for (int i = 0; i < 20; ++i) f.rotation(pose + float3(0.001f * i));
+  f.state->ingestPacket({{{"jawOpen", 0.7f}}}, pose, float3(1, 2, 3), "a:1");
+  f.state->setRange("jawOpen", 0.1f, std::nullopt);
+  f.state->recentreNeutralPose();
+  EXPECT_TRUE(f.state->isCalibrated());
+  EXPECT_EQ(f.state->zeroRotationOffset(), pose);
+  EXPECT_EQ(f.state->zeroPositionOffset(), float3(1, 2, 3));
+  EXPECT_FALSE(f.state->rotationFilter().x().isPrimed());
+  EXPECT_EQ(f.state->range("jawOpen").floor, 0.1f);  // ranges and blendshapes untouched
+  EXPECT_TRUE(f.state->blendshapeFilter("jawOpen")->isPrimed());
+  for (int i = 0; i < 5; ++i) {
+    f.rotation(pose);
+    EXPECT_EQ(f.state->headRotation(), float3(0.0f)) << i;
+  }
+  // Turning away from the neutral pose moves the head by the difference.
+  Fixture fresh;
+  fresh.rotation(float3(0.2f, 0.0f, 0.0f));
+  f.state->recenterNeutralPose();
+  f.rotation(pose + float3(0.2f, 0.0f, 0.0f));
+  EXPECT_NEAR(f.state->headRotation().x, fresh.state->headRotation().x, 1e-6f);
+
+  f.state->resetCalibration();
+  EXPECT_FALSE(f.state->isCalibrated());
+  EXPECT_EQ(f.state->zeroRotationOffset(), float3(0.0f));
+  EXPECT_EQ(f.state->zeroPositionOffset(), float3(0.0f));
+  EXPECT_EQ(f.state->range("jawOpen").floor, 0.1f);
+}
+
+TEST(FaceTrackingStateTest, LockRotationEasesToZeroWhileRawFollows) {
+  Fixture f;
+  for (int i = 0; i < 120; ++i) f.rotation(float3(0.5f, 0.4f, -0.3f));
+  EXPECT_NEAR(f.state->headRotation().x, -0.5f, 1e-3f);
+  f.state->setLockRotation(true);
+  float previous = std::fabs(f.state->headRotation().x);
+  f.rotation(float3(0.6f, 0.4f, -0.3f));
+  EXPECT_EQ(f.state->rawRotation(), float3(0.6f, 0.4f, -0.3f));
+  EXPECT_GT(std::fabs(f.state->headRotation().x), 0.01f);  // eases, does not jump
+  for (int i = 0; i < 300; ++i) {
+    f.rotation(float3(0.6f + 0.001f * i, 0.4f, -0.3f));
+    const float now = std::fabs(f.state->headRotation().x);
+    EXPECT_LE(now, previous);
+    previous = now;
+  }
+  EXPECT_NEAR(f.state->rawRotation().x, 0.899f, 1e-5f);
+  EXPECT_LT(glm::length(f.state->headRotation()), 1e-3f);
+}
+
+TEST(FaceTrackingStateTest, PositionNeverMovesTheHead) {
+  Fixture f;
+  for (int i = 0; i < 30; ++i) {
+    f.now += 1.0 / 60.0;
+    const float3 p(0.1f * i, -0.2f * i, 3.0f + i);
+    f.state->ingestPacket(std::nullopt, std::nullopt, p, "x:1");
+    EXPECT_EQ(f.state->rawPosition(), p);
+    EXPECT_EQ(f.state->headPosition(), float3(0.0f));
+  }
+  f.state->recentreNeutralPose();
+  f.state->ingestPacket(std::nullopt, std::nullopt, float3(nan), "x:1");
+  EXPECT_EQ(f.state->headPosition(), float3(0.0f));
+}
+
+TEST(FaceTrackingStateTest, FilterParametersFollowSmoothing) {
+  Fixture f;
+  const OneEuroFilter1D& head = f.state->rotationFilter().x();
+  EXPECT_FLOAT_EQ(head.minCutoff, 1.65f);
+  EXPECT_FLOAT_EQ(head.beta, 0.011f);
+  EXPECT_FLOAT_EQ(f.state->positionFilter().z().minCutoff, 1.65f);
+  f.packet({{"jawOpen", 0.5f}});
+  // A filter created by a packet keeps its creation values until the next update.
+  EXPECT_EQ(f.state->blendshapeFilter("jawOpen")->minCutoff, 1.5f);
+  EXPECT_EQ(f.state->blendshapeFilter("jawOpen")->beta, 0.02f);
+  f.state->setSmoothing(0.45f);
+  EXPECT_FLOAT_EQ(f.state->blendshapeFilter("jawOpen")->minCutoff, 1.98f);
+  EXPECT_FLOAT_EQ(f.state->blendshapeFilter("jawOpen")->beta, 0.0165f);
+  EXPECT_TRUE(f.state->blendshapeFilter("jawOpen")->isPrimed());
+
+  f.state->setSmoothing(1.0f);
+  EXPECT_FLOAT_EQ(head.minCutoff, 0.2f);
+  EXPECT_FLOAT_EQ(head.beta, 0.001f);
+  EXPECT_FLOAT_EQ(f.state->blendshapeFilter("jawOpen")->minCutoff, 0.24f);
+  EXPECT_FLOAT_EQ(f.state->blendshapeFilter("jawOpen")->beta, 0.0015f);
+  f.state->setSmoothing(0.0f);
+  EXPECT_FLOAT_EQ(head.minCutoff, 3.0f);
+  EXPECT_FLOAT_EQ(head.beta, 0.02f);
+  EXPECT_EQ(head.dCutoff, 1.0f);
+  f.state->setSmoothing(nan);  // never NaN parameters
+  EXPECT_FLOAT_EQ(head.minCutoff, 0.2f);
+  EXPECT_FLOAT_EQ(f.state->blendshapeFilter("jawOpen")->beta, 0.0015f);
+}
+
+TEST(FaceTrackingStateTest, SetRangeLimits) {
+  Fixture f;
+  FaceTrackingState& s = *f.state;
+  EXPECT_EQ(s.range("jawOpen"), (BlendshapeRange{0.0f, 1.0f}));
+
+  s.setRange("jawOpen", 0.99f, std::nullopt);
+  EXPECT_FLOAT_EQ(s.range("jawOpen").floor, 0.98f);
+  EXPECT_EQ(s.range("jawOpen").ceiling, 1.0f);
+  s.setRange("jawOpen", 0.0f, 1.0f);
+  EXPECT_FALSE(s.blendshapeRanges().contains("jawOpen"));
+
+  s.setRange("cheekPuff", std::nullopt, 0.01f);
+  EXPECT_EQ(s.range("cheekPuff").floor, 0.0f);
+  EXPECT_FLOAT_EQ(s.range("cheekPuff").ceiling, 0.02f);
+
+  s.setRange("browInnerUp", -0.5f, 2.0f);  // both clamped: neutral, removed
+  EXPECT_FALSE(s.blendshapeRanges().contains("browInnerUp"));
+  s.setRange("browInnerUp", nan, 0.7f);
+  EXPECT_EQ(s.range("browInnerUp"), (BlendshapeRange{0.0f, 0.7f}));
+  s.setRange("browInnerUp", 0.69f, std::nullopt);  // limited by the stored ceiling
+  EXPECT_FLOAT_EQ(s.range("browInnerUp").floor, 0.68f);
+  s.setRange("browInnerUp", 0.5f, 0.3f);  // ceiling raised above the new floor
+  EXPECT_FLOAT_EQ(s.range("browInnerUp").ceiling, 0.52f);
+  s.setRange("browInnerUp", std::nullopt, nan);  // NaN ceiling counts as 1
+  EXPECT_EQ(s.range("browInnerUp").ceiling, 1.0f);
+
+  // Every change is persisted as [floor, ceiling] doubles.
+  auto stored = f.store.dictionary("blendshapeRanges");
+  ASSERT_TRUE(stored);
+  EXPECT_FALSE(stored->contains("jawOpen"));
+  EXPECT_EQ((*stored)["cheekPuff"], nlohmann::json::array({0.0, static_cast<double>(0.02f)}));
+  EXPECT_EQ((*stored)["browInnerUp"][0].get<double>(), 0.5);
+
+  s.resetAllRanges();
+  EXPECT_TRUE(s.blendshapeRanges().empty());
+  EXPECT_EQ(*f.store.dictionary("blendshapeRanges"), nlohmann::json::object());
+}
+
+TEST(FaceTrackingStateTest, RangeChangesApplyToTheNextPacket) {
+  Fixture f;
+  f.packet({{"cheekPuff", 0.4f}});
+  EXPECT_EQ(f.state->blendshapes().at("cheekPuff"), 0.4f);
+  f.state->setRange("cheekPuff", 0.2f, 0.6f);
+  f.packet({{"cheekPuff", 0.4f}});
+  EXPECT_FLOAT_EQ(f.state->blendshapes().at("cheekPuff"), 0.5f);
+  f.state->resetAllRanges();
+  f.packet({{"cheekPuff", 0.4f}});
+  EXPECT_EQ(f.state->blendshapes().at("cheekPuff"), 0.4f);
+  // Replacing the published maps must not leave stale slots behind.
+  f.state->setBlendshapes({});
+  f.state->setRawBlendshapes({});
+  f.packet({{"cheekPuff", 0.4f}});
+  EXPECT_EQ(f.state->blendshapes().at("cheekPuff"), 0.4f);
+  EXPECT_EQ(f.state->rawBlendshapes().at("cheekPuff"), 0.4f);
+}
+
+TEST(FaceTrackingStateTest, FloorsFromCurrentPose) {
+  Fixture f;
+  f.packet({{"jawOpen", 0.95f}, {"cheekPuff", 0.3f}, {"browInnerUp", 0.0f}});
+  f.state->setRange("cheekPuff", std::nullopt, 0.8f);
+  f.state->setFloorsFromCurrentPose();
+  EXPECT_FLOAT_EQ(f.state->range("jawOpen").floor, 0.9f);
+  EXPECT_EQ(f.state->range("jawOpen").ceiling, 1.0f);
+  EXPECT_EQ(f.state->range("cheekPuff"), (BlendshapeRange{0.3f, 0.8f}));
+  EXPECT_FALSE(f.state->blendshapeRanges().contains("browInnerUp"));
+  const auto stored = f.store.dictionary("blendshapeRanges");
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(stored->size(), 2u);
+}
+
+TEST(FaceTrackingStateTest, ObserversHearEveryWrite) {
+  Fixture f;
+  std::vector<Property> heard;
+  const int token = f.state->observe([&](Property p) { heard.push_back(p); });
+  f.state->setMaskOpacity(0.5f);
+  f.state->setMaskOpacity(0.5f);  // unchanged values notify too
+  EXPECT_EQ(heard, (std::vector<Property>{Property::maskOpacity, Property::maskOpacity}));
+  // Observers see the new value.
+  f.state->observe([&](Property p) {
+    if (p == Property::smoothing) {
+      EXPECT_EQ(f.state->smoothing(), 0.7f);
+    }
+  });
+  f.state->setSmoothing(0.7f);
+
+  heard.clear();
+  f.state->ingestPacket({{{"jawOpen", 0.5f}}}, float3(0.1f), float3(0.2f), "s:1");
+  for (Property p : {Property::totalPacketsReceived, Property::lastPacketTimestamp, Property::senderIP,
+                     Property::isConnected, Property::rawRotation, Property::headRotation, Property::rawPosition,
+                     Property::headPosition, Property::rawBlendshapes, Property::blendshapes}) {
+    EXPECT_EQ(std::count(heard.begin(), heard.end(), p), 1) << static_cast<int>(p);
+  }
+
+  heard.clear();
+  f.state->recentreNeutralPose();
+  f.state->setRange("jawOpen", 0.1f, std::nullopt);
+  f.state->setLastQLabCommand("/velmora/recentre");
+  EXPECT_EQ(heard, (std::vector<Property>{Property::zeroRotationOffset, Property::zeroPositionOffset,
+                                          Property::isCalibrated, Property::blendshapeRanges,
+                                          Property::lastQLabCommand}));
+  f.state->unobserve(token);
+  heard.clear();
+  f.state->setIsSyphonActive(false);
+  EXPECT_TRUE(heard.empty());
+}
+
+TEST(FaceTrackingStateTest, ObserversMayUnobserveAndObserveWhileNotified) {
+  Fixture f;
+  int first = 0, second = 0, late = 0;
+  int firstToken = 0;
+  firstToken = f.state->observe([&](Property) {
+    ++first;
+    f.state->unobserve(firstToken);
+    f.state->observe([&](Property) { ++late; });
+  });
+  f.state->observe([&](Property p) {
+    ++second;
+    if (p == Property::maskOpacity) f.state->setLightIntensity(2.0f);  // nested write
+  });
+  f.state->setMaskOpacity(0.3f);
+  EXPECT_EQ(first, 1);
+  EXPECT_EQ(second, 2);  // maskOpacity, then the nested lightIntensity
+  EXPECT_EQ(late, 1);    // added during the first notification, heard the nested one
+  f.state->setMaskOpacity(0.4f);
+  EXPECT_EQ(first, 1);
+  f.state->unobserve(12345);  // unknown tokens are ignored
+}
+
+TEST(FaceTrackingStateTest, OSCSwitchPersistsSetsStatusThenCallsHook) {
+  Fixture f;
+  std::vector<bool> calls;
+  f.state->setOSCServerControl([&](bool enabled) {
+    calls.push_back(enabled);
+    // By the time the hook runs, the flag is stored and the status written.
+    EXPECT_EQ(f.store.boolean("isOSCEnabled"), enabled);
+    if (!enabled) {
+      EXPECT_EQ(f.state->oscStatus(), "OSC cues: disabled");
+    }
+  });
+  f.state->setIsOSCEnabled(false);
+  EXPECT_FALSE(f.state->isOSCEnabled());
+  f.state->setOscStatus("OSC cues: listening on UDP 53100");
+  f.state->setIsOSCEnabled(true);
+  EXPECT_EQ(f.state->oscStatus(), "OSC cues: listening on UDP 53100");  // only switching off writes it
+  EXPECT_EQ(calls, (std::vector<bool>{false, true}));
+  f.state->setOSCServerControl(nullptr);
+  f.state->setIsOSCEnabled(false);  // no hook installed: nothing to call
+  EXPECT_EQ(f.state->oscStatus(), "OSC cues: disabled");
+}
+
+TEST(FaceTrackingStateTest, CharacterModelChangeHandling) {
+  Fixture f;
+  int notified = 0;
+  f.state->observe([&](Property p) { notified += p == Property::characterModel; });
+  f.state->setCharacterModel(CharacterModelType::cartoonGhost);
+  EXPECT_EQ(f.store.string("characterModel"), "cartoon_ghost");
+  f.store.remove("characterModel");
+  f.state->handleCharacterModelChange();  // unchanged: still persisted and notified
+  EXPECT_EQ(f.store.string("characterModel"), "cartoon_ghost");
+  EXPECT_EQ(notified, 2);
+}
+
+}  // namespace
+}  // namespace velmora
