@@ -1,0 +1,204 @@
+// The persisted settings of the face tracking state: stored forms, reading
+// them back in a new process (a new state on the same folder), the fallback
+// of every key, stored ranges and an unreadable settings file.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <vector>
+
+#include "base/Log.h"
+#include "base/SettingsStore.h"
+#include "support/TempDir.h"
+#include "tracking/FaceTrackingState.h"
+
+namespace velmora {
+namespace {
+
+using nlohmann::json;
+
+// Writes a settings file holding exactly this document and returns a fresh
+// state that reads it.
+struct Stored {
+  test::TempDir dir;
+  std::unique_ptr<SettingsStore> store;
+  std::unique_ptr<FaceTrackingState> state;
+
+  explicit Stored(const json& document) { write(document.dump()); }
+  explicit Stored(const std::string& text) { write(text); }
+  void write(const std::string& text) {
+    std::ofstream(dir.path() / "settings.json") << text;
+    store = std::make_unique<SettingsStore>(dir.path());
+    state = std::make_unique<FaceTrackingState>(*store);
+  }
+};
+
+TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
+  test::TempDir dir;
+  LightingSettings lighting = *LightingSettings::presetMatching("under light");
+  lighting.preset = LightingSettings::customName;
+  lighting.warmth = -0.4;
+  {
+    SettingsStore store(dir.path());
+    FaceTrackingState state(store);
+    state.setCharacterModel(CharacterModelType::cartoonGhost);
+    state.setTrackingDetail(TrackingDetail::many);
+    state.setRange("jawOpen", 0.1f, 0.8f);
+    state.setRange("eyeBlinkLeft", std::nullopt, 0.3f);
+    state.setOscPort(53210);
+    state.setIsOSCEnabled(false);
+    state.setIsNDIActive(true);
+    state.setLighting(lighting);
+    // Not persisted:
+    state.setSmoothing(0.9f);
+    state.setMaskOpacity(0.2f);
+    state.setGlobalSensitivity(2.0f);
+  }
+  SettingsStore store(dir.path());
+  EXPECT_EQ(store.object("characterModel"), json("cartoon_ghost"));
+  EXPECT_EQ(store.object("trackingDetail"), json(3));
+  EXPECT_TRUE(store.object("trackingDetail")->is_number_integer());
+  EXPECT_EQ(store.object("oscCuePort"), json(53210));
+  EXPECT_EQ(store.object("isOSCEnabled"), json(false));
+  EXPECT_EQ(store.object("ndiOutputEnabled"), json(true));
+  EXPECT_EQ(store.object("blendshapeRanges"),
+            (json{{"jawOpen", {static_cast<double>(0.1f), static_cast<double>(0.8f)}},
+                  {"eyeBlinkLeft", {0.0, static_cast<double>(0.3f)}}}));
+  EXPECT_FALSE(store.object("smoothing"));
+  EXPECT_FALSE(store.object("maskOpacity"));
+
+  FaceTrackingState restarted(store);
+  EXPECT_EQ(restarted.characterModel(), CharacterModelType::cartoonGhost);
+  EXPECT_EQ(restarted.trackingDetail(), TrackingDetail::many);
+  EXPECT_EQ(restarted.range("jawOpen"), (BlendshapeRange{0.1f, 0.8f}));
+  EXPECT_EQ(restarted.range("eyeBlinkLeft"), (BlendshapeRange{0.0f, 0.3f}));
+  EXPECT_EQ(restarted.oscPort(), 53210);
+  EXPECT_FALSE(restarted.isOSCEnabled());
+  EXPECT_TRUE(restarted.isNDIActive());
+  EXPECT_EQ(restarted.lighting(), lighting);
+  EXPECT_FLOAT_EQ(restarted.smoothing(), 0.45f);
+  EXPECT_EQ(restarted.maskOpacity(), 1.0f);
+  EXPECT_EQ(restarted.globalSensitivity(), 1.0f);
+}
+
+TEST(TrackingSettingsTest, CharacterModelFallback) {
+  EXPECT_EQ(Stored(json{{"characterModel", "cartoon_ghost"}}).state->characterModel(),
+            CharacterModelType::cartoonGhost);
+  for (const json& bad : {json("ghost"), json("Cartoon Ghost"), json(1), json(true), json::array()}) {
+    EXPECT_EQ(Stored(json{{"characterModel", bad}}).state->characterModel(), CharacterModelType::theatricalMask)
+        << bad.dump();
+  }
+}
+
+TEST(TrackingSettingsTest, TrackingDetailFallback) {
+  EXPECT_EQ(Stored(json{{"trackingDetail", 0}}).state->trackingDetail(), TrackingDetail::simple);
+  EXPECT_EQ(Stored(json{{"trackingDetail", 3}}).state->trackingDetail(), TrackingDetail::many);
+  for (const json& bad : {json(7), json(-1), json(4), json("3"), json(true), json::object()}) {
+    EXPECT_EQ(Stored(json{{"trackingDetail", bad}}).state->trackingDetail(), TrackingDetail::detailed)
+        << bad.dump();
+  }
+}
+
+TEST(TrackingSettingsTest, OSCPortFallback) {
+  struct Case {
+    json stored;
+    int expected;
+  };
+  const Case cases[] = {
+      {json(80), 53100},     {json(70000), 53100}, {json(1023), 53100},   {json(65536), 53100},
+      {json(1024), 1024},    {json(65535), 65535}, {json(53210), 53210},  {json("53210"), 53100},
+      {json(-53210), 53100}, {json(false), 53100}, {json(1e12), 53100},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(Stored(json{{"oscCuePort", c.stored}}).state->oscPort(), c.expected) << c.stored.dump();
+  }
+  EXPECT_EQ(Stored(json::object()).state->oscPort(), FaceTrackingState::defaultOSCPort);
+}
+
+TEST(TrackingSettingsTest, SwitchFallbacksAcceptOnlyBooleans) {
+  EXPECT_FALSE(Stored(json{{"isOSCEnabled", false}}).state->isOSCEnabled());
+  for (const json& bad : {json(0), json(1), json("false"), json(nullptr)}) {
+    EXPECT_TRUE(Stored(json{{"isOSCEnabled", bad}}).state->isOSCEnabled()) << bad.dump();
+  }
+  EXPECT_TRUE(Stored(json{{"ndiOutputEnabled", true}}).state->isNDIActive());
+  for (const json& bad : {json(1), json("true"), json::array({true})}) {
+    EXPECT_FALSE(Stored(json{{"ndiOutputEnabled", bad}}).state->isNDIActive()) << bad.dump();
+  }
+}
+
+TEST(TrackingSettingsTest, LightingFallback) {
+  json stored = {{"preset", "Custom"}, {"key", 2.0},     {"fill", 0.5},   {"rim", 1.0},   {"ambient", 1.0},
+                 {"keyHeight", 1.0},   {"keySide", -1.0}, {"warmth", 0.5}, {"shadow", 0.3}};
+  const LightingSettings loaded = Stored(json{{"lightingSettings", stored}}).state->lighting();
+  EXPECT_EQ(loaded.preset, "Custom");
+  EXPECT_EQ(loaded.key, 2.0);
+  stored["warmth"] = "warm";
+  EXPECT_EQ(Stored(json{{"lightingSettings", stored}}).state->lighting(), LightingSettings::theatrical());
+  EXPECT_EQ(Stored(json{{"lightingSettings", "Soft Front"}}).state->lighting(), LightingSettings::theatrical());
+}
+
+TEST(TrackingSettingsTest, StoredRangesKeepOnlyTwoNumbersWithCeilingAboveFloor) {
+  const json ranges = {
+      {"jawOpen", {0.1, 0.8}}, {"cheekPuff", {0.3, 0.3}}, {"browInnerUp", {0.5, 0.2}},
+      {"eyeBlinkLeft", {0.1}}, {"tongueOut", json::array()}, {"mouthClose", {0.1, 0.5, 0.9}},
+      {"eyeWideLeft", {0, 1}},  // integers are numbers
+  };
+  Stored s(json{{"blendshapeRanges", ranges}});
+  const auto& loaded = s.state->blendshapeRanges();
+  EXPECT_EQ(loaded.size(), 2u);
+  EXPECT_EQ(s.state->range("jawOpen"), (BlendshapeRange{0.1f, 0.8f}));
+  EXPECT_TRUE(loaded.contains("eyeWideLeft"));
+  EXPECT_EQ(s.state->loadRanges(), loaded);
+
+  // A value that is not a dictionary of number arrays yields no ranges at all.
+  for (const json& bad : {json{{"jawOpen", {0.1, 0.8}}, {"cheekPuff", "0.2,0.4"}},
+                          json{{"jawOpen", {0.1, "0.8"}}}, json::array({json::array({0.1, 0.8})}), json("x")}) {
+    EXPECT_TRUE(Stored(json{{"blendshapeRanges", bad}}).state->blendshapeRanges().empty()) << bad.dump();
+  }
+}
+
+TEST(TrackingSettingsTest, UnreadableFileIsMovedAsideAndTheNextWriteIsValid) {
+  std::vector<std::string> lines;
+  std::mutex linesMutex;
+  setLogSink([&](const std::string& line) {
+    std::lock_guard lock(linesMutex);
+    lines.push_back(line);
+  });
+  Stored s(std::string("{\"characterModel\": \"cartoon_ghost\", oops"));
+  setLogSink(nullptr);
+
+  EXPECT_EQ(s.state->characterModel(), CharacterModelType::theatricalMask);
+  EXPECT_EQ(s.state->oscPort(), 53100);
+  EXPECT_TRUE(s.state->isOSCEnabled());
+  int movedAside = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(s.dir.path())) {
+    movedAside += entry.path().filename().string().starts_with("settings.json.corrupt-");
+  }
+  EXPECT_EQ(movedAside, 1);
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const std::string& l) { return l.starts_with("[Settings]") && l.find("unreadable") != std::string::npos; }),
+            1);
+
+  s.state->setTrackingDetail(TrackingDetail::simple);
+  std::ifstream in(s.dir.path() / "settings.json");
+  std::stringstream text;
+  text << in.rdbuf();
+  const json written = json::parse(text.str(), nullptr, false);
+  ASSERT_TRUE(written.is_object()) << text.str();
+  EXPECT_EQ(written, (json{{"trackingDetail", 0}}));
+}
+
+TEST(TrackingSettingsTest, UnusableStoredValuesAreLoggedOnce) {
+  std::vector<std::string> lines;
+  setLogSink([&](const std::string& line) { lines.push_back(line); });
+  Stored s(json{{"oscCuePort", 80}, {"trackingDetail", "3"}, {"characterModel", "cartoon_ghost"}});
+  setLogSink(nullptr);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0], "[Settings] Stored \"trackingDetail\" value \"3\" is not usable; using 2");
+  EXPECT_EQ(lines[1], "[Settings] Stored \"oscCuePort\" value 80 is not usable; using 53100");
+}
+
+}  // namespace
+}  // namespace velmora
