@@ -1,0 +1,64 @@
+#pragma once
+// The one table of every remote command Velmora accepts: both the dispatch
+// used by the cue server and the operator's command list. Built once, on
+// first use; everything here runs on the main thread.
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "animation/AnimationCue.h"
+#include "control/OSCCommand.h"
+#include "scene/data/LightingSettings.h"
+#include "tracking/CharacterModelType.h"
+
+namespace velmora {
+
+class OSCCommandCatalog {
+ public:
+  OSCCommandCatalog() = delete;
+
+  // The 40 commands in display order.
+  static const std::vector<OSCCommand>& all();
+  // Group titles in display order.
+  static const std::vector<std::string>& groups();
+  // Lower-cased address (canonical or alias) -> command in all(). Built by
+  // walking all() in order, canonical address first, then each alias; a
+  // later insertion for an existing key replaces the earlier one.
+  static const std::unordered_map<std::string, const OSCCommand*>& table();
+  // Members of all() in the given group, in table order.
+  static std::vector<const OSCCommand*> commands(std::string_view group);
+  // The command an address runs (exact match after lower-casing; no
+  // trimming, no trailing-slash removal, no patterns), or none.
+  static const OSCCommand* find(std::string_view address);
+
+  // Runs the message's command on FaceTrackingState::shared() and logs
+  // "[OSC] <canonical address> <printed arguments>". False, with nothing
+  // changed, for an unknown address. Main thread.
+  static bool dispatch(const OSCMessage& message);
+
+  // A "Lighting" entry: the message's float, widened to double, clamped up
+  // to lo then down to hi, written into one field of a copy of the state's
+  // lighting, assigned back and saved. No float argument: nothing happens.
+  static OSCCommand lightCommand(std::string address, std::string arguments, std::string summary, double lo,
+                                 double hi, std::vector<std::string> aliases,
+                                 double LightingSettings::*field);
+  // An "Output" entry over one boolean property of the state: no boolean
+  // reading of the argument (none, or text) inverts it, otherwise sets it.
+  static OSCCommand toggleCommand(std::string address, std::string summary, std::vector<std::string> aliases,
+                                  bool (FaceTrackingState::*get)() const,
+                                  void (FaceTrackingState::*set)(bool));
+
+  // The character each cue is written for; triggering a cue switches to it.
+  static CharacterModelType requiredModel(AnimationCue::Kind kind);
+  // The duration a cue command passes when the message carries no float.
+  static double defaultDuration(AnimationCue::Kind kind);
+
+  // Row 14's built texts, from LightingSettings::presetNames().
+  static std::string presetArgumentText();
+  static std::string presetSummaryText();
+};
+
+}  // namespace velmora

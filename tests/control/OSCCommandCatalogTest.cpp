@@ -1,0 +1,565 @@
+#include "control/OSCCommandCatalog.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "animation/CharacterAnimationController.h"
+#include "base/Clock.h"
+#include "base/Log.h"
+#include "base/SettingsStore.h"
+#include "tracking/FaceTrackingState.h"
+
+namespace velmora {
+namespace {
+
+using K = AnimationCue::Kind;
+const float kNaN = std::numeric_limits<float>::quiet_NaN();
+const float kInf = std::numeric_limits<float>::infinity();
+
+OSCMessage msg(std::string address, std::vector<OSCArgument> args = {}) {
+  return OSCMessage{std::move(address), std::move(args)};
+}
+
+class CatalogTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    FaceTrackingState& s = state();
+    s.resetCalibration();
+    s.setGlobalSensitivity(1.0f);
+    s.setSmoothing(0.45f);
+    s.setMaskOpacity(1.0f);
+    s.setLightIntensity(1.2f);
+    s.setLighting(LightingSettings::theatrical());
+    s.setCharacterModel(CharacterModelType::theatricalMask);
+    s.setLockRotation(false);
+    s.setIsSyphonActive(true);
+    s.setIsNDIActive(false);
+    s.setIsOSCEnabled(true);
+    controller().reset(false, uptime());
+    setLogSink([this](const std::string& line) { log.push_back(line); });
+  }
+  void TearDown() override { setLogSink({}); }
+
+  static FaceTrackingState& state() { return FaceTrackingState::shared(); }
+  static CharacterAnimationController& controller() { return CharacterAnimationController::shared(); }
+  static bool dispatch(std::string address, std::vector<OSCArgument> args = {}) {
+    return OSCCommandCatalog::dispatch(msg(std::move(address), std::move(args)));
+  }
+
+  std::vector<std::string> log;
+};
+
+// ---------------------------------------------------------------------------
+// The table and its texts
+// ---------------------------------------------------------------------------
+
+TEST_F(CatalogTest, CommandsInOrderWithGroupsAndArgumentTexts) {
+  const char* dash = "\xE2\x80\x93";  // en dash
+  auto range = [&](const char* lo, const char* hi) { return std::string("float ") + lo + " " + dash + " " + hi; };
+  struct Row {
+    const char* address;
+    std::string arguments;
+  };
+  const std::vector<Row> rows = {
+      {"/velmora/recentre", "none"},
+      {"/velmora/reset", "none"},
+      {"/velmora/sensitivity", range("0.1", "5.0")},
+      {"/velmora/smoothing", range("0.0", "1.0")},
+      {"/velmora/lockrotation", "1 or 0"},
+      {"/velmora/model", "theatrical_mask or cartoon_ghost (or 0 / 1)"},
+      {"/velmora/ghost", "none"},
+      {"/velmora/theatricalmask", "none"},
+      {"/velmora/opacity", range("0.0", "1.0")},
+      {"/velmora/syphon", "1 or 0 (none = toggle)"},
+      {"/velmora/ndi", "1 or 0 (none = toggle)"},
+      {"/velmora/osc", "1 or 0 (none = toggle)"},
+      {"/velmora/lighting", range("0.0", "5.0")},
+      {"/velmora/lighting/preset", std::string("int 0 ") + dash + " 5, or name"},
+      {"/velmora/lighting/key", range("0.0", "3.0")},
+      {"/velmora/lighting/fill", range("0.0", "3.0")},
+      {"/velmora/lighting/rim", range("0.0", "3.0")},
+      {"/velmora/lighting/ambient", range("0.0", "3.0")},
+      {"/velmora/lighting/keyheight", range("-3.0", "3.0")},
+      {"/velmora/lighting/keyside", range("-3.0", "3.0")},
+      {"/velmora/lighting/warmth", range("-1.0", "1.0")},
+      {"/velmora/lighting/shadow", range("0.0", "1.0")},
+      {"/velmora/lighting/reset", "none"},
+      {"/velmora/ghost/flyin", "none or float duration (default 2.5s)"},
+      {"/velmora/ghost/flyout", "none or float duration (default 2.2s)"},
+      {"/velmora/ghost/spook", "none or float duration (default 1.8s)"},
+      {"/velmora/ghost/spin", "none or float duration (default 2.0s)"},
+      {"/velmora/ghost/wobble", "none or float duration (default 2.4s)"},
+      {"/velmora/ghost/peek", "none or float duration (default 2.8s)"},
+      {"/velmora/ghost/laugh", "none or float duration (default 2.2s)"},
+      {"/velmora/ghost/shiver", "none or float duration (default 2.0s)"},
+      {"/velmora/ghost/reset", "none"},
+      {"/velmora/mask/bow", "none or float duration (default 2.5s)"},
+      {"/velmora/mask/gasp", "none or float duration (default 1.8s)"},
+      {"/velmora/mask/nod", "none or float duration (default 1.6s)"},
+      {"/velmora/mask/shake", "none or float duration (default 1.6s)"},
+      {"/velmora/mask/laugh", "none or float duration (default 2.4s)"},
+      {"/velmora/mask/sob", "none or float duration (default 2.6s)"},
+      {"/velmora/mask/glare", "none or float duration (default 2.2s)"},
+      {"/velmora/mask/reset", "none"},
+  };
+  const auto& all = OSCCommandCatalog::all();
+  ASSERT_EQ(all.size(), 40u);
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    SCOPED_TRACE(rows[i].address);
+    EXPECT_EQ(all[i].address, rows[i].address);
+    EXPECT_EQ(all[i].id(), rows[i].address);
+    EXPECT_EQ(all[i].arguments, rows[i].arguments);
+    EXPECT_FALSE(all[i].summary.empty());
+    EXPECT_TRUE(all[i].action);
+    const std::size_t groupIndex = i < 8 ? 0 : i < 12 ? 1 : i < 23 ? 2 : i < 32 ? 3 : 4;
+    EXPECT_EQ(all[i].group, OSCCommandCatalog::groups()[groupIndex]);
+  }
+}
+
+TEST_F(CatalogTest, GroupsAndCommandsInGroup) {
+  EXPECT_EQ(OSCCommandCatalog::groups(),
+            (std::vector<std::string>{"Calibration & Tracking", "Output", "Lighting",
+                                      "Ghost Animations (Cartoon Ghost)", "Mask Gestures (Theatrical Mask)"}));
+  const std::size_t sizes[] = {8, 4, 11, 9, 8};
+  std::size_t next = 0;
+  for (std::size_t g = 0; g < 5; ++g) {
+    const auto members = OSCCommandCatalog::commands(OSCCommandCatalog::groups()[g]);
+    ASSERT_EQ(members.size(), sizes[g]);
+    for (const OSCCommand* c : members) EXPECT_EQ(c, &OSCCommandCatalog::all()[next++]);  // table order
+  }
+  EXPECT_TRUE(OSCCommandCatalog::commands("lighting").empty());  // exact title only
+}
+
+TEST_F(CatalogTest, SummaryTextsIncludingTheBuiltPresetList) {
+  const auto& all = OSCCommandCatalog::all();
+  EXPECT_EQ(all[0].summary, "Recalibrate the performer's current pose as neutral.");
+  EXPECT_EQ(all[1].summary,
+            "Clear calibration and active animations; reset sensitivity, smoothing and opacity to defaults.");
+  EXPECT_EQ(all[5].summary, "Switch active 3D character avatar: 'theatrical_mask' (0) or 'cartoon_ghost' (1).");
+  EXPECT_EQ(all[12].summary, "Master light intensity (1.2 = default); scales every light.");
+  EXPECT_EQ(all[13].summary,
+            "Load a lighting look: 0 Theatrical, 1 Soft Front, 2 Under Light, 3 Top Light, 4 Side Light, "
+            "5 Flat Even.");
+  EXPECT_EQ(all[20].summary, "Colour temperature of key and fill (-1 cool, 0 neutral, +1 warm).");
+  EXPECT_EQ(all[26].summary,
+            "Ghost performs a 360\xC2\xB0 pirouette spin while floating, smoothly re-aligning with live head "
+            "rotation.");
+  EXPECT_EQ(all[39].summary, "Stop any active mask gesture and smoothly cross-fade back to live tracking.");
+}
+
+TEST_F(CatalogTest, TableMapsEveryAddressAndAliasLowerCasedWithLaterInsertionsWinning) {
+  std::map<std::string, const OSCCommand*> expected;
+  for (const OSCCommand& c : OSCCommandCatalog::all()) {
+    expected[c.address] = &c;
+    for (const auto& alias : c.aliases) {
+      EXPECT_EQ(alias, [&] {
+        std::string lower = alias;
+        for (char& ch : lower) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+        return lower;
+      }()) << "aliases are written lower-case";
+      expected[alias] = &c;
+    }
+  }
+  const auto& table = OSCCommandCatalog::table();
+  EXPECT_EQ(table.size(), expected.size());
+  for (const auto& [key, command] : expected) {
+    ASSERT_TRUE(table.count(key)) << key;
+    EXPECT_EQ(table.at(key), command) << key;
+  }
+  // Spot checks of aliases named in the table.
+  EXPECT_EQ(OSCCommandCatalog::find("/zero")->address, "/velmora/recentre");
+  EXPECT_EQ(OSCCommandCatalog::find("/lighting/colour")->address, "/velmora/lighting/warmth");
+  EXPECT_EQ(OSCCommandCatalog::find("/velmora/weep")->address, "/velmora/mask/sob");
+  EXPECT_EQ(OSCCommandCatalog::find("/osc/enable")->address, "/velmora/osc");
+  EXPECT_EQ(OSCCommandCatalog::find("/velmora/mask")->address, "/velmora/theatricalmask");
+}
+
+TEST_F(CatalogTest, AddressMatchingIsCaseInsensitiveAndExact) {
+  EXPECT_TRUE(dispatch("/VELMORA/RECENTRE"));
+  EXPECT_TRUE(state().isCalibrated());
+  state().resetCalibration();
+  EXPECT_TRUE(dispatch("/Zero"));
+  EXPECT_TRUE(state().isCalibrated());
+  state().resetCalibration();
+  log.clear();
+  for (const char* miss : {"/velmora/recentre/", " /velmora/recentre", "/velmora/recentre ", "/velmora/*", "",
+                           "velmora/recentre", "/velmora//recentre"}) {
+    EXPECT_FALSE(dispatch(miss)) << '"' << miss << '"';
+  }
+  EXPECT_FALSE(state().isCalibrated());
+  EXPECT_TRUE(log.empty());
+}
+
+TEST_F(CatalogTest, DispatchLogsTheCanonicalAddressAndArguments) {
+  ASSERT_TRUE(dispatch("/zero"));
+  ASSERT_TRUE(dispatch("/Sensitivity", {2.5f}));
+  ASSERT_TRUE(dispatch("/lighting/preset", {std::string("Top Light")}));
+  ASSERT_EQ(log.size(), 3u);
+  EXPECT_EQ(log[0], "[OSC] /velmora/recentre []");
+  EXPECT_EQ(log[1], "[OSC] /velmora/sensitivity [2.5]");
+  EXPECT_EQ(log[2], "[OSC] /velmora/lighting/preset [\"Top Light\"]");
+  EXPECT_FALSE(dispatch("/velmora/nothing", {1.0f}));
+  EXPECT_EQ(log.size(), 3u);
+}
+
+// ---------------------------------------------------------------------------
+// Calibration & Tracking
+// ---------------------------------------------------------------------------
+
+TEST_F(CatalogTest, ResetRestoresDefaultsAndStopsTheCueAtOnce) {
+  dispatch("/velmora/recentre");
+  state().setGlobalSensitivity(3.0f);
+  state().setSmoothing(0.9f);
+  state().setMaskOpacity(0.2f);
+  controller().trigger(AnimationCue::make(K::maskBow, 2.5), uptime());
+  ASSERT_TRUE(dispatch("/reset"));
+  EXPECT_FALSE(state().isCalibrated());
+  EXPECT_EQ(state().globalSensitivity(), 1.0f);
+  EXPECT_EQ(state().smoothing(), 0.45f);
+  EXPECT_NEAR(state().rotationFilter().x().minCutoff, 1.65f, 1e-5f);
+  EXPECT_EQ(state().maskOpacity(), 1.0f);
+  EXPECT_FALSE(controller().activeCue());
+  EXPECT_FALSE(controller().isPlaying());  // no fade
+  EXPECT_FALSE(controller().isFadingOut());
+}
+
+TEST_F(CatalogTest, SensitivityClampsAndIgnoresUnusableArguments) {
+  const std::vector<std::pair<OSCArgument, float>> cases = {
+      {7.5f, 5.0f},  {0.05f, 0.1f}, {0.1f, 0.1f},      {5.0f, 5.0f},     {2.25f, 2.25f}, {std::int32_t(3), 3.0f},
+      {1.5, 1.5f},   {-4.0f, 0.1f}, {kInf, 5.0f},      {-kInf, 0.1f},    {1e30f, 5.0f},
+  };
+  for (const auto& [arg, expected] : cases) {
+    state().setGlobalSensitivity(1.0f);
+    ASSERT_TRUE(dispatch("/velmora/sensitivity", {arg}));
+    EXPECT_EQ(state().globalSensitivity(), expected) << arg.printed();
+  }
+  state().setGlobalSensitivity(1.7f);
+  for (const OSCArgument& unusable : {OSCArgument("2"), OSCArgument(""), OSCArgument(true), OSCArgument(kNaN)}) {
+    EXPECT_TRUE(dispatch("/sensitivity", {unusable}));
+    EXPECT_EQ(state().globalSensitivity(), 1.7f) << unusable.printed();
+  }
+  EXPECT_TRUE(dispatch("/sensitivity"));
+  EXPECT_EQ(state().globalSensitivity(), 1.7f);
+}
+
+TEST_F(CatalogTest, SmoothingClampsAndUpdatesTheFilters) {
+  ASSERT_TRUE(dispatch("/smoothing", {1.5f}));
+  EXPECT_EQ(state().smoothing(), 1.0f);
+  EXPECT_NEAR(state().rotationFilter().x().minCutoff, 0.2f, 1e-6f);  // the floor at smoothing 1
+  dispatch("/smoothing", {-0.3f});
+  EXPECT_EQ(state().smoothing(), 0.0f);
+  EXPECT_NEAR(state().rotationFilter().x().minCutoff, 3.0f, 1e-6f);
+  dispatch("/smoothing", {0.25f});
+  EXPECT_EQ(state().smoothing(), 0.25f);
+  dispatch("/smoothing", {kNaN});
+  dispatch("/smoothing", {std::string("0.9")});
+  EXPECT_EQ(state().smoothing(), 0.25f);
+}
+
+TEST_F(CatalogTest, LockRotationTakesBooleansAndNumbers) {
+  dispatch("/lockrotation", {true});
+  EXPECT_TRUE(state().lockRotation());
+  dispatch("/lockrotation", {0.5f});  // not above 0.5
+  EXPECT_FALSE(state().lockRotation());
+  dispatch("/lockrotation", {std::int32_t(1)});
+  EXPECT_TRUE(state().lockRotation());
+  for (const OSCArgument& unusable : {OSCArgument("0"), OSCArgument(kNaN)}) {
+    dispatch("/velmora/lockrotation", {unusable});
+    EXPECT_TRUE(state().lockRotation()) << unusable.printed();
+  }
+  dispatch("/velmora/lockrotation");
+  EXPECT_TRUE(state().lockRotation());
+  dispatch("/velmora/lockrotation", {false});
+  EXPECT_FALSE(state().lockRotation());
+}
+
+TEST_F(CatalogTest, ModelCommandTextRules) {
+  const std::vector<std::pair<std::string, std::optional<CharacterModelType>>> cases = {
+      {"cartoon_ghost", CharacterModelType::cartoonGhost},   {"GHOST", CharacterModelType::cartoonGhost},
+      {"my Ghostly mask", CharacterModelType::cartoonGhost}, {"theatrical_mask", CharacterModelType::theatricalMask},
+      {"MASK", CharacterModelType::theatricalMask},          {"Theatre", CharacterModelType::theatricalMask},
+      {"robot", std::nullopt},                               {"", std::nullopt},
+      {"1", std::nullopt},  // text is never read as a number
+  };
+  for (const auto& [text, expected] : cases) {
+    for (CharacterModelType start : {CharacterModelType::theatricalMask, CharacterModelType::cartoonGhost}) {
+      state().setCharacterModel(start);
+      ASSERT_TRUE(dispatch("/velmora/model", {text}));
+      EXPECT_EQ(state().characterModel(), expected.value_or(start)) << '"' << text << '"';
+    }
+  }
+}
+
+TEST_F(CatalogTest, ModelCommandNumberRules) {
+  const std::vector<std::pair<OSCArgument, std::optional<CharacterModelType>>> cases = {
+      {std::int32_t(1), CharacterModelType::cartoonGhost},  {std::int32_t(0), CharacterModelType::theatricalMask},
+      {std::int32_t(2), CharacterModelType::theatricalMask}, {std::int32_t(-1), CharacterModelType::theatricalMask},
+      {1.9f, CharacterModelType::cartoonGhost},              {1.0, CharacterModelType::cartoonGhost},
+      {0.99f, CharacterModelType::theatricalMask},           {-0.5f, CharacterModelType::theatricalMask},
+      {1e30f, CharacterModelType::theatricalMask},           {kNaN, std::nullopt},
+      {kInf, std::nullopt},                                  {-kInf, std::nullopt},
+      {true, std::nullopt},
+  };
+  for (const auto& [arg, expected] : cases) {
+    for (CharacterModelType start : {CharacterModelType::theatricalMask, CharacterModelType::cartoonGhost}) {
+      state().setCharacterModel(start);
+      ASSERT_TRUE(dispatch("/character", {arg}));
+      EXPECT_EQ(state().characterModel(), expected.value_or(start)) << arg.printed();
+    }
+  }
+}
+
+TEST_F(CatalogTest, ModelCommandsRunTheModelChangeHandlingEvenWhenUnchanged) {
+  int notifications = 0;
+  const int token = state().observe([&](FaceTrackingState::Property p) {
+    if (p == FaceTrackingState::Property::characterModel) ++notifications;
+  });
+  SettingsStore::shared().remove("characterModel");
+  dispatch("/velmora/model", {std::string("mask")});  // already the mask
+  EXPECT_GE(notifications, 1);
+  SettingsStore::shared().reload();
+  EXPECT_EQ(SettingsStore::shared().string("characterModel"), "theatrical_mask");
+
+  notifications = 0;
+  dispatch("/velmora/ghost");
+  EXPECT_EQ(state().characterModel(), CharacterModelType::cartoonGhost);
+  EXPECT_GE(notifications, 1);
+  notifications = 0;
+  dispatch("/ghost");  // unchanged: still handled
+  EXPECT_GE(notifications, 1);
+  dispatch("/velmora/mask");
+  EXPECT_EQ(state().characterModel(), CharacterModelType::theatricalMask);
+  dispatch("/velmora/model");  // no argument: nothing
+  EXPECT_EQ(state().characterModel(), CharacterModelType::theatricalMask);
+  state().unobserve(token);
+}
+
+// ---------------------------------------------------------------------------
+// Output
+// ---------------------------------------------------------------------------
+
+TEST_F(CatalogTest, OpacityClamps) {
+  const std::vector<std::pair<OSCArgument, float>> cases = {
+      {-1.0f, 0.0f}, {0.0f, 0.0f}, {0.4f, 0.4f}, {1.0f, 1.0f}, {3.0f, 1.0f}, {kInf, 1.0f}, {std::int32_t(0), 0.0f}};
+  for (const auto& [arg, expected] : cases) {
+    state().setMaskOpacity(0.5f);
+    dispatch("/opacity", {arg});
+    EXPECT_EQ(state().maskOpacity(), expected) << arg.printed();
+  }
+  state().setMaskOpacity(0.5f);
+  dispatch("/opacity", {kNaN});
+  dispatch("/opacity", {std::string("1")});
+  EXPECT_EQ(state().maskOpacity(), 0.5f);
+}
+
+TEST_F(CatalogTest, TogglesInvertWithoutABooleanAndSetOtherwise) {
+  struct Toggle {
+    const char* address;
+    bool (FaceTrackingState::*get)() const;
+  };
+  for (const Toggle& t : {Toggle{"/velmora/syphon", &FaceTrackingState::isSyphonActive},
+                          Toggle{"/ndi", &FaceTrackingState::isNDIActive},
+                          Toggle{"/osc/enable", &FaceTrackingState::isOSCEnabled}}) {
+    SCOPED_TRACE(t.address);
+    auto value = [&] { return (state().*t.get)(); };
+    const bool start = value();
+    dispatch(t.address);
+    EXPECT_EQ(value(), !start);
+    dispatch(t.address);
+    EXPECT_EQ(value(), start);
+    dispatch(t.address, {std::string("1")});  // text: toggle
+    EXPECT_EQ(value(), !start);
+    dispatch(t.address, {std::int32_t(1)});
+    EXPECT_TRUE(value());
+    dispatch(t.address, {std::int32_t(0)});
+    EXPECT_FALSE(value());
+    dispatch(t.address, {0.51f});
+    EXPECT_TRUE(value());
+    dispatch(t.address, {0.5f});  // 0.5 is not above 0.5
+    EXPECT_FALSE(value());
+    dispatch(t.address, {true});
+    EXPECT_TRUE(value());
+    dispatch(t.address, {true});
+    EXPECT_TRUE(value());
+  }
+  dispatch("/osc", {false});
+  EXPECT_EQ(state().oscStatus(), "OSC cues: disabled");
+}
+
+// ---------------------------------------------------------------------------
+// Lighting
+// ---------------------------------------------------------------------------
+
+TEST_F(CatalogTest, MasterIntensityClamps) {
+  const std::vector<std::pair<OSCArgument, float>> cases = {
+      {-2.0f, 0.0f}, {2.5f, 2.5f}, {5.0f, 5.0f}, {9.0f, 5.0f}, {1e30f, 5.0f}, {-kInf, 0.0f}};
+  for (const auto& [arg, expected] : cases) {
+    dispatch("/lighting", {arg});
+    EXPECT_EQ(state().lightIntensity(), expected) << arg.printed();
+  }
+  state().setLightIntensity(1.2f);
+  dispatch("/lighting", {kNaN});
+  EXPECT_EQ(state().lightIntensity(), 1.2f);
+}
+
+TEST_F(CatalogTest, PresetByIndexRoundedNumberAndName) {
+  const auto& presets = LightingSettings::presets();
+  const std::vector<std::pair<OSCArgument, std::size_t>> cases = {
+      {std::int32_t(2), 2},       {1.5f, 2},  // 1.5 rounds away from zero to "2"
+      {1.4f, 1},                  {2.5, 3},   {4.6f, 5}, {-0.4f, 0},
+      {std::string("3"), 3},      {std::string("+4"), 4},
+      {std::string("Top Light"), 3}, {std::string("soft front"), 1}, {std::string("FLAT-EVEN"), 5},
+  };
+  for (const auto& [arg, index] : cases) {
+    state().setLighting(presets[index == 0 ? 1 : 0]);
+    ASSERT_TRUE(dispatch("/lighting/preset", {arg}));
+    EXPECT_EQ(state().lighting(), presets[index]) << arg.printed();
+  }
+  // Saved in the settings store.
+  SettingsStore::shared().reload();
+  EXPECT_EQ(LightingSettings::load(SettingsStore::shared()), presets[5]);
+
+  const std::vector<OSCArgument> misses = {std::int32_t(6), -0.6f,           std::string("Custom"), std::string(""),
+                                           std::string("nope"), kNaN,        kInf,                  -kInf,
+                                           1e30f,               3.0e38f,     true,                  std::int32_t(-1)};
+  for (const OSCArgument& arg : misses) {
+    state().setLighting(presets[4]);
+    ASSERT_TRUE(dispatch("/velmora/lighting/preset", {arg}));
+    EXPECT_EQ(state().lighting(), presets[4]) << arg.printed();
+  }
+  dispatch("/velmora/lighting/preset");
+  EXPECT_EQ(state().lighting(), presets[4]);
+}
+
+TEST_F(CatalogTest, LightCommandsClampIntoTheirFieldAndSave) {
+  struct Case {
+    const char* address;
+    OSCArgument arg;
+    double LightingSettings::*field;
+    double expected;
+  };
+  const std::vector<Case> cases = {
+      {"/velmora/lighting/key", 10.0f, &LightingSettings::key, 3.0},
+      {"/lighting/key", -1.0f, &LightingSettings::key, 0.0},
+      {"/lighting/fill", 2.5f, &LightingSettings::fill, 2.5},
+      {"/lighting/rim", 4.0f, &LightingSettings::rim, 3.0},
+      {"/lighting/ambient", std::int32_t(2), &LightingSettings::ambient, 2.0},
+      {"/lighting/keyheight", -5.0f, &LightingSettings::keyHeight, -3.0},
+      {"/lighting/keyside", 3.5f, &LightingSettings::keySide, 3.0},
+      {"/lighting/keyside", -kInf, &LightingSettings::keySide, -3.0},
+      {"/lighting/warmth", -2.0f, &LightingSettings::warmth, -1.0},
+      {"/lighting/color", kInf, &LightingSettings::warmth, 1.0},
+      {"/velmora/lighting/colour", 0.5f, &LightingSettings::warmth, 0.5},
+      {"/lighting/shadow", 1.5f, &LightingSettings::shadow, 1.0},
+      {"/lighting/shadow", 0.25, &LightingSettings::shadow, 0.25},
+  };
+  for (const Case& c : cases) {
+    state().setLighting(LightingSettings::theatrical());
+    ASSERT_TRUE(dispatch(c.address, {c.arg}));
+    LightingSettings expected = LightingSettings::theatrical();
+    expected.*(c.field) = c.expected;
+    EXPECT_EQ(state().lighting(), expected) << c.address << " " << c.arg.printed();
+    SettingsStore::shared().reload();
+    EXPECT_EQ(LightingSettings::load(SettingsStore::shared()), expected) << c.address;
+  }
+  // The float is widened to double: 0.65f, not 0.65.
+  dispatch("/lighting/colour", {0.65f});
+  EXPECT_EQ(state().lighting().warmth, static_cast<double>(0.65f));
+
+  state().setLighting(LightingSettings::theatrical());
+  for (const OSCArgument& unusable : {OSCArgument(kNaN), OSCArgument("2"), OSCArgument(true)}) {
+    dispatch("/lighting/key", {unusable});
+    EXPECT_EQ(state().lighting(), LightingSettings::theatrical()) << unusable.printed();
+  }
+  dispatch("/lighting/key");
+  EXPECT_EQ(state().lighting(), LightingSettings::theatrical());
+}
+
+TEST_F(CatalogTest, LightingResetRestoresTheTheatricalLookAndMaster) {
+  dispatch("/lighting/preset", {std::int32_t(5)});
+  dispatch("/lighting", {3.0f});
+  ASSERT_TRUE(dispatch("/lighting/reset"));
+  EXPECT_EQ(state().lighting(), LightingSettings::theatrical());
+  EXPECT_EQ(state().lightIntensity(), 1.2f);
+  SettingsStore::shared().reload();
+  EXPECT_EQ(LightingSettings::load(SettingsStore::shared()), LightingSettings::theatrical());
+}
+
+// ---------------------------------------------------------------------------
+// Cues
+// ---------------------------------------------------------------------------
+
+TEST_F(CatalogTest, CueCommandsStartTheirCueWithTheDefaultDurationOnTheirCharacter) {
+  const std::vector<std::pair<const char*, AnimationCue>> cues = {
+      {"/velmora/ghost/flyin", AnimationCue::make(K::ghostFlyIn, 2.5)},
+      {"/ghost/out", AnimationCue::make(K::ghostFlyOut, 2.2)},
+      {"/ghost/boo", AnimationCue::make(K::ghostSpook, 1.8)},
+      {"/ghost/pirouette", AnimationCue::make(K::ghostSpin, 2.0)},
+      {"/velmora/ghost/float", AnimationCue::make(K::ghostWobble, 2.4)},
+      {"/ghost/peek", AnimationCue::make(K::ghostPeek, 2.8)},
+      {"/ghost/chuckle", AnimationCue::make(K::ghostLaugh, 2.2)},
+      {"/ghost/scared", AnimationCue::make(K::ghostShiver, 2.0)},
+      {"/bow", AnimationCue::make(K::maskBow, 2.5)},
+      {"/gasp", AnimationCue::make(K::maskGasp, 1.8)},
+      {"/velmora/nod", AnimationCue::make(K::maskNod, 1.6)},
+      {"/shake", AnimationCue::make(K::maskShake, 1.6)},
+      {"/velmora/laugh", AnimationCue::make(K::maskLaugh, 2.4)},
+      {"/mask/weep", AnimationCue::make(K::maskSob, 2.6)},
+      {"/mask/scowl", AnimationCue::make(K::maskGlare, 2.2)},
+  };
+  for (const auto& [address, cue] : cues) {
+    SCOPED_TRACE(address);
+    const bool ghost = AnimationCue::isGhostCue(cue.kind);
+    EXPECT_EQ(OSCCommandCatalog::requiredModel(cue.kind),
+              ghost ? CharacterModelType::cartoonGhost : CharacterModelType::theatricalMask);
+    // Start on the other character: the command switches first.
+    state().setCharacterModel(ghost ? CharacterModelType::theatricalMask : CharacterModelType::cartoonGhost);
+    ASSERT_TRUE(dispatch(address));
+    EXPECT_EQ(state().characterModel(), OSCCommandCatalog::requiredModel(cue.kind));
+    ASSERT_TRUE(controller().activeCue());
+    EXPECT_EQ(*controller().activeCue(), cue);
+    EXPECT_EQ(controller().activeCueName(), cue.name());
+  }
+}
+
+TEST_F(CatalogTest, CueDurationsArePassedUnclamped) {
+  dispatch("/velmora/ghost/flyin", {4.0f});
+  EXPECT_EQ(*controller().activeCue(), AnimationCue::make(K::ghostFlyIn, 4.0));
+  dispatch("/velmora/ghost/flyin", {0.0f});
+  EXPECT_EQ(controller().activeCue()->requestedDuration, 0.0);
+  EXPECT_EQ(controller().activeCue()->duration(), 0.5);
+  dispatch("/mask/gasp", {std::int32_t(-3)});
+  EXPECT_EQ(*controller().activeCue(), AnimationCue::make(K::maskGasp, -3.0));
+  dispatch("/mask/gasp", {kNaN});
+  EXPECT_TRUE(std::isnan(controller().activeCue()->requestedDuration));
+  EXPECT_EQ(controller().activeCue()->duration(), 0.4);
+  dispatch("/mask/gasp", {std::string("3")});  // text: the default
+  EXPECT_EQ(*controller().activeCue(), AnimationCue::make(K::maskGasp, 1.8));
+  dispatch("/mask/nod", {1e30f});
+  EXPECT_EQ(controller().activeCue()->requestedDuration, static_cast<double>(1e30f));
+  EXPECT_EQ(controller().sample(uptime() + 1).blendWeight, 0.0f);  // sampling such a cue is harmless
+}
+
+TEST_F(CatalogTest, StopCommandsFadeOutWithoutChangingTheModel) {
+  for (const char* stop : {"/velmora/ghost/reset", "/ghost/stop", "/velmora/mask/reset", "/mask/stop"}) {
+    SCOPED_TRACE(stop);
+    dispatch("/ghost/spin");
+    controller().sample(uptime());
+    ASSERT_TRUE(dispatch(stop));
+    EXPECT_FALSE(controller().activeCue());
+    EXPECT_EQ(controller().activeCueName(), "Idle");
+    EXPECT_TRUE(controller().isFadingOut());
+    EXPECT_EQ(state().characterModel(), CharacterModelType::cartoonGhost);
+  }
+  controller().reset(false, uptime());
+  ASSERT_TRUE(dispatch("/mask/stop"));  // nothing playing: no fade
+  EXPECT_FALSE(controller().isFadingOut());
+}
+
+}  // namespace
+}  // namespace velmora
