@@ -1,0 +1,44 @@
+#pragma once
+// What one tracking datagram decoded to, on its way from the receiver's
+// queue to the main thread.
+//
+// OSC senders may send single head components ("/Head/Yaw" alone). Such a
+// packet changes only those components; the others keep the state's last
+// raw rotation/position. Those raw values are main-thread state, so the
+// decoder does not read them: it records which components the packet set,
+// and the main thread fills in the rest with completed() at the moment the
+// frame is ingested. That reads exactly the state's current rawRotation /
+// rawPosition, whatever frames were dropped under a flood in between and
+// whoever else ingested frames, and the receiver's queue never touches
+// main-thread data.
+
+#include <array>
+
+#include "tracking/FaceFrame.h"
+
+namespace velmora {
+
+struct DecodedFrame {
+  FaceFrame frame;
+  // Component i of frame.rotation / frame.position came from the packet.
+  // Unset components hold 0 until completed() fills them.
+  std::array<bool, 3> rotationSet{true, true, true};
+  std::array<bool, 3> positionSet{true, true, true};
+
+  // Main thread (or any thread that owns the given raw values): the face
+  // frame with every component the packet did not set taken from
+  // rawRotation / rawPosition.
+  FaceFrame completed(const float3& rawRotation, const float3& rawPosition) && {
+    if (frame.rotation) {
+      for (int i = 0; i < 3; ++i)
+        if (!rotationSet[i]) (*frame.rotation)[i] = rawRotation[i];
+    }
+    if (frame.position) {
+      for (int i = 0; i < 3; ++i)
+        if (!positionSet[i]) (*frame.position)[i] = rawPosition[i];
+    }
+    return std::move(frame);
+  }
+};
+
+}  // namespace velmora

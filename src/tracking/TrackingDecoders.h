@@ -1,0 +1,50 @@
+#pragma once
+// The four tracking wire formats, decoded without sockets or threads: bytes
+// (or already parsed OSC messages / JSON) in, a DecodedFrame out. Pure
+// functions, any thread. TrackingReceiver detects the format and calls
+// these; tests, fuzzers and benchmarks call them directly.
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "control/osc/OSCMessage.h"
+#include "tracking/DecodedFrame.h"
+
+namespace velmora {
+
+// Degrees to radians as the senders' formats define it (single precision).
+inline constexpr float trackingDegreesToRadians = 0.017453292f;
+
+// Unreal Live Link face packet. Only the last 244 bytes are read: 61
+// big-endian floats, the 52 blendshapes in unrealARKitNames order, then yaw,
+// pitch, roll (radians) and six values not used. The header before them is
+// not interpreted. None when shorter than 244 bytes. Non-finite blendshapes
+// are left out, the rest clamped to [0, 1]; any non-finite head value drops
+// the rotation.
+std::optional<DecodedFrame> decodeUnrealLiveLinkBinary(std::span<const std::uint8_t> data, std::string sender);
+
+// iFacialMocap text: "name-percent|name-percent|...=pitch,yaw,roll,x,y,z"
+// (degrees, centimetres). Always yields a frame with a (possibly empty) map.
+DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender);
+
+// OSC / VMC tracking messages. Always yields a frame with a (possibly empty)
+// map; head components a packet does not send are marked unset (see
+// DecodedFrame).
+DecodedFrame decodeOSCMessages(const std::vector<OSCMessage>& messages, std::string sender);
+
+// A JSON object {"blendshapes": {name: number}, "rotation": [p, y, r],
+// "position": [x, y, z]}; absent or malformed parts are left out.
+DecodedFrame decodeJSON(const nlohmann::json& object, std::string sender);
+
+// A whole string as a decimal number the way the text senders write them:
+// optional sign, digits, fraction, exponent, "inf"/"nan", hex with "0x"; no
+// surrounding spaces. Out-of-range values become infinity or zero.
+std::optional<float> parseTrackingNumber(std::string_view text);
+
+}  // namespace velmora

@@ -1,0 +1,114 @@
+#pragma once
+// Face-tracking packets from the phone over UDP: listens on several ports at
+// once (the tracking apps default to different ones), recognises which of
+// the four encodings each datagram uses, decodes it and hands the frame to a
+// TrackingSink. The shared receiver's sink posts to
+// FaceTrackingState::shared().ingestPacket on the main thread.
+//
+// Threads: every socket, every read, detection and decoding run on the
+// receiver's serial queue ("com.velmora.tracking"). The public start/stop
+// calls may come from any thread; statistics() from any thread.
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "base/SerialQueue.h"
+#include "control/osc/OSCMessage.h"
+#include "tracking/TrackingFormat.h"
+#include "tracking/TrackingSink.h"
+
+namespace velmora {
+
+class TrackingReceiver {
+ public:
+  // Snapshot for status lines. Counts every datagram read, whatever its format.
+  struct Statistics {
+    std::uint64_t packetsReceived = 0;
+    double packetsPerSecond = 0.0;  // measured over about one second
+    std::string lastSender;         // "a.b.c.d:port", empty before the first
+    TrackingFormat lastFormat = TrackingFormat::none;
+    std::uint64_t dropped = 0;         // frames the sink dropped under a flood
+    std::uint64_t readinessEvents = 0;  // wake-ups; a burst costs one
+  };
+
+  static constexpr std::size_t receiveBufferSize = 65535;
+  // Frames waiting for the main thread at most; older ones are dropped.
+  static constexpr std::size_t mainThreadCapacity = 256;
+
+  // The application's receiver, sink = MainThreadTrackingSink.
+  static TrackingReceiver& shared();
+
+  // A receiver with its own queue handing frames to `sink`.
+  explicit TrackingReceiver(std::shared_ptr<TrackingSink> sink);
+  // Closes every socket and ends the queue.
+  ~TrackingReceiver();
+  TrackingReceiver(const TrackingReceiver&) = delete;
+  TrackingReceiver& operator=(const TrackingReceiver&) = delete;
+
+  // 11111, 49983, 39539 unless set; read when listening starts.
+  std::vector<std::uint16_t> ports() const;
+  void setPorts(std::vector<std::uint16_t> ports);
+
+  SerialQueue& queue() { return queue_; }
+
+  // Any thread: schedules startListening(on:) for every port, in order, and
+  // returns at once.
+  void startListening();
+  // Receiver's queue: opens, configures and binds one socket and starts
+  // waiting for its datagrams. Failures are logged and skip the port.
+  void startListening(std::uint16_t port);
+  // Any thread: schedules closing every socket.
+  void stopListening();
+  // Any thread; waits for the queue. Ports with an open socket, ascending.
+  std::vector<std::uint16_t> listeningPorts();
+
+  // Receiver's queue: drains one socket (one reused buffer for the whole drain).
+  void readPackets(int descriptor, std::uint16_t port);
+  // Receiver's queue (or the one thread driving a test/fuzzer): detects the
+  // format, first match wins: OSC, iFacialMocap text, JSON object, Live Link
+  // binary, else unknown.
+  void processData(std::span<const std::uint8_t> data, const std::string& sender);
+
+  // The decoders, each handing its frame to the sink.
+  bool handleUnrealLiveLinkBinary(std::span<const std::uint8_t> data, const std::string& sender);
+  void handleOSCMessages(const std::vector<OSCMessage>& messages, const std::string& sender);
+  void handleIFacialMocap(std::string_view text, const std::string& sender);
+  void handleJSON(const nlohmann::json& object, const std::string& sender);
+
+  Statistics statistics() const;
+  const std::shared_ptr<TrackingSink>& sink() const { return sink_; }
+
+ private:
+  struct SocketSource;
+  void armWait(const std::shared_ptr<SocketSource>& source);
+  void countPacket(const std::string& sender);
+  void recordFormat(TrackingFormat format);
+
+  std::shared_ptr<TrackingSink> sink_;
+
+  mutable std::mutex portsMutex_;
+  std::vector<std::uint16_t> ports_{11111, 49983, 39539};
+
+  // Queue-only state.
+  std::map<int, std::shared_ptr<SocketSource>> socketSources_;
+  std::vector<std::uint8_t> buffer_;
+
+  mutable std::mutex statsMutex_;
+  Statistics stats_;
+  double rateWindowStart_ = -1.0;
+  std::uint64_t rateWindowCount_ = 0;
+
+  // Last: destroyed first, so no queued work outlives the members above.
+  SerialQueue queue_{"com.velmora.tracking"};
+};
+
+}  // namespace velmora

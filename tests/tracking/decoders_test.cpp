@@ -1,0 +1,333 @@
+// The four tracking wire formats and the receiver's format detection, on
+// literal payloads without sockets.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "base/MainQueue.h"
+#include "base/SettingsStore.h"
+#include "control/osc/OSCParser.h"
+#include "support/TempDir.h"
+#include "tracking/FaceTrackingState.h"
+#include "tracking/LiveLinkNames.h"
+#include "tracking/MainThreadTrackingSink.h"
+#include "tracking/RecordingSink.h"
+#include "tracking/TrackingDecoders.h"
+#include "tracking/TrackingReceiver.h"
+
+namespace velmora {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+const std::string kSender = "192.168.1.20:50000";
+constexpr float kDeg = 0.017453292f;
+
+void putFloat(Bytes& b, std::size_t at, float v) {
+  const auto bits = std::bit_cast<std::uint32_t>(v);
+  b[at] = std::uint8_t(bits >> 24);
+  b[at + 1] = std::uint8_t(bits >> 16);
+  b[at + 2] = std::uint8_t(bits >> 8);
+  b[at + 3] = std::uint8_t(bits);
+}
+
+// `header` bytes of 0xAB, then 61 big-endian floats; position p holds
+// 0.01 * (p % 50) + 0.005 unless changed.
+Bytes liveLinkPacket(std::size_t header = 0) {
+  Bytes b(header + 244, 0xAB);
+  for (std::size_t p = 0; p < 61; ++p) putFloat(b, header + 4 * p, 0.01f * float(p % 50) + 0.005f);
+  return b;
+}
+
+Bytes bytesOf(std::string_view s) { return Bytes(s.begin(), s.end()); }
+
+// ---------------------------------------------------------------- Live Link
+
+TEST(LiveLinkDecoderTest, ReadsTheLast244BytesInWireOrder) {
+  for (std::size_t header : {0u, 1u, 37u}) {
+    Bytes b = liveLinkPacket(header);
+    putFloat(b, header + 208, 0.25f);  // yaw
+    putFloat(b, header + 212, -0.5f);  // pitch
+    putFloat(b, header + 216, 0.125f); // roll
+    auto d = decodeUnrealLiveLinkBinary(b, kSender);
+    ASSERT_TRUE(d) << header;
+    const auto& map = *d->frame.blendshapes;
+    ASSERT_EQ(map.size(), 52u);
+    EXPECT_EQ(map.at("eyeBlinkLeft"), 0.005f);             // position 0
+    EXPECT_EQ(map.at("jawOpen"), 0.01f * 17 + 0.005f);      // position 17
+    EXPECT_EQ(map.at("browDownLeft"), 0.01f * 41 + 0.005f); // position 41
+    EXPECT_EQ(map.at("tongueOut"), 0.01f * 1 + 0.005f);     // position 51
+    ASSERT_TRUE(d->frame.rotation);
+    EXPECT_EQ(*d->frame.rotation, float3(-0.5f, 0.25f, 0.125f));  // (pitch, yaw, roll)
+    EXPECT_FALSE(d->frame.position);
+    EXPECT_EQ(d->frame.sender, kSender);
+  }
+  EXPECT_FALSE(decodeUnrealLiveLinkBinary(Bytes(243, 0), kSender));
+}
+
+TEST(LiveLinkDecoderTest, ClampsAndDropsNonFinite) {
+  Bytes b = liveLinkPacket();
+  putFloat(b, 4 * 17, 1.5f);                                       // jawOpen
+  putFloat(b, 4 * 0, -0.2f);                                       // eyeBlinkLeft
+  putFloat(b, 4 * 43, std::numeric_limits<float>::quiet_NaN());    // browInnerUp
+  putFloat(b, 4 * 46, std::numeric_limits<float>::infinity());     // cheekPuff
+  putFloat(b, 216, std::numeric_limits<float>::quiet_NaN());       // roll
+  auto d = decodeUnrealLiveLinkBinary(b, kSender);
+  ASSERT_TRUE(d);
+  const auto& map = *d->frame.blendshapes;
+  EXPECT_EQ(map.size(), 50u);
+  EXPECT_EQ(map.at("jawOpen"), 1.0f);
+  EXPECT_EQ(map.at("eyeBlinkLeft"), 0.0f);
+  EXPECT_FALSE(map.count("browInnerUp"));
+  EXPECT_FALSE(map.count("cheekPuff"));
+  EXPECT_FALSE(d->frame.rotation);  // one bad head value drops all three
+}
+
+// ---------------------------------------------------------------- iFacialMocap
+
+TEST(IFacialMocapDecoderTest, BlendshapesAndHead) {
+  auto d = decodeIFacialMocap("jawOpen-50|eyeBlinkLeft-100", kSender);
+  ASSERT_TRUE(d.frame.blendshapes);
+  EXPECT_EQ(d.frame.blendshapes->size(), 2u);
+  EXPECT_EQ(d.frame.blendshapes->at("jawOpen"), 0.5f);
+  EXPECT_EQ(d.frame.blendshapes->at("eyeBlinkLeft"), 1.0f);
+  EXPECT_FALSE(d.frame.rotation);
+  EXPECT_FALSE(d.frame.position);
+
+  d = decodeIFacialMocap("jawOpen-50=10,20,30,1,2,3", kSender);
+  ASSERT_TRUE(d.frame.rotation);
+  EXPECT_EQ(*d.frame.rotation, float3(10 * kDeg, 20 * kDeg, 30 * kDeg));
+  EXPECT_EQ(*d.frame.position, float3(0.01f, 0.02f, 0.03f));
+  EXPECT_EQ(d.frame.blendshapes->at("jawOpen"), 0.5f);
+
+  // Five head fields: neither rotation nor position. Seven: the seventh ignored.
+  d = decodeIFacialMocap("jawOpen-50=10,20,30,1,2", kSender);
+  EXPECT_FALSE(d.frame.rotation);
+  EXPECT_FALSE(d.frame.position);
+  d = decodeIFacialMocap("=1,2,3,4,5,6,junk", kSender);
+  ASSERT_TRUE(d.frame.position);
+  EXPECT_EQ(d.frame.position->z, 0.06f);
+  EXPECT_TRUE(d.frame.blendshapes && d.frame.blendshapes->empty());
+}
+
+TEST(IFacialMocapDecoderTest, ItemsAndFieldsThatDoNotParse) {
+  // Negative (three parts), no dash, space in the value, empty value,
+  // label: skipped. The name is taken as it is, spaces included.
+  auto d = decodeIFacialMocap("a--5|b5| c-5|d- 5|e-|f-x|g-1e1|h-+7|i-2.5|", kSender);
+  const auto& map = *d.frame.blendshapes;
+  EXPECT_EQ(map.size(), 4u);
+  EXPECT_EQ(map.at(" c"), 0.05f);
+  EXPECT_EQ(map.at("g"), 0.1f);
+  EXPECT_EQ(map.at("h"), 0.07f);
+  EXPECT_EQ(map.at("i"), 0.025f);
+  // Labelled fields as the app sends them count as 0; the rest parse.
+  d = decodeIFacialMocap("x-1=head#10,20,30,1,2,3|rightEye#4", kSender);
+  ASSERT_TRUE(d.frame.rotation);
+  EXPECT_EQ(d.frame.rotation->x, 0.0f);
+  EXPECT_EQ(d.frame.rotation->y, 20 * kDeg);
+  EXPECT_EQ(d.frame.position->z, 0.0f);  // "3|rightEye#4"
+  // Only the piece between the first and second "=" is the head.
+  d = decodeIFacialMocap("=1,2,3,4,5,6=7,8,9,10,11,12", kSender);
+  EXPECT_EQ(d.frame.position->x, 0.04f);
+  // A non-finite head angle drops the rotation, the position stays.
+  d = decodeIFacialMocap("=nan,0,0,1,2,3", kSender);
+  EXPECT_FALSE(d.frame.rotation);
+  EXPECT_TRUE(d.frame.position);
+}
+
+TEST(TrackingNumberTest, WholeStringOnly) {
+  EXPECT_EQ(parseTrackingNumber("50"), 50.0f);
+  EXPECT_EQ(parseTrackingNumber("-0.25"), -0.25f);
+  EXPECT_EQ(parseTrackingNumber("+3"), 3.0f);
+  EXPECT_EQ(parseTrackingNumber("1e2"), 100.0f);
+  EXPECT_EQ(parseTrackingNumber("0x1p3"), 8.0f);
+  EXPECT_EQ(parseTrackingNumber("1e50"), std::numeric_limits<float>::infinity());
+  EXPECT_EQ(parseTrackingNumber("-1e400"), -std::numeric_limits<float>::infinity());
+  EXPECT_EQ(parseTrackingNumber("1e-60"), 0.0f);
+  EXPECT_TRUE(std::isnan(*parseTrackingNumber("nan")));
+  for (const char* bad : {"", " 5", "5 ", "5x", "+", "-", "+-5", "--5", "head#5", "0x", "1,5"}) {
+    EXPECT_EQ(parseTrackingNumber(bad), std::nullopt) << bad;
+  }
+}
+
+// ---------------------------------------------------------------- OSC
+
+OSCMessage msg(std::string address, std::vector<OSCArgument> args) { return {std::move(address), std::move(args)}; }
+
+TEST(OSCTrackingDecoderTest, AddressRules) {
+  auto d = decodeOSCMessages(
+      {
+          msg("/VMC/Ext/Blend/Val", {"jawOpen", 0.7f}),
+          msg("/VMC/Ext/Blend/Val", {"eyeBlinkLeft", 0.7}),        // double: skipped
+          msg("/VMC/Ext/Blend/Val", {0.5f, "mouthClose"}),         // wrong order: skipped
+          msg("/face/BlendShapes/mouthSmileLeft", {0.3f}),         // contains-test, last part
+          msg("/blendshapes/cheekPuff", {std::int32_t(2)}),         // integer converted, no clamping
+          msg("/tracking/browInnerUp", {0.25}),                    // double narrowed
+          msg("/tracking/noValue", {"text"}),                      // no number: skipped
+          msg("/other/thing", {1.0f}),                             // no rule: ignored
+          msg("/VMC/Ext/Blend/Apply", {}),
+      },
+      kSender);
+  const auto& map = *d.frame.blendshapes;
+  EXPECT_EQ(map.size(), 4u);
+  EXPECT_EQ(map.at("jawOpen"), 0.7f);
+  EXPECT_EQ(map.at("mouthSmileLeft"), 0.3f);
+  EXPECT_EQ(map.at("cheekPuff"), 2.0f);
+  EXPECT_EQ(map.at("browInnerUp"), 0.25f);
+  EXPECT_FALSE(d.frame.rotation);
+  EXPECT_FALSE(d.frame.position);
+
+  // A packet of only unknown addresses still posts an empty map.
+  d = decodeOSCMessages({msg("/x", {1.0f})}, kSender);
+  ASSERT_TRUE(d.frame.blendshapes);
+  EXPECT_TRUE(d.frame.blendshapes->empty());
+}
+
+TEST(OSCTrackingDecoderTest, HeadComponentsAndPartialUpdates) {
+  auto d = decodeOSCMessages({msg("/Head/Yaw", {90.0f})}, kSender);
+  ASSERT_TRUE(d.frame.rotation);
+  EXPECT_EQ(d.rotationSet, (std::array<bool, 3>{false, true, false}));
+  EXPECT_FALSE(d.frame.position);
+  const float3 raw(0.1f, -0.2f, 0.3f);
+  const FaceFrame f = std::move(d).completed(raw, float3(0.0f));
+  EXPECT_EQ(*f.rotation, float3(0.1f, 90.0f * kDeg, 0.3f));
+  EXPECT_FLOAT_EQ(f.rotation->y, 1.5707963f);
+
+  d = decodeOSCMessages({msg("/tracker/Head/Pitch", {10.0f}), msg("/Head/Roll", {std::int32_t(-20)}),
+                         msg("/Head/X", {5.0f}), msg("/Head/Z", {-3.0})},
+                        kSender);
+  EXPECT_EQ(d.rotationSet, (std::array<bool, 3>{true, false, true}));
+  EXPECT_EQ(d.positionSet, (std::array<bool, 3>{true, false, true}));
+  const FaceFrame g = std::move(d).completed(float3(7.0f), float3(8.0f));
+  EXPECT_EQ(*g.rotation, float3(10.0f * kDeg, 7.0f, -20.0f * kDeg));
+  EXPECT_EQ(*g.position, float3(5.0f * 0.01f, 8.0f, -3.0f * 0.01f));
+
+  // "/tracking/Head/Yaw" is a head message (the head rules come first).
+  d = decodeOSCMessages({msg("/tracking/Head/Yaw", {45.0f})}, kSender);
+  EXPECT_TRUE(d.frame.rotation);
+  EXPECT_TRUE(d.frame.blendshapes->empty());
+  // A later message for the same component wins; an infinite angle drops the rotation.
+  d = decodeOSCMessages({msg("/Head/Yaw", {1.0f}), msg("/Head/Yaw", {2.0f})}, kSender);
+  EXPECT_EQ(d.frame.rotation->y, 2.0f * kDeg);
+  d = decodeOSCMessages({msg("/Head/Yaw", {1e300})}, kSender);
+  EXPECT_FALSE(d.frame.rotation);
+}
+
+// ---------------------------------------------------------------- JSON
+
+TEST(JSONTrackingDecoderTest, Parts) {
+  auto d = decodeJSON(nlohmann::json::parse(R"({"blendshapes": {"jawOpen": 0.5, "eyeBlinkLeft": 1,
+      "bad": "0.5", "nested": {"a": 1}, "flag": true}, "rotation": [0.1, 0.2, 0.3, 9], "position": [1, 2, 3]})"),
+                      kSender);
+  const auto& map = *d.frame.blendshapes;
+  EXPECT_EQ(map.size(), 3u);
+  EXPECT_EQ(map.at("jawOpen"), 0.5f);
+  EXPECT_EQ(map.at("eyeBlinkLeft"), 1.0f);
+  EXPECT_EQ(map.at("flag"), 1.0f);
+  EXPECT_EQ(*d.frame.rotation, float3(0.1f, 0.2f, 0.3f));  // no unit conversion
+  EXPECT_EQ(*d.frame.position, float3(1.0f, 2.0f, 3.0f));
+
+  d = decodeJSON(nlohmann::json::parse(R"({"blendshapes": [1, 2], "rotation": [1, 2], "position": [1, "2", 3]})"),
+                 kSender);
+  EXPECT_FALSE(d.frame.blendshapes);
+  EXPECT_FALSE(d.frame.rotation);
+  EXPECT_FALSE(d.frame.position);
+  d = decodeJSON(nlohmann::json::parse(R"({"rotation": [1e300, 0, 0]})"), kSender);
+  EXPECT_FALSE(d.frame.rotation);
+}
+
+// ---------------------------------------------------------------- detection order
+
+class DetectionTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<test::RecordingSink> sink = std::make_shared<test::RecordingSink>();
+  TrackingReceiver receiver{sink};
+
+  TrackingFormat detect(const Bytes& data) {
+    receiver.processData(data, kSender);
+    return receiver.statistics().lastFormat;
+  }
+};
+
+TEST_F(DetectionTest, FirstMatchWins) {
+  // A valid OSC message.
+  EXPECT_EQ(detect({'/', 't', 'r', 'a', 'c', 'k', 'i', 'n', 'g', '/', 'x', 0, ',', 'f', 0, 0, 0x3F, 0x80, 0, 0}),
+            TrackingFormat::osc);
+  // "/" payloads the OSC parser rejects fall through, in order:
+  // fewer than 4 bytes, then text with "=": iFacialMocap.
+  EXPECT_EQ(detect(bytesOf("/=5")), TrackingFormat::iFacialMocap);
+  // An address that is not UTF-8: not text, not JSON, too short: unknown.
+  EXPECT_EQ(detect({'/', 0xFF, '=', 0}), TrackingFormat::unknown);
+  // The same 244 bytes and longer: Live Link.
+  Bytes slash = liveLinkPacket(4);
+  slash[0] = '/';
+  slash[1] = 0xFF;
+  EXPECT_EQ(detect(slash), TrackingFormat::liveLink);
+  // A bundle that yields no message falls through to text.
+  EXPECT_EQ(detect(bytesOf("#bundle|jawOpen-50")), TrackingFormat::iFacialMocap);
+  EXPECT_EQ(sink->frames().back().frame.blendshapes->at("jawOpen"), 0.5f);
+  // JSON with "=" or "|" inside is text first.
+  EXPECT_EQ(detect(bytesOf(R"({"blendshapes": {"a|b": 1}})")), TrackingFormat::iFacialMocap);
+  EXPECT_EQ(detect(bytesOf(R"({"blendshapes": {"jawOpen": 0.25}})")), TrackingFormat::json);
+  // JSON that is not an object, and short text without "=" or "|": unknown.
+  EXPECT_EQ(detect(bytesOf("[1, 2, 3]")), TrackingFormat::unknown);
+  EXPECT_EQ(detect(bytesOf("hello phone")), TrackingFormat::unknown);
+  EXPECT_EQ(detect({}), TrackingFormat::unknown);
+  // Binary of 244+ bytes is Live Link; so is long plain text.
+  EXPECT_EQ(detect(liveLinkPacket(20)), TrackingFormat::liveLink);
+  EXPECT_EQ(detect(Bytes(300, 'a')), TrackingFormat::liveLink);
+  // A bundle with a lying element size and 244+ bytes: OSC yields nothing,
+  // not UTF-8, so it ends as Live Link.
+  Bytes lying = liveLinkPacket(20);
+  std::memcpy(lying.data(), "#bundle\0\0\0\0\0\0\0\0\0\xFF\xFF\xFF\xFF", 20);
+  EXPECT_EQ(detect(lying), TrackingFormat::liveLink);
+
+  const auto unknown = sink->unknown();
+  EXPECT_EQ(unknown.size(), 4u);
+  EXPECT_EQ(receiver.statistics().packetsReceived, 13u);
+  EXPECT_EQ(receiver.statistics().lastSender, kSender);
+}
+
+// ---------------------------------------------------------------- main-thread sink
+
+TEST(MainThreadTrackingSinkTest, CompletesPartialHeadAndCountsUnknown) {
+  test::TempDir dir;
+  SettingsStore store(dir.path());
+  FaceTrackingState state(store);
+  MainQueue& main = MainQueue::shared();  // the test thread is the main thread
+  MainThreadTrackingSink sink(8, main, &state);
+
+  DecodedFrame full;
+  full.frame.rotation = float3(0.1f, 0.2f, 0.3f);
+  full.frame.position = float3(1.0f, 2.0f, 3.0f);
+  full.frame.sender = kSender;
+  sink.deliver(full);
+  sink.deliver(decodeOSCMessages({msg("/Head/Yaw", {90.0f}), msg("/Head/Y", {50.0f})}, kSender));
+  main.drain();
+  EXPECT_EQ(state.rawRotation(), float3(0.1f, 90.0f * kDeg, 0.3f));
+  EXPECT_EQ(state.rawPosition(), float3(1.0f, 50.0f * 0.01f, 3.0f));
+  EXPECT_EQ(state.totalPacketsReceived(), 2u);
+  EXPECT_EQ(state.senderIP(), kSender);
+
+  sink.deliverUnknown("10.0.0.9:4000");
+  main.drain();
+  EXPECT_TRUE(state.isConnected());
+  EXPECT_EQ(state.senderIP(), "10.0.0.9:4000 (Unknown format)");
+  EXPECT_EQ(state.totalPacketsReceived(), 3u);
+
+  // A flood beyond capacity drops the oldest and counts them.
+  for (int i = 0; i < 20; ++i) sink.deliverUnknown("10.0.0.9:" + std::to_string(i));
+  EXPECT_EQ(sink.mailbox().pendingCount(), 8u);
+  EXPECT_EQ(sink.droppedCount(), 12u);
+  main.drain();
+  EXPECT_EQ(state.totalPacketsReceived(), 11u);
+  EXPECT_EQ(state.senderIP(), "10.0.0.9:19 (Unknown format)");  // newest survives
+}
+
+}  // namespace
+}  // namespace velmora
