@@ -1,0 +1,91 @@
+#pragma once
+// The remote-control listener: one UDP socket on the cue port (the state's
+// oscPort, default 53100) that accepts OSC packets from a show controller's
+// network cues and hands every message to OSCCommandCatalog::dispatch on the
+// main thread. It reports through FaceTrackingState::oscStatus (one status
+// line) and lastQLabCommand (the last message received).
+//
+// Threads: socket creation, binding, receiving and closing run only on the
+// serial queue "com.velmora.qlab". Dispatch and every state write run on the
+// main thread; decoded messages reach it through a bounded mailbox, so a
+// flood of datagrams drops the oldest waiting messages (counted) instead of
+// growing memory.
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "control/osc/OSCMessage.h"
+
+namespace velmora {
+
+class QLabOSCServer {
+ public:
+  // QLab's own port; never bound, refused before any socket exists.
+  static constexpr std::uint16_t reservedQLabPort = 53000;
+  // Larger datagrams are cut to this size by the receive call.
+  static constexpr std::size_t receiveBufferSize = 4096;
+  // Decoded messages that may wait for the main thread at once.
+  static constexpr std::size_t mailboxCapacity = 1024;
+
+  // The single instance, created on first use (main thread). Creating it
+  // installs the state's OSC-server hook, so setIsOSCEnabled starts and
+  // stops the listener from then on.
+  static QLabOSCServer& shared();
+  ~QLabOSCServer();
+  QLabOSCServer(const QLabOSCServer&) = delete;
+  QLabOSCServer& operator=(const QLabOSCServer&) = delete;
+
+  // Main thread. (Re)opens the listener on the state's current port, or
+  // shows "OSC cues: disabled" when remote control is off. Any previous
+  // listener is closed first, so a new port rebinds.
+  void startListening();
+  // Any thread. Closes the listener; sets no status.
+  void stopListening();
+  // Same as startListening().
+  void restart();
+  // Main thread. Starts or stops according to the state's isOSCEnabled.
+  void updateActiveState();
+  // Any thread. Writes the state's oscStatus on the main thread.
+  void setStatus(const std::string& text);
+  // Main thread. Dispatches one received message and records it in
+  // lastQLabCommand ("  (unknown)" appended when no command took it).
+  void handleQLabMessage(const OSCMessage& message);
+
+  // The reason shown after a failed bind: "already in use by another app"
+  // for EADDRINUSE, else "bind failed (errno N)".
+  static std::string bindFailureReason(int errorNumber);
+
+  // Any thread. The port actually bound, none when not listening.
+  std::optional<std::uint16_t> listeningPort() const;
+  // Any thread. Messages dropped because the main thread fell behind.
+  std::uint64_t droppedMessageCount() const;
+  // Any thread but the queue's: waits until the socket work submitted so
+  // far has run (tests, shutdown).
+  void waitForQueue();
+  // Closes the listener and ends the queue's worker; later starts are
+  // ignored. Called at process shutdown.
+  void shutdown();
+
+ private:
+  QLabOSCServer();
+  // On the queue.
+  void open(std::uint16_t port);
+  void closeSocket();
+  void armReadSource();
+  void readPackets();
+  void reportDrops();
+
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+  // The state's isOSCEnabled as last read on the main thread, for the
+  // queue's second look (the state itself is main-thread only).
+  std::atomic<bool> enabled_{true};
+  std::atomic<int> listeningPort_{-1};
+};
+
+}  // namespace velmora

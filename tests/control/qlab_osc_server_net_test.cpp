@@ -1,0 +1,324 @@
+// The cue server on real loopback sockets, on ports chosen free by the test.
+#include "control/QLabOSCServer.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <variant>
+#include <vector>
+
+#include "base/Log.h"
+#include "base/MainQueue.h"
+#include "tracking/FaceTrackingState.h"
+
+namespace velmora {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using Arg = std::variant<float, std::string>;
+
+void appendString(Bytes& out, const std::string& s) {
+  out.insert(out.end(), s.begin(), s.end());
+  const std::size_t pad = 4 - s.size() % 4;  // 1..4 zero bytes: terminator plus padding
+  out.insert(out.end(), pad, 0);
+}
+
+void appendBigEndian(Bytes& out, std::uint32_t v) {
+  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(v >> shift));
+}
+
+// An OSC message: address, type tags, then float32 / string arguments.
+Bytes oscMessage(const std::string& address, const std::vector<Arg>& args = {}) {
+  Bytes out;
+  appendString(out, address);
+  std::string tags = ",";
+  for (const Arg& a : args) tags += std::holds_alternative<float>(a) ? 'f' : 's';
+  appendString(out, tags);
+  for (const Arg& a : args) {
+    if (const float* f = std::get_if<float>(&a)) {
+      std::uint32_t bits;
+      std::memcpy(&bits, f, 4);
+      appendBigEndian(out, bits);
+    } else {
+      appendString(out, std::get<std::string>(a));
+    }
+  }
+  return out;
+}
+
+Bytes oscBundle(const std::vector<Bytes>& elements) {
+  Bytes out = {'#', 'b', 'u', 'n', 'd', 'l', 'e', 0, 0, 0, 0, 0, 0, 0, 0, 1};  // name, time tag "immediately"
+  for (const Bytes& e : elements) {
+    appendBigEndian(out, static_cast<std::uint32_t>(e.size()));
+    out.insert(out.end(), e.begin(), e.end());
+  }
+  return out;
+}
+
+// A UDP socket of the test's own: a sender, or a squatter on a port.
+class UdpSocket {
+ public:
+  UdpSocket() : fd_(::socket(AF_INET, SOCK_DGRAM, 0)) {}
+  ~UdpSocket() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  bool bindAny(std::uint16_t port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_ANY);
+    a.sin_port = htons(port);
+    return ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+  }
+  std::uint16_t boundPort() const {
+    sockaddr_in a{};
+    socklen_t len = sizeof a;
+    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
+    return ntohs(a.sin_port);
+  }
+  void sendTo(std::uint16_t port, const Bytes& data) const {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(port);
+    ::sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  }
+
+ private:
+  int fd_;
+};
+
+std::uint16_t freePort() {
+  UdpSocket probe;
+  probe.bindAny(0);
+  return probe.boundPort();
+}
+
+class QLabServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setLogSink([this](const std::string& line) {
+      std::lock_guard lock(logMutex);
+      log.push_back(line);
+    });
+    server();  // installs the state's hook
+    state().setOscPort(freePort());
+    if (!state().isOSCEnabled()) state().setIsOSCEnabled(true);  // starts through the hook
+    token = state().observe([this](FaceTrackingState::Property p) {
+      if (p == FaceTrackingState::Property::lastQLabCommand) commands.push_back(state().lastQLabCommand());
+    });
+  }
+  void TearDown() override {
+    state().unobserve(token);
+    server().stopListening();
+    server().waitForQueue();
+    MainQueue::shared().drain();
+    setLogSink({});
+  }
+
+  static QLabOSCServer& server() { return QLabOSCServer::shared(); }
+  static FaceTrackingState& state() { return FaceTrackingState::shared(); }
+  static bool waitFor(const std::function<bool()>& pred) { return MainQueue::shared().runUntil(pred, 5.0); }
+  bool logged(const std::string& line) {
+    std::lock_guard lock(logMutex);
+    return std::find(log.begin(), log.end(), line) != log.end();
+  }
+  // Starts on the state's port and waits for the outcome's status.
+  void startAndWait(const std::string& status) {
+    server().startListening();
+    server().waitForQueue();
+    EXPECT_TRUE(waitFor([&] { return state().oscStatus() == status; })) << state().oscStatus();
+  }
+  std::uint16_t listen() {
+    const auto port = static_cast<std::uint16_t>(state().oscPort());
+    startAndWait("OSC cues: listening on UDP " + std::to_string(port));
+    return port;
+  }
+
+  std::mutex logMutex;
+  std::vector<std::string> log;
+  std::vector<std::string> commands;  // lastQLabCommand, every write in order
+  int token = 0;
+  UdpSocket sender;
+};
+
+TEST_F(QLabServerTest, ListensOnTheStatesPortAndReportsIt) {
+  const std::uint16_t port = listen();
+  EXPECT_EQ(server().listeningPort(), port);
+  EXPECT_TRUE(logged("[QLabOSCServer] QLab Remote Cue listener active on UDP port " + std::to_string(port)));
+
+  // A new port rebinds: the old one is released.
+  const std::uint16_t second = freePort();
+  state().setOscPort(second);
+  startAndWait("OSC cues: listening on UDP " + std::to_string(second));
+  EXPECT_EQ(server().listeningPort(), second);
+  UdpSocket reuse;
+  EXPECT_TRUE(reuse.bindAny(port)) << "the first port is closed";
+}
+
+TEST_F(QLabServerTest, RefusesQLabsOwnPortBeforeCreatingASocket) {
+  listen();
+  state().setOscPort(53000);
+  startAndWait("OSC cues: port 53000 is QLab's own port, choose another");
+  EXPECT_FALSE(server().listeningPort());  // the previous listener went first
+}
+
+TEST_F(QLabServerTest, PortHeldByAnotherSocketIsReported) {
+  UdpSocket squatter;
+  ASSERT_TRUE(squatter.bindAny(0));
+  const std::uint16_t port = squatter.boundPort();
+  state().setOscPort(port);
+  const std::string p = std::to_string(port);
+  startAndWait("OSC cues: port " + p + " already in use by another app");
+  EXPECT_TRUE(logged("[QLabOSCServer] Could not bind to port " + p + ": already in use by another app"));
+  EXPECT_FALSE(server().listeningPort());
+}
+
+TEST(QLabServerBindReason, AddressInUseHasItsOwnTextOthersShowTheNumber) {
+  EXPECT_EQ(QLabOSCServer::bindFailureReason(EADDRINUSE), "already in use by another app");
+  EXPECT_EQ(QLabOSCServer::bindFailureReason(EACCES), "bind failed (errno " + std::to_string(EACCES) + ")");
+}
+
+TEST_F(QLabServerTest, OtherBindErrorsShowTheErrorNumber) {
+  if (::geteuid() == 0) GTEST_SKIP() << "root may bind privileged ports";
+  state().setOscPort(80);
+  startAndWait("OSC cues: port 80 bind failed (errno " + std::to_string(EACCES) + ")");
+  EXPECT_TRUE(logged("[QLabOSCServer] Could not bind to port 80: bind failed (errno " + std::to_string(EACCES) + ")"));
+}
+
+TEST_F(QLabServerTest, DisableClosesAndEnableRebinds) {
+  const std::uint16_t port = listen();
+  state().setIsOSCEnabled(false);
+  EXPECT_EQ(state().oscStatus(), "OSC cues: disabled");
+  server().waitForQueue();
+  EXPECT_FALSE(server().listeningPort());
+  {
+    UdpSocket probe;
+    EXPECT_TRUE(probe.bindAny(port)) << "the socket is closed";
+  }
+  server().startListening();  // a start while disabled only shows the status
+  server().waitForQueue();
+  MainQueue::shared().drain();
+  EXPECT_EQ(state().oscStatus(), "OSC cues: disabled");
+  EXPECT_FALSE(server().listeningPort());
+
+  state().setIsOSCEnabled(true);
+  EXPECT_TRUE(waitFor([&] { return state().oscStatus() == "OSC cues: listening on UDP " + std::to_string(port); }));
+  sender.sendTo(port, oscMessage("/velmora/recentre"));
+  EXPECT_TRUE(waitFor([&] { return !commands.empty(); }));
+}
+
+TEST_F(QLabServerTest, MessagesAreDispatchedAndRecorded) {
+  const std::uint16_t port = listen();
+  state().resetCalibration();
+  sender.sendTo(port, oscMessage("/velmora/recentre"));
+  sender.sendTo(port, oscMessage("/Sensitivity", {2.5f}));
+  sender.sendTo(port, oscMessage("/velmora/unknown", {1.5f, std::string("x")}));
+  ASSERT_TRUE(waitFor([&] { return commands.size() == 3; }));
+  EXPECT_EQ(commands[0], "/velmora/recentre []");
+  EXPECT_EQ(commands[1], "/Sensitivity [2.5]");
+  EXPECT_EQ(commands[2], "/velmora/unknown [1.5, \"x\"]  (unknown)");
+  EXPECT_TRUE(state().isCalibrated());
+  EXPECT_EQ(state().globalSensitivity(), 2.5f);
+  EXPECT_TRUE(logged("[OSC] /velmora/sensitivity [2.5]"));
+}
+
+TEST_F(QLabServerTest, ShortDatagramsAreIgnored) {
+  const std::uint16_t port = listen();
+  sender.sendTo(port, Bytes{'/', 'a', 0});
+  sender.sendTo(port, Bytes{});
+  sender.sendTo(port, oscMessage("/velmora/recentre"));
+  ASSERT_TRUE(waitFor([&] { return !commands.empty(); }));
+  server().waitForQueue();
+  MainQueue::shared().drain();
+  EXPECT_EQ(commands, std::vector<std::string>{"/velmora/recentre []"});
+}
+
+TEST_F(QLabServerTest, BundleMessagesRunInBundleOrder) {
+  const std::uint16_t port = listen();
+  sender.sendTo(port, oscBundle({oscMessage("/velmora/sensitivity", {2.0f}), oscMessage("/velmora/opacity", {0.25f}),
+                                 oscMessage("/velmora/sensitivity", {3.0f})}));
+  ASSERT_TRUE(waitFor([&] { return commands.size() == 3; }));
+  EXPECT_EQ(commands, (std::vector<std::string>{"/velmora/sensitivity [2]", "/velmora/opacity [0.25]",
+                                                "/velmora/sensitivity [3]"}));
+  EXPECT_EQ(state().globalSensitivity(), 3.0f);  // the last one won
+  EXPECT_EQ(state().maskOpacity(), 0.25f);
+}
+
+TEST_F(QLabServerTest, ManyWaitingDatagramsAreAllDrainedInOrder) {
+  const std::uint16_t port = listen();
+  constexpr int count = 100;
+  for (int i = 0; i < count; ++i) sender.sendTo(port, oscMessage("/x" + std::to_string(i)));
+  ASSERT_TRUE(waitFor([&] { return commands.size() == count; })) << commands.size();
+  for (int i = 0; i < count; ++i) EXPECT_EQ(commands[i], "/x" + std::to_string(i) + " []  (unknown)");
+}
+
+TEST_F(QLabServerTest, DatagramsAreReadIntoA4096ByteBuffer) {
+  const std::uint16_t port = listen();
+  // Address (12 bytes with padding) + ",s" (4) + text: a datagram of exactly 4096 bytes arrives whole.
+  const std::string fits(4096 - 16 - 4, 'a');
+  Bytes whole = oscMessage("/velmora/xx", {fits});
+  ASSERT_EQ(whole.size(), 4096u);
+  sender.sendTo(port, whole);
+  // The same with a longer text is cut to 4096 bytes: the text loses its
+  // terminator and is dropped, the message still arrives.
+  sender.sendTo(port, oscMessage("/velmora/xx", {std::string(6000, 'b')}));
+  sender.sendTo(port, oscMessage("/velmora/recentre"));
+  ASSERT_TRUE(waitFor([&] { return commands.size() == 3; })) << commands.size();
+  EXPECT_EQ(commands[0], "/velmora/xx [\"" + fits + "\"]  (unknown)");
+  EXPECT_EQ(commands[1].rfind("/velmora/xx [", 0), 0u);
+  EXPECT_LT(commands[1].size(), 4200u);
+  EXPECT_EQ(commands[2], "/velmora/recentre []");
+}
+
+TEST_F(QLabServerTest, AFloodWhileTheMainThreadIsBusyStaysBounded) {
+  const std::uint16_t port = listen();
+  const std::uint64_t droppedBefore = server().droppedMessageCount();
+  // The main thread (this test) does not run posted work while sending.
+  constexpr int count = 3000;
+  for (int i = 0; i < count; ++i) {
+    sender.sendTo(port, oscMessage("/flood", {static_cast<float>(i)}));
+    if (i % 50 == 49) std::this_thread::sleep_for(std::chrono::milliseconds(1));  // let the queue keep up
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (server().droppedMessageCount() - droppedBefore < count - QLabOSCServer::mailboxCapacity - 200 &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  server().waitForQueue();
+  EXPECT_GT(server().droppedMessageCount(), droppedBefore);
+  EXPECT_LE(MainQueue::shared().pendingCount(), 4u) << "one drain closure, not one per datagram";
+  MainQueue::shared().drain();
+  EXPECT_LE(commands.size(), QLabOSCServer::mailboxCapacity);
+  ASSERT_FALSE(commands.empty());
+  EXPECT_EQ(commands.back(), "/flood [" + std::to_string(count - 1) + "]  (unknown)");  // newest kept
+  {
+    std::lock_guard lock(logMutex);
+    EXPECT_TRUE(std::any_of(log.begin(), log.end(), [](const std::string& l) {
+      return l.rfind("[QLabOSCServer] Main thread busy: dropped ", 0) == 0;
+    }));
+  }
+  // Still serving afterwards.
+  commands.clear();
+  sender.sendTo(port, oscMessage("/velmora/recentre"));
+  EXPECT_TRUE(waitFor([&] { return commands.size() == 1; }));
+}
+
+TEST_F(QLabServerTest, HandleRecordsTheArgumentsAndUnknownMarker) {
+  server().handleQLabMessage(OSCMessage{"/zero", {}});
+  EXPECT_EQ(state().lastQLabCommand(), "/zero []");
+  server().handleQLabMessage(OSCMessage{"/velmora/model", {std::string("ghost"), std::int32_t(3)}});
+  EXPECT_EQ(state().lastQLabCommand(), "/velmora/model [\"ghost\", 3]");
+  server().handleQLabMessage(OSCMessage{"/velmora/recentre/", {}});
+  EXPECT_EQ(state().lastQLabCommand(), "/velmora/recentre/ []  (unknown)");
+  state().setCharacterModel(CharacterModelType::theatricalMask);
+}
+
+}  // namespace
+}  // namespace velmora
