@@ -1,0 +1,25 @@
+#pragma once
+// GLSL 330 sources of the renderer's programs. Vertex attribute locations
+// are fixed for every program: 0 position, 1 normal, 2 texture coordinate,
+// 3 colour.
+
+namespace velmora::shaders {
+
+inline constexpr int maxActiveMorphTargets = 128;  // per draw; uniform array size
+inline constexpr int shadowSamples = 16;
+
+// Transform feedback: neutral + sum w * delta for positions and normals,
+// normals renormalised. Outputs vPosition, vNormal (interleaved).
+extern const char* const morphVertex;
+// Depth only (shadow map and the opacity depth pre-pass).
+extern const char* const depthVertex;
+extern const char* const depthFragment;
+// The lit (and unlit) surface pass; premultiplied linear output.
+extern const char* const surfaceVertex;
+extern const char* const surfaceFragment;
+// Full-screen pass: linear premultiplied to sRGB straight alpha, flipped so
+// that rows read back top first.
+extern const char* const outputVertex;
+extern const char* const outputFragment;
+
+}  // namespace velmora::shaders
