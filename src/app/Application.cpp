@@ -6,8 +6,15 @@
 #include <thread>
 
 #include "app/CommandLine.h"
+#include "app/SelfTestRunner.h"
 #include "base/Log.h"
 #include "base/MainQueue.h"
+#include "base/SettingsStore.h"
+#include "control/QLabOSCServer.h"
+#include "app/TrackingIntake.h"
+#include "base/Clock.h"
+#include "tracking/FaceTrackingState.h"
+#include "tracking/TrackingReceiver.h"
 
 namespace velmora {
 
@@ -50,6 +57,8 @@ int Application::main(const std::vector<std::string>& args) {
   const CommandLine cl = CommandLine::parse(args);
   switch (cl.mode) {
     case CommandLine::Mode::runTests:
+      SelfTestRunner().run();  // the outcome is in its printed lines
+      return 0;
     case CommandLine::Mode::snapshot:
     case CommandLine::Mode::outputSelfTest:
       logLine("Velmora", "this batch run is not available in this build");
@@ -62,9 +71,32 @@ int Application::main(const std::vector<std::string>& args) {
 
 int Application::runInteractive() {
   SignalWaiter signals;  // before any other thread starts, so all inherit the mask
+  MainQueue& mainQueue = MainQueue::shared();
+
+  // Creating the state loads the persisted settings and finds this machine's address.
+  FaceTrackingState& state = FaceTrackingState::shared();
+  logLine("Velmora", "Settings: " + SettingsStore::shared().filePath().string());
+  logLine("Velmora", "This machine's address: " + state.localIP() + " (enter it in the phone's tracking app)");
   logLine("Velmora", "Running headless (no window); press Ctrl-C to stop");
-  MainQueue::shared().setTick([] {}, 60.0);
-  MainQueue::shared().run();
+
+  // --- services started on the main loop ---
+  QLabOSCServer::shared().startListening();  // remote cues; shows "OSC cues: disabled" when switched off
+  TrackingIntake tracking(TrackingReceiver::shared(), state);
+  tracking.start();
+
+  mainQueue.setTick([&] {
+    // --- per-tick work (60 Hz) ---
+    tracking.tick(uptime());
+  }, 60.0);
+  mainQueue.run();  // returns after SIGINT/SIGTERM, having run everything still posted
+
+  // --- services stopped, in reverse order ---
+  QLabOSCServer::shared().shutdown();
+  tracking.stop();
+
+  mainQueue.setTick(nullptr, 0);
+  mainQueue.drain();  // whatever the stopping services posted last
+  // Every setting is written when it changes; nothing is pending here.
   logLine("Velmora", "Stopped cleanly");
   return 0;
 }
