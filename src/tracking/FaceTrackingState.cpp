@@ -206,6 +206,9 @@ void FaceTrackingState::ingestPacket(const std::optional<BlendshapeMap>& blendsh
 
   if (blendshapes) {
     bool wrote = false;
+    // The blendshape filters normally all saw the previous packet's time,
+    // so the time-only part of their step is worked out once per packet.
+    std::optional<OneEuroFilter1D::TimeStep> sharedStep;
     for (const auto& [name, value] : *blendshapes) {
       if (!std::isfinite(value)) continue;
       auto it = channels_.find(name);
@@ -223,7 +226,12 @@ void FaceTrackingState::ingestPacket(const std::optional<BlendshapeMap>& blendsh
       }
 
       *channel.raw = value;
-      float f = channel.filter.filter(value, now);
+      const auto previousTime = channel.filter.previousTime();
+      if (previousTime && (!sharedStep || sharedStep->previousTime != *previousTime ||
+                           sharedStep->dCutoff != channel.filter.dCutoff)) {
+        sharedStep = OneEuroFilter1D::timeStep(*previousTime, now, channel.filter.dCutoff);
+      }
+      float f = sharedStep ? channel.filter.filter(value, now, *sharedStep) : channel.filter.filter(value, now);
       if (!std::isfinite(f)) f = 0.0f;
 
       // Filter first, then map the filtered signal through the range, then

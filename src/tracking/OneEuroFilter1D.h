@@ -21,6 +21,24 @@ class OneEuroFilter1D {
   // construction or reset() primes the filter and is returned unchanged.
   float filter(float value, double timestamp);
 
+  // The part of a step that depends only on the two timestamps and dCutoff.
+  // Filters that saw the same sample times (the blendshape filters of one
+  // stream) can share it; the results are bit for bit those of filter().
+  struct TimeStep {
+    double previousTime = 0.0;
+    double timestamp = 0.0;
+    float dCutoff = 0.0f;
+    float rate = 0.0f;    // 1 / dt
+    float te = 0.0f;      // 1 / max(rate, 0.0001)
+    float alphaD = 0.0f;  // derivative smoothing factor
+  };
+  static TimeStep timeStep(double previousTime, double timestamp, float dCutoff);
+  // As filter(value, timestamp), using `shared` when it was made for this
+  // filter's previous time, this timestamp and its dCutoff.
+  float filter(float value, double timestamp, const TimeStep& shared);
+
+  std::optional<double> previousTime() const { return previousTime_; }
+
   // Back to empty; the parameters are kept.
   void reset();
 
@@ -31,6 +49,8 @@ class OneEuroFilter1D {
   float dCutoff;    // Hz, cut-off of the derivative estimate
 
  private:
+  float step(float value, float rate, float te, float alphaD);
+
   std::optional<float> previousOutput_;
   float previousDerivative_ = 0.0f;
   std::optional<double> previousTime_;

@@ -176,6 +176,30 @@ TEST(FaceTrackingStateTest, FilterThenRangeThenSensitivity) {
   }
 }
 
+TEST(FaceTrackingStateTest, NamesSeenAtDifferentTimesKeepTheirOwnTimeSteps) {
+  Fixture f;
+  f.neutralSensitivities();
+  OneEuroFilter1D cheek(1.5f, 0.02f, 1.0f), nose(1.5f, 0.02f, 1.0f);
+  const std::vector<BlendshapeMap> packets = {
+      {{"cheekPuff", 0.1f}, {"noseSneerLeft", 0.9f}},
+      {{"cheekPuff", 0.6f}},
+      {{"cheekPuff", 0.2f}, {"noseSneerLeft", 0.1f}},
+      {{"noseSneerLeft", 0.5f}, {"cheekPuff", 0.2f}},
+  };
+  for (std::size_t i = 0; i < packets.size(); ++i) {
+    if (i == 2) {  // parameters changed midway
+      f.state->setSmoothing(0.2f);
+      cheek.minCutoff = nose.minCutoff = (1.0f - 0.2f) * 3.0f * 1.2f;
+      cheek.beta = nose.beta = (1.0f - 0.2f) * 0.02f * 1.5f;
+    }
+    f.packet(packets[i], 0.02 * static_cast<double>(i + 1));
+    for (const auto& [name, value] : packets[i]) {
+      const float expected = (name == "cheekPuff" ? cheek : nose).filter(value, f.now);
+      EXPECT_EQ(f.state->blendshapes().at(name), expected) << i << name;
+    }
+  }
+}
+
 TEST(FaceTrackingStateTest, NarrowRangeSpanCountsAsMinimumGap) {
   Fixture f;
   f.state->setBlendshapeRanges({{"cheekPuff", {0.5f, 0.51f}}});

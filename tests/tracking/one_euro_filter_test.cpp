@@ -107,6 +107,29 @@ TEST(OneEuroFilter1DTest, ConstantInputStaysPut) {
   for (int i = 0; i < 10; ++i) EXPECT_EQ(filter.filter(0.5f, i / 60.0), 0.5f);
 }
 
+TEST(OneEuroFilter1DTest, SharedTimeStepGivesTheSameBits) {
+  OneEuroFilter1D plain(1.98f, 0.0165f, 1.0f), shared(1.98f, 0.0165f, 1.0f);
+  plain.filter(0.2f, 1.0);
+  shared.filter(0.2f, 1.0);
+  double previous = 1.0;
+  const double times[] = {1.0 + 1 / 60.0, 1.0 + 1 / 60.0, 1.05, 1.3};
+  const float values[] = {0.9f, 0.1f, 0.55f, 0.56f};
+  for (int i = 0; i < 4; ++i) {
+    const auto step = OneEuroFilter1D::timeStep(previous, times[i], 1.0f);
+    EXPECT_EQ(bits(shared.filter(values[i], times[i], step)), bits(plain.filter(values[i], times[i]))) << i;
+    previous = times[i];
+  }
+  // A step made for another previous time, timestamp or dCutoff is not used.
+  const auto stale = OneEuroFilter1D::timeStep(0.0, 2.0, 1.0f);
+  EXPECT_EQ(bits(shared.filter(0.7f, 1.4, stale)), bits(plain.filter(0.7f, 1.4)));
+  const auto otherCutoff = OneEuroFilter1D::timeStep(1.4, 1.5, 3.0f);
+  EXPECT_EQ(bits(shared.filter(0.1f, 1.5, otherCutoff)), bits(plain.filter(0.1f, 1.5)));
+  // Non-finite samples and empty filters keep their own rules.
+  EXPECT_EQ(bits(shared.filter(nan, 1.6, OneEuroFilter1D::timeStep(1.5, 1.6, 1.0f))), bits(plain.filter(nan, 1.6)));
+  OneEuroFilter1D empty(1.0f, 0.0f, 1.0f);
+  EXPECT_EQ(empty.filter(0.33f, 5.0, OneEuroFilter1D::timeStep(4.0, 5.0, 1.0f)), 0.33f);
+}
+
 TEST(OneEuroFilter3DTest, ComponentsFilterIndependentlyWithTheSameTime) {
   OneEuroFilter3D vector(1.0f, 0.5f, 1.0f);
   OneEuroFilter1D x(1.0f, 0.5f, 1.0f), y(1.0f, 0.5f, 1.0f), z(1.0f, 0.5f, 1.0f);
