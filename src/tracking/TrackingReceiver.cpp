@@ -178,9 +178,16 @@ void TrackingReceiver::recordFormat(TrackingFormat format) {
 
 TrackingReceiver::Statistics TrackingReceiver::statistics() const {
   Statistics copy;
+  const double now = uptime();
   {
     std::lock_guard lock(statsMutex_);
     copy = stats_;
+    // Before the first whole second, estimate from what arrived so far; when
+    // packets stop, let the rate fall instead of keeping the last window's.
+    const double elapsed = now - rateWindowStart_;
+    if (rateWindowStart_ >= 0 && (elapsed >= 2.0 || (copy.packetsPerSecond == 0.0 && elapsed >= 0.1))) {
+      copy.packetsPerSecond = static_cast<double>(rateWindowCount_) / elapsed;
+    }
   }
   copy.dropped = sink_ ? sink_->droppedCount() : 0;
   return copy;

@@ -1,0 +1,49 @@
+#pragma once
+// The interactive run's tracking intake: starts the shared TrackingReceiver
+// on the configured ports, prints a status line while packets arrive, and
+// stops the receiver at shutdown. Main thread.
+//
+// Ports: 11111, 49983, 39539, or the comma-separated list in the
+// environment variable VELMORA_TRACKING_PORTS (tests pick free ports so).
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace velmora {
+
+class FaceTrackingState;
+class TrackingReceiver;
+
+class TrackingIntake {
+ public:
+  static constexpr double statusInterval = 2.0;  // seconds between status lines, at most
+
+  TrackingIntake(TrackingReceiver& receiver, FaceTrackingState& state);
+
+  // Reads VELMORA_TRACKING_PORTS (a malformed value is logged and ignored)
+  // and starts listening.
+  void start();
+  // Every tick: "[Velmora] tracking: 60.0 packets/s from 127.0.0.1:50000,
+  // 1234 received" at most every statusInterval seconds, and only when
+  // packets arrived since the last line. `now` in seconds of uptime.
+  void tick(double now);
+  // Closes the sockets and waits until they are closed.
+  void stop();
+
+  // The status line (without the "[Velmora] " prefix) for the current state.
+  std::string statusLine() const;
+
+  // "p1,p2,..." with each port 1..65535; none when malformed or empty.
+  static std::optional<std::vector<std::uint16_t>> parsePorts(std::string_view text);
+
+ private:
+  TrackingReceiver& receiver_;
+  FaceTrackingState& state_;
+  double lastLineTime_ = -1.0;
+  std::uint64_t lastLineCount_ = 0;
+};
+
+}  // namespace velmora
