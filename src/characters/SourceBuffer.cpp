@@ -47,4 +47,15 @@ GeometrySource SourceBuffer::vec3Source(GeometrySource::Semantic semantic, std::
   return s;
 }
 
+GeometrySource SourceBuffer::vec3Source(GeometrySource::Semantic semantic, const std::vector<float3>& values) {
+  float* out = nullptr;
+  GeometrySource s = vec3Source(semantic, values.size(), out);
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    out[4 * i] = values[i].x;
+    out[4 * i + 1] = values[i].y;
+    out[4 * i + 2] = values[i].z;
+  }
+  return s;
+}
+
 }  // namespace velmora

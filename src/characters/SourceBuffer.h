@@ -23,6 +23,8 @@ class SourceBuffer {
   // unused) of `count` vectors over a fresh array; `out` receives the array
   // to write into (4 floats per vector).
   static GeometrySource vec3Source(GeometrySource::Semantic semantic, std::size_t count, float*& out);
+  // The same, filled from `values`.
+  static GeometrySource vec3Source(GeometrySource::Semantic semantic, const std::vector<float3>& values);
 };
 
 }  // namespace velmora
