@@ -65,7 +65,8 @@ bool MainQueue::runOne(std::unique_lock<std::mutex>& lock) {
 void MainQueue::run() {
   std::unique_lock lock(mutex_);
   running_ = true;
-  stopRequested_ = false;
+  // A stop requested before run() (a signal during start-up) is kept, so
+  // run() returns at once after the posted work.
   while (!stopRequested_) {
     const auto now = std::chrono::steady_clock::now();
     if (tick_ && now >= nextTick_) {
@@ -92,6 +93,7 @@ void MainQueue::run() {
   }
   while (runOne(lock)) {
   }
+  stopRequested_ = false;
   running_ = false;
 }
 

@@ -36,7 +36,8 @@ class MainQueue {
   // Main thread. Runs posted work and the tick until stop() is called, then
   // runs whatever was still posted and returns.
   void run();
-  // Any thread: makes run() return after its current step.
+  // Any thread: makes run() return after its current step; called before
+  // run(), the next run() returns once the posted work has run.
   void stop();
   bool isRunning() const;
 
