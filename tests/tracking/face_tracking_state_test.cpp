@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "base/SettingsStore.h"
@@ -504,6 +505,25 @@ TEST(FaceTrackingStateTest, CharacterModelChangeHandling) {
   EXPECT_EQ(f.store.string("characterModel"), "cartoon_ghost");
   EXPECT_EQ(notified, 2);
 }
+
+#ifndef NDEBUG
+TEST(FaceTrackingStateDeathTest, WritesOffTheMainThreadAreCaught) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  Fixture f;
+  EXPECT_DEATH(
+      {
+        std::thread worker([&] { f.state->setMaskOpacity(0.5f); });
+        worker.join();
+      },
+      "must run on the main thread");
+  EXPECT_DEATH(
+      {
+        std::thread worker([&] { f.state->ingestPacket(std::nullopt, std::nullopt, std::nullopt, "x:1"); });
+        worker.join();
+      },
+      "must run on the main thread");
+}
+#endif
 
 }  // namespace
 }  // namespace velmora
