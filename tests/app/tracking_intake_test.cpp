@@ -1,0 +1,68 @@
+// The headless tracking status line and the port list override.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "app/TrackingIntake.h"
+#include "base/Log.h"
+#include "base/SettingsStore.h"
+#include "support/TempDir.h"
+#include "tracking/FaceTrackingState.h"
+#include "tracking/TrackingReceiver.h"
+
+namespace velmora {
+namespace {
+
+class NullSink final : public TrackingSink {
+ public:
+  void deliver(DecodedFrame) override {}
+  void deliverUnknown(const std::string&) override {}
+};
+
+TEST(TrackingIntakeTest, ParsePorts) {
+  using P = std::vector<std::uint16_t>;
+  EXPECT_EQ(TrackingIntake::parsePorts("11111,49983,39539"), (P{11111, 49983, 39539}));
+  EXPECT_EQ(TrackingIntake::parsePorts("1"), (P{1}));
+  EXPECT_EQ(TrackingIntake::parsePorts("65535"), (P{65535}));
+  for (const char* bad : {"", "0", "65536", "1,,2", "1,", ",1", " 1", "1 ", "a", "-5", "1;2", "99999999999"}) {
+    EXPECT_EQ(TrackingIntake::parsePorts(bad), std::nullopt) << bad;
+  }
+}
+
+TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
+  test::TempDir dir;
+  SettingsStore store(dir.path());
+  FaceTrackingState state(store);
+  TrackingReceiver receiver(std::make_shared<NullSink>());
+  TrackingIntake intake(receiver, state);
+  std::vector<std::string> lines;
+  setLogSink([&](const std::string& l) {
+    if (l.rfind("[Velmora] tracking:", 0) == 0) lines.push_back(l);
+  });
+
+  intake.tick(10.0);  // nothing arrived: silent
+  state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}}, std::nullopt, std::nullopt, "127.0.0.1:50000");
+  intake.tick(10.1);  // first packets: the rate needs a second first
+  intake.tick(10.5);
+  EXPECT_TRUE(lines.empty());
+  intake.tick(11.1);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0], "[Velmora] tracking: 0.0 packets/s from 127.0.0.1:50000, 1 received");
+
+  intake.tick(14.0);  // nothing new: silent
+  state.setSenderIP("10.1.2.3:7 (Unknown format)");
+  state.setTotalPacketsReceived(5);
+  intake.tick(14.5);  // 3.4 s since the last line, something new
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[1], "[Velmora] tracking: 0.0 packets/s from 10.1.2.3:7 (Unknown format), 5 received");
+  state.setTotalPacketsReceived(6);
+  intake.tick(16.0);  // only 1.5 s later
+  EXPECT_EQ(lines.size(), 2u);
+  intake.tick(16.6);
+  EXPECT_EQ(lines.size(), 3u);
+  setLogSink(nullptr);
+}
+
+}  // namespace
+}  // namespace velmora

@@ -1,0 +1,431 @@
+// velmora-phone-sim: stands in for a phone running a face-tracking app.
+// Streams a plausible animated face (blinks, talking jaw, smiles, brows, a
+// slow head turn) over UDP in one of the wire formats Velmora accepts, so
+// that Velmora can be tried without a phone.
+//
+// Run `velmora-phone-sim --help` for the options.
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <bit>
+#include <charconv>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "tracking/LiveLinkNames.h"
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+
+const char* const kUsage =
+    "Usage: velmora-phone-sim [options]\n"
+    "\n"
+    "Streams an animated face to Velmora over UDP, as a phone's tracking app would.\n"
+    "\n"
+    "Options:\n"
+    "  --format FORMAT   livelink (default), ifacialmocap, osc, vmc or json\n"
+    "                      livelink      Unreal Live Link face packet (binary, 61 big-endian floats)\n"
+    "                      ifacialmocap  text: name-percent|...=pitch,yaw,roll,x,y,z (degrees, cm)\n"
+    "                      osc           one OSC bundle per frame: /BlendShapes/<name> f,\n"
+    "                                    /Head/Pitch|Yaw|Roll f (degrees), /Head/X|Y|Z f (cm)\n"
+    "                      vmc           one OSC bundle per frame: /VMC/Ext/Blend/Val s f per\n"
+    "                                    blendshape, then /VMC/Ext/Blend/Apply\n"
+    "                      json          {\"blendshapes\": {...}, \"rotation\": [p, y, r], \"position\": [x, y, z]}\n"
+    "  --host HOST       where Velmora runs (default 127.0.0.1)\n"
+    "  --port PORT       its tracking port (default 11111; Velmora also listens on 49983 and 39539)\n"
+    "  --rate N          packets per second (default 60)\n"
+    "  --duration SECS   stop after this many seconds (default: run until Ctrl-C)\n"
+    "  --help            this text\n"
+    "\n"
+    "Example: velmora-phone-sim --format osc --port 39539 --duration 10\n";
+
+enum class Format { liveLink, iFacialMocap, osc, vmc, json };
+
+std::optional<Format> formatNamed(std::string_view name) {
+  if (name == "livelink") return Format::liveLink;
+  if (name == "ifacialmocap") return Format::iFacialMocap;
+  if (name == "osc") return Format::osc;
+  if (name == "vmc") return Format::vmc;
+  if (name == "json") return Format::json;
+  return std::nullopt;
+}
+
+struct Options {
+  Format format = Format::liveLink;
+  std::string formatName = "livelink";
+  std::string host = "127.0.0.1";
+  std::uint16_t port = 11111;
+  double rate = 60.0;
+  double duration = 0.0;  // 0: until interrupted
+};
+
+// ---------------------------------------------------------------- the face
+
+// One moment of the animated face: 52 blendshapes in Live Link order
+// (0..1), head rotation in radians (pitch, yaw, roll), head position in metres.
+struct Face {
+  std::array<float, 52> shapes{};
+  float pitch = 0, yaw = 0, roll = 0;
+  float x = 0, y = 0, z = 0;
+};
+
+int indexOf(std::string_view name) {
+  for (std::size_t i = 0; i < velmora::unrealARKitNames.size(); ++i)
+    if (velmora::unrealARKitNames[i] == name) return static_cast<int>(i);
+  return -1;
+}
+
+float clamp01(double v) { return static_cast<float>(v < 0 ? 0 : v > 1 ? 1 : v); }
+
+// 0 most of the time, rising to 1 and back within `length` seconds once
+// every `period` seconds, starting `offset` seconds into each period.
+double pulse(double t, double period, double offset, double length) {
+  const double phase = std::fmod(t + period - offset, period);
+  return phase < length ? std::sin(kPi * phase / length) : 0.0;
+}
+
+Face faceAt(double t) {
+  Face f;
+  auto set = [&](std::string_view name, double v) { f.shapes[static_cast<std::size_t>(indexOf(name))] = clamp01(v); };
+  // A faint idle movement on everything, so every coefficient is alive.
+  for (std::size_t i = 0; i < f.shapes.size(); ++i) {
+    f.shapes[i] = clamp01(0.03 + 0.025 * std::sin(0.7 * t + 1.3 * double(i)));
+  }
+  // Blinks about every 3.7 s, the right eye a few milliseconds later.
+  const double blink = pulse(t, 3.7, 1.0, 0.2);
+  set("eyeBlinkLeft", blink);
+  set("eyeBlinkRight", pulse(t, 3.7, 1.015, 0.2));
+  // Talking: the jaw opens in syllables, in phrases of a few seconds.
+  const double phrase = std::max(0.0, std::sin(2 * kPi * 0.17 * t));
+  const double syllable = std::max(0.0, std::sin(2 * kPi * 2.3 * t));
+  set("jawOpen", 0.05 + 0.5 * phrase * syllable);
+  set("mouthClose", 0.1 * (1.0 - syllable) * phrase);
+  set("mouthFunnel", 0.25 * phrase * std::max(0.0, std::sin(2 * kPi * 0.9 * t)));
+  // Slow smiles, slightly lopsided.
+  const double smile = 0.5 + 0.5 * std::sin(2 * kPi * 0.09 * t);
+  set("mouthSmileLeft", 0.7 * smile);
+  set("mouthSmileRight", 0.6 * smile);
+  set("cheekSquintLeft", 0.3 * smile);
+  set("cheekSquintRight", 0.25 * smile);
+  set("mouthFrownLeft", 0.3 * (1.0 - smile) * (1.0 - smile));
+  set("mouthFrownRight", 0.3 * (1.0 - smile) * (1.0 - smile));
+  // Brows: a raise now and then, a frown in between.
+  const double raise = pulse(t, 6.1, 2.5, 1.6);
+  set("browInnerUp", 0.8 * raise);
+  set("browOuterUpLeft", 0.6 * raise);
+  set("browOuterUpRight", 0.6 * raise);
+  const double frown = pulse(t, 9.3, 6.0, 2.0);
+  set("browDownLeft", 0.5 * frown);
+  set("browDownRight", 0.5 * frown);
+  set("eyeWideLeft", 0.4 * raise);
+  set("eyeWideRight", 0.4 * raise);
+  // A slow head turn, nods and tilts (radians), the eyes leading the turn.
+  const double turn = std::sin(2 * kPi * t / 8.0);
+  f.yaw = static_cast<float>(25.0 * kPi / 180.0 * turn);
+  f.pitch = static_cast<float>(8.0 * kPi / 180.0 * std::sin(2 * kPi * t / 5.3));
+  f.roll = static_cast<float>(5.0 * kPi / 180.0 * std::sin(2 * kPi * t / 6.7));
+  set("eyeLookOutLeft", 0.5 * std::max(0.0, turn));
+  set("eyeLookInRight", 0.5 * std::max(0.0, turn));
+  set("eyeLookInLeft", 0.5 * std::max(0.0, -turn));
+  set("eyeLookOutRight", 0.5 * std::max(0.0, -turn));
+  f.x = static_cast<float>(0.01 * std::sin(2 * kPi * t / 7.0));
+  f.y = static_cast<float>(0.005 * std::sin(2 * kPi * t / 4.0));
+  f.z = static_cast<float>(0.3 + 0.02 * std::sin(2 * kPi * t / 11.0));
+  return f;
+}
+
+float degrees(float radians) { return static_cast<float>(radians * 180.0 / kPi); }
+
+// ---------------------------------------------------------------- encoders
+
+void putU32(std::vector<std::uint8_t>& out, std::uint32_t v) {
+  out.push_back(std::uint8_t(v >> 24));
+  out.push_back(std::uint8_t(v >> 16));
+  out.push_back(std::uint8_t(v >> 8));
+  out.push_back(std::uint8_t(v));
+}
+
+void putFloat(std::vector<std::uint8_t>& out, float v) { putU32(out, std::bit_cast<std::uint32_t>(v)); }
+
+// The packet the Live Link Face app sends: version, device id and subject
+// name (each a big-endian length and the bytes), frame time (frame,
+// subframe, rate numerator and denominator), the value count 61, then 61
+// big-endian floats: 52 blendshapes, head yaw/pitch/roll, both eyes'
+// yaw/pitch/roll.
+std::vector<std::uint8_t> encodeLiveLink(const Face& f, std::uint32_t frame, double rate) {
+  std::vector<std::uint8_t> out;
+  out.reserve(300);
+  out.push_back(6);
+  const std::string device = "velmora-phone-sim";
+  const std::string subject = "iPhone";
+  putU32(out, static_cast<std::uint32_t>(device.size()));
+  out.insert(out.end(), device.begin(), device.end());
+  putU32(out, static_cast<std::uint32_t>(subject.size()));
+  out.insert(out.end(), subject.begin(), subject.end());
+  putU32(out, frame);
+  putFloat(out, 0.0f);
+  putU32(out, static_cast<std::uint32_t>(std::lround(rate)));
+  putU32(out, 1);
+  out.push_back(61);
+  for (float v : f.shapes) putFloat(out, v);
+  putFloat(out, f.yaw);
+  putFloat(out, f.pitch);
+  putFloat(out, f.roll);
+  const float eyeYaw = 0.3f * f.yaw;
+  for (int eye = 0; eye < 2; ++eye) {
+    putFloat(out, eyeYaw);
+    putFloat(out, 0.0f);
+    putFloat(out, 0.0f);
+  }
+  return out;
+}
+
+std::string fixed(double v, int decimals) {
+  char buf[48];
+  std::snprintf(buf, sizeof buf, "%.*f", decimals, v);
+  return buf;
+}
+
+// name-percent pairs (integers 0..100) joined by "|", then "=" and the head:
+// pitch, yaw, roll in degrees and x, y, z in centimetres.
+std::vector<std::uint8_t> encodeIFacialMocap(const Face& f) {
+  std::string text;
+  text.reserve(1200);
+  for (std::size_t i = 0; i < f.shapes.size(); ++i) {
+    if (i) text += '|';
+    text += velmora::unrealARKitNames[i];
+    text += '-';
+    text += std::to_string(std::lround(f.shapes[i] * 100.0f));
+  }
+  text += '=';
+  text += fixed(degrees(f.pitch), 3) + "," + fixed(degrees(f.yaw), 3) + "," + fixed(degrees(f.roll), 3) + ",";
+  text += fixed(f.x * 100.0, 3) + "," + fixed(f.y * 100.0, 3) + "," + fixed(f.z * 100.0, 3);
+  return std::vector<std::uint8_t>(text.begin(), text.end());
+}
+
+// A minimal OSC 1.0 encoder: strings zero-terminated and padded to 4 bytes,
+// big-endian floats, bundles of size-prefixed elements.
+class OscWriter {
+ public:
+  static void putString(std::vector<std::uint8_t>& out, std::string_view s) {
+    out.insert(out.end(), s.begin(), s.end());
+    out.push_back(0);
+    while (out.size() % 4) out.push_back(0);
+  }
+  // Velmora's decoder treats a zero-led 4-byte group right after a string
+  // as padding, so an exact 0.0 (00 00 00 00) would vanish; -0.0
+  // (80 00 00 00) carries the same value and survives.
+  static float wireSafe(float v) { return v == 0.0f ? -0.0f : v; }
+
+  static std::vector<std::uint8_t> message(std::string_view address, float value) {
+    std::vector<std::uint8_t> out;
+    putString(out, address);
+    putString(out, ",f");
+    putFloat(out, wireSafe(value));
+    return out;
+  }
+  static std::vector<std::uint8_t> message(std::string_view address, std::string_view text, float value) {
+    std::vector<std::uint8_t> out;
+    putString(out, address);
+    putString(out, ",sf");
+    putString(out, text);
+    putFloat(out, wireSafe(value));
+    return out;
+  }
+  static std::vector<std::uint8_t> message(std::string_view address) {
+    std::vector<std::uint8_t> out;
+    putString(out, address);
+    putString(out, ",");
+    return out;
+  }
+
+  void add(const std::vector<std::uint8_t>& element) {
+    putU32(bundle_, static_cast<std::uint32_t>(element.size()));
+    bundle_.insert(bundle_.end(), element.begin(), element.end());
+  }
+  std::vector<std::uint8_t> finish() { return std::move(bundle_); }
+
+ private:
+  std::vector<std::uint8_t> bundle_ = {'#', 'b', 'u', 'n', 'd', 'l', 'e', 0, 0, 0, 0, 0, 0, 0, 0, 1};
+};
+
+std::vector<std::uint8_t> encodeOSC(const Face& f) {
+  OscWriter w;
+  for (std::size_t i = 0; i < f.shapes.size(); ++i) {
+    w.add(OscWriter::message("/BlendShapes/" + std::string(velmora::unrealARKitNames[i]), f.shapes[i]));
+  }
+  w.add(OscWriter::message("/Head/Pitch", degrees(f.pitch)));
+  w.add(OscWriter::message("/Head/Yaw", degrees(f.yaw)));
+  w.add(OscWriter::message("/Head/Roll", degrees(f.roll)));
+  w.add(OscWriter::message("/Head/X", f.x * 100.0f));
+  w.add(OscWriter::message("/Head/Y", f.y * 100.0f));
+  w.add(OscWriter::message("/Head/Z", f.z * 100.0f));
+  return w.finish();
+}
+
+std::vector<std::uint8_t> encodeVMC(const Face& f) {
+  OscWriter w;
+  for (std::size_t i = 0; i < f.shapes.size(); ++i) {
+    w.add(OscWriter::message("/VMC/Ext/Blend/Val", velmora::unrealARKitNames[i], f.shapes[i]));
+  }
+  w.add(OscWriter::message("/VMC/Ext/Blend/Apply"));
+  return w.finish();
+}
+
+std::vector<std::uint8_t> encodeJSON(const Face& f) {
+  nlohmann::json shapes = nlohmann::json::object();
+  for (std::size_t i = 0; i < f.shapes.size(); ++i) shapes[std::string(velmora::unrealARKitNames[i])] = f.shapes[i];
+  const nlohmann::json doc = {
+      {"blendshapes", shapes},
+      {"rotation", {f.pitch, f.yaw, f.roll}},
+      {"position", {f.x, f.y, f.z}},
+  };
+  const std::string text = doc.dump();
+  return std::vector<std::uint8_t>(text.begin(), text.end());
+}
+
+// ---------------------------------------------------------------- main
+
+std::atomic<bool> interrupted{false};
+
+void onSignal(int) { interrupted = true; }
+
+bool parseNumber(std::string_view text, double& out) {
+  auto r = std::from_chars(text.data(), text.data() + text.size(), out);
+  return r.ec == std::errc() && r.ptr == text.data() + text.size();
+}
+
+int usageError(const std::string& message) {
+  std::fprintf(stderr, "velmora-phone-sim: %s\n\n%s", message.c_str(), kUsage);
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    std::string value;
+    bool hasValue = false;
+    if (auto eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
+      value = arg.substr(eq + 1);
+      arg = arg.substr(0, eq);
+      hasValue = true;
+    }
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(kUsage, stdout);
+      return 0;
+    }
+    const bool takesValue = arg == "--format" || arg == "--host" || arg == "--port" || arg == "--rate" ||
+                            arg == "--duration";
+    if (!takesValue) return usageError("unknown option " + arg);
+    if (!hasValue) {
+      if (i + 1 >= argc) return usageError(arg + " needs a value");
+      value = argv[++i];
+    }
+    double number = 0;
+    if (arg == "--format") {
+      auto f = formatNamed(value);
+      if (!f) return usageError("unknown format \"" + value + "\"");
+      options.format = *f;
+      options.formatName = value;
+    } else if (arg == "--host") {
+      options.host = value;
+    } else if (arg == "--port") {
+      if (!parseNumber(value, number) || number < 1 || number > 65535 || number != std::floor(number))
+        return usageError("--port must be a whole number from 1 to 65535");
+      options.port = static_cast<std::uint16_t>(number);
+    } else if (arg == "--rate") {
+      if (!parseNumber(value, number) || !(number > 0) || number > 10000)
+        return usageError("--rate must be a number of packets per second above 0 (at most 10000)");
+      options.rate = number;
+    } else if (arg == "--duration") {
+      if (!parseNumber(value, number) || !(number >= 0) || !std::isfinite(number))
+        return usageError("--duration must be a number of seconds (0: until Ctrl-C)");
+      options.duration = number;
+    }
+  }
+
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* resolved = nullptr;
+  const std::string portText = std::to_string(options.port);
+  if (int rc = ::getaddrinfo(options.host.c_str(), portText.c_str(), &hints, &resolved); rc != 0 || !resolved) {
+    std::fprintf(stderr, "velmora-phone-sim: cannot resolve host \"%s\": %s\n", options.host.c_str(), gai_strerror(rc));
+    return 1;
+  }
+  sockaddr_in target{};
+  std::memcpy(&target, resolved->ai_addr, sizeof target);
+  ::freeaddrinfo(resolved);
+
+  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0) {
+    std::perror("velmora-phone-sim: socket");
+    return 1;
+  }
+
+  struct sigaction sa{};
+  sa.sa_handler = onSignal;
+  ::sigaction(SIGINT, &sa, nullptr);
+  ::sigaction(SIGTERM, &sa, nullptr);
+
+  char address[INET_ADDRSTRLEN] = {0};
+  ::inet_ntop(AF_INET, &target.sin_addr, address, sizeof address);
+  std::printf("[phone-sim] streaming %s to %s:%u at %g packets/s%s\n", options.formatName.c_str(), address,
+              unsigned(options.port), options.rate,
+              options.duration > 0 ? (" for " + fixed(options.duration, 1) + " s").c_str() : " (Ctrl-C to stop)");
+  std::fflush(stdout);
+
+  using Clock = std::chrono::steady_clock;
+  const auto start = Clock::now();
+  const auto period = std::chrono::duration<double>(1.0 / options.rate);
+  std::uint64_t sent = 0, failed = 0;
+  for (std::uint32_t frame = 0; !interrupted; ++frame) {
+    const double t = frame / options.rate;
+    if (options.duration > 0 && t >= options.duration) break;
+    std::this_thread::sleep_until(start + std::chrono::duration_cast<Clock::duration>(period * frame));
+    if (interrupted) break;
+    const Face face = faceAt(t);
+    std::vector<std::uint8_t> packet;
+    switch (options.format) {
+      case Format::liveLink: packet = encodeLiveLink(face, frame, options.rate); break;
+      case Format::iFacialMocap: packet = encodeIFacialMocap(face); break;
+      case Format::osc: packet = encodeOSC(face); break;
+      case Format::vmc: packet = encodeVMC(face); break;
+      case Format::json: packet = encodeJSON(face); break;
+    }
+    const ssize_t n = ::sendto(fd, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&target), sizeof target);
+    if (n < 0) {
+      // Nobody listening yet (ICMP port unreachable) is not fatal: a phone
+      // keeps sending too.
+      ++failed;
+    } else {
+      ++sent;
+    }
+  }
+  ::close(fd);
+  std::printf("[phone-sim] sent %llu packets", static_cast<unsigned long long>(sent));
+  if (failed) std::printf(" (%llu could not be sent)", static_cast<unsigned long long>(failed));
+  std::printf("\n");
+  return 0;
+}
