@@ -7,7 +7,7 @@
 //
 // Morph targets are uploaded as one texture buffer of deltas from the base
 // mesh: texel 2 * (target * vertexCount + vertex) holds the position delta,
-// the next texel the normal delta (RGBA32F, w unused).
+// the next texel the normal delta (RGBA16F, w unused).
 //
 // Threads: the render thread, with the owning context current.
 

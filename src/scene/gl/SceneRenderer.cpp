@@ -307,6 +307,9 @@ struct SceneRenderer::Impl {
     glActiveTexture(GL_TEXTURE0 + kUnitDeltas);
     glBindTexture(GL_TEXTURE_BUFFER, deltas ? deltas->texture : 0);
     bindGeometry(mesh, 0);
+    // Drawing needs a complete framebuffer even with rasterisation off, and
+    // a surfaceless context has no default one.
+    glBindFramebuffer(GL_FRAMEBUFFER, shadowFbo);
     glBindBufferBase(GL_TRANSFORM_FEEDBACK_BUFFER, 0, buffer);
     glEnable(GL_RASTERIZER_DISCARD);
     glBeginTransformFeedback(GL_POINTS);
@@ -348,7 +351,7 @@ struct SceneRenderer::Impl {
   }
 
   // setMaterial: the surface program's per-draw uniforms. cull: back faces
-  // of single-sided materials are skipped (the shadow pass draws both).
+  // of single-sided materials are skipped.
   void drawParts(const Prepared& p, ShaderProgram& program, bool setMaterial, bool cull,
                  bool (*select)(const Material&)) {
     bindGeometry(*p.mesh, p.morphed);
@@ -529,12 +532,14 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
     glEnable(GL_DEPTH_TEST);
     glDepthFunc(GL_LESS);
     glDisable(GL_BLEND);
-    glDisable(GL_CULL_FACE);  // open shells cast from both sides
+    // Single-sided surfaces cast from their lit side only: half the
+    // triangles of a thick shell, and no self-shadowing from its far side.
+    glCullFace(GL_BACK);
     glEnable(GL_POLYGON_OFFSET_FILL);
     glPolygonOffset(1.5f, 4.0f);
     s.depth->use();
     s.depth->set("uViewProjection", lightViewProjection);
-    for (const auto& p : items) s.drawParts(p, *s.depth, false, false, &Impl::isOpaqueMaterial);
+    for (const auto& p : items) s.drawParts(p, *s.depth, false, true, &Impl::isOpaqueMaterial);
     glDisable(GL_POLYGON_OFFSET_FILL);
   }
 

@@ -1,0 +1,284 @@
+#include "scene/MaskSceneManager.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+
+#include "animation/CharacterAnimationController.h"
+#include "base/Clock.h"
+#include "base/MainQueue.h"
+#include "characters/CartoonGhost.h"
+#include "characters/MaskExpressionTargets.h"
+#include "tracking/FaceTrackingState.h"
+
+namespace velmora {
+
+namespace {
+
+std::string lowercased(std::string_view name) {
+  std::string s(name);
+  for (auto& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+float valueOf(const BlendshapeMap& map, const char* name) {
+  auto it = map.find(name);
+  return it == map.end() ? 0.0f : it->second;
+}
+
+}  // namespace
+
+MaskSceneManager& MaskSceneManager::shared() {
+  static MaskSceneManager instance(FaceTrackingState::shared(), CharacterAnimationController::shared());
+  return instance;
+}
+
+MaskSceneManager::MaskSceneManager(FaceTrackingState& state, CharacterAnimationController& animation,
+                                   std::function<double()> clock)
+    : state_(state),
+      animation_(animation),
+      clock_(clock ? std::move(clock) : std::function<double()>(uptime)),
+      consumers_(std::make_shared<Consumers>()) {
+  scene_ = Node::make("Scene");
+  cameraNode_ = Node::make("Camera");
+  keyLightNode_ = Node::make("KeyLight");
+  fillLightNode_ = Node::make("FillLight");
+  rimLightNode_ = Node::make("RimLight");
+  setupScene();
+  setupLighting();
+  applyLighting(state_.lighting(), state_.lightIntensity());
+  switchModel(state_.characterModel());
+  setupOffscreenRenderer();
+}
+
+MaskSceneManager::~MaskSceneManager() {
+  if (renderer_) renderer_->stop();
+}
+
+// ---------------------------------------------------------------------------
+// Set-up
+// ---------------------------------------------------------------------------
+
+void MaskSceneManager::setupScene() {
+  // The background is the clear colour (0, 0, 0, 0): the renderer clears to it.
+  camera_ = FrameCamera{};
+  camera_.nearPlane = 0.1f;
+  camera_.farPlane = 100.0f;
+  camera_.verticalFieldOfViewDegrees = 45.0f;
+  camera_.position = float3(0.0f, 0.0f, 3.2f);
+  cameraNode_->position = camera_.position;  // looks down -z with no rotation
+  scene_->addChild(cameraNode_);
+}
+
+void MaskSceneManager::setupLighting() {
+  rig_ = LightRig::initial();
+  environment_ = makeEnvironmentImage();
+  keyLightNode_->position = rig_.keyPosition;
+  fillLightNode_->position = rig_.fillPosition;
+  rimLightNode_->position = rig_.rimPosition;
+  scene_->addChild(keyLightNode_);
+  scene_->addChild(fillLightNode_);
+  scene_->addChild(rimLightNode_);
+}
+
+void MaskSceneManager::setupOffscreenRenderer() {
+  // The render thread and its GL context start with the first frame, so a
+  // process that never renders (and the unit tests) opens no GL display.
+  if (!renderer_) renderer_ = std::make_unique<RenderThread>();
+  std::weak_ptr<Consumers> weak = consumers_;
+  renderer_->setFrameHandler([weak](const std::shared_ptr<const RenderedFrame>& frame) {
+    auto consumers = weak.lock();
+    if (!consumers) return;
+    std::map<int, FrameConsumer> list;
+    {
+      std::lock_guard lock(consumers->mutex);
+      list = consumers->list;
+    }
+    for (auto& [token, consumer] : list) consumer(frame);
+  });
+}
+
+void MaskSceneManager::applyLighting(const LightingSettings& settings, float master) {
+  if (appliedLighting_ && appliedMaster_ && *appliedLighting_ == settings && *appliedMaster_ == master) return;
+  appliedLighting_ = settings;
+  appliedMaster_ = master;
+  rig_ = LightRig::applied(settings, master);
+  keyLightNode_->position = rig_.keyPosition;  // re-aimed at rig_.keyTarget
+}
+
+std::shared_ptr<const EnvironmentImage> MaskSceneManager::makeEnvironmentImage() {
+  auto image = std::make_shared<EnvironmentImage>();
+  image->width = 128;
+  image->height = 64;
+  image->texels.resize(static_cast<std::size_t>(image->width) * image->height);
+  const float3 batten = glm::normalize(float3(0.0f, 1.0f, 0.35f));
+  const float3 wash = glm::normalize(float3(0.45f, 0.3f, 1.0f));
+  const float3 warm(1.0f, 0.93f, 0.82f), cool(0.82f, 0.88f, 1.0f);
+  auto lobe = [](const float3& d, const float3& axis, float width) {
+    const float angle = std::acos(std::clamp(glm::dot(d, axis), -1.0f, 1.0f));
+    return std::exp(-(angle * angle) / (width * width));
+  };
+  for (int y = 0; y < image->height; ++y)
+    for (int x = 0; x < image->width; ++x) {
+      const float3 d = image->directionAt(static_cast<float>(x), static_cast<float>(y));
+      float3 c;
+      if (d.y >= 0.0f) {
+        // The fly tower: dim at the horizon (the wings), brighter overhead.
+        c = cool * (0.18f + 0.55f * std::pow(d.y, 0.8f));
+      } else {
+        // The stage floor, dark, with a little bounce in front of the mask.
+        c = warm * (0.05f + 0.12f * std::max(0.0f, d.z) * -d.y);
+      }
+      c += warm * (5.0f * lobe(d, batten, 0.3f) + 2.0f * lobe(d, wash, 0.35f));
+      image->texels[static_cast<std::size_t>(y) * image->width + x] = c;
+    }
+  return image;
+}
+
+// ---------------------------------------------------------------------------
+// Per frame
+// ---------------------------------------------------------------------------
+
+void MaskSceneManager::switchModel(CharacterModelType model) {
+  VELMORA_ASSERT_MAIN_THREAD();
+  if (currentModelType_ && *currentModelType_ == model && maskNode_) return;
+  if (maskNode_) maskNode_->removeFromParent();
+  ghostRootNode_.reset();
+  ghostLeftEyeNode_.reset();
+  ghostRightEyeNode_.reset();
+  CharacterBuild build;
+  if (model == CharacterModelType::cartoonGhost) {
+    build = createGhostNode();
+    ghostRootNode_ = build.node;
+    if (build.node) {
+      ghostLeftEyeNode_ = build.node->find("LeftEye");
+      ghostRightEyeNode_ = build.node->find("RightEye");
+    }
+  } else {
+    build = createTheatricalMaskNode();
+  }
+  maskNode_ = build.node;
+  morpher_ = build.morpher;
+  targetNameToIndex_ = std::move(build.targetNameToIndex);
+  if (maskNode_) scene_->addChild(maskNode_);
+  currentModelType_ = model;
+}
+
+std::optional<int> MaskSceneManager::targetIndex(std::string_view name) const {
+  auto it = targetNameToIndex_.find(lowercased(name));
+  if (it == targetNameToIndex_.end()) return std::nullopt;
+  return it->second;
+}
+
+void MaskSceneManager::updateTracking(const FaceTrackingState& state) {
+  VELMORA_ASSERT_MAIN_THREAD();
+  // 1. Model.
+  if (!currentModelType_ || *currentModelType_ != state.characterModel()) switchModel(state.characterModel());
+  // 2.
+  if (!maskNode_) return;
+  // 3. Cue output at the media time.
+  const double t = clock_();
+  const AnimationOutput out = animation_.sample(t);
+  // 4. Idle float, the ghost only.
+  float bob = 0.0f, sway = 0.0f;
+  if (currentModelType_ == CharacterModelType::cartoonGhost) {
+    bob = static_cast<float>(std::sin(1.8 * t) * 0.025);
+    sway = static_cast<float>(std::sin(1.2 * t) * 0.015);
+  }
+  // 5. Orientation: the cue's rotation in full, whatever its blend weight
+  // (the nod and shake cues rotate at weight 0).
+  const float3 head = state.headRotation();
+  maskNode_->eulerAngles = float3(head.x + out.rotationOffset.x, head.y + out.rotationOffset.y,
+                                  head.z + out.rotationOffset.z + sway);
+  // 6. Position.
+  float3 position = 1.5f * state.headPosition() + out.positionOffset;
+  position.y += bob;
+  maskNode_->position = position;
+  // 7. Scale.
+  maskNode_->scale = out.scaleMultiplier;
+  // 8. Expression blend: the cue's channels move from live towards the cue
+  // by its weight; a channel the live map lacks blends from 0.
+  BlendshapeMap blended = state.blendshapes();
+  if (out.blendWeight > 0.0f) {
+    const float w = out.blendWeight;
+    for (const auto& [name, value] : out.blendshapes) {
+      auto it = blended.find(name);
+      const float live = it == blended.end() ? 0.0f : it->second;
+      blended[name] = w * value + (1.0f - w) * live;
+    }
+  }
+  // 9. Morph weights by lower-cased name; names without a target are skipped.
+  if (morpher_) {
+    for (const auto& [name, weight] : blended) {
+      auto it = targetNameToIndex_.find(lowercased(name));
+      if (it != targetNameToIndex_.end()) morpher_->setWeight(static_cast<std::size_t>(it->second), weight);
+    }
+  }
+  // 10. Ghost eyes.
+  if (ghostLeftEyeNode_ && ghostRightEyeNode_) updateGhostEyes(*ghostLeftEyeNode_, *ghostRightEyeNode_, blended);
+  // 11. Opacity, clamped to 0..1 (a product that is not a number hides).
+  const float opacity = state.maskOpacity() * out.opacityMultiplier;
+  maskNode_->opacity = std::isnan(opacity) ? 0.0f : std::clamp(opacity, 0.0f, 1.0f);
+  // 12. Lighting (returns at once when nothing changed).
+  applyLighting(state.lighting(), state.lightIntensity());
+}
+
+void MaskSceneManager::updateGhostEyes(Node& leftEye, Node& rightEye, const BlendshapeMap& b) {
+  leftEye.eulerAngles = float3((valueOf(b, "eyeLookDownLeft") - valueOf(b, "eyeLookUpLeft")) * 0.35f,
+                               (valueOf(b, "eyeLookOutLeft") - valueOf(b, "eyeLookInLeft")) * 0.35f, 0.0f);
+  // Opposite in form to the left eye, so that both turn the same way.
+  rightEye.eulerAngles = float3((valueOf(b, "eyeLookDownRight") - valueOf(b, "eyeLookUpRight")) * 0.35f,
+                                (valueOf(b, "eyeLookInRight") - valueOf(b, "eyeLookOutRight")) * 0.35f, 0.0f);
+  // A closed eye keeps 8 % of its height.
+  leftEye.scale = float3(1.0f, std::max(1.0f - 0.92f * valueOf(b, "eyeBlinkLeft"), 0.08f), 1.0f);
+  rightEye.scale = float3(1.0f, std::max(1.0f - 0.92f * valueOf(b, "eyeBlinkRight"), 0.08f), 1.0f);
+}
+
+void MaskSceneManager::tick() {
+  updateTracking(state_);
+  if (state_.isSyphonActive() || state_.isNDIActive()) renderOffscreenFrame();
+}
+
+void MaskSceneManager::renderOffscreenFrame() {
+  VELMORA_ASSERT_MAIN_THREAD();
+  if (!renderer_) return;
+  {
+    std::lock_guard lock(consumers_->mutex);
+    if (consumers_->list.empty()) return;
+  }
+  renderer_->submit(makeFrameDescription());
+}
+
+std::shared_ptr<const FrameDescription> MaskSceneManager::makeFrameDescription(int width, int height) const {
+  auto frame = std::make_shared<FrameDescription>();
+  frame->width = width;
+  frame->height = height;
+  frame->time = clock_();
+  frame->sequence = ++sequence_;
+  frame->lights = rig_;
+  frame->camera = camera_;
+  frame->environment = environment_;
+  if (maskNode_) frame->addNodes(*maskNode_);
+  return frame;
+}
+
+RenderThread::Result MaskSceneManager::renderFrameNow(int width, int height, int sampleCount) {
+  if (!renderer_) return {nullptr, "MaskSceneManager: no offscreen renderer"};
+  auto frame = std::const_pointer_cast<FrameDescription>(makeFrameDescription(width, height));
+  frame->sampleCount = sampleCount;
+  return renderer_->renderNow(frame);
+}
+
+int MaskSceneManager::addFrameConsumer(FrameConsumer consumer) {
+  std::lock_guard lock(consumers_->mutex);
+  const int token = consumers_->nextToken++;
+  consumers_->list.emplace(token, std::move(consumer));
+  return token;
+}
+
+void MaskSceneManager::removeFrameConsumer(int token) {
+  std::lock_guard lock(consumers_->mutex);
+  consumers_->list.erase(token);
+}
+
+}  // namespace velmora

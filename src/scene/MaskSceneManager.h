@@ -1,0 +1,151 @@
+#pragma once
+// The one long-lived scene: camera, light rig, the active character (the
+// theatrical mask or the cartoon ghost), and the per-frame application of
+// the live face state and the cue player's output to it. It captures an
+// immutable frame description every frame that an output wants and hands it
+// to the render thread, which renders 1920 x 1080 BGRA frames (straight
+// alpha, see RenderedFrame.h) for the frame consumers.
+//
+// Threads: everything here runs on the main thread except the frame
+// consumers, which are called on the render thread. The main thread never
+// waits for the GPU, except in renderFrameNow() (snapshots and tests).
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "scene/EnvironmentImage.h"
+#include "scene/FrameDescription.h"
+#include "scene/RenderedFrame.h"
+#include "scene/data/LightingRig.h"
+#include "scene/data/LightingSettings.h"
+#include "scene/data/Morpher.h"
+#include "scene/data/Node.h"
+#include "scene/gl/RenderThread.h"
+#include "tracking/CharacterModelType.h"
+#include "tracking/FaceFrame.h"
+
+namespace velmora {
+
+class FaceTrackingState;
+class CharacterAnimationController;
+
+class MaskSceneManager {
+ public:
+  static constexpr int outputWidth = 1920;
+  static constexpr int outputHeight = 1080;
+
+  using FrameConsumer = std::function<void(const std::shared_ptr<const RenderedFrame>&)>;
+
+  // Over FaceTrackingState::shared() and CharacterAnimationController::shared(),
+  // created on first use (after the state exists).
+  static MaskSceneManager& shared();
+
+  // init: creates the scene and nodes, then setupScene, setupLighting,
+  // applyLighting(state.lighting, state.lightIntensity), switchModel(to:
+  // state.characterModel) and setupOffscreenRenderer, in that order. The
+  // clock is the media clock (seconds) of the per-frame update; tests pass
+  // their own.
+  MaskSceneManager(FaceTrackingState& state, CharacterAnimationController& animation,
+                   std::function<double()> clock = {});
+  ~MaskSceneManager();
+  MaskSceneManager(const MaskSceneManager&) = delete;
+  MaskSceneManager& operator=(const MaskSceneManager&) = delete;
+
+  // ---- set-up ---------------------------------------------------------------
+  void setupScene();
+  void setupLighting();
+  void setupOffscreenRenderer();
+  // Applies the settings at master level `master` to the rig; returns at
+  // once when both equal what was applied last (the first call always applies).
+  void applyLighting(const LightingSettings& settings, float master);
+  // The stage environment: a small equirectangular radiance image (a bright
+  // overhead batten, a soft front wash, dark wings and floor) that lights the
+  // character's ambient and glossy reflections.
+  static std::shared_ptr<const EnvironmentImage> makeEnvironmentImage();
+
+  // ---- per frame --------------------------------------------------------------
+  void switchModel(CharacterModelType model);
+  // The morph target of a blendshape name (any case), if the character has one.
+  std::optional<int> targetIndex(std::string_view name) const;
+  // The per-frame update, in twelve steps (model, cue sample, idle float,
+  // orientation, position, scale, expression blend, morph weights, ghost
+  // eyes, opacity, lighting).
+  void updateTracking(const FaceTrackingState& state);
+  static void updateGhostEyes(Node& leftEye, Node& rightEye, const BlendshapeMap& blendshapes);
+
+  // The 60 Hz tick: updateTracking(state), then renderOffscreenFrame() when
+  // the Syphon or the NDI output is switched on.
+  void tick();
+  // Captures the frame and hands it to the render thread when anything
+  // consumes frames; without a renderer or a consumer nothing is rendered.
+  void renderOffscreenFrame();
+  // The frame as it stands now (any size; the outputs use 1920 x 1080).
+  std::shared_ptr<const FrameDescription> makeFrameDescription(int width = outputWidth,
+                                                               int height = outputHeight) const;
+  // Renders the current frame synchronously (snapshots, tests).
+  RenderThread::Result renderFrameNow(int width = outputWidth, int height = outputHeight, int sampleCount = 4);
+
+  // Any thread. Consumers are called on the render thread with each frame.
+  int addFrameConsumer(FrameConsumer consumer);
+  void removeFrameConsumer(int token);
+  RenderThread* renderThread() { return renderer_.get(); }
+
+  // ---- fields ---------------------------------------------------------------
+  const std::shared_ptr<Node>& scene() const { return scene_; }
+  const std::shared_ptr<Node>& maskNode() const { return maskNode_; }
+  const std::shared_ptr<Morpher>& morpher() const { return morpher_; }
+  const std::shared_ptr<Node>& ghostRootNode() const { return ghostRootNode_; }
+  const std::shared_ptr<Node>& ghostLeftEyeNode() const { return ghostLeftEyeNode_; }
+  const std::shared_ptr<Node>& ghostRightEyeNode() const { return ghostRightEyeNode_; }
+  std::optional<CharacterModelType> currentModelType() const { return currentModelType_; }
+  const std::shared_ptr<Node>& cameraNode() const { return cameraNode_; }
+  const std::shared_ptr<Node>& keyLightNode() const { return keyLightNode_; }
+  const std::shared_ptr<Node>& fillLightNode() const { return fillLightNode_; }
+  const std::shared_ptr<Node>& rimLightNode() const { return rimLightNode_; }
+  const std::unordered_map<std::string, int>& targetNameToIndex() const { return targetNameToIndex_; }
+  const std::optional<LightingSettings>& appliedLighting() const { return appliedLighting_; }
+  const std::optional<float>& appliedMaster() const { return appliedMaster_; }
+  // The numbers of every light as last applied.
+  const LightRig& lightRig() const { return rig_; }
+  const FrameCamera& camera() const { return camera_; }
+  const std::shared_ptr<const EnvironmentImage>& environment() const { return environment_; }
+
+ private:
+  struct Consumers {
+    std::mutex mutex;
+    std::map<int, FrameConsumer> list;
+    int nextToken = 1;
+  };
+
+  FaceTrackingState& state_;
+  CharacterAnimationController& animation_;
+  std::function<double()> clock_;
+
+  std::shared_ptr<Node> scene_;
+  std::shared_ptr<Node> maskNode_;
+  std::shared_ptr<Morpher> morpher_;
+  std::shared_ptr<Node> ghostRootNode_;
+  std::shared_ptr<Node> ghostLeftEyeNode_, ghostRightEyeNode_;
+  std::optional<CharacterModelType> currentModelType_;
+  std::shared_ptr<Node> cameraNode_;
+  std::shared_ptr<Node> keyLightNode_, fillLightNode_, rimLightNode_;
+  std::unordered_map<std::string, int> targetNameToIndex_;
+  std::optional<LightingSettings> appliedLighting_;
+  std::optional<float> appliedMaster_;
+
+  LightRig rig_;
+  FrameCamera camera_;
+  std::shared_ptr<const EnvironmentImage> environment_;
+  std::unique_ptr<RenderThread> renderer_;
+  std::shared_ptr<Consumers> consumers_;
+  mutable std::uint64_t sequence_ = 0;
+};
+
+}  // namespace velmora
