@@ -11,6 +11,8 @@
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
 #include "control/QLabOSCServer.h"
+#include "scene/MaskSceneManager.h"
+#include "scene/MaskSnapshot.h"
 #include "app/TrackingIntake.h"
 #include "base/Clock.h"
 #include "tracking/FaceTrackingState.h"
@@ -60,6 +62,8 @@ int Application::main(const std::vector<std::string>& args) {
       SelfTestRunner().run();  // the outcome is in its printed lines
       return 0;
     case CommandLine::Mode::snapshot:
+      MaskSnapshot::run(cl.folder);  // one line per file, then the count
+      return 0;
     case CommandLine::Mode::outputSelfTest:
       logLine("Velmora", "this batch run is not available in this build");
       return 0;
@@ -87,6 +91,7 @@ int Application::runInteractive() {
   mainQueue.setTick([&] {
     // --- per-tick work (60 Hz) ---
     tracking.tick(uptime());
+    MaskSceneManager::shared().tick();  // face and cues onto the character; a frame when an output is on
   }, 60.0);
   mainQueue.run();  // returns after SIGINT/SIGTERM, having run everything still posted
 
