@@ -243,6 +243,21 @@ TEST(OSCParserTest, Bundles) {
   EXPECT_TRUE(parse({'#', 'b', 'u', 'n', 'd', 'l', 'e'}).empty());
 }
 
+TEST(OSCParserTest, DeeplyNestedBundleInOneDatagram) {
+  // As deep as a 64 KiB datagram allows: each level is a 16-byte header
+  // plus a 4-byte size field around the next.
+  Bytes inner = kFloatOne;
+  int depth = 0;
+  while (inner.size() + 20 <= 65507) {
+    inner = bundle({element(inner)});
+    ++depth;
+  }
+  ASSERT_GT(depth, 3000);
+  auto m = parse(inner);
+  ASSERT_EQ(m.size(), 1u);
+  EXPECT_EQ(m[0].floatValue(), 1.0f);
+}
+
 TEST(OSCMessageTest, Accessors) {
   auto make = [](OSCArgument a) { return OSCMessage{"/x", {std::move(a)}}; };
   EXPECT_EQ(make(std::int32_t(1)).boolValue(), true);

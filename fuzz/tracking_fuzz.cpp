@@ -1,0 +1,75 @@
+// libFuzzer target: datagrams through the tracking receiver's detection and
+// each decoder, with no sockets and no main queue. The first byte picks the
+// entry point; the sink checks every frame's invariants and keeps nothing.
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "control/osc/OSCParser.h"
+#include "tracking/TrackingReceiver.h"
+
+namespace {
+
+const std::string kSender = "10.0.0.2:50000";
+
+bool finite(const velmora::float3& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
+
+class CheckingSink final : public velmora::TrackingSink {
+ public:
+  void deliver(velmora::DecodedFrame d) override {
+    if (d.frame.sender != kSender) std::abort();
+    // A rotation is (pitch, yaw, roll) with every component finite.
+    if (d.frame.rotation && !finite(*d.frame.rotation)) std::abort();
+    // Components a packet did not set are placeholders, completed on the main thread.
+    const velmora::FaceFrame f = std::move(d).completed(velmora::float3(0.1f, 0.2f, 0.3f), velmora::float3(1.0f));
+    if (f.rotation && !finite(*f.rotation)) std::abort();
+    ++frames;
+  }
+  void deliverUnknown(const std::string& sender) override {
+    if (sender != kSender) std::abort();
+    ++unknown;
+  }
+  std::uint64_t frames = 0, unknown = 0;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static auto sink = std::make_shared<CheckingSink>();
+  static velmora::TrackingReceiver receiver(sink);
+  if (size == 0) return 0;
+  const std::span<const std::uint8_t> body(data + 1, size - 1);
+  const std::string_view text(reinterpret_cast<const char*>(body.data()), body.size());
+  const std::uint64_t before = sink->frames + sink->unknown;
+  switch (data[0] % 5) {
+    case 0: {
+      const auto packets = receiver.statistics().packetsReceived;
+      receiver.processData(body, kSender);
+      // Every datagram ends as exactly one frame or one unknown.
+      if (sink->frames + sink->unknown != before + 1) std::abort();
+      if (receiver.statistics().packetsReceived != packets + 1) std::abort();
+      break;
+    }
+    case 1:
+      if (receiver.handleUnrealLiveLinkBinary(body, kSender) != (body.size() >= 244)) std::abort();
+      break;
+    case 2:
+      receiver.handleIFacialMocap(text, kSender);
+      break;
+    case 3: {
+      auto json = nlohmann::json::parse(body.begin(), body.end(), nullptr, false);
+      if (json.is_object()) receiver.handleJSON(json, kSender);
+      break;
+    }
+    case 4:
+      receiver.handleOSCMessages(velmora::OSCParser::parsePacket(body), kSender);
+      break;
+  }
+  return 0;
+}
