@@ -56,7 +56,10 @@ class Child {
     posix_spawn_file_actions_addclose(&actions, fds[0]);
     std::vector<std::string> env = extraEnv;
     for (char** e = environ; *e; ++e) {
-      if (std::string(*e).rfind("VELMORA_CONFIG_DIR=", 0) != 0) env.emplace_back(*e);
+      const std::string entry(*e);
+      if (entry.rfind("VELMORA_CONFIG_DIR=", 0) != 0 && entry.rfind("VELMORA_TRACKING_PORTS=", 0) != 0) {
+        env.push_back(entry);
+      }
     }
     std::vector<char*> argv, envp;
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -162,7 +165,9 @@ TEST(VelmoraE2E, HeadlessRunTakesRemoteCuesFromOscsend) {
   {
     std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", port}}.dump();
   }
-  Child velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string()});
+  // The tracking receiver listens on a free port too, never the fixed ones.
+  Child velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string(),
+                             "VELMORA_TRACKING_PORTS=" + std::to_string(freeUdpPort())});
   ASSERT_TRUE(velmora.started());
   const std::string p = std::to_string(port);
   ASSERT_TRUE(velmora.waitForLine("[QLabOSCServer] QLab Remote Cue listener active on UDP port " + p, 20))
@@ -207,7 +212,8 @@ TEST(VelmoraE2E, HeadlessRunReportsAnOscPortInUse) {
   {
     std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", ntohs(a.sin_port)}}.dump();
   }
-  Child velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string()});
+  Child velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string(),
+                             "VELMORA_TRACKING_PORTS=" + std::to_string(freeUdpPort())});
   ASSERT_TRUE(velmora.started());
   EXPECT_TRUE(velmora.waitForLine("[QLabOSCServer] Could not bind to port " + p + ": already in use by another app",
                                   20))
