@@ -106,9 +106,16 @@ void QLabOSCServer::open(std::uint16_t port) {
     setStatus("OSC cues: port 53000 is QLab's own port, choose another");
     return;
   }
-  auto socket = std::make_unique<asio::ip::udp::socket>(impl_->queue.context());
+  // The first socket also creates the queue's reactor (an epoll and an
+  // eventfd), which throws rather than reporting when no descriptor is left.
+  std::unique_ptr<asio::ip::udp::socket> socket;
   asio::error_code ec;
-  socket->open(asio::ip::udp::v4(), ec);
+  try {
+    socket = std::make_unique<asio::ip::udp::socket>(impl_->queue.context());
+    socket->open(asio::ip::udp::v4(), ec);
+  } catch (const std::exception&) {
+    ec = asio::error::no_descriptors;
+  }
   if (ec) {
     setStatus("OSC cues: could not create socket");
     return;

@@ -2,7 +2,9 @@
 #include "control/QLabOSCServer.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -190,6 +192,29 @@ TEST_F(QLabServerTest, OtherBindErrorsShowTheErrorNumber) {
   state().setOscPort(80);
   startAndWait("OSC cues: port 80 bind failed (errno " + std::to_string(EACCES) + ")");
   EXPECT_TRUE(logged("[QLabOSCServer] Could not bind to port 80: bind failed (errno " + std::to_string(EACCES) + ")"));
+}
+
+// Runs in a fresh process: every file descriptor is taken before the start,
+// so creating the socket fails. Exits 0 when the status says so.
+[[noreturn]] void startWithNoDescriptorsLeft() {
+  QLabOSCServer& server = QLabOSCServer::shared();
+  FaceTrackingState& state = FaceTrackingState::shared();
+  state.setOscPort(freePort());
+  const rlimit limit{64, 64};
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  while (::open("/dev/null", O_RDONLY) >= 0) {
+  }
+  server.startListening();
+  server.waitForQueue();
+  const std::string expected = "OSC cues: could not create socket";
+  MainQueue::shared().runUntil([&] { return state.oscStatus() == expected; }, 5.0);
+  std::fprintf(stderr, "status: %s\n", state.oscStatus().c_str());
+  std::_Exit(state.oscStatus() == expected && !server.listeningPort() ? 0 : 1);
+}
+
+TEST(QLabServerSocketFailure, NoSocketLeftIsReported) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(startWithNoDescriptorsLeft(), ::testing::ExitedWithCode(0), "status: OSC cues: could not create socket");
 }
 
 TEST_F(QLabServerTest, DisableClosesAndEnableRebinds) {
