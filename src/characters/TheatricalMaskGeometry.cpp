@@ -351,34 +351,39 @@ TheatricalMaskTopology TheatricalMaskGeometry::buildTopology() {
   auto& uvs = topo.uvs;
   points.reserve(gridVertexCount + columns);
   uvs.reserve(gridVertexCount + columns);
+  points.resize(gridVertexCount);
+  uvs.resize(gridVertexCount);
 
-  // Grid rows from the top (y = 1.0455) to the bottom (y = -0.99425).
-  for (int i = 0; i < rows; ++i) {
-    const float v = static_cast<float>(i) / 190.0f;
-    const float y = 1.0455f - 2.03975f * v;
-    const float q = y - 0.15f;
-    float t, e;
-    if (q >= 0.0f) {
-      t = q / 0.9f;
-      e = 2.8f;
-    } else {
-      t = q / -1.15f;
-      e = 2.2f;
+  // Grid rows from the top (y = 1.0455) to the bottom (y = -0.99425); rows
+  // are independent, so they are computed in parallel.
+  parallelFor(rows, [&](std::size_t rowBegin, std::size_t rowEnd) {
+    for (int i = static_cast<int>(rowBegin); i < static_cast<int>(rowEnd); ++i) {
+      const float v = static_cast<float>(i) / 190.0f;
+      const float y = 1.0455f - 2.03975f * v;
+      const float q = y - 0.15f;
+      float t, e;
+      if (q >= 0.0f) {
+        t = q / 0.9f;
+        e = 2.8f;
+      } else {
+        t = q / -1.15f;
+        e = 2.2f;
+      }
+      const float hw = 0.93f * std::pow(std::max(0.0f, 1.0f - std::pow(std::min(t, 1.0f), e)), 1.0f / e);
+      const float gm = expf32(-sq((y + 0.41453159f) / 0.15f));
+      const float sc = smoothstep(clamp01((q / 0.9f - 0.45f) / 0.55f));
+      for (int j = 0; j < columns; ++j) {
+        const float u = static_cast<float>(j) / 160.0f;
+        const float xn = 2.0f * u - 1.0f;
+        const float x = hw * xn * (0.3f * xn * xn + 0.7f);
+        const float ax = std::fabs(x);
+        const float yy = y + gm * (0.14f * x * x * expf32(-std::pow(ax / 0.6f, 8.0f)) + 0.00453159f) +
+                         sc * 0.18f * std::pow(ax / 0.93f, 3.0f);
+        points[static_cast<std::size_t>(i * columns + j)] = {x, yy};
+        uvs[static_cast<std::size_t>(i * columns + j)] = {u, v};
+      }
     }
-    const float hw = 0.93f * std::pow(std::max(0.0f, 1.0f - std::pow(std::min(t, 1.0f), e)), 1.0f / e);
-    const float gm = expf32(-sq((y + 0.41453159f) / 0.15f));
-    const float sc = smoothstep(clamp01((q / 0.9f - 0.45f) / 0.55f));
-    for (int j = 0; j < columns; ++j) {
-      const float u = static_cast<float>(j) / 160.0f;
-      const float xn = 2.0f * u - 1.0f;
-      const float x = hw * xn * (0.3f * xn * xn + 0.7f);
-      const float ax = std::fabs(x);
-      const float yy = y + gm * (0.14f * x * x * expf32(-std::pow(ax / 0.6f, 8.0f)) + 0.00453159f) +
-                       sc * 0.18f * std::pow(ax / 0.93f, 3.0f);
-      points.push_back({x, yy});
-      uvs.push_back({u, v});
-    }
-  }
+  });
 
   // Mouth split: the lower lip gets its own copy of the mouth-row vertices.
   std::vector<int> dup(columns, -1);
@@ -473,7 +478,7 @@ TheatricalMaskTopology TheatricalMaskGeometry::buildTopology() {
     std::int32_t a, b;
   };
   std::vector<Edge> edges;
-  edges.reserve(front.size());
+  edges.reserve(front.size() * 3);
   for (std::size_t t = 0; t < front.size(); t += 3) {
     for (int k = 0; k < 3; ++k) {
       const std::int32_t a = front[t + k];
