@@ -561,5 +561,54 @@ TEST_F(CatalogTest, StopCommandsFadeOutWithoutChangingTheModel) {
   EXPECT_FALSE(controller().isFadingOut());
 }
 
+// ---------------------------------------------------------------------------
+// Bad input on every command
+// ---------------------------------------------------------------------------
+
+TEST_F(CatalogTest, HostileArgumentsOnEveryCommandKeepTheStateFiniteAndInRange) {
+  const double dNaN = std::numeric_limits<double>::quiet_NaN();
+  const std::vector<std::vector<OSCArgument>> hostile = {
+      {},
+      {kNaN},
+      {kInf},
+      {-kInf},
+      {3.4e38f},
+      {-3.4e38f},
+      {-0.0f},
+      {dNaN},
+      {1e308},
+      {std::numeric_limits<std::int32_t>::max()},
+      {std::numeric_limits<std::int32_t>::min()},
+      {std::string("")},
+      {std::string(5000, 'g')},
+      {std::string("\xE2\x80\x93")},
+      {false},
+      {kNaN, 1.0f, std::string("x")},
+  };
+  auto inRange = [](double v, double lo, double hi) { return std::isfinite(v) && v >= lo && v <= hi; };
+  for (const OSCCommand& command : OSCCommandCatalog::all()) {
+    for (const auto& args : hostile) {
+      const std::string where = command.address + " " + msg("", args).printedArguments().substr(0, 40);
+      ASSERT_TRUE(dispatch(command.address, args)) << where;
+      const FaceTrackingState& s = state();
+      EXPECT_TRUE(inRange(s.globalSensitivity(), 0.1, 5.0)) << where;
+      EXPECT_TRUE(inRange(s.smoothing(), 0, 1)) << where;
+      EXPECT_TRUE(inRange(s.maskOpacity(), 0, 1)) << where;
+      EXPECT_TRUE(inRange(s.lightIntensity(), 0, 5)) << where;
+      const LightingSettings& l = s.lighting();
+      for (double v : {l.key, l.fill, l.rim, l.ambient}) EXPECT_TRUE(inRange(v, 0, 3)) << where;
+      for (double v : {l.keyHeight, l.keySide}) EXPECT_TRUE(inRange(v, -3, 3)) << where;
+      EXPECT_TRUE(inRange(l.warmth, -1, 1)) << where;
+      EXPECT_TRUE(inRange(l.shadow, 0, 1)) << where;
+      const AnimationOutput o = controller().sample(uptime());
+      for (float v : {o.positionOffset.x, o.positionOffset.y, o.positionOffset.z, o.rotationOffset.x,
+                      o.rotationOffset.y, o.rotationOffset.z, o.scaleMultiplier.x, o.opacityMultiplier,
+                      o.blendWeight}) {
+        EXPECT_TRUE(std::isfinite(v)) << where;
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace velmora
