@@ -47,6 +47,21 @@ GeometrySource SourceBuffer::vec3Source(GeometrySource::Semantic semantic, std::
   return s;
 }
 
+GeometrySource SourceBuffer::vec3Source(GeometrySource::Semantic semantic, const float* packed, std::size_t count) {
+  auto data = std::make_shared<std::vector<float>>();
+  data->reserve(count * 4);
+  populate(data->data(), count * 4 * sizeof(float));
+  data->insert(data->end(), packed, packed + count * 4);  // no zero fill first
+  GeometrySource s;
+  s.semantic = semantic;
+  s.componentsPerVector = 3;
+  s.bytesPerComponent = 4;
+  s.dataStride = 16;
+  s.vectorCount = static_cast<int>(count);
+  s.data = std::move(data);
+  return s;
+}
+
 GeometrySource SourceBuffer::vec3Source(GeometrySource::Semantic semantic, const std::vector<float3>& values) {
   float* out = nullptr;
   GeometrySource s = vec3Source(semantic, values.size(), out);

@@ -23,6 +23,9 @@ class SourceBuffer {
   // unused) of `count` vectors over a fresh array; `out` receives the array
   // to write into (4 floats per vector).
   static GeometrySource vec3Source(GeometrySource::Semantic semantic, std::size_t count, float*& out);
+  // A stride-16 float3 source holding a copy of `count` vectors laid out as
+  // 4 floats each at `packed` (the copy is the only write to the new pages).
+  static GeometrySource vec3Source(GeometrySource::Semantic semantic, const float* packed, std::size_t count);
   // The same, filled from `values`.
   static GeometrySource vec3Source(GeometrySource::Semantic semantic, const std::vector<float3>& values);
 };

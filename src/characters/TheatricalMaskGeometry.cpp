@@ -626,29 +626,27 @@ std::vector<float3> TheatricalMaskGeometry::smoothNormals(const std::vector<floa
 std::pair<GeometrySource, GeometrySource> TheatricalMaskGeometry::assembleSources(const std::vector<float3>& front) {
   const auto& topo = topology();
   const std::size_t count = topo.shellCount();
-  float* pos = nullptr;
-  float* nrm = nullptr;
-  auto posSource = SourceBuffer::vec3Source(GeometrySource::Semantic::vertex, count, pos);
-  auto nrmSource = SourceBuffer::vec3Source(GeometrySource::Semantic::normal, count, nrm);
-  assembleInto(front, pos, 4);
-  smoothNormalsInto(pos, 4, count, topo.allTriangles, nrm, 4);
-  return {std::move(posSource), std::move(nrmSource)};
+  // Worked out in scratch arrays (recently used memory, cheap to write), then
+  // copied once into the shared arrays.
+  std::vector<float> pos(count * 4, 0.0f), nrm(count * 4, 0.0f);
+  assembleInto(front, pos.data(), 4);
+  smoothNormalsInto(pos.data(), 4, count, topo.allTriangles, nrm.data(), 4);
+  return {SourceBuffer::vec3Source(GeometrySource::Semantic::vertex, pos.data(), count),
+          SourceBuffer::vec3Source(GeometrySource::Semantic::normal, nrm.data(), count)};
 }
 
 std::pair<GeometrySource, GeometrySource> TheatricalMaskGeometry::frontSources(const std::vector<float3>& front) {
   const auto& topo = topology();
   const std::size_t count = front.size();
-  float* pos = nullptr;
-  float* nrm = nullptr;
-  auto posSource = SourceBuffer::vec3Source(GeometrySource::Semantic::vertex, count, pos);
-  auto nrmSource = SourceBuffer::vec3Source(GeometrySource::Semantic::normal, count, nrm);
+  std::vector<float> pos(count * 4, 0.0f), nrm(count * 4, 0.0f);
   for (std::size_t i = 0; i < count; ++i) {
     pos[4 * i] = front[i].x;
     pos[4 * i + 1] = front[i].y;
     pos[4 * i + 2] = front[i].z;
   }
-  smoothNormalsInto(pos, 4, count, topo.frontTriangles, nrm, 4);
-  return {std::move(posSource), std::move(nrmSource)};
+  smoothNormalsInto(pos.data(), 4, count, topo.frontTriangles, nrm.data(), 4);
+  return {SourceBuffer::vec3Source(GeometrySource::Semantic::vertex, pos.data(), count),
+          SourceBuffer::vec3Source(GeometrySource::Semantic::normal, nrm.data(), count)};
 }
 
 std::pair<GeometrySource, GeometrySource> TheatricalMaskGeometry::makeSources(const std::vector<float3>& positions,
