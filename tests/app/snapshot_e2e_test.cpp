@@ -1,0 +1,125 @@
+// The built velmora's "--snapshot FOLDER" run from outside: every picture is
+// written as a 1920x1080 PNG with a transparent background and the character
+// in it, the contact sheet too, and a machine without any GL display still
+// exits 0 with the reason.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <regex>
+#include <string>
+
+#include "support/TempDir.h"
+
+#define STB_IMAGE_IMPLEMENTATION
+#define STB_IMAGE_STATIC
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wunused-function"
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+#include <stb/stb_image.h>
+#pragma GCC diagnostic pop
+
+namespace velmora {
+namespace {
+
+const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
+
+struct SnapshotRun {
+  int status = -1;
+  std::string output;
+};
+
+SnapshotRun run(const std::string& env, const std::string& folder) {
+  SnapshotRun r;
+  const std::string command = env + " '" + kVelmora + "' --snapshot '" + folder + "' 2>&1";
+  FILE* pipe = ::popen(command.c_str(), "r");
+  if (!pipe) return r;
+  char buf[4096];
+  while (std::fgets(buf, sizeof buf, pipe)) r.output += buf;
+  const int raw = ::pclose(pipe);
+  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  return r;
+}
+
+struct Image {
+  int width = 0, height = 0;
+  std::vector<unsigned char> rgba;
+  int alpha(int x, int y) const { return rgba[(static_cast<std::size_t>(y) * width + x) * 4 + 3]; }
+};
+
+Image load(const std::filesystem::path& path) {
+  Image image;
+  int channels = 0;
+  unsigned char* data = stbi_load(path.c_str(), &image.width, &image.height, &channels, 4);
+  if (data) {
+    image.rgba.assign(data, data + static_cast<std::size_t>(image.width) * image.height * 4);
+    stbi_image_free(data);
+  }
+  return image;
+}
+
+TEST(SnapshotE2ETest, WritesEveryPictureWithATransparentBackground) {
+  test::TempDir dir;
+  const auto folder = dir.path() / "pictures" / "nested";  // created by the run
+  const SnapshotRun r = run("", folder.string());
+  ASSERT_EQ(r.status, 0) << r.output;
+
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(r.output, m, std::regex(R"(\[snapshot\] Wrote (\d+) files to )"))) << r.output;
+  const int count = std::stoi(m[1]);
+  // 2 at rest, 5 mask and 5 ghost expressions, 6 presets, 15 cues, the sheet.
+  EXPECT_EQ(count, 34);
+  int lines = 0;
+  const std::regex fileLine(R"(\[snapshot\] Wrote /.*\.png)");
+  for (auto it = std::sregex_iterator(r.output.begin(), r.output.end(), fileLine);
+       it != std::sregex_iterator(); ++it)
+    ++lines;
+  EXPECT_EQ(lines, count);
+
+  int pictures = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    const auto name = entry.path().filename().string();
+    ASSERT_EQ(entry.path().extension(), ".png") << name;
+    const Image image = load(entry.path());
+    ASSERT_FALSE(image.rgba.empty()) << name;
+    if (name == "contact-sheet.png") {
+      EXPECT_GT(image.width, 1000) << name;
+      EXPECT_EQ(image.alpha(image.width / 2, image.height / 2), 255) << name;
+      continue;
+    }
+    ++pictures;
+    EXPECT_EQ(image.width, 1920) << name;
+    EXPECT_EQ(image.height, 1080) << name;
+    EXPECT_EQ(image.alpha(0, 0), 0) << name;
+    EXPECT_EQ(image.alpha(1919, 1079), 0) << name;
+    std::size_t seen = 0, opaque = 0;
+    for (std::size_t i = 3; i < image.rgba.size(); i += 4) {
+      seen += image.rgba[i] > 0;
+      opaque += image.rgba[i] == 255;
+    }
+    EXPECT_GT(double(seen) / (1920.0 * 1080.0), 0.002) << name;  // even the ghost flying away, fading
+    const double coverage = double(opaque) / (1920.0 * 1080.0);
+    EXPECT_LT(coverage, 0.6) << name;
+    if (name.rfind("mask-", 0) == 0 || name.rfind("ghost-", 0) == 0) {
+      EXPECT_GT(coverage, 0.1) << name;
+    }
+  }
+  EXPECT_EQ(pictures, count - 1);
+  for (const char* expected : {"mask-rest.png", "ghost-rest.png", "mask-jawOpen.png", "mask-lighting-under-light.png",
+                               "ghost-lookLeft.png", "cue-ghostSpin.png", "cue-maskGlare.png"})
+    EXPECT_TRUE(std::filesystem::exists(folder / expected)) << expected;
+}
+
+TEST(SnapshotE2ETest, WithoutAnyGLDisplayItSaysWhyAndExitsZero) {
+  test::TempDir dir;
+  // An EGL vendor list that names nothing: no display of any kind.
+  const SnapshotRun r = run("__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent/egl.json", (dir.path() / "out").string());
+  EXPECT_EQ(r.status, 0) << r.output;
+  EXPECT_NE(r.output.find("[Renderer] EglContext::create(): "), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("nothing will be rendered"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("[snapshot] Wrote 0 files to "), std::string::npos) << r.output;
+}
+
+}  // namespace
+}  // namespace velmora
