@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <span>
@@ -12,6 +13,7 @@
 #include <string_view>
 
 #include "control/osc/OSCParser.h"
+#include "tracking/TrackingDecoders.h"
 #include "tracking/TrackingReceiver.h"
 
 namespace {
@@ -38,6 +40,39 @@ class CheckingSink final : public velmora::TrackingSink {
   std::uint64_t frames = 0, unknown = 0;
 };
 
+// Bitwise equality, so NaN values compare equal to themselves.
+bool same(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+bool same(const std::optional<velmora::float3>& a, const std::optional<velmora::float3>& b) {
+  if (a.has_value() != b.has_value()) return false;
+  return !a || (same(a->x, b->x) && same(a->y, b->y) && same(a->z, b->z));
+}
+bool same(const velmora::DecodedFrame& a, const velmora::DecodedFrame& b) {
+  if (a.frame.blendshapes.has_value() != b.frame.blendshapes.has_value()) return false;
+  if (a.frame.blendshapes) {
+    if (a.frame.blendshapes->size() != b.frame.blendshapes->size()) return false;
+    for (const auto& [name, v] : *a.frame.blendshapes) {
+      auto it = b.frame.blendshapes->find(name);
+      if (it == b.frame.blendshapes->end() || !same(v, it->second)) return false;
+    }
+  }
+  return same(a.frame.rotation, b.frame.rotation) && same(a.frame.position, b.frame.position) &&
+         a.rotationSet == b.rotationSet && a.positionSet == b.positionSet && a.frame.sender == b.frame.sender;
+}
+
+// The receiver decodes OSC and JSON straight from the datagram; those fast
+// paths must agree with parsing first and decoding the parsed result.
+void crossCheck(std::span<const std::uint8_t> body) {
+  const auto messages = velmora::OSCParser::parsePacket(body);
+  const auto fastOSC = velmora::decodeOSCPacket(body, kSender);
+  if (fastOSC.has_value() != !messages.empty()) std::abort();
+  if (fastOSC && !same(*fastOSC, velmora::decodeOSCMessages(messages, kSender))) std::abort();
+
+  const auto document = nlohmann::json::parse(body.begin(), body.end(), nullptr, false);
+  const auto fastJSON = velmora::decodeJSONText(body, kSender);
+  if (fastJSON.has_value() != document.is_object()) std::abort();
+  if (fastJSON && !same(*fastJSON, velmora::decodeJSON(document, kSender))) std::abort();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -47,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::span<const std::uint8_t> body(data + 1, size - 1);
   const std::string_view text(reinterpret_cast<const char*>(body.data()), body.size());
   const std::uint64_t before = sink->frames + sink->unknown;
-  switch (data[0] % 5) {
+  switch (data[0] % 6) {
     case 0: {
       const auto packets = receiver.statistics().packetsReceived;
       receiver.processData(body, kSender);
@@ -69,6 +104,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     case 4:
       receiver.handleOSCMessages(velmora::OSCParser::parsePacket(body), kSender);
+      break;
+    case 5:
+      crossCheck(body);
       break;
   }
   return 0;

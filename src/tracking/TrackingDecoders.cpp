@@ -5,8 +5,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <nlohmann/json.hpp>
 
+#include "control/osc/OSCParser.h"
 #include "tracking/LiveLinkNames.h"
 
 namespace velmora {
@@ -129,6 +131,7 @@ DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender) {
   const std::string_view shapes = text.substr(0, firstEquals);
 
   BlendshapeMap map;
+  map.reserve(64);  // a phone sends 52; no rehash on the way
   forEachPiece(shapes, '|', [&](std::string_view item) {
     const std::size_t dash = item.find('-');
     // Exactly two parts: one dash. A negative number has a second dash and
@@ -162,54 +165,102 @@ DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender) {
   return decoded;
 }
 
-DecodedFrame decodeOSCMessages(const std::vector<OSCMessage>& messages, std::string sender) {
-  DecodedFrame decoded;
-  decoded.rotationSet = {false, false, false};
-  decoded.positionSet = {false, false, false};
-  float3 rotation(0.0f), position(0.0f);
-  bool hasRotation = false, hasPosition = false;
-  BlendshapeMap map;
+namespace {
 
-  auto setComponent = [](float3& v, std::array<bool, 3>& set, bool& has, int i, float value) {
-    v[i] = value;
-    set[static_cast<std::size_t>(i)] = true;
-    has = true;
-  };
+// The OSC address rules over either message type (owned OSCMessage or a
+// view into the datagram), so both paths decode alike.
+std::optional<std::pair<std::string_view, float>> vmcPair(const OSCMessage& m) {
+  if (m.arguments.size() < 2) return std::nullopt;
+  const auto* name = m.arguments[0].get<std::string>();
+  const auto* value = m.arguments[1].get<float>();
+  if (!name || !value) return std::nullopt;
+  return std::pair<std::string_view, float>(*name, *value);
+}
 
-  for (const OSCMessage& m : messages) {
+std::optional<std::pair<std::string_view, float>> vmcPair(const OSCMessageView& m) {
+  if (m.arguments.size() < 2) return std::nullopt;
+  const auto* name = std::get_if<std::string_view>(&m.arguments[0]);
+  const auto* value = std::get_if<float>(&m.arguments[1]);
+  if (!name || !value) return std::nullopt;
+  return std::pair<std::string_view, float>(*name, *value);
+}
+
+class OSCFrameBuilder {
+ public:
+  OSCFrameBuilder() {
+    decoded_.rotationSet = {false, false, false};
+    decoded_.positionSet = {false, false, false};
+    map_.reserve(64);  // a phone sends 52; no rehash on the way
+  }
+
+  template <class Message>
+  void add(const Message& m) {
     const std::string_view address = m.address;
     if (address.find("/BlendShapes/") != std::string_view::npos ||
         address.find("/blendshapes/") != std::string_view::npos) {
-      if (auto v = m.floatValue()) map.insert_or_assign(std::string(address.substr(address.rfind('/') + 1)), *v);
+      if (auto v = m.floatValue()) map_.insert_or_assign(std::string(address.substr(address.rfind('/') + 1)), *v);
     } else if (address == "/VMC/Ext/Blend/Val") {
-      if (m.arguments.size() >= 2) {
-        const auto* name = m.arguments[0].get<std::string>();
-        const auto* value = m.arguments[1].get<float>();
-        if (name && value) map.insert_or_assign(*name, *value);
-      }
+      if (auto pair = vmcPair(m)) map_.insert_or_assign(std::string(pair->first), pair->second);
     } else if (address.find("/Head/Pitch") != std::string_view::npos) {
-      if (auto v = m.floatValue()) setComponent(rotation, decoded.rotationSet, hasRotation, 0, *v * trackingDegreesToRadians);
+      if (auto v = m.floatValue()) setRotation(0, *v * trackingDegreesToRadians);
     } else if (address.find("/Head/Yaw") != std::string_view::npos) {
-      if (auto v = m.floatValue()) setComponent(rotation, decoded.rotationSet, hasRotation, 1, *v * trackingDegreesToRadians);
+      if (auto v = m.floatValue()) setRotation(1, *v * trackingDegreesToRadians);
     } else if (address.find("/Head/Roll") != std::string_view::npos) {
-      if (auto v = m.floatValue()) setComponent(rotation, decoded.rotationSet, hasRotation, 2, *v * trackingDegreesToRadians);
+      if (auto v = m.floatValue()) setRotation(2, *v * trackingDegreesToRadians);
     } else if (address.find("/Head/X") != std::string_view::npos) {
-      if (auto v = m.floatValue()) setComponent(position, decoded.positionSet, hasPosition, 0, *v * 0.01f);
+      if (auto v = m.floatValue()) setPosition(0, *v * 0.01f);
     } else if (address.find("/Head/Y") != std::string_view::npos) {
-      if (auto v = m.floatValue()) setComponent(position, decoded.positionSet, hasPosition, 1, *v * 0.01f);
+      if (auto v = m.floatValue()) setPosition(1, *v * 0.01f);
     } else if (address.find("/Head/Z") != std::string_view::npos) {
-      if (auto v = m.floatValue()) setComponent(position, decoded.positionSet, hasPosition, 2, *v * 0.01f);
+      if (auto v = m.floatValue()) setPosition(2, *v * 0.01f);
     } else if (address.starts_with("/tracking/")) {
-      if (auto v = m.floatValue()) map.insert_or_assign(std::string(address.substr(10)), *v);
+      if (auto v = m.floatValue()) map_.insert_or_assign(std::string(address.substr(10)), *v);
     }
+    // Any other address: ignored.
   }
-  decoded.frame.blendshapes = std::move(map);
-  // Unset components are 0 here and finite once completed; a non-finite
-  // component from the packet drops the whole rotation.
-  if (hasRotation && allFinite(rotation)) decoded.frame.rotation = rotation;
-  if (hasPosition) decoded.frame.position = position;
-  decoded.frame.sender = std::move(sender);
-  return decoded;
+
+  DecodedFrame finish(std::string sender) && {
+    decoded_.frame.blendshapes = std::move(map_);
+    // Unset components are 0 here and finite once completed; a non-finite
+    // component from the packet drops the whole rotation.
+    if (hasRotation_ && allFinite(rotation_)) decoded_.frame.rotation = rotation_;
+    if (hasPosition_) decoded_.frame.position = position_;
+    decoded_.frame.sender = std::move(sender);
+    return std::move(decoded_);
+  }
+
+ private:
+  void setRotation(int i, float v) {
+    rotation_[i] = v;
+    decoded_.rotationSet[static_cast<std::size_t>(i)] = true;
+    hasRotation_ = true;
+  }
+  void setPosition(int i, float v) {
+    position_[i] = v;
+    decoded_.positionSet[static_cast<std::size_t>(i)] = true;
+    hasPosition_ = true;
+  }
+
+  DecodedFrame decoded_;
+  BlendshapeMap map_;
+  float3 rotation_{0.0f}, position_{0.0f};
+  bool hasRotation_ = false, hasPosition_ = false;
+};
+
+}  // namespace
+
+DecodedFrame decodeOSCMessages(const std::vector<OSCMessage>& messages, std::string sender) {
+  OSCFrameBuilder builder;
+  for (const OSCMessage& m : messages) builder.add(m);
+  return std::move(builder).finish(std::move(sender));
+}
+
+std::optional<DecodedFrame> decodeOSCPacket(std::span<const std::uint8_t> data, std::string sender) {
+  OSCFrameBuilder builder;
+  const std::size_t count =
+      OSCParser::forEachMessage(data, [&builder](const OSCMessageView& m) { builder.add(m); });
+  if (count == 0) return std::nullopt;
+  return std::move(builder).finish(std::move(sender));
 }
 
 DecodedFrame decodeJSON(const nlohmann::json& object, std::string sender) {
@@ -227,6 +278,133 @@ DecodedFrame decodeJSON(const nlohmann::json& object, std::string sender) {
     if (auto r = jsonVector(object, "rotation"); r && allFinite(*r)) decoded.frame.rotation = *r;
     decoded.frame.position = jsonVector(object, "position");
   }
+  decoded.frame.sender = std::move(sender);
+  return decoded;
+}
+
+namespace {
+
+// Builds the same frame as decodeJSON(json::parse(text)) while the text is
+// parsed, without building the document: duplicate keys resolve as the
+// document would (the last one wins), and a top level that is not an
+// object aborts the parse.
+class JSONFrameHandler final : public nlohmann::json_sax<nlohmann::json> {
+ public:
+  bool null() override { return scalar(std::nullopt); }
+  bool boolean(bool v) override { return scalar(v ? 1.0 : 0.0); }
+  bool number_integer(number_integer_t v) override { return scalar(static_cast<double>(v)); }
+  bool number_unsigned(number_unsigned_t v) override { return scalar(static_cast<double>(v)); }
+  bool number_float(number_float_t v, const string_t&) override { return scalar(v); }
+  bool string(string_t&) override { return scalar(std::nullopt); }
+  bool binary(binary_t&) override { return scalar(std::nullopt); }
+
+  bool start_object(std::size_t) override {
+    if (depth_ == 0) {
+      depth_ = 1;
+      return true;
+    }
+    if (depth_ == 1 && section_ == Section::blendshapes) {
+      map_.emplace();
+      map_->reserve(64);
+    } else {
+      nonNumeric();
+    }
+    ++depth_;
+    return true;
+  }
+  bool key(string_t& k) override {
+    if (depth_ == 1) {
+      section_ = k == "blendshapes" ? Section::blendshapes
+                 : k == "rotation"  ? Section::rotation
+                 : k == "position"  ? Section::position
+                                    : Section::other;
+    } else if (depth_ == 2 && section_ == Section::blendshapes) {
+      shapeName_ = std::move(k);
+    }
+    return true;
+  }
+  bool end_object() override {
+    --depth_;
+    return true;
+  }
+  bool start_array(std::size_t) override {
+    if (depth_ == 0) return false;  // top level is not an object
+    if (depth_ == 1 && (section_ == Section::rotation || section_ == Section::position)) {
+      count_ = 0;
+      vectorValid_ = true;
+    } else {
+      nonNumeric();
+    }
+    ++depth_;
+    return true;
+  }
+  bool end_array() override {
+    --depth_;
+    if (depth_ == 1 && (section_ == Section::rotation || section_ == Section::position)) {
+      std::optional<float3> v;
+      if (vectorValid_ && count_ >= 3) v = vector_;
+      (section_ == Section::rotation ? rotation_ : position_) = v;
+    }
+    return true;
+  }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override { return false; }
+
+  std::optional<BlendshapeMap> map_;
+  std::optional<float3> rotation_, position_;
+
+ private:
+  enum class Section { other, blendshapes, rotation, position };
+
+  // A scalar value (number or boolean as a number; null, text, binary as none).
+  bool scalar(std::optional<double> number) {
+    if (depth_ == 0) return false;  // top level is not an object
+    if (!number) {
+      nonNumeric();
+      return true;
+    }
+    if (depth_ == 1) {
+      // A top-level part of the wrong kind replaces an earlier good one.
+      if (section_ == Section::blendshapes) map_.reset();
+      if (section_ == Section::rotation) rotation_.reset();
+      if (section_ == Section::position) position_.reset();
+    } else if (depth_ == 2 && section_ == Section::blendshapes && map_) {
+      map_->insert_or_assign(shapeName_, static_cast<float>(*number));
+    } else if (depth_ == 2 && (section_ == Section::rotation || section_ == Section::position)) {
+      if (count_ < 3) vector_[static_cast<int>(count_)] = static_cast<float>(*number);
+      ++count_;
+    }
+    return true;
+  }
+  // A value that is not a number where the part needs one.
+  void nonNumeric() {
+    if (depth_ == 1) {
+      if (section_ == Section::blendshapes) map_.reset();
+      if (section_ == Section::rotation) rotation_.reset();
+      if (section_ == Section::position) position_.reset();
+    } else if (depth_ == 2 && section_ == Section::blendshapes && map_) {
+      map_->erase(shapeName_);
+    } else if (depth_ == 2 && (section_ == Section::rotation || section_ == Section::position)) {
+      vectorValid_ = false;
+    }
+  }
+
+  int depth_ = 0;
+  Section section_ = Section::other;
+  std::string shapeName_;
+  float3 vector_{0.0f};
+  std::size_t count_ = 0;
+  bool vectorValid_ = false;
+};
+
+}  // namespace
+
+std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, std::string sender) {
+  JSONFrameHandler handler;
+  if (!nlohmann::json::sax_parse(data.begin(), data.end(), &handler)) return std::nullopt;
+  DecodedFrame decoded;
+  decoded.frame.blendshapes = std::move(handler.map_);
+  if (handler.rotation_ && allFinite(*handler.rotation_)) decoded.frame.rotation = handler.rotation_;
+  decoded.frame.position = handler.position_;
   decoded.frame.sender = std::move(sender);
   return decoded;
 }

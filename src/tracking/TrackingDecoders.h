@@ -38,9 +38,19 @@ DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender);
 // DecodedFrame).
 DecodedFrame decodeOSCMessages(const std::vector<OSCMessage>& messages, std::string sender);
 
+// An OSC datagram (message or bundle) decoded as parsing it with
+// OSCParser::parsePacket and then decodeOSCMessages would, without
+// materialising the messages. None when the datagram holds no message.
+std::optional<DecodedFrame> decodeOSCPacket(std::span<const std::uint8_t> data, std::string sender);
+
 // A JSON object {"blendshapes": {name: number}, "rotation": [p, y, r],
 // "position": [x, y, z]}; absent or malformed parts are left out.
 DecodedFrame decodeJSON(const nlohmann::json& object, std::string sender);
+
+// A JSON datagram decoded as json::parse followed by decodeJSON would,
+// without building the document. None when the text is not JSON or its top
+// level is not an object.
+std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, std::string sender);
 
 // A whole string as a decimal number the way the text senders write them:
 // optional sign, digits, fraction, exponent, "inf"/"nan", hex with "0x"; no

@@ -200,10 +200,11 @@ void TrackingReceiver::processData(std::span<const std::uint8_t> data, const std
   //    to the other formats.
   const bool bundle = data.size() >= 7 && std::memcmp(data.data(), "#bundle", 7) == 0;
   if (bundle || (!data.empty() && data[0] == '/')) {
-    auto messages = OSCParser::parsePacket(data);
-    if (!messages.empty()) {
+    // Same messages and rules as parsePacket + handleOSCMessages, decoded
+    // straight from the datagram without copying every address.
+    if (auto decoded = decodeOSCPacket(data, sender)) {
       recordFormat(TrackingFormat::osc);
-      handleOSCMessages(messages, sender);
+      sink_->deliver(std::move(*decoded));
       return;
     }
   }
@@ -219,11 +220,11 @@ void TrackingReceiver::processData(std::span<const std::uint8_t> data, const std
 
   // 3. JSON whose top level is an object. Text that is not UTF-8 cannot be
   //    JSON, so binary packets skip the parse.
+  //    Decoded while parsing, as json::parse + handleJSON would.
   if (utf8) {
-    auto document = nlohmann::json::parse(data.begin(), data.end(), nullptr, /*allow_exceptions=*/false);
-    if (document.is_object()) {
+    if (auto decoded = decodeJSONText(data, sender)) {
       recordFormat(TrackingFormat::json);
-      handleJSON(document, sender);
+      sink_->deliver(std::move(*decoded));
       return;
     }
   }

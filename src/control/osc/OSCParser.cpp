@@ -3,6 +3,7 @@
 #include <bit>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 
 #include "control/osc/Utf8.h"
 
@@ -43,7 +44,82 @@ std::optional<std::string_view> readStringView(std::span<const std::uint8_t> dat
   return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
 }
 
-void appendBundle(std::span<const std::uint8_t> data, std::vector<OSCMessage>& out) {
+// Decodes one message into `address` and `arguments` (reused storage).
+// False when there is no message (the address cannot be read).
+bool parseMessageView(std::span<const std::uint8_t> data, std::string_view& address,
+                      std::vector<OSCArgumentView>& arguments) {
+  arguments.clear();
+  const std::size_t size = data.size();
+  std::size_t offset = 0;
+  auto a = readStringView(data, offset);
+  if (!a) return false;
+  address = *a;
+  if (offset >= size) return true;
+
+  auto tags = readStringView(data, offset);
+  if (!tags || tags->size() < 2 || tags->front() != ',') return true;
+
+  for (char tag : tags->substr(1)) {
+    switch (tag) {
+      case 'f':
+        if (size - offset >= 4) {
+          arguments.emplace_back(std::bit_cast<float>(readU32(data.data() + offset)));
+          offset += 4;
+        }
+        break;
+      case 'i':
+        if (size - offset >= 4) {
+          arguments.emplace_back(static_cast<std::int32_t>(readU32(data.data() + offset)));
+          offset += 4;
+        }
+        break;
+      case 'd':
+        if (size - offset >= 8) {
+          arguments.emplace_back(std::bit_cast<double>(readU64(data.data() + offset)));
+          offset += 8;
+        }
+        break;
+      case 's':
+        if (auto text = readStringView(data, offset)) arguments.emplace_back(*text);
+        break;
+      case 'T':
+        arguments.emplace_back(true);
+        break;
+      case 'F':
+        arguments.emplace_back(false);
+        break;
+      default:
+        // Unknown tags (blobs, 64-bit ints, time tags, nil, ...) consume
+        // nothing: their bytes are read by the tags that follow.
+        break;
+    }
+  }
+  return true;
+}
+
+OSCMessage ownedMessage(std::string_view address, const std::vector<OSCArgumentView>& arguments) {
+  OSCMessage message;
+  message.address.assign(address.data(), address.size());
+  message.arguments.reserve(arguments.size());
+  for (const auto& a : arguments) {
+    std::visit(
+        [&](const auto& v) {
+          using T = std::decay_t<decltype(v)>;
+          if constexpr (std::is_same_v<T, std::string_view>) {
+            message.arguments.emplace_back(std::string(v));
+          } else {
+            message.arguments.emplace_back(v);
+          }
+        },
+        a);
+  }
+  return message;
+}
+
+// Walks a bundle's elements from byte 16, calling onMessage(address,
+// arguments) for each message, nested bundles in place.
+template <class F>
+void walkBundle(std::span<const std::uint8_t> data, std::vector<OSCArgumentView>& arguments, F& onMessage) {
   const std::size_t size = data.size();
   std::size_t p = kBundleHeaderLength;
   while (p + 4 <= size) {
@@ -54,29 +130,54 @@ void appendBundle(std::span<const std::uint8_t> data, std::vector<OSCMessage>& o
     const auto element = data.subspan(p + 4, static_cast<std::size_t>(elementSize));
     if (element.size() >= 4) {
       if (beginsWithBundleTag(element)) {
-        appendBundle(element, out);
-      } else if (auto m = OSCParser::parseMessage(element)) {
-        out.push_back(std::move(*m));
+        walkBundle(element, arguments, onMessage);
+      } else {
+        std::string_view address;
+        if (parseMessageView(element, address, arguments)) onMessage(address, arguments);
       }
     }
     p = static_cast<std::size_t>(end);
   }
 }
 
+template <class F>
+void walkPacket(std::span<const std::uint8_t> data, F& onMessage) {
+  if (data.size() < 4) return;
+  std::vector<OSCArgumentView> arguments;
+  if (beginsWithBundleTag(data)) {
+    walkBundle(data, arguments, onMessage);
+    return;
+  }
+  std::string_view address;
+  if (parseMessageView(data, address, arguments)) onMessage(address, arguments);
+}
+
 }  // namespace
 
 std::vector<OSCMessage> OSCParser::parsePacket(std::span<const std::uint8_t> data) {
-  if (data.size() < 4) return {};
-  if (beginsWithBundleTag(data)) return parseBundle(data);
   std::vector<OSCMessage> out;
-  if (auto m = parseMessage(data)) out.push_back(std::move(*m));
+  auto collect = [&](std::string_view address, const std::vector<OSCArgumentView>& arguments) {
+    out.push_back(ownedMessage(address, arguments));
+  };
+  walkPacket(data, collect);
   return out;
 }
 
 std::vector<OSCMessage> OSCParser::parseBundle(std::span<const std::uint8_t> data) {
   std::vector<OSCMessage> out;
-  appendBundle(data, out);
+  std::vector<OSCArgumentView> arguments;
+  auto collect = [&](std::string_view address, const std::vector<OSCArgumentView>& args) {
+    out.push_back(ownedMessage(address, args));
+  };
+  walkBundle(data, arguments, collect);
   return out;
+}
+
+std::optional<OSCMessage> OSCParser::parseMessage(std::span<const std::uint8_t> data) {
+  std::vector<OSCArgumentView> arguments;
+  std::string_view address;
+  if (!parseMessageView(data, address, arguments)) return std::nullopt;
+  return ownedMessage(address, arguments);
 }
 
 std::optional<std::string> OSCParser::readString(std::span<const std::uint8_t> data, std::size_t& offset) {
@@ -85,55 +186,15 @@ std::optional<std::string> OSCParser::readString(std::span<const std::uint8_t> d
   return std::string(*view);
 }
 
-std::optional<OSCMessage> OSCParser::parseMessage(std::span<const std::uint8_t> data) {
-  const std::size_t size = data.size();
-  std::size_t offset = 0;
-  auto address = readStringView(data, offset);
-  if (!address) return std::nullopt;
-  OSCMessage message;
-  message.address.assign(address->data(), address->size());
-  if (offset >= size) return message;
-
-  auto tags = readStringView(data, offset);
-  if (!tags || tags->size() < 2 || tags->front() != ',') return message;
-
-  message.arguments.reserve(tags->size() - 1);
-  for (char tag : tags->substr(1)) {
-    switch (tag) {
-      case 'f':
-        if (size - offset >= 4) {
-          message.arguments.emplace_back(std::bit_cast<float>(readU32(data.data() + offset)));
-          offset += 4;
-        }
-        break;
-      case 'i':
-        if (size - offset >= 4) {
-          message.arguments.emplace_back(static_cast<std::int32_t>(readU32(data.data() + offset)));
-          offset += 4;
-        }
-        break;
-      case 'd':
-        if (size - offset >= 8) {
-          message.arguments.emplace_back(std::bit_cast<double>(readU64(data.data() + offset)));
-          offset += 8;
-        }
-        break;
-      case 's':
-        if (auto s = readStringView(data, offset)) message.arguments.emplace_back(std::string(*s));
-        break;
-      case 'T':
-        message.arguments.emplace_back(true);
-        break;
-      case 'F':
-        message.arguments.emplace_back(false);
-        break;
-      default:
-        // Unknown tags (blobs, 64-bit ints, time tags, nil, ...) consume
-        // nothing: their bytes are read by the tags that follow.
-        break;
-    }
-  }
-  return message;
+std::size_t OSCParser::forEachMessage(std::span<const std::uint8_t> data,
+                                      const std::function<void(const OSCMessageView&)>& onMessage) {
+  std::size_t count = 0;
+  auto forward = [&](std::string_view address, const std::vector<OSCArgumentView>& arguments) {
+    ++count;
+    onMessage(OSCMessageView{address, arguments});
+  };
+  walkPacket(data, forward);
+  return count;
 }
 
 }  // namespace velmora

@@ -13,12 +13,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "control/osc/OSCMessage.h"
+#include "control/osc/OSCMessageView.h"
 
 namespace velmora {
 
@@ -38,6 +40,11 @@ class OSCParser {
   // zero-led 4-byte groups. None when offset lies beyond the data or the
   // bytes are not UTF-8; at exactly the end it yields the empty text.
   static std::optional<std::string> readString(std::span<const std::uint8_t> data, std::size_t& offset);
+
+  // The messages parsePacket would return, in the same order, handed one at
+  // a time as views into `data` without copying any text. Returns how many.
+  static std::size_t forEachMessage(std::span<const std::uint8_t> data,
+                                    const std::function<void(const OSCMessageView&)>& onMessage);
 };
 
 }  // namespace velmora
