@@ -241,6 +241,63 @@ TEST(JSONTrackingDecoderTest, Parts) {
   EXPECT_FALSE(d.frame.rotation);
 }
 
+TEST(JSONTrackingDecoderTest, DecodingWhileParsingMatchesTheDocument) {
+  // The receiver's path (decodeJSONText) must give what parsing the whole
+  // document and then decodeJSON gives, duplicate keys included.
+  for (const char* text : {
+           R"({"blendshapes": {"jawOpen": 0.5, "a": 1, "a": "x", "b": [1], "c": {"d": 2}, "e": null}})",
+           R"({"blendshapes": {"a": 1}, "blendshapes": 5, "rotation": [1, 2, 3], "rotation": [1, 2]})",
+           R"({"rotation": [1, [2], 3], "position": [1, 2, 3, {"x": 1}], "other": {"rotation": [1, 2, 3]}})",
+           R"({"rotation": [0.5, -1e-3, 7], "position": [true, false, 2e3], "blendshapes": {}})",
+           R"({"rotation": [1e300, 0, 0]})",
+           R"({})",
+       }) {
+    const std::string_view view(text);
+    const Bytes bytes(view.begin(), view.end());
+    auto fast = decodeJSONText(bytes, kSender);
+    auto reference = decodeJSON(nlohmann::json::parse(text), kSender);
+    ASSERT_TRUE(fast) << text;
+    EXPECT_EQ(fast->frame.blendshapes, reference.frame.blendshapes) << text;
+    EXPECT_EQ(fast->frame.rotation, reference.frame.rotation) << text;
+    EXPECT_EQ(fast->frame.position, reference.frame.position) << text;
+  }
+  for (const char* notAnObject : {"[1, 2]", "5", "\"text\"", "{\"a\": }", "{} {}", "{\"a\": 1e400}", ""}) {
+    const std::string_view view(notAnObject);
+    EXPECT_FALSE(decodeJSONText(Bytes(view.begin(), view.end()), kSender)) << notAnObject;
+  }
+}
+
+TEST(OSCTrackingDecoderTest, DecodingFromTheDatagramMatchesParsedMessages) {
+  // "#bundle" + time tag, then /VMC/Ext/Blend/Val ,sf "jawOpen" 0.7 and
+  // /Head/Yaw ,f 90 as size-prefixed elements.
+  Bytes b = bytesOf(std::string("#bundle\0", 8));
+  b.resize(16, 0);
+  auto element = [&](const Bytes& m) {
+    const auto n = static_cast<std::uint32_t>(m.size());
+    b.insert(b.end(), {std::uint8_t(n >> 24), std::uint8_t(n >> 16), std::uint8_t(n >> 8), std::uint8_t(n)});
+    b.insert(b.end(), m.begin(), m.end());
+  };
+  Bytes vmc = bytesOf(std::string("/VMC/Ext/Blend/Val\0\0,sf\0jawOpen\0", 32));
+  vmc.resize(36);
+  putFloat(vmc, 32, 0.7f);
+  Bytes yaw = bytesOf(std::string("/Head/Yaw\0\0\0,f\0\0", 16));
+  yaw.resize(20);
+  putFloat(yaw, 16, 90.0f);
+  element(vmc);
+  element(yaw);
+
+  auto fast = decodeOSCPacket(b, kSender);
+  const auto reference = decodeOSCMessages(OSCParser::parsePacket(b), kSender);
+  ASSERT_TRUE(fast);
+  EXPECT_EQ(fast->frame.blendshapes, reference.frame.blendshapes);
+  EXPECT_EQ(fast->frame.blendshapes->at("jawOpen"), 0.7f);
+  EXPECT_EQ(fast->frame.rotation, reference.frame.rotation);
+  EXPECT_EQ(fast->rotationSet, reference.rotationSet);
+  // No message at all: no frame, so detection goes on to the next format.
+  EXPECT_FALSE(decodeOSCPacket(bytesOf("/ab"), kSender));
+  EXPECT_FALSE(decodeOSCPacket(bytesOf(std::string("#bundle\0\0\0\0\0\0\0\0\0", 16)), kSender));
+}
+
 // ---------------------------------------------------------------- detection order
 
 class DetectionTest : public ::testing::Test {
