@@ -392,7 +392,9 @@ std::vector<Material> bodyMaterials() {
   outer.name = "GhostSheet";
   outer.diffuse = float4(1.0f);
   outer.roughness = 0.6f;
-  outer.emission = float3(0.05f, 0.055f, 0.06f);  // a faint glow in dim light
+  // A soft cool glow: enough that the sheet reads as luminous under the
+  // default rig and stays visible when the stage lights are low.
+  outer.emission = float3(0.26f, 0.28f, 0.32f);
   Material inner = outer;
   inner.name = "GhostInside";
   inner.roughness = 0.8f;
