@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "control/osc/OSCParser.h"
+#include "control/osc/Utf8.h"
 #include "tracking/LiveLinkNames.h"
 
 namespace velmora {
@@ -398,9 +399,267 @@ class JSONFrameHandler final : public nlohmann::json_sax<nlohmann::json> {
 
 }  // namespace
 
+namespace {
+
+// A strict JSON scanner (RFC 8259, as nlohmann's parser accepts it: UTF-8
+// byte-order mark skipped, UTF-8 and escapes checked inside strings, number
+// overflow rejected, nothing but whitespace after the value until the end or
+// a zero byte) that feeds the
+// SAX events to the frame handler. The generic parser reads one character
+// at a time through an input adapter; this reads runs, so a 52-entry
+// datagram decodes within the per-datagram budget. The tracking fuzzer
+// checks that both accept the same texts and yield the same frames.
+class JSONScanner {
+ public:
+  JSONScanner(const char* begin, const char* end, JSONFrameHandler& handler)
+      : p_(begin), end_(end), handler_(handler) {}
+
+  bool run() {
+    if (end_ - p_ >= 1 && static_cast<unsigned char>(*p_) == 0xEF) {
+      if (end_ - p_ < 3 || static_cast<unsigned char>(p_[1]) != 0xBB || static_cast<unsigned char>(p_[2]) != 0xBF)
+        return false;
+      p_ += 3;
+    }
+    enum class Next { value, key, afterValue };
+    Next next = Next::value;
+    while (true) {
+      skipSpace();
+      if (next == Next::key) {
+        if (p_ == end_ || *p_ != '"' || !scanString()) return false;
+        if (!handler_.key(text_)) return false;
+        skipSpace();
+        if (p_ == end_ || *p_ != ':') return false;
+        ++p_;
+        next = Next::value;
+        continue;
+      }
+      if (next == Next::value) {
+        if (p_ == end_) return false;
+        const char c = *p_;
+        if (c == '{') {
+          ++p_;
+          if (!handler_.start_object(std::size_t(-1))) return false;
+          stack_.push_back('{');
+          skipSpace();
+          if (p_ != end_ && *p_ == '}') {
+            ++p_;
+            stack_.pop_back();
+            if (!handler_.end_object()) return false;
+            next = Next::afterValue;
+          } else {
+            next = Next::key;
+          }
+          continue;
+        }
+        if (c == '[') {
+          ++p_;
+          if (!handler_.start_array(std::size_t(-1))) return false;
+          stack_.push_back('[');
+          skipSpace();
+          if (p_ != end_ && *p_ == ']') {
+            ++p_;
+            stack_.pop_back();
+            if (!handler_.end_array()) return false;
+            next = Next::afterValue;
+          }
+          continue;
+        }
+        bool ok = false;
+        if (c == '"') {
+          ok = scanString() && handler_.string(text_);
+        } else if (c == 't') {
+          ok = literal("true") && handler_.boolean(true);
+        } else if (c == 'f') {
+          ok = literal("false") && handler_.boolean(false);
+        } else if (c == 'n') {
+          ok = literal("null") && handler_.null();
+        } else if (c == '-' || (c >= '0' && c <= '9')) {
+          ok = scanNumber();
+        }
+        if (!ok) return false;
+        next = Next::afterValue;
+        continue;
+      }
+      // After a value: the end, a separator or a closing bracket.
+      // A zero byte counts as the end of the input (senders that send C
+      // strings with their terminator), as in the generic parser.
+      if (stack_.empty()) return p_ == end_ || *p_ == '\0';
+      if (p_ == end_) return false;
+      const char c = *p_++;
+      if (c == ',') {
+        next = stack_.back() == '{' ? Next::key : Next::value;
+      } else if (c == '}' && stack_.back() == '{') {
+        stack_.pop_back();
+        if (!handler_.end_object()) return false;
+      } else if (c == ']' && stack_.back() == '[') {
+        stack_.pop_back();
+        if (!handler_.end_array()) return false;
+      } else {
+        return false;
+      }
+    }
+  }
+
+ private:
+  void skipSpace() {
+    while (p_ != end_ && (*p_ == ' ' || *p_ == '\t' || *p_ == '\n' || *p_ == '\r')) ++p_;
+  }
+
+  bool literal(std::string_view word) {
+    if (static_cast<std::size_t>(end_ - p_) < word.size() || std::string_view(p_, word.size()) != word) return false;
+    p_ += word.size();
+    return true;
+  }
+
+  static int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  }
+
+  bool readHex4(std::uint32_t& out) {
+    if (end_ - p_ < 4) return false;
+    out = 0;
+    for (int i = 0; i < 4; ++i) {
+      const int h = hexValue(p_[i]);
+      if (h < 0) return false;
+      out = (out << 4) | static_cast<std::uint32_t>(h);
+    }
+    p_ += 4;
+    return true;
+  }
+
+  void appendUTF8(std::uint32_t cp) {
+    if (cp < 0x80) {
+      text_ += static_cast<char>(cp);
+    } else if (cp < 0x800) {
+      text_ += static_cast<char>(0xC0 | (cp >> 6));
+      text_ += static_cast<char>(0x80 | (cp & 0x3F));
+    } else if (cp < 0x10000) {
+      text_ += static_cast<char>(0xE0 | (cp >> 12));
+      text_ += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+      text_ += static_cast<char>(0x80 | (cp & 0x3F));
+    } else {
+      text_ += static_cast<char>(0xF0 | (cp >> 18));
+      text_ += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+      text_ += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+      text_ += static_cast<char>(0x80 | (cp & 0x3F));
+    }
+  }
+
+  // At the opening quote; leaves the decoded text in text_.
+  bool scanString() {
+    ++p_;
+    text_.clear();
+    while (true) {
+      const char* run = p_;
+      while (p_ != end_) {
+        const auto u = static_cast<unsigned char>(*p_);
+        if (u == '"' || u == '\\' || u < 0x20 || u >= 0x80) break;
+        ++p_;
+      }
+      text_.append(run, static_cast<std::size_t>(p_ - run));
+      if (p_ == end_) return false;
+      const auto u = static_cast<unsigned char>(*p_);
+      if (u == '"') {
+        ++p_;
+        return true;
+      }
+      if (u < 0x20) return false;  // control characters must be escaped
+      if (u >= 0x80) {
+        std::size_t len = u >= 0xF0 ? 4 : u >= 0xE0 ? 3 : 2;
+        if (static_cast<std::size_t>(end_ - p_) < len) len = static_cast<std::size_t>(end_ - p_);
+        if (!isValidUTF8({reinterpret_cast<const std::uint8_t*>(p_), len}) || u < 0xC2) return false;
+        text_.append(p_, len);
+        p_ += len;
+        continue;
+      }
+      // An escape.
+      ++p_;
+      if (p_ == end_) return false;
+      const char e = *p_++;
+      switch (e) {
+        case '"': text_ += '"'; break;
+        case '\\': text_ += '\\'; break;
+        case '/': text_ += '/'; break;
+        case 'b': text_ += '\b'; break;
+        case 'f': text_ += '\f'; break;
+        case 'n': text_ += '\n'; break;
+        case 'r': text_ += '\r'; break;
+        case 't': text_ += '\t'; break;
+        case 'u': {
+          std::uint32_t cp = 0;
+          if (!readHex4(cp)) return false;
+          if (cp >= 0xDC00 && cp <= 0xDFFF) return false;  // a low surrogate alone
+          if (cp >= 0xD800 && cp <= 0xDBFF) {
+            std::uint32_t low = 0;
+            if (end_ - p_ < 2 || p_[0] != '\\' || p_[1] != 'u') return false;
+            p_ += 2;
+            if (!readHex4(low) || low < 0xDC00 || low > 0xDFFF) return false;
+            cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+          }
+          appendUTF8(cp);
+          break;
+        }
+        default:
+          return false;
+      }
+    }
+  }
+
+  bool scanNumber() {
+    const char* start = p_;
+    if (*p_ == '-') ++p_;
+    if (p_ == end_) return false;
+    if (*p_ == '0') {
+      ++p_;
+    } else if (*p_ >= '1' && *p_ <= '9') {
+      while (p_ != end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+    } else {
+      return false;
+    }
+    bool integer = true;
+    if (p_ != end_ && *p_ == '.') {
+      integer = false;
+      ++p_;
+      if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
+      while (p_ != end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+    }
+    if (p_ != end_ && (*p_ == 'e' || *p_ == 'E')) {
+      integer = false;
+      ++p_;
+      if (p_ != end_ && (*p_ == '+' || *p_ == '-')) ++p_;
+      if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
+      while (p_ != end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+    }
+    double value = 0.0;
+    auto r = std::from_chars(start, p_, value);
+    if (r.ec == std::errc::result_out_of_range) {
+      // Overflow is an error (as in the generic parser); underflow rounds to zero.
+      value = std::strtod(std::string(start, p_).c_str(), nullptr);
+    } else if (r.ec != std::errc() || r.ptr != p_) {
+      return false;
+    }
+    if (!std::isfinite(value)) return false;
+    // An integer token is an integer: "-0" is 0, not -0.0.
+    if (integer && value == 0.0) value = 0.0;
+    return handler_.number_float(value, text_);
+  }
+
+  const char* p_;
+  const char* end_;
+  JSONFrameHandler& handler_;
+  std::string text_;
+  std::vector<char> stack_;
+};
+
+}  // namespace
+
 std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, std::string sender) {
   JSONFrameHandler handler;
-  if (!nlohmann::json::sax_parse(data.begin(), data.end(), &handler)) return std::nullopt;
+  const char* text = reinterpret_cast<const char*>(data.data());
+  if (!JSONScanner(text, text + data.size(), handler).run()) return std::nullopt;
   DecodedFrame decoded;
   decoded.frame.blendshapes = std::move(handler.map_);
   if (handler.rotation_ && allFinite(*handler.rotation_)) decoded.frame.rotation = handler.rotation_;

@@ -212,7 +212,7 @@ void TrackingReceiver::processData(std::span<const std::uint8_t> data, const std
   // 2. iFacialMocap text: UTF-8 holding "=" or "|".
   const bool utf8 = isValidUTF8(data);
   const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
-  if (utf8 && text.find_first_of("=|") != std::string_view::npos) {
+  if (utf8 && std::any_of(text.begin(), text.end(), [](char c) { return c == '=' || c == '|'; })) {
     recordFormat(TrackingFormat::iFacialMocap);
     handleIFacialMocap(text, sender);
     return;

@@ -265,6 +265,10 @@ TEST(JSONTrackingDecoderTest, DecodingWhileParsingMatchesTheDocument) {
     const std::string_view view(notAnObject);
     EXPECT_FALSE(decodeJSONText(Bytes(view.begin(), view.end()), kSender)) << notAnObject;
   }
+  // A zero byte after the object ends the text (a C string's terminator);
+  // inside the object it is an error.
+  EXPECT_TRUE(decodeJSONText(bytesOf(std::string("{\"rotation\": [1, 2, 3]} \0 junk", 30)), kSender));
+  EXPECT_FALSE(decodeJSONText(bytesOf(std::string("{\"a\": 1\0}", 9)), kSender));
 }
 
 TEST(OSCTrackingDecoderTest, DecodingFromTheDatagramMatchesParsedMessages) {
