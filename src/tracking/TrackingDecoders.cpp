@@ -197,11 +197,14 @@ class OSCFrameBuilder {
   template <class Message>
   void add(const Message& m) {
     const std::string_view address = m.address;
-    if (address.find("/BlendShapes/") != std::string_view::npos ||
-        address.find("/blendshapes/") != std::string_view::npos) {
-      if (auto v = m.floatValue()) map_.insert_or_assign(std::string(address.substr(address.rfind('/') + 1)), *v);
-    } else if (address == "/VMC/Ext/Blend/Val") {
+    // The VMC address is tested first only because it is the commonest; it
+    // contains neither "/BlendShapes/" nor "/blendshapes/", so the rules'
+    // order is unchanged.
+    if (address == "/VMC/Ext/Blend/Val") {
       if (auto pair = vmcPair(m)) map_.insert_or_assign(std::string(pair->first), pair->second);
+    } else if (address.find("/BlendShapes/") != std::string_view::npos ||
+               address.find("/blendshapes/") != std::string_view::npos) {
+      if (auto v = m.floatValue()) map_.insert_or_assign(std::string(address.substr(address.rfind('/') + 1)), *v);
     } else if (address.find("/Head/Pitch") != std::string_view::npos) {
       if (auto v = m.floatValue()) setRotation(0, *v * trackingDegreesToRadians);
     } else if (address.find("/Head/Yaw") != std::string_view::npos) {
