@@ -84,9 +84,9 @@ int Application::runInteractive() {
   logLine("Velmora", "Running headless (no window); press Ctrl-C to stop");
 
   // --- services started on the main loop ---
-  QLabOSCServer::shared().startListening();  // remote cues; shows "OSC cues: disabled" when switched off
   TrackingIntake tracking(TrackingReceiver::shared(), state);
   tracking.start();
+  QLabOSCServer::shared().startListening();  // remote cues; shows "OSC cues: disabled" when switched off
 
   mainQueue.setTick([&] {
     // --- per-tick work (60 Hz) ---
