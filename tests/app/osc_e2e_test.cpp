@@ -2,14 +2,10 @@
 // remote cues from oscsend (liblo-tools, a client nobody here wrote), and the
 // verification suite behind "--run-tests".
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -22,134 +18,18 @@
 #include <thread>
 #include <vector>
 
+#include "support/ChildProcess.h"
 #include "support/TempDir.h"
-
-extern char** environ;
 
 namespace velmora {
 namespace {
 
 const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
 
-std::uint16_t freeUdpPort() {
-  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_ANY);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  socklen_t len = sizeof a;
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  ::close(fd);
-  return ntohs(a.sin_port);
-}
-
-// A child process with its standard output (and error) read line by line.
-class Child {
- public:
-  Child(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv) {
-    int fds[2];
-    if (::pipe(fds) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 2);
-    posix_spawn_file_actions_addclose(&actions, fds[0]);
-    std::vector<std::string> env = extraEnv;
-    for (char** e = environ; *e; ++e) {
-      const std::string entry(*e);
-      if (entry.rfind("VELMORA_CONFIG_DIR=", 0) != 0 && entry.rfind("VELMORA_TRACKING_PORTS=", 0) != 0) {
-        env.push_back(entry);
-      }
-    }
-    std::vector<char*> argv, envp;
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    for (const auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
-    envp.push_back(nullptr);
-    if (posix_spawn(&pid_, args[0].c_str(), &actions, nullptr, argv.data(), envp.data()) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[1]);
-    out_ = fds[0];
-  }
-  ~Child() {
-    if (pid_ > 0 && !exited_) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-    if (out_ >= 0) ::close(out_);
-  }
-  bool started() const { return pid_ > 0; }
-
-  // Reads output until a line satisfies pred or the timeout passes.
-  bool waitForLine(const std::function<bool(const std::string&)>& pred, double seconds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    std::size_t checked = 0;
-    while (true) {
-      for (; checked < lines_.size(); ++checked) {
-        if (pred(lines_[checked])) return true;
-      }
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0 || !readSome(static_cast<int>(left.count()))) return false;
-    }
-  }
-  bool waitForLine(const std::string& line, double seconds) {
-    return waitForLine([&](const std::string& l) { return l == line; }, seconds);
-  }
-  // Reads to end of output and reaps the child; its exit status, or -1.
-  int wait(double seconds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (!eof_ && std::chrono::steady_clock::now() < deadline) readSome(100);
-    while (std::chrono::steady_clock::now() < deadline) {
-      int status = 0;
-      if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-        exited_ = true;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return -1;
-  }
-  void signal(int sig) { ::kill(pid_, sig); }
-  const std::vector<std::string>& lines() const { return lines_; }
-  std::string output() const {
-    std::string all;
-    for (const auto& l : lines_) all += l + "\n";
-    return all;
-  }
-
- private:
-  // False at end of output or timeout.
-  bool readSome(int timeoutMs) {
-    if (eof_) return false;
-    pollfd p{out_, POLLIN, 0};
-    if (::poll(&p, 1, timeoutMs) <= 0) return false;
-    char buffer[4096];
-    const ssize_t n = ::read(out_, buffer, sizeof buffer);
-    if (n <= 0) {
-      eof_ = true;
-      return false;
-    }
-    partial_.append(buffer, static_cast<std::size_t>(n));
-    std::size_t nl;
-    while ((nl = partial_.find('\n')) != std::string::npos) {
-      lines_.push_back(partial_.substr(0, nl));
-      partial_.erase(0, nl + 1);
-    }
-    return true;
-  }
-
-  pid_t pid_ = -1;
-  int out_ = -1;
-  bool exited_ = false;
-  bool eof_ = false;
-  std::string partial_;
-  std::vector<std::string> lines_;
-};
-
 int oscsend(const std::vector<std::string>& args) {
   std::vector<std::string> full = {"/usr/bin/oscsend"};
   full.insert(full.end(), args.begin(), args.end());
-  Child c(full, {});
+  test::ChildProcess c(full, {});
   return c.started() ? c.wait(10) : -1;
 }
 
@@ -161,13 +41,13 @@ nlohmann::json readSettings(const std::filesystem::path& folder) {
 TEST(VelmoraE2E, HeadlessRunTakesRemoteCuesFromOscsend) {
   if (::access("/usr/bin/oscsend", X_OK) != 0) GTEST_SKIP() << "oscsend (liblo-tools) is not installed";
   test::TempDir config;
-  const std::uint16_t port = freeUdpPort();
+  const std::uint16_t port = test::freeUdpPort();
   {
     std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", port}}.dump();
   }
   // The tracking receiver listens on a free port too, never the fixed ones.
-  Child velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string(),
-                             "VELMORA_TRACKING_PORTS=" + std::to_string(freeUdpPort())});
+  test::ChildProcess velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string(),
+                             "VELMORA_TRACKING_PORTS=" + std::to_string(test::freeUdpPort())});
   ASSERT_TRUE(velmora.started());
   const std::string p = std::to_string(port);
   ASSERT_TRUE(velmora.waitForLine("[QLabOSCServer] QLab Remote Cue listener active on UDP port " + p, 20))
@@ -212,8 +92,8 @@ TEST(VelmoraE2E, HeadlessRunReportsAnOscPortInUse) {
   {
     std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", ntohs(a.sin_port)}}.dump();
   }
-  Child velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string(),
-                             "VELMORA_TRACKING_PORTS=" + std::to_string(freeUdpPort())});
+  test::ChildProcess velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string(),
+                             "VELMORA_TRACKING_PORTS=" + std::to_string(test::freeUdpPort())});
   ASSERT_TRUE(velmora.started());
   EXPECT_TRUE(velmora.waitForLine("[QLabOSCServer] Could not bind to port " + p + ": already in use by another app",
                                   20))
@@ -226,7 +106,7 @@ TEST(VelmoraE2E, HeadlessRunReportsAnOscPortInUse) {
 
 TEST(VelmoraE2E, RunTestsPrintsEveryCheckPassingAndExitsZero) {
   test::TempDir config;
-  Child velmora({kVelmora, "--run-tests", "--snapshot", config.path().string()},
+  test::ChildProcess velmora({kVelmora, "--run-tests", "--snapshot", config.path().string()},
                 {"VELMORA_CONFIG_DIR=" + config.path().string()});
   ASSERT_TRUE(velmora.started());
   EXPECT_EQ(velmora.wait(120), 0);

@@ -1,0 +1,154 @@
+#pragma once
+// Drives a built program from a test: spawns it with extra environment
+// entries, reads its standard output and error line by line, signals it and
+// collects its exit status. Also picks free UDP ports for it.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace velmora::test {
+
+// A UDP port nobody holds right now (the kernel's choice for an ephemeral bind).
+inline std::uint16_t freeUdpPort() {
+  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_ANY);
+  ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  socklen_t len = sizeof a;
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  ::close(fd);
+  return ntohs(a.sin_port);
+}
+
+class ChildProcess {
+ public:
+  // extraEnv entries ("NAME=value") replace the test's own VELMORA_* settings,
+  // which are never inherited: each child gets exactly the folder and ports
+  // its test chose.
+  ChildProcess(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv) {
+    int fds[2];
+    if (::pipe(fds) != 0) return;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], 2);
+    posix_spawn_file_actions_addclose(&actions, fds[0]);
+    std::vector<std::string> env = extraEnv;
+    for (char** e = environ; *e; ++e) {
+      const std::string entry = *e;
+      if (entry.rfind("VELMORA_", 0) != 0) env.push_back(entry);
+    }
+    std::vector<char*> argv, envp;
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    for (const auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+    if (posix_spawn(&pid_, args[0].c_str(), &actions, nullptr, argv.data(), envp.data()) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(fds[1]);
+    out_ = fds[0];
+  }
+  ~ChildProcess() {
+    if (pid_ > 0 && !exited_) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, nullptr, 0);
+    }
+    if (out_ >= 0) ::close(out_);
+  }
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  bool started() const { return pid_ > 0; }
+
+  // Consumes output lines in order until one satisfies pred; false at the
+  // timeout or the end of output. Lines already read but not yet consumed
+  // are looked at first.
+  bool waitForLine(const std::function<bool(const std::string&)>& pred, double seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (true) {
+      while (next_ < lines_.size())
+        if (pred(lines_[next_++])) return true;
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0 || !readSome(static_cast<int>(left.count()))) return false;
+    }
+  }
+  bool waitForLine(const std::string& line, double seconds) {
+    return waitForLine([&](const std::string& l) { return l == line; }, seconds);
+  }
+
+  // Reads to the end of output and reaps the child: its exit status, or -1
+  // when it did not exit normally within the time.
+  int wait(double seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (std::chrono::steady_clock::now() < deadline) {
+      readSome(50);
+      int status = 0;
+      if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+        exited_ = true;
+        while (readSome(100)) {
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+      }
+    }
+    return -1;
+  }
+  // Sends the signal, then wait().
+  int stop(int sig, double seconds) {
+    signal(sig);
+    return wait(seconds);
+  }
+  void signal(int sig) { ::kill(pid_, sig); }
+
+  const std::vector<std::string>& lines() const { return lines_; }
+  std::string output() const {
+    std::string all;
+    for (const auto& l : lines_) all += l + "\n";
+    return all;
+  }
+
+ private:
+  // False at the end of output or the timeout.
+  bool readSome(int timeoutMs) {
+    if (eof_) return false;
+    pollfd p{out_, POLLIN, 0};
+    if (::poll(&p, 1, timeoutMs) <= 0) return false;
+    char buffer[4096];
+    const ssize_t n = ::read(out_, buffer, sizeof buffer);
+    if (n <= 0) {
+      eof_ = true;
+      return false;
+    }
+    partial_.append(buffer, static_cast<std::size_t>(n));
+    for (std::size_t nl; (nl = partial_.find('\n')) != std::string::npos;) {
+      lines_.push_back(partial_.substr(0, nl));
+      partial_.erase(0, nl + 1);
+    }
+    return true;
+  }
+
+  pid_t pid_ = -1;
+  int out_ = -1;
+  bool exited_ = false;
+  bool eof_ = false;
+  std::string partial_;
+  std::vector<std::string> lines_;
+  std::size_t next_ = 0;
+};
+
+}  // namespace velmora::test
