@@ -11,6 +11,7 @@
 #include <cctype>
 #include <cmath>
 
+#include "characters/ShellClosure.h"
 #include "characters/ParallelFor.h"
 #include "characters/ShapeMath.h"
 #include "characters/SourceBuffer.h"
@@ -142,51 +143,12 @@ GhostBodyTopology buildBody() {
   }
   body.directions = TheatricalMaskGeometry::smoothNormals(outer, body.outerTriangles);
 
-  // Boundary (hem ring and mouth rim): edges used by one triangle, by key.
-  struct Edge {
-    std::int64_t key;
-    std::int32_t a, b;
-  };
-  std::vector<Edge> edges;
-  for (std::size_t t = 0; t < body.outerTriangles.size(); t += 3) {
-    for (int k = 0; k < 3; ++k) {
-      const std::int32_t a = body.outerTriangles[t + k];
-      const std::int32_t b = body.outerTriangles[t + (k + 1) % 3];
-      edges.push_back({static_cast<std::int64_t>(std::min(a, b)) * 1000000 + std::max(a, b), a, b});
-    }
-  }
-  std::sort(edges.begin(), edges.end(), [](const Edge& l, const Edge& r) { return l.key < r.key; });
-  std::vector<Edge> boundary;
-  for (std::size_t i = 0; i < edges.size();) {
-    std::size_t j = i + 1;
-    while (j < edges.size() && edges[j].key == edges[i].key) ++j;
-    if (j - i == 1) boundary.push_back(edges[i]);
-    i = j;
-  }
-  std::vector<std::int32_t> rimIndex(n, -1);
-  for (const Edge& e : boundary) {
-    for (const std::int32_t v : {e.a, e.b}) {
-      if (rimIndex[v] < 0) {
-        rimIndex[v] = static_cast<std::int32_t>(body.rimVertices.size());
-        body.rimVertices.push_back(v);
-      }
-    }
-  }
-  const auto ni = static_cast<std::int32_t>(n);
-  const auto k = static_cast<std::int32_t>(body.rimVertices.size());
-  for (std::size_t t = 0; t < body.outerTriangles.size(); t += 3) {
-    const auto* tri = &body.outerTriangles[t];
-    body.innerTriangles.insert(body.innerTriangles.end(), {ni + tri[0], ni + tri[2], ni + tri[1]});
-  }
-  for (const Edge& e : boundary) {
-    const std::int32_t ra = rimIndex[e.a], rb = rimIndex[e.b];
-    body.rimTriangles.insert(body.rimTriangles.end(), {2 * ni + ra, 2 * ni + k + ra, 2 * ni + rb});
-    body.rimTriangles.insert(body.rimTriangles.end(), {2 * ni + rb, 2 * ni + k + ra, 2 * ni + k + rb});
-  }
-  auto& all = body.allTriangles;
-  all.insert(all.end(), body.outerTriangles.begin(), body.outerTriangles.end());
-  all.insert(all.end(), body.innerTriangles.begin(), body.innerTriangles.end());
-  all.insert(all.end(), body.rimTriangles.begin(), body.rimTriangles.end());
+  // Boundary (hem ring and mouth rim), inner surface and rim walls.
+  ShellClosure shell = closeShell(body.outerTriangles, n);
+  body.rimVertices = std::move(shell.rimVertices);
+  body.innerTriangles = std::move(shell.backTriangles);
+  body.rimTriangles = std::move(shell.rimTriangles);
+  body.allTriangles = std::move(shell.allTriangles);
   return body;
 }
 

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <glm/geometric.hpp>
 
+#include "characters/ShellClosure.h"
 #include "characters/ParallelFor.h"
 #include "characters/ShapeMath.h"
 #include "characters/SourceBuffer.h"
@@ -471,59 +472,12 @@ TheatricalMaskTopology TheatricalMaskGeometry::buildTopology() {
     }
   });
 
-  // Boundary edges: used by exactly one front triangle, kept with the
-  // orientation they have in it, ordered by key.
-  struct Edge {
-    std::int64_t key;
-    std::int32_t a, b;
-  };
-  std::vector<Edge> edges;
-  edges.reserve(front.size() * 3);
-  for (std::size_t t = 0; t < front.size(); t += 3) {
-    for (int k = 0; k < 3; ++k) {
-      const std::int32_t a = front[t + k];
-      const std::int32_t b = front[t + (k + 1) % 3];
-      edges.push_back({static_cast<std::int64_t>(std::min(a, b)) * 1000000 + std::max(a, b), a, b});
-    }
-  }
-  std::sort(edges.begin(), edges.end(), [](const Edge& l, const Edge& r) { return l.key < r.key; });
-  std::vector<Edge> boundary;
-  for (std::size_t i = 0; i < edges.size();) {
-    std::size_t j = i + 1;
-    while (j < edges.size() && edges[j].key == edges[i].key) ++j;
-    if (j - i == 1) boundary.push_back(edges[i]);
-    i = j;
-  }
-  std::vector<std::int32_t> rimIndex(n, -1);
-  for (const Edge& e : boundary) {
-    for (const std::int32_t v : {e.a, e.b}) {
-      if (rimIndex[v] < 0) {
-        rimIndex[v] = static_cast<std::int32_t>(topo.rimVertices.size());
-        topo.rimVertices.push_back(v);
-      }
-    }
-  }
-
-  // Element lists.
-  const auto ni = static_cast<std::int32_t>(n);
-  const auto k = static_cast<std::int32_t>(topo.rimVertices.size());
-  auto& back = topo.backTriangles;
-  back.reserve(front.size());
-  for (std::size_t t = 0; t < front.size(); t += 3)
-    back.insert(back.end(), {ni + front[t], ni + front[t + 2], ni + front[t + 1]});
-  auto& rim = topo.rimTriangles;
-  rim.reserve(boundary.size() * 6);
-  for (const Edge& e : boundary) {
-    const std::int32_t ra = rimIndex[e.a];
-    const std::int32_t rb = rimIndex[e.b];
-    rim.insert(rim.end(), {2 * ni + ra, 2 * ni + k + ra, 2 * ni + rb});
-    rim.insert(rim.end(), {2 * ni + rb, 2 * ni + k + ra, 2 * ni + k + rb});
-  }
-  auto& all = topo.allTriangles;
-  all.reserve(front.size() + back.size() + rim.size());
-  all.insert(all.end(), front.begin(), front.end());
-  all.insert(all.end(), back.begin(), back.end());
-  all.insert(all.end(), rim.begin(), rim.end());
+  // Back, rim walls and the rim vertex list.
+  ShellClosure shell = closeShell(front, n);
+  topo.rimVertices = std::move(shell.rimVertices);
+  topo.backTriangles = std::move(shell.backTriangles);
+  topo.rimTriangles = std::move(shell.rimTriangles);
+  topo.allTriangles = std::move(shell.allTriangles);
   return topo;
 }
 
