@@ -1,13 +1,10 @@
 #pragma once
 // Drives a built program from a test: spawns it with extra environment
 // entries, reads its standard output and error line by line, signals it and
-// collects its exit status. Also picks free UDP ports for it.
-#include <arpa/inet.h>
-#include <netinet/in.h>
+// collects its exit status.
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,22 +15,11 @@
 #include <thread>
 #include <vector>
 
+#include "support/UdpSocket.h"
+
 extern char** environ;
 
 namespace velmora::test {
-
-// A UDP port nobody holds right now (the kernel's choice for an ephemeral bind).
-inline std::uint16_t freeUdpPort() {
-  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_ANY);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  socklen_t len = sizeof a;
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  ::close(fd);
-  return ntohs(a.sin_port);
-}
 
 class ChildProcess {
  public:

@@ -1,0 +1,57 @@
+#pragma once
+// A plain loopback UDP socket for tests: a sender, or another program
+// holding a port (bound to the wildcard address, no reuse options).
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+namespace velmora::test {
+
+class UdpSocket {
+ public:
+  // Port 0 binds an ephemeral port.
+  explicit UdpSocket(std::uint16_t port = 0) : fd_(::socket(AF_INET, SOCK_DGRAM, 0)) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_ANY);
+    a.sin_port = htons(port);
+    bound_ = ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    socklen_t len = sizeof a;
+    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
+    port_ = ntohs(a.sin_port);
+  }
+  ~UdpSocket() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  UdpSocket(const UdpSocket&) = delete;
+  UdpSocket& operator=(const UdpSocket&) = delete;
+
+  bool bound() const { return bound_; }
+  std::uint16_t port() const { return port_; }
+  void sendTo(std::uint16_t port, const void* data, std::size_t size) const {
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to.sin_port = htons(port);
+    ::sendto(fd_, data, size, 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+  }
+  void sendTo(std::uint16_t port, std::string_view text) const { sendTo(port, text.data(), text.size()); }
+  void sendTo(std::uint16_t port, const std::vector<std::uint8_t>& bytes) const {
+    sendTo(port, bytes.data(), bytes.size());
+  }
+
+ private:
+  int fd_;
+  bool bound_ = false;
+  std::uint16_t port_ = 0;
+};
+
+// A UDP port nobody holds right now (the kernel's choice for an ephemeral bind).
+inline std::uint16_t freeUdpPort() { return UdpSocket().port(); }
+
+}  // namespace velmora::test
