@@ -43,44 +43,24 @@ struct Fixture {
   }
 };
 
-TEST(FaceTrackingStateTest, InitialValues) {
+TEST(FaceTrackingStateTest, InitialValuesAndTexts) {
   Fixture f;
   const FaceTrackingState& s = *f.state;
   EXPECT_TRUE(s.blendshapes().empty());
-  EXPECT_TRUE(s.rawBlendshapes().empty());
   EXPECT_EQ(s.headRotation(), float3(0.0f));
-  EXPECT_EQ(s.headPosition(), float3(0.0f));
-  EXPECT_EQ(s.zeroRotationOffset(), float3(0.0f));
   EXPECT_FALSE(s.isCalibrated());
   EXPECT_FLOAT_EQ(s.smoothing(), 0.45f);
-  EXPECT_EQ(s.globalSensitivity(), 1.0f);
   EXPECT_FLOAT_EQ(s.mouthSensitivity(), 1.2f);
   EXPECT_FLOAT_EQ(s.browSensitivity(), 1.2f);
   EXPECT_EQ(s.eyeSensitivity(), 1.0f);
-  EXPECT_TRUE(s.blendshapeRanges().empty());
-  EXPECT_EQ(s.characterModel(), CharacterModelType::theatricalMask);
-  EXPECT_EQ(s.trackingDetail(), TrackingDetail::detailed);
-  EXPECT_FALSE(s.lockRotation());
-  EXPECT_EQ(s.rotationScale(), 1.0f);
-  EXPECT_FALSE(s.reverseUpDown() || s.reverseLeftRight() || s.reverseTilt());
-  EXPECT_EQ(s.maskOpacity(), 1.0f);
   EXPECT_FLOAT_EQ(s.lightIntensity(), 1.2f);
-  EXPECT_EQ(s.lighting(), LightingSettings::theatrical());
   EXPECT_EQ(s.rimLightColor(), float3(0.9f, 0.95f, 1.0f));
   EXPECT_TRUE(s.isSyphonActive());
-  EXPECT_FALSE(s.isNDIActive());
   EXPECT_EQ(s.syphonStatus(), "Syphon: starting…");
   EXPECT_EQ(s.ndiStatus(), "NDI: off");
-  EXPECT_FALSE(s.isProjectorFullscreen());
   EXPECT_FALSE(s.localIP().empty());
-  EXPECT_FALSE(s.isConnected());
   EXPECT_EQ(s.senderIP(), "Waiting for iPhone...");
-  EXPECT_EQ(s.incomingFPS(), 0.0);
-  EXPECT_EQ(s.totalPacketsReceived(), 0u);
-  EXPECT_FALSE(s.lastPacketTimestamp());
   EXPECT_EQ(s.lastQLabCommand(), "None");
-  EXPECT_EQ(s.oscPort(), 53100);
-  EXPECT_TRUE(s.isOSCEnabled());
   EXPECT_EQ(s.oscStatus(), "OSC cues: starting…");
 }
 
@@ -108,17 +88,6 @@ TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
   }
   EXPECT_DOUBLE_EQ(f.state->incomingFPS(), 5 / 1.0);  // the 5 packets up to 2.25 s
   EXPECT_EQ(f.state->totalPacketsReceived(), 41u);
-}
-
-TEST(FaceTrackingStateTest, ConstantInputPassesThroughAndConverges) {
-  Fixture f;
-  f.neutralSensitivities();
-  f.packet({{"jawOpen", 0.5f}, {"cheekPuff", 0.25f}});
-  EXPECT_EQ(f.state->blendshapes().at("jawOpen"), 0.5f);  // the first sample is exact
-  EXPECT_EQ(f.state->blendshapes().at("cheekPuff"), 0.25f);
-  for (int i = 0; i < 30; ++i) f.packet({{"jawOpen", 0.5f}, {"cheekPuff", 0.25f}});
-  EXPECT_EQ(f.state->blendshapes().at("jawOpen"), 0.5f);
-  EXPECT_EQ(f.state->rawBlendshapes().at("cheekPuff"), 0.25f);
 }
 
 TEST(FaceTrackingStateTest, RegionalSensitivityAndClamping) {

@@ -1,21 +1,17 @@
 // The tracking receiver on real loopback sockets, on ports each test chose
 // free. Also driven by oscsend (liblo-tools), an OSC client nobody here wrote.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "base/Log.h"
 #include "base/MainQueue.h"
+#include "support/LogCapture.h"
+#include "support/UdpSocket.h"
 #include "tracking/MainThreadTrackingSink.h"
 #include "tracking/RecordingSink.h"
 #include "tracking/TrackingReceiver.h"
@@ -23,38 +19,9 @@
 namespace velmora {
 namespace {
 
-// A UDP socket bound to the wildcard address without any reuse option.
-class PlainSocket {
- public:
-  explicit PlainSocket(std::uint16_t port = 0) {
-    fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_ANY);
-    bound_ = ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-    socklen_t len = sizeof a;
-    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
-    port_ = ntohs(a.sin_port);
-  }
-  ~PlainSocket() { ::close(fd_); }
-  std::uint16_t port() const { return port_; }
-  bool bound() const { return bound_; }
-  void sendTo(std::uint16_t port, const std::string& payload) const {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(port);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::sendto(fd_, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-  }
-
- private:
-  int fd_ = -1;
-  std::uint16_t port_ = 0;
-  bool bound_ = false;
-};
-
-std::uint16_t freePort() { return PlainSocket().port(); }
+using test::freeUdpPort;
+using test::LogCapture;
+using test::UdpSocket;
 
 bool waitFor(const std::function<bool()>& pred, double seconds = 5.0) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
@@ -65,30 +32,11 @@ bool waitFor(const std::function<bool()>& pred, double seconds = 5.0) {
   return pred();
 }
 
-class LogCapture {
- public:
-  LogCapture() {
-    setLogSink([this](const std::string& line) {
-      std::lock_guard lock(mutex_);
-      lines_.push_back(line);
-    });
-  }
-  ~LogCapture() { setLogSink(nullptr); }
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
 TEST(TrackingReceiverNetTest, PortHeldElsewhereIsSkippedOthersListen) {
   LogCapture log;
-  PlainSocket holder;  // another program holding the port, no reuse options
+  UdpSocket holder;  // another program holding the port, no reuse options
   ASSERT_TRUE(holder.bound());
-  const std::uint16_t a = freePort(), b = freePort();
+  const std::uint16_t a = freeUdpPort(), b = freeUdpPort();
   auto sink = std::make_shared<test::RecordingSink>();
   TrackingReceiver receiver(sink);
   receiver.setPorts({a, holder.port(), b});
@@ -98,13 +46,11 @@ TEST(TrackingReceiverNetTest, PortHeldElsewhereIsSkippedOthersListen) {
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(listening, expected);
 
-  const auto lines = log.lines();
-  auto has = [&](const std::string& l) { return std::find(lines.begin(), lines.end(), l) != lines.end(); };
-  EXPECT_TRUE(has("[TrackingReceiver] Listening for ARKit facial tracking on UDP port " + std::to_string(a)));
-  EXPECT_TRUE(has("[TrackingReceiver] Could not bind to port " + std::to_string(holder.port())));
-  EXPECT_TRUE(has("[TrackingReceiver] Listening for ARKit facial tracking on UDP port " + std::to_string(b)));
+  EXPECT_TRUE(log.has("[TrackingReceiver] Listening for ARKit facial tracking on UDP port " + std::to_string(a)));
+  EXPECT_TRUE(log.has("[TrackingReceiver] Could not bind to port " + std::to_string(holder.port())));
+  EXPECT_TRUE(log.has("[TrackingReceiver] Listening for ARKit facial tracking on UDP port " + std::to_string(b)));
 
-  PlainSocket phone;
+  UdpSocket phone;
   phone.sendTo(a, "jawOpen-50|");
   phone.sendTo(b, "jawOpen-50|mouthClose-10");
   ASSERT_TRUE(waitFor([&] { return sink->total() == 2; }));
@@ -117,11 +63,11 @@ TEST(TrackingReceiverNetTest, PortHeldElsewhereIsSkippedOthersListen) {
   // After stopListening the ports are free again for a plain socket.
   receiver.stopListening();
   EXPECT_TRUE(receiver.listeningPorts().empty());
-  EXPECT_TRUE(PlainSocket(a).bound());
+  EXPECT_TRUE(UdpSocket(a).bound());
 }
 
 TEST(TrackingReceiverNetTest, TwoReceiversShareAPortThroughReuse) {
-  const std::uint16_t port = freePort();
+  const std::uint16_t port = freeUdpPort();
   auto s1 = std::make_shared<test::RecordingSink>();
   auto s2 = std::make_shared<test::RecordingSink>();
   TrackingReceiver r1(s1), r2(s2);
@@ -134,7 +80,7 @@ TEST(TrackingReceiverNetTest, TwoReceiversShareAPortThroughReuse) {
 }
 
 TEST(TrackingReceiverNetTest, BurstIsDrainedInOneReadinessEvent) {
-  const std::uint16_t port = freePort();
+  const std::uint16_t port = freeUdpPort();
   auto sink = std::make_shared<test::RecordingSink>();
   TrackingReceiver receiver(sink);
   receiver.setPorts({port});
@@ -145,7 +91,7 @@ TEST(TrackingReceiverNetTest, BurstIsDrainedInOneReadinessEvent) {
   std::promise<void> release;
   auto released = release.get_future().share();
   receiver.queue().post([released] { released.wait(); });
-  PlainSocket phone;
+  UdpSocket phone;
   constexpr int kBurst = 50;
   for (int i = 0; i < kBurst; ++i) phone.sendTo(port, "jawOpen-" + std::to_string(i) + "|");
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -166,13 +112,13 @@ TEST(TrackingReceiverNetTest, FloodStaysBounded) {
   MainQueue stalledMain;
   constexpr std::size_t kCapacity = 16;
   auto sink = std::make_shared<MainThreadTrackingSink>(kCapacity, stalledMain, nullptr);
-  const std::uint16_t port = freePort();
+  const std::uint16_t port = freeUdpPort();
   TrackingReceiver receiver(sink);
   receiver.setPorts({port});
   receiver.startListening();
   ASSERT_EQ(receiver.listeningPorts().size(), 1u);
 
-  PlainSocket phone;
+  UdpSocket phone;
   constexpr int kFlood = 3000;
   for (int i = 0; i < kFlood; ++i) {
     phone.sendTo(port, i % 2 ? "jawOpen-50" : "unknown");
@@ -196,7 +142,7 @@ TEST(TrackingReceiverNetTest, FloodStaysBounded) {
 
 TEST(TrackingReceiverNetTest, OscsendVmcBlendshape) {
   if (std::system("command -v oscsend >/dev/null 2>&1") != 0) GTEST_SKIP() << "oscsend (liblo-tools) not installed";
-  const std::uint16_t port = freePort();
+  const std::uint16_t port = freeUdpPort();
   auto sink = std::make_shared<test::RecordingSink>();
   TrackingReceiver receiver(sink);
   receiver.setPorts({port});
