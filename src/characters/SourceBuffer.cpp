@@ -24,6 +24,19 @@ void populate(void* data, std::size_t bytes) {
   (void)::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
 }
 
+// A float3 source over `data`: each of the `count` vectors in a 16-byte slot.
+GeometrySource stride16Source(GeometrySource::Semantic semantic, std::shared_ptr<std::vector<float>> data,
+                              std::size_t count) {
+  GeometrySource s;
+  s.semantic = semantic;
+  s.componentsPerVector = 3;
+  s.bytesPerComponent = 4;
+  s.dataStride = 16;
+  s.vectorCount = static_cast<int>(count);
+  s.data = std::move(data);
+  return s;
+}
+
 }  // namespace
 
 std::shared_ptr<std::vector<float>> SourceBuffer::allocate(std::size_t floatCount) {
@@ -37,14 +50,7 @@ std::shared_ptr<std::vector<float>> SourceBuffer::allocate(std::size_t floatCoun
 GeometrySource SourceBuffer::vec3Source(GeometrySource::Semantic semantic, std::size_t count, float*& out) {
   auto data = allocate(count * 4);
   out = data->data();
-  GeometrySource s;
-  s.semantic = semantic;
-  s.componentsPerVector = 3;
-  s.bytesPerComponent = 4;
-  s.dataStride = 16;
-  s.vectorCount = static_cast<int>(count);
-  s.data = std::move(data);
-  return s;
+  return stride16Source(semantic, std::move(data), count);
 }
 
 GeometrySource SourceBuffer::vec3Source(GeometrySource::Semantic semantic, const float* packed, std::size_t count) {
@@ -52,14 +58,7 @@ GeometrySource SourceBuffer::vec3Source(GeometrySource::Semantic semantic, const
   data->reserve(count * 4);
   populate(data->data(), count * 4 * sizeof(float));
   data->insert(data->end(), packed, packed + count * 4);  // no zero fill first
-  GeometrySource s;
-  s.semantic = semantic;
-  s.componentsPerVector = 3;
-  s.bytesPerComponent = 4;
-  s.dataStride = 16;
-  s.vectorCount = static_cast<int>(count);
-  s.data = std::move(data);
-  return s;
+  return stride16Source(semantic, std::move(data), count);
 }
 
 GeometrySource SourceBuffer::vec3Source(GeometrySource::Semantic semantic, const std::vector<float3>& values) {
