@@ -8,7 +8,6 @@
 //   5. Shared data and the builder
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 
 #include "characters/ShellClosure.h"
@@ -570,16 +569,7 @@ const std::vector<CartoonGhost::Entry>& CartoonGhost::displacements() {
 }
 
 const std::unordered_map<std::string, int>& CartoonGhost::targetNameToIndex() {
-  static const std::unordered_map<std::string, int> map = [] {
-    std::unordered_map<std::string, int> m;
-    const auto& table = displacements();
-    for (std::size_t i = 0; i < table.size(); ++i) {
-      std::string key = table[i].name;
-      for (auto& ch : key) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-      m[key] = static_cast<int>(i);
-    }
-    return m;
-  }();
+  static const std::unordered_map<std::string, int> map = targetNameIndex(displacements());
   return map;
 }
 

@@ -1,7 +1,6 @@
 #include "characters/MaskExpressionTargets.h"
 
 #include <array>
-#include <cctype>
 #include <cmath>
 
 #include "characters/ParallelFor.h"
@@ -31,11 +30,6 @@ inline float lipWidthFalloff(float x) {
 
 // The side's half of the mouth, a soft step across x = 0.
 inline float mouthHalf(float x, float s) { return (std::tanh(s * x / 0.08f) + 1.0f) / 2.0f; }
-
-std::string lowercased(std::string text) {
-  for (auto& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
 
 using Displacement = std::function<float3(float2, bool)>;
 
@@ -340,12 +334,7 @@ const std::vector<MaskExpressionTargets::Entry>& MaskExpressionTargets::blendSha
 }
 
 const std::unordered_map<std::string, int>& MaskExpressionTargets::targetNameToIndex() {
-  static const std::unordered_map<std::string, int> map = [] {
-    std::unordered_map<std::string, int> m;
-    const auto& table = blendShapeDisplacements();
-    for (std::size_t i = 0; i < table.size(); ++i) m[lowercased(table[i].name)] = static_cast<int>(i);
-    return m;
-  }();
+  static const std::unordered_map<std::string, int> map = targetNameIndex(blendShapeDisplacements());
   return map;
 }
 

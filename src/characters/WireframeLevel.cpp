@@ -1,7 +1,6 @@
 #include "characters/WireframeLevel.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <unordered_map>
 
@@ -226,9 +225,7 @@ WireframeLevel wireframeForDetail(TrackingDetail detail, const BlendshapeMap& bl
   const auto& map = MaskExpressionTargets::targetNameToIndex();
   for (const auto& [name, value] : blendshapes) {
     if (!std::isfinite(value)) continue;
-    std::string key = name;
-    for (auto& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    const auto found = map.find(key);
+    const auto found = map.find(targetKey(name));
     if (found != map.end()) morpher->setWeight(static_cast<std::size_t>(found->second), value);
   }
 

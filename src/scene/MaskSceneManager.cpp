@@ -1,7 +1,6 @@
 #include "scene/MaskSceneManager.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 
 #include "animation/CharacterAnimationController.h"
@@ -14,12 +13,6 @@
 namespace velmora {
 
 namespace {
-
-std::string lowercased(std::string_view name) {
-  std::string s(name);
-  for (auto& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
 
 float valueOf(const BlendshapeMap& map, const char* name) {
   auto it = map.find(name);
@@ -165,7 +158,7 @@ void MaskSceneManager::switchModel(CharacterModelType model) {
 }
 
 std::optional<int> MaskSceneManager::targetIndex(std::string_view name) const {
-  auto it = targetNameToIndex_.find(lowercased(name));
+  auto it = targetNameToIndex_.find(targetKey(std::string(name)));
   if (it == targetNameToIndex_.end()) return std::nullopt;
   return it->second;
 }
@@ -210,7 +203,7 @@ void MaskSceneManager::updateTracking(const FaceTrackingState& state) {
   // 9. Morph weights by lower-cased name; names without a target are skipped.
   if (morpher_) {
     for (const auto& [name, weight] : blended) {
-      auto it = targetNameToIndex_.find(lowercased(name));
+      auto it = targetNameToIndex_.find(targetKey(name));
       if (it != targetNameToIndex_.end()) morpher_->setWeight(static_cast<std::size_t>(it->second), weight);
     }
   }
