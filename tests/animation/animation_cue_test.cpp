@@ -13,30 +13,22 @@ namespace {
 
 using K = AnimationCue::Kind;
 
-TEST(AnimationCue, NamesAreTheDisplayTextsInCatalogueOrder) {
-  const char* expected[15] = {
-      "Ghost Fly In",       "Ghost Fly Out",     "Ghost Spook (Boo!)", "Ghost 360\xC2\xB0 Spin",
-      "Ghost Eerie Wobble", "Ghost Side Peek",   "Ghost Chuckle & Laugh", "Ghost Scared Shiver",
-      "Mask Dramatic Bow",  "Mask Gasp",         "Mask Nod",           "Mask Shake",
-      "Mask Belly Laugh",   "Mask Tragedy Sob",  "Mask Menacing Glare",
-  };
+TEST(AnimationCue, NamesAreDistinctDisplayTextsInCatalogueOrder) {
   std::set<std::string> distinct;
   for (std::size_t i = 0; i < AnimationCue::allKinds.size(); ++i) {
-    const K kind = AnimationCue::allKinds[i];
-    EXPECT_EQ(static_cast<std::size_t>(kind), i) << "allKinds must list the kinds in index order";
-    EXPECT_EQ(AnimationCue::make(kind, 1.0).name(), expected[i]);
-    distinct.insert(AnimationCue::name(kind));
+    EXPECT_EQ(static_cast<std::size_t>(AnimationCue::allKinds[i]), i) << "allKinds must list the kinds in index order";
+    distinct.insert(AnimationCue::name(AnimationCue::allKinds[i]));
   }
   EXPECT_EQ(distinct.size(), 15u);
-}
-
-TEST(AnimationCue, SpinNameIsSixteenBytesOfUtf8WithTheDegreeSign) {
-  const std::string name = AnimationCue::make(K::ghostSpin, 2.0).name();
-  ASSERT_EQ(name.size(), 16u);
-  EXPECT_EQ(static_cast<unsigned char>(name[9]), 0xC2);
-  EXPECT_EQ(static_cast<unsigned char>(name[10]), 0xB0);
-  // The requested duration does not change the name.
-  EXPECT_EQ(AnimationCue::make(K::ghostSpin, -3).name(), name);
+  EXPECT_EQ(AnimationCue::name(K::ghostFlyIn), "Ghost Fly In");
+  EXPECT_EQ(AnimationCue::name(K::ghostSpook), "Ghost Spook (Boo!)");
+  EXPECT_EQ(AnimationCue::name(K::ghostLaugh), "Ghost Chuckle & Laugh");
+  EXPECT_EQ(AnimationCue::name(K::maskLaugh), "Mask Belly Laugh");
+  EXPECT_EQ(AnimationCue::name(K::maskGlare), "Mask Menacing Glare");
+  // "Ghost 360° Spin": 16 bytes of UTF-8, whatever the requested duration.
+  const std::string spin = AnimationCue::make(K::ghostSpin, -3).name();
+  EXPECT_EQ(spin, "Ghost 360\xC2\xB0 Spin");
+  EXPECT_EQ(spin.size(), 16u);
 }
 
 TEST(AnimationCue, DurationIsRaisedToTheKindsMinimum) {
@@ -77,7 +69,6 @@ TEST(AnimationOutput, NeutralIsIdentity) {
   EXPECT_EQ(n.opacityMultiplier, 1.0f);
   EXPECT_TRUE(n.blendshapes.empty());
   EXPECT_EQ(n.blendWeight, 0.0f);
-  EXPECT_EQ(&n, &AnimationOutput::neutral());
 }
 
 }  // namespace
