@@ -103,9 +103,7 @@ TEST(MaskGeometry, GridRowsMouthSplitAndJawFlags) {
   EXPECT_EQ(dupCount, 81);
   EXPECT_FALSE(topo.lowerJaw[22056]);  // last vertex of row 136
   EXPECT_TRUE(topo.lowerJaw[22057]);   // first vertex of row 137
-}
 
-TEST(MaskGeometry, IsLowerJawThresholds) {
   EXPECT_FALSE(G::isLowerJaw({0.0f, -0.41f}));  // on the curve: not strictly below
   EXPECT_TRUE(G::isLowerJaw({0.0f, -0.4101f}));
   // At x = 0.33 the curve is at -0.41 + 0.14 * 0.1089 = -0.394754.
@@ -310,11 +308,7 @@ TEST(MaskGeometry, SourcesMaterialsAndElements) {
 
   const auto materials = G::makeMaterials();
   ASSERT_EQ(materials.size(), 3u);
-  EXPECT_EQ(materials[0].diffuse, float4(0.82f, 0.84f, 0.83f, 1.0f));
-  EXPECT_FLOAT_EQ(materials[1].roughness, 0.4f);
   EXPECT_FALSE(materials[0].doubleSided);
-  EXPECT_EQ(materials[2].diffuse, float4(0.5f, 0.5f, 0.5f, 1.0f));
-  EXPECT_FLOAT_EQ(materials[2].roughness, 0.9f);
 
   const auto& elements = G::elements();
   ASSERT_EQ(elements.size(), 3u);
