@@ -42,36 +42,22 @@ TEST(LightingSettingsTest, EqualityComparesEveryField) {
   EXPECT_EQ(a, b);
 }
 
-TEST(LightingSettingsTest, PresetMatchingByIndex) {
+TEST(LightingSettingsTest, PresetMatchingByIndexOrName) {
   const auto& presets = LightingSettings::presets();
-  for (std::size_t i = 0; i < presets.size(); ++i) {
-    auto found = LightingSettings::presetMatching(std::to_string(i));
-    ASSERT_TRUE(found) << i;
-    EXPECT_EQ(*found, presets[i]);
-  }
-  EXPECT_EQ(LightingSettings::presetMatching("+2")->preset, "Under Light");
-  EXPECT_EQ(LightingSettings::presetMatching("-0")->preset, "Theatrical");
-  EXPECT_EQ(LightingSettings::presetMatching("05")->preset, "Flat Even");
-  EXPECT_FALSE(LightingSettings::presetMatching("6"));
-  EXPECT_FALSE(LightingSettings::presetMatching("-1"));
-  EXPECT_FALSE(LightingSettings::presetMatching("+"));
-  EXPECT_FALSE(LightingSettings::presetMatching("2.5"));
-  EXPECT_FALSE(LightingSettings::presetMatching("99999999999999999999999"));
-}
-
-TEST(LightingSettingsTest, PresetMatchingByName) {
-  for (const char* text : {"soft front", "SOFT-FRONT", "softfront", "Soft_Front", " soft.front ", "soft/front"}) {
-    auto found = LightingSettings::presetMatching(text);
+  for (std::size_t i = 0; i < presets.size(); ++i) EXPECT_EQ(LightingSettings::presetMatching(std::to_string(i)), presets[i]);
+  const std::vector<std::pair<const char*, const char*>> hits = {
+      {"+2", "Under Light"},          {"-0", "Theatrical"},          {"05", "Flat Even"},
+      {"soft front", "Soft Front"},   {"SOFT-FRONT", "Soft Front"},  {"softfront", "Soft Front"},
+      {"Soft_Front", "Soft Front"},   {" soft.front ", "Soft Front"}, {"soft/front", "Soft Front"},
+      {"underlight", "Under Light"},  {"Theatrical", "Theatrical"},
+  };
+  for (const auto& [text, preset] : hits) {
+    const auto found = LightingSettings::presetMatching(text);
     ASSERT_TRUE(found) << text;
-    EXPECT_EQ(found->preset, "Soft Front") << text;
+    EXPECT_EQ(found->preset, preset) << text;
   }
-  EXPECT_EQ(LightingSettings::presetMatching("underlight")->preset, "Under Light");
-  EXPECT_EQ(LightingSettings::presetMatching("Theatrical")->preset, "Theatrical");
-  EXPECT_FALSE(LightingSettings::presetMatching(""));
-  EXPECT_FALSE(LightingSettings::presetMatching(" - "));
-  EXPECT_FALSE(LightingSettings::presetMatching("Custom"));
-  EXPECT_FALSE(LightingSettings::presetMatching("soft"));
-  EXPECT_FALSE(LightingSettings::presetMatching("soft fronts"));
+  for (const char* miss : {"6", "-1", "+", "2.5", "99999999999999999999999", "", " - ", "Custom", "soft", "soft fronts"})
+    EXPECT_FALSE(LightingSettings::presetMatching(miss)) << miss;
 }
 
 TEST(LightingSettingsTest, TintCoolNeutralWarm) {
@@ -140,33 +126,31 @@ TEST(LightingSettingsTest, UndecodableStoredValueLoadsTheatrical) {
   EXPECT_EQ(LightingSettings::load(store), soft);
 }
 
-TEST(LightRigTest, InitialRig) {
-  const LightRig rig = LightRig::initial();
-  EXPECT_EQ(rig.keyIntensity, 31.0f);
-  EXPECT_EQ(rig.fillIntensity, 90.0f);
-  EXPECT_EQ(rig.rimIntensity, 160.0f);
-  EXPECT_EQ(rig.environmentIntensity, 0.1f);
-  EXPECT_EQ(rig.keyPosition, float3(0.3f, -1.25f, 3.0f));
-  EXPECT_EQ(rig.keyTarget, float3(0.0f, 0.1f, 0.0f));
-  EXPECT_EQ(rig.keyColor, float3(1.0f));
-  EXPECT_EQ(rig.fillColor, float3(0.9f, 0.95f, 1.0f));
-  EXPECT_EQ(rig.rimColor, float3(0.9f, 1.0f, 0.95f));
-  EXPECT_EQ(rig.fillPosition, float3(-1.5f, 2.0f, 2.0f));
-  EXPECT_EQ(rig.rimPosition, float3(0.0f, 3.0f, -1.0f));
-  EXPECT_EQ(rig.shadowAlpha, 0.7f);
-  EXPECT_TRUE(rig.keyCastsShadows);
-}
+TEST(LightRigTest, InitialRigAndTheatricalAtMasterOne) {
+  const LightRig initial = LightRig::initial();
+  EXPECT_EQ(initial.keyIntensity, 31.0f);
+  EXPECT_EQ(initial.fillIntensity, 90.0f);
+  EXPECT_EQ(initial.rimIntensity, 160.0f);
+  EXPECT_EQ(initial.environmentIntensity, 0.1f);
+  EXPECT_EQ(initial.keyPosition, float3(0.3f, -1.25f, 3.0f));
+  EXPECT_EQ(initial.keyTarget, float3(0.0f, 0.1f, 0.0f));
+  EXPECT_EQ(initial.fillPosition, float3(-1.5f, 2.0f, 2.0f));
+  EXPECT_EQ(initial.rimPosition, float3(0.0f, 3.0f, -1.0f));
+  EXPECT_EQ(initial.fillColor, float3(0.9f, 0.95f, 1.0f));
+  EXPECT_EQ(initial.rimColor, float3(0.9f, 1.0f, 0.95f));
+  EXPECT_EQ(initial.shadowAlpha, 0.7f);
+  EXPECT_TRUE(initial.keyCastsShadows);
 
-TEST(LightRigTest, TheatricalAtMasterOne) {
+  // The theatrical look is a little dimmer than the initial rig, placed and coloured alike.
   const LightRig rig = LightRig::applied(LightingSettings::theatrical(), 1.0f);
   EXPECT_FLOAT_EQ(rig.keyIntensity, 26.0f);
   EXPECT_FLOAT_EQ(rig.fillIntensity, 75.0f);
   EXPECT_FLOAT_EQ(rig.rimIntensity, 135.0f);
   EXPECT_FLOAT_EQ(rig.environmentIntensity, 0.08333f);
-  EXPECT_EQ(rig.keyPosition, float3(0.3f, -1.25f, 3.0f));
-  EXPECT_EQ(rig.keyTarget, float3(0.0f, 0.1f, 0.0f));
+  EXPECT_EQ(rig.keyPosition, initial.keyPosition);
+  EXPECT_EQ(rig.keyTarget, initial.keyTarget);
   EXPECT_EQ(rig.keyColor, float3(1.0f));
-  EXPECT_EQ(rig.fillColor, float3(0.9f, 0.95f, 1.0f));
+  EXPECT_EQ(rig.fillColor, initial.fillColor);
   EXPECT_FLOAT_EQ(rig.shadowAlpha, 0.7f);
   EXPECT_TRUE(rig.keyCastsShadows);
 }

@@ -7,12 +7,12 @@
 #include <filesystem>
 #include <fstream>
 
-#include "base/Log.h"
 #include "scene/ContactSheet.h"
 #include "scene/EnvironmentLighting.h"
 #include "scene/MaskSceneManager.h"
 #include "scene/MaskSnapshot.h"
 #include "scene/PngWriter.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 namespace velmora {
@@ -132,11 +132,9 @@ TEST(MaskSnapshotTest, AFolderThatCannotBeCreatedIsReportedAndNothingIsWritten) 
   test::TempDir dir;
   const auto file = dir.path() / "a-file";
   std::ofstream(file) << "x";
-  std::vector<std::string> lines;
-  setLogSink([&](const std::string& line) { lines.push_back(line); });
-  const int written = MaskSnapshot::run((file / "inside").string());
-  setLogSink({});
-  EXPECT_EQ(written, 0);
+  test::LogCapture log;
+  EXPECT_EQ(MaskSnapshot::run((file / "inside").string()), 0);
+  const auto lines = log.lines();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[0].rfind("[snapshot] Cannot create the folder ", 0), 0u) << lines[0];
   EXPECT_EQ(lines[1], "[snapshot] Wrote 0 files");
