@@ -1,11 +1,8 @@
 // The built velmora executable driven from outside: a headless run taking
 // remote cues from oscsend (liblo-tools, a client nobody here wrote), and the
 // verification suite behind "--run-tests".
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -81,17 +78,10 @@ TEST(VelmoraE2E, HeadlessRunTakesRemoteCuesFromOscsend) {
 
 TEST(VelmoraE2E, HeadlessRunReportsAnOscPortInUse) {
   test::TempDir config;
-  const int squatter = ::socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_ANY);
-  ASSERT_EQ(::bind(squatter, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-  socklen_t len = sizeof a;
-  ::getsockname(squatter, reinterpret_cast<sockaddr*>(&a), &len);
-  const std::string p = std::to_string(ntohs(a.sin_port));
-  {
-    std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", ntohs(a.sin_port)}}.dump();
-  }
+  const test::UdpSocket squatter;
+  ASSERT_TRUE(squatter.bound());
+  const std::string p = std::to_string(squatter.port());
+  std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", squatter.port()}}.dump();
   test::ChildProcess velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string(),
                              "VELMORA_TRACKING_PORTS=" + std::to_string(test::freeUdpPort())});
   ASSERT_TRUE(velmora.started());
@@ -101,7 +91,6 @@ TEST(VelmoraE2E, HeadlessRunReportsAnOscPortInUse) {
   // A signal this early in start-up still ends the run cleanly.
   velmora.signal(SIGTERM);
   EXPECT_EQ(velmora.wait(20), 0) << velmora.output();
-  ::close(squatter);
 }
 
 TEST(VelmoraE2E, RunTestsPrintsEveryCheckPassingAndExitsZero) {

@@ -34,17 +34,13 @@ TEST(SelfTestRunner, EveryCheckPassesAgainstTheSharedObjectsAndSettingsArePutBac
   state.setLighting(look);
   state.setIsOSCEnabled(true);
 
-  std::vector<std::string> lines;
-  setLogSink([&](const std::string& l) { lines.push_back(l); });
+  // The printed report is checked end to end (osc_e2e_test); here, the counts
+  // and that the shared objects are put back.
+  setLogSink([](const std::string&) {});
   const SelfTestRunner::Result result = SelfTestRunner().run();
   setLogSink({});
-
   EXPECT_EQ(result.failed, 0);
   EXPECT_EQ(result.passed, 59);
-  for (const auto& l : lines) EXPECT_EQ(l.find("\xE2\x9C\x97 FAIL"), std::string::npos) << l;
-  ASSERT_FALSE(lines.empty());
-  EXPECT_EQ(lines.front(), "\n=== RUNNING VELMORA VERIFICATION SUITE ===");
-  EXPECT_EQ(lines.back(), "\n=== VERIFICATION RESULTS: 59 PASSED, 0 FAILED ===");
 
   EXPECT_EQ(state.characterModel(), CharacterModelType::cartoonGhost);
   EXPECT_EQ(state.lighting(), look);

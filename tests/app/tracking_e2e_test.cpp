@@ -1,11 +1,8 @@
 // The built velmora and the phone simulator on loopback: for every wire
 // format the headless status line shows packets arriving and being ingested,
 // and SIGINT ends the run cleanly with status 0.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -81,22 +78,16 @@ TEST(TrackingEndToEndTest, UnknownFormatIsShownAsSuch) {
       [&](const std::string& l) { return l.find("UDP port " + std::to_string(port)) != std::string::npos; }, 20.0))
       << velmora.output();
 
-  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in to{};
-  to.sin_family = AF_INET;
-  to.sin_port = htons(port);
-  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const test::UdpSocket phone;
   bool shown = false;
   for (int i = 0; i < 200 && !shown; ++i) {  // up to about 4 s of 50 datagrams/s
-    const char payload[] = "hello phone";
-    ::sendto(fd, payload, sizeof payload - 1, 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    phone.sendTo(port, "hello phone");
     shown = velmora.waitForLine(
         [](const std::string& l) {
           return l.rfind("[Velmora] tracking: ", 0) == 0 && l.find(" (Unknown format), ") != std::string::npos;
         },
         0.02);
   }
-  ::close(fd);
   EXPECT_TRUE(shown) << velmora.output();
   EXPECT_EQ(velmora.stop(SIGINT, 15.0), 0) << velmora.output();
 }
