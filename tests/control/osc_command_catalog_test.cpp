@@ -240,37 +240,21 @@ TEST_F(CatalogTest, LockRotationTakesBooleansAndNumbers) {
   EXPECT_FALSE(state().lockRotation());
 }
 
-TEST_F(CatalogTest, ModelCommandTextRules) {
-  const std::vector<std::pair<std::string, std::optional<CharacterModelType>>> cases = {
-      {"cartoon_ghost", CharacterModelType::cartoonGhost},   {"GHOST", CharacterModelType::cartoonGhost},
-      {"my Ghostly mask", CharacterModelType::cartoonGhost}, {"theatrical_mask", CharacterModelType::theatricalMask},
-      {"MASK", CharacterModelType::theatricalMask},          {"Theatre", CharacterModelType::theatricalMask},
-      {"robot", std::nullopt},                               {"", std::nullopt},
-      {"1", std::nullopt},  // text is never read as a number
-  };
-  for (const auto& [text, expected] : cases) {
-    for (CharacterModelType start : {CharacterModelType::theatricalMask, CharacterModelType::cartoonGhost}) {
-      state().setCharacterModel(start);
-      ASSERT_TRUE(dispatch("/velmora/model", {text}));
-      EXPECT_EQ(state().characterModel(), expected.value_or(start)) << '"' << text << '"';
-    }
-  }
-}
-
-TEST_F(CatalogTest, ModelCommandNumberRules) {
+TEST_F(CatalogTest, ModelCommandTextAndNumberRules) {
+  const auto ghost = CharacterModelType::cartoonGhost, mask = CharacterModelType::theatricalMask;
   const std::vector<std::pair<OSCArgument, std::optional<CharacterModelType>>> cases = {
-      {std::int32_t(1), CharacterModelType::cartoonGhost},  {std::int32_t(0), CharacterModelType::theatricalMask},
-      {std::int32_t(2), CharacterModelType::theatricalMask}, {std::int32_t(-1), CharacterModelType::theatricalMask},
-      {1.9f, CharacterModelType::cartoonGhost},              {1.0, CharacterModelType::cartoonGhost},
-      {0.99f, CharacterModelType::theatricalMask},           {-0.5f, CharacterModelType::theatricalMask},
-      {1e30f, CharacterModelType::theatricalMask},           {kNaN, std::nullopt},
-      {kInf, std::nullopt},                                  {-kInf, std::nullopt},
+      {"cartoon_ghost", ghost}, {"GHOST", ghost}, {"my Ghostly mask", ghost}, {"theatrical_mask", mask},
+      {"MASK", mask},           {"Theatre", mask}, {"robot", std::nullopt},   {"", std::nullopt},
+      {"1", std::nullopt},  // text is never read as a number
+      {std::int32_t(1), ghost}, {std::int32_t(0), mask}, {std::int32_t(2), mask}, {std::int32_t(-1), mask},
+      {1.9f, ghost},            {1.0, ghost},            {0.99f, mask},          {-0.5f, mask},
+      {1e30f, mask},            {kNaN, std::nullopt},    {kInf, std::nullopt},   {-kInf, std::nullopt},
       {true, std::nullopt},
   };
   for (const auto& [arg, expected] : cases) {
-    for (CharacterModelType start : {CharacterModelType::theatricalMask, CharacterModelType::cartoonGhost}) {
+    for (CharacterModelType start : {mask, ghost}) {
       state().setCharacterModel(start);
-      ASSERT_TRUE(dispatch("/character", {arg}));
+      ASSERT_TRUE(dispatch(start == mask ? "/velmora/model" : "/character", {arg}));
       EXPECT_EQ(state().characterModel(), expected.value_or(start)) << arg.printed();
     }
   }
@@ -322,18 +306,13 @@ TEST_F(CatalogTest, TogglesInvertWithoutABooleanAndSetOtherwise) {
     EXPECT_EQ(value(), start);
     dispatch(t.address, {std::string("1")});  // text: toggle
     EXPECT_EQ(value(), !start);
-    dispatch(t.address, {std::int32_t(1)});
-    EXPECT_TRUE(value());
-    dispatch(t.address, {std::int32_t(0)});
-    EXPECT_FALSE(value());
-    dispatch(t.address, {0.51f});
-    EXPECT_TRUE(value());
-    dispatch(t.address, {0.5f});  // 0.5 is not above 0.5
-    EXPECT_FALSE(value());
-    dispatch(t.address, {true});
-    EXPECT_TRUE(value());
-    dispatch(t.address, {true});
-    EXPECT_TRUE(value());
+    // 0.5 is not above 0.5.
+    const std::vector<std::pair<OSCArgument, bool>> sets = {
+        {std::int32_t(1), true}, {std::int32_t(0), false}, {0.51f, true}, {0.5f, false}, {true, true}, {true, true}};
+    for (const auto& [arg, expected] : sets) {
+      dispatch(t.address, {arg});
+      EXPECT_EQ(value(), expected) << arg.printed();
+    }
   }
   dispatch("/osc", {false});
   EXPECT_EQ(state().oscStatus(), "OSC cues: disabled");
