@@ -5,7 +5,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "base/Log.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 namespace velmora {
@@ -64,11 +64,9 @@ TEST(SettingsStore, CorruptFileIsMovedAsideWithOneLogLineAndTheNextWriteIsValid)
     std::ofstream out(dir.path() / "settings.json");
     out << "{ \"characterModel\": \"cartoon_gh";  // truncated mid-write by some other program
   }
-  std::vector<std::string> lines;
-  setLogSink([&](const std::string& l) { lines.push_back(l); });
+  test::LogCapture log;
   SettingsStore store(dir.path());
-  setLogSink(nullptr);
-
+  const auto lines = log.lines();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].rfind("[Settings] ", 0), 0u);
   EXPECT_FALSE(store.object("characterModel"));
@@ -113,11 +111,10 @@ TEST(SettingsStore, UnwritableFolderLogsAndKeepsTheValueInMemory) {
   test::TempDir dir;
   { std::ofstream(dir.path() / "blocker") << "a file where the settings folder should be"; }
   SettingsStore store(dir.path() / "blocker" / "velmora");
-  std::vector<std::string> lines;
-  setLogSink([&](const std::string& l) { lines.push_back(l); });
+  test::LogCapture log;
   EXPECT_FALSE(store.set("a", 1));
-  setLogSink(nullptr);
   EXPECT_EQ(store.integer("a"), 1);
+  const auto lines = log.lines();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_NE(lines[0].find("Could not write"), std::string::npos);
 }
