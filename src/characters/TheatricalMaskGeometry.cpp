@@ -112,6 +112,21 @@ float segmentDistance(float2 q, float2 origin, float2 dir, float dirLengthSquare
   return std::sqrt(ex * ex + ey * ey);
 }
 
+// The outline's superellipse at q = y - 0.15 (before any lift or floor):
+// exponent 2.8 over the upper 0.9, 2.2 over the lower 1.15; t is the
+// normalised distance from y = 0.15.
+TheatricalMaskGeometry::Outline outlineSuperellipse(float q) {
+  float t, e;
+  if (q >= 0.0f) {
+    t = q / 0.9f;
+    e = 2.8f;
+  } else {
+    t = q / -1.15f;
+    e = 2.2f;
+  }
+  return {0.93f * std::pow(std::max(0.0f, 1.0f - std::pow(std::min(t, 1.0f), e)), 1.0f / e), t};
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -148,17 +163,9 @@ TheatricalMaskGeometry::Outline TheatricalMaskGeometry::outline(float x, float y
     const float w = clamp01(((q / 0.9f) - 0.45f) / 0.55f);
     q = y - 0.18f * lift * smoothstep(w) - 0.15f;
   }
-  float t, e;
-  if (q >= 0.0f) {
-    t = q / 0.9f;
-    e = 2.8f;
-  } else {
-    t = q / -1.15f;
-    e = 2.2f;
-  }
-  float hw = 0.93f * std::pow(std::max(0.0f, 1.0f - std::pow(std::min(t, 1.0f), e)), 1.0f / e);
-  hw = std::max(hw, 0.02f);
-  return {hw, t};
+  Outline o = outlineSuperellipse(q);
+  o.halfWidth = std::max(o.halfWidth, 0.02f);
+  return o;
 }
 
 float TheatricalMaskGeometry::height(float2 p) {
@@ -362,15 +369,7 @@ TheatricalMaskTopology TheatricalMaskGeometry::buildTopology() {
       const float v = static_cast<float>(i) / 190.0f;
       const float y = 1.0455f - 2.03975f * v;
       const float q = y - 0.15f;
-      float t, e;
-      if (q >= 0.0f) {
-        t = q / 0.9f;
-        e = 2.8f;
-      } else {
-        t = q / -1.15f;
-        e = 2.2f;
-      }
-      const float hw = 0.93f * std::pow(std::max(0.0f, 1.0f - std::pow(std::min(t, 1.0f), e)), 1.0f / e);
+      const float hw = outlineSuperellipse(q).halfWidth;
       const float gm = expf32(-sq((y + 0.41453159f) / 0.15f));
       const float sc = smoothstep(clamp01((q / 0.9f - 0.45f) / 0.55f));
       for (int j = 0; j < columns; ++j) {
