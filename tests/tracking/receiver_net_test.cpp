@@ -32,6 +32,13 @@ bool waitFor(const std::function<bool()>& pred, double seconds = 5.0) {
   return pred();
 }
 
+// Starts the receiver on the one port; true when it listens there.
+bool listen(TrackingReceiver& receiver, std::uint16_t port) {
+  receiver.setPorts({port});
+  receiver.startListening();
+  return receiver.listeningPorts() == std::vector<std::uint16_t>{port};
+}
+
 TEST(TrackingReceiverNetTest, PortHeldElsewhereIsSkippedOthersListen) {
   LogCapture log;
   UdpSocket holder;  // another program holding the port, no reuse options
@@ -83,9 +90,7 @@ TEST(TrackingReceiverNetTest, BurstIsDrainedInOneReadinessEvent) {
   const std::uint16_t port = freeUdpPort();
   auto sink = std::make_shared<test::RecordingSink>();
   TrackingReceiver receiver(sink);
-  receiver.setPorts({port});
-  receiver.startListening();
-  ASSERT_EQ(receiver.listeningPorts().size(), 1u);
+  ASSERT_TRUE(listen(receiver, port));
 
   // Hold the queue while the burst lands in the socket buffer.
   std::promise<void> release;
@@ -114,9 +119,7 @@ TEST(TrackingReceiverNetTest, FloodStaysBounded) {
   auto sink = std::make_shared<MainThreadTrackingSink>(kCapacity, stalledMain, nullptr);
   const std::uint16_t port = freeUdpPort();
   TrackingReceiver receiver(sink);
-  receiver.setPorts({port});
-  receiver.startListening();
-  ASSERT_EQ(receiver.listeningPorts().size(), 1u);
+  ASSERT_TRUE(listen(receiver, port));
 
   UdpSocket phone;
   constexpr int kFlood = 3000;
@@ -145,9 +148,7 @@ TEST(TrackingReceiverNetTest, OscsendVmcBlendshape) {
   const std::uint16_t port = freeUdpPort();
   auto sink = std::make_shared<test::RecordingSink>();
   TrackingReceiver receiver(sink);
-  receiver.setPorts({port});
-  receiver.startListening();
-  ASSERT_EQ(receiver.listeningPorts().size(), 1u);
+  ASSERT_TRUE(listen(receiver, port));
 
   const std::string cmd = "oscsend 127.0.0.1 " + std::to_string(port) + " /VMC/Ext/Blend/Val sf jawOpen 0.7";
   ASSERT_EQ(std::system(cmd.c_str()), 0);
