@@ -3,13 +3,13 @@
 // in it, the contact sheet too, and a machine without any GL display still
 // exits 0 with the reason.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <string>
 
+#include "support/ChildProcess.h"
 #include "support/TempDir.h"
 
 #define STB_IMAGE_IMPLEMENTATION
@@ -30,16 +30,12 @@ struct SnapshotRun {
   std::string output;
 };
 
-SnapshotRun run(const std::string& env, const std::string& folder) {
-  SnapshotRun r;
-  const std::string command = env + " '" + kVelmora + "' --snapshot '" + folder + "' 2>&1";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (!pipe) return r;
-  char buf[4096];
-  while (std::fgets(buf, sizeof buf, pipe)) r.output += buf;
-  const int raw = ::pclose(pipe);
-  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  return r;
+// Runs "velmora --snapshot folder" with the test's settings folder plus `env`.
+SnapshotRun run(std::vector<std::string> env, const std::string& folder) {
+  if (const char* config = std::getenv("VELMORA_CONFIG_DIR")) env.push_back(std::string("VELMORA_CONFIG_DIR=") + config);
+  test::ChildProcess velmora({kVelmora, "--snapshot", folder}, env);
+  const int status = velmora.started() ? velmora.wait(300) : -1;
+  return {status, velmora.output()};
 }
 
 struct Image {
@@ -62,7 +58,7 @@ Image load(const std::filesystem::path& path) {
 TEST(SnapshotE2ETest, WritesEveryPictureWithATransparentBackground) {
   test::TempDir dir;
   const auto folder = dir.path() / "pictures" / "nested";  // created by the run
-  const SnapshotRun r = run("", folder.string());
+  const SnapshotRun r = run({}, folder.string());
   ASSERT_EQ(r.status, 0) << r.output;
 
   std::smatch m;
@@ -114,7 +110,7 @@ TEST(SnapshotE2ETest, WritesEveryPictureWithATransparentBackground) {
 TEST(SnapshotE2ETest, WithoutAnyGLDisplayItSaysWhyAndExitsZero) {
   test::TempDir dir;
   // An EGL vendor list that names nothing: no display of any kind.
-  const SnapshotRun r = run("__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent/egl.json", (dir.path() / "out").string());
+  const SnapshotRun r = run({"__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent/egl.json"}, (dir.path() / "out").string());
   EXPECT_EQ(r.status, 0) << r.output;
   EXPECT_NE(r.output.find("[Renderer] EglContext::create(): "), std::string::npos) << r.output;
   EXPECT_NE(r.output.find("nothing will be rendered"), std::string::npos) << r.output;
