@@ -216,11 +216,6 @@ TEST_F(CatalogTest, NumberCommandsClampAndIgnoreUnusableArguments) {
     EXPECT_TRUE(dispatch(c.address));
     EXPECT_EQ((state().*c.get)(), c.start);
   }
-  // Smoothing also retunes the filters: cutoff 3.0 at smoothing 0, the 0.2 floor at 1.
-  dispatch("/smoothing", {1.5f});
-  EXPECT_NEAR(state().rotationFilter().x().minCutoff, 0.2f, 1e-6f);
-  dispatch("/smoothing", {-0.3f});
-  EXPECT_NEAR(state().rotationFilter().x().minCutoff, 3.0f, 1e-6f);
 }
 
 TEST_F(CatalogTest, LockRotationTakesBooleansAndNumbers) {
@@ -431,12 +426,10 @@ TEST_F(CatalogTest, CueDurationsArePassedUnclamped) {
   EXPECT_EQ(*controller().activeCue(), AnimationCue::make(K::ghostFlyIn, 4.0));
   dispatch("/velmora/ghost/flyin", {0.0f});
   EXPECT_EQ(controller().activeCue()->requestedDuration, 0.0);
-  EXPECT_EQ(controller().activeCue()->duration(), 0.5);
   dispatch("/mask/gasp", {std::int32_t(-3)});
   EXPECT_EQ(*controller().activeCue(), AnimationCue::make(K::maskGasp, -3.0));
   dispatch("/mask/gasp", {kNaN});
   EXPECT_TRUE(std::isnan(controller().activeCue()->requestedDuration));
-  EXPECT_EQ(controller().activeCue()->duration(), 0.4);
   dispatch("/mask/gasp", {std::string("3")});  // text: the default
   EXPECT_EQ(*controller().activeCue(), AnimationCue::make(K::maskGasp, 1.8));
   dispatch("/mask/nod", {1e30f});

@@ -7,61 +7,23 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 #include <string>
 #include <thread>
-#include <variant>
 #include <vector>
 
 #include "base/MainQueue.h"
 #include "support/LogCapture.h"
+#include "support/OscBytes.h"
 #include "support/UdpSocket.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-using Arg = std::variant<float, std::string>;
-
-void appendString(Bytes& out, const std::string& s) {
-  out.insert(out.end(), s.begin(), s.end());
-  const std::size_t pad = 4 - s.size() % 4;  // 1..4 zero bytes: terminator plus padding
-  out.insert(out.end(), pad, 0);
-}
-
-void appendBigEndian(Bytes& out, std::uint32_t v) {
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(v >> shift));
-}
-
-// An OSC message: address, type tags, then float32 / string arguments.
-Bytes oscMessage(const std::string& address, const std::vector<Arg>& args = {}) {
-  Bytes out;
-  appendString(out, address);
-  std::string tags = ",";
-  for (const Arg& a : args) tags += std::holds_alternative<float>(a) ? 'f' : 's';
-  appendString(out, tags);
-  for (const Arg& a : args) {
-    if (const float* f = std::get_if<float>(&a)) {
-      std::uint32_t bits;
-      std::memcpy(&bits, f, 4);
-      appendBigEndian(out, bits);
-    } else {
-      appendString(out, std::get<std::string>(a));
-    }
-  }
-  return out;
-}
-
-Bytes oscBundle(const std::vector<Bytes>& elements) {
-  Bytes out = {'#', 'b', 'u', 'n', 'd', 'l', 'e', 0, 0, 0, 0, 0, 0, 0, 0, 1};  // name, time tag "immediately"
-  for (const Bytes& e : elements) {
-    appendBigEndian(out, static_cast<std::uint32_t>(e.size()));
-    out.insert(out.end(), e.begin(), e.end());
-  }
-  return out;
-}
-
+using test::Bytes;
+using test::oscBundle;
+using test::oscElement;
+using test::oscMessage;
 using test::UdpSocket;
 using test::freeUdpPort;
 
@@ -207,8 +169,9 @@ TEST_F(QLabServerTest, MessagesAreDispatchedAndRecorded) {
 
 TEST_F(QLabServerTest, BundleMessagesRunInBundleOrder) {
   const std::uint16_t port = listen();
-  sender.sendTo(port, oscBundle({oscMessage("/velmora/sensitivity", {2.0f}), oscMessage("/velmora/opacity", {0.25f}),
-                                 oscMessage("/velmora/sensitivity", {3.0f})}));
+  sender.sendTo(port, oscBundle({oscElement(oscMessage("/velmora/sensitivity", {2.0f})),
+                                 oscElement(oscMessage("/velmora/opacity", {0.25f})),
+                                 oscElement(oscMessage("/velmora/sensitivity", {3.0f}))}));
   ASSERT_TRUE(waitFor([&] { return commands.size() == 3; }));
   EXPECT_EQ(commands, (std::vector<std::string>{"/velmora/sensitivity [2]", "/velmora/opacity [0.25]",
                                                 "/velmora/sensitivity [3]"}));
