@@ -13,6 +13,7 @@
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
 #include "control/osc/OSCParser.h"
+#include "support/OscBytes.h"
 #include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/LiveLinkNames.h"
@@ -272,23 +273,9 @@ TEST(JSONTrackingDecoderTest, DecodingWhileParsingMatchesTheDocument) {
 }
 
 TEST(OSCTrackingDecoderTest, DecodingFromTheDatagramMatchesParsedMessages) {
-  // "#bundle" + time tag, then /VMC/Ext/Blend/Val ,sf "jawOpen" 0.7 and
-  // /Head/Yaw ,f 90 as size-prefixed elements.
-  Bytes b = bytesOf(std::string("#bundle\0", 8));
-  b.resize(16, 0);
-  auto element = [&](const Bytes& m) {
-    const auto n = static_cast<std::uint32_t>(m.size());
-    b.insert(b.end(), {std::uint8_t(n >> 24), std::uint8_t(n >> 16), std::uint8_t(n >> 8), std::uint8_t(n)});
-    b.insert(b.end(), m.begin(), m.end());
-  };
-  Bytes vmc = bytesOf(std::string("/VMC/Ext/Blend/Val\0\0,sf\0jawOpen\0", 32));
-  vmc.resize(36);
-  putFloat(vmc, 32, 0.7f);
-  Bytes yaw = bytesOf(std::string("/Head/Yaw\0\0\0,f\0\0", 16));
-  yaw.resize(20);
-  putFloat(yaw, 16, 90.0f);
-  element(vmc);
-  element(yaw);
+  // A bundle of /VMC/Ext/Blend/Val ,sf "jawOpen" 0.7 and /Head/Yaw ,f 90.
+  const Bytes b = test::oscBundle({test::oscElement(test::oscMessage("/VMC/Ext/Blend/Val", {"jawOpen", 0.7f})),
+                                   test::oscElement(test::oscMessage("/Head/Yaw", {90.0f}))});
 
   auto fast = decodeOSCPacket(b, kSender);
   const auto reference = decodeOSCMessages(OSCParser::parsePacket(b), kSender);
