@@ -117,6 +117,19 @@ struct SceneRenderer::Impl {
     t = Targets{};
   }
 
+  // A w x h colour texture (nearest filtering) and a framebuffer with it as
+  // colour attachment 0; the framebuffer stays bound.
+  static void makeTextureTarget(int w, int h, GLenum internalFormat, GLenum type, GLuint& texture, GLuint& fbo) {
+    glGenTextures(1, &texture);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(internalFormat), w, h, 0, GL_RGBA, type, nullptr);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    glGenFramebuffers(1, &fbo);
+    glBindFramebuffer(GL_FRAMEBUFFER, fbo);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
+  }
+
   bool buildTargets(int w, int h, int samples, std::string& why) {
     releaseTargets();
     Targets& t = targets;
@@ -124,14 +137,7 @@ struct SceneRenderer::Impl {
     t.height = h;
     t.samples = samples;
 
-    glGenTextures(1, &t.resolveColor);
-    glBindTexture(GL_TEXTURE_2D, t.resolveColor);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA16F, w, h, 0, GL_RGBA, GL_FLOAT, nullptr);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-    glGenFramebuffers(1, &t.resolveFbo);
-    glBindFramebuffer(GL_FRAMEBUFFER, t.resolveFbo);
-    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, t.resolveColor, 0);
+    makeTextureTarget(w, h, GL_RGBA16F, GL_FLOAT, t.resolveColor, t.resolveFbo);
     if (samples <= 1) {
       glGenRenderbuffers(1, &t.resolveDepth);
       glBindRenderbuffer(GL_RENDERBUFFER, t.resolveDepth);
@@ -163,14 +169,7 @@ struct SceneRenderer::Impl {
       t.sceneFbo = t.resolveFbo;
     }
 
-    glGenTextures(1, &t.outputColor);
-    glBindTexture(GL_TEXTURE_2D, t.outputColor);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, w, h, 0, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-    glGenFramebuffers(1, &t.outputFbo);
-    glBindFramebuffer(GL_FRAMEBUFFER, t.outputFbo);
-    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, t.outputColor, 0);
+    makeTextureTarget(w, h, GL_RGBA8, GL_UNSIGNED_BYTE, t.outputColor, t.outputFbo);
     status = glCheckFramebufferStatus(GL_FRAMEBUFFER);
     glBindFramebuffer(GL_FRAMEBUFFER, 0);
     if (status != GL_FRAMEBUFFER_COMPLETE) {
