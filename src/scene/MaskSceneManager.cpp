@@ -201,11 +201,16 @@ void MaskSceneManager::updateTracking(const FaceTrackingState& state) {
     }
   }
   // 9. Morph weights by lower-cased name; names without a target are skipped.
+  // A target that the blended map does not name rests at 0, so nothing a cue
+  // or an earlier sender left behind lingers once the map stops naming it.
   if (morpher_) {
+    std::vector<float> weights(morpher_->targetCount(), 0.0f);
     for (const auto& [name, weight] : blended) {
       auto it = targetNameToIndex_.find(targetKey(name));
-      if (it != targetNameToIndex_.end()) morpher_->setWeight(static_cast<std::size_t>(it->second), weight);
+      if (it != targetNameToIndex_.end() && static_cast<std::size_t>(it->second) < weights.size())
+        weights[static_cast<std::size_t>(it->second)] = weight;
     }
+    for (std::size_t i = 0; i < weights.size(); ++i) morpher_->setWeight(i, weights[i]);
   }
   // 10. Ghost eyes.
   if (ghostLeftEyeNode_ && ghostRightEyeNode_) updateGhostEyes(*ghostLeftEyeNode_, *ghostRightEyeNode_, blended);

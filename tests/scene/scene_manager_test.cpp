@@ -127,6 +127,52 @@ TEST_F(SceneManagerTest, ACueBlendsItsChannelsOverLiveTrackingByItsWeight) {
   EXPECT_NEAR(scene.maskNode()->position.z, out.positionOffset.z, 1e-6f);
 }
 
+TEST_F(SceneManagerTest, ACueStoppedOrEndedLeavesNoWeightTheLiveMapDoesNotName) {
+  // No phone: the live map is empty. A gasp reset mid-way (no fade) must not
+  // leave the mask frozen in it.
+  const auto gasp = AnimationCue::make(AnimationCue::Kind::maskGasp, 2.0);
+  animation.trigger(gasp, now);
+  now += 0.8;
+  scene.updateTracking(state);
+  ASSERT_GT(weightOf("jawOpen"), 0.1f);
+  ASSERT_GT(weightOf("eyeWideLeft"), 0.1f);
+  animation.reset(false, now);
+  now += 10.0;
+  scene.updateTracking(state);
+  for (std::size_t i = 0; i < scene.morpher()->targetCount(); ++i)
+    EXPECT_EQ(scene.morpher()->weight(i), 0.0f) << "target " << i;
+
+  // A sender that sends only some names, and a cue that ends on its own:
+  // the named targets are the live values, every other one is back at 0.
+  state.setBlendshapes({{"browInnerUp", 0.25f}, {"eyeBlinkRight", 0.5f}});
+  animation.trigger(gasp, now);
+  now += 0.8;
+  scene.updateTracking(state);
+  ASSERT_GT(weightOf("jawOpen"), 0.1f);
+  now += 10.0;  // well past the gasp's end
+  scene.updateTracking(state);
+  EXPECT_EQ(weightOf("browInnerUp"), 0.25f);
+  EXPECT_EQ(weightOf("eyeBlinkRight"), 0.5f);
+  EXPECT_EQ(weightOf("jawOpen"), 0.0f);
+  EXPECT_EQ(weightOf("mouthFunnel"), 0.0f);
+  EXPECT_EQ(weightOf("eyeWideLeft"), 0.0f);
+}
+
+TEST_F(SceneManagerTest, TheGhostsMouthBackingFollowsItsBodyBackToRest) {
+  state.setCharacterModel(CharacterModelType::cartoonGhost);
+  scene.updateTracking(state);
+  ASSERT_FALSE(scene.morpher()->followers.empty());
+  const auto& backing = *scene.morpher()->followers.front();
+  animation.trigger(AnimationCue::make(AnimationCue::Kind::ghostSpook, 2.0), now);
+  now += 0.5;
+  scene.updateTracking(state);
+  ASSERT_GT(weightOf("jawOpen"), 0.1f);
+  EXPECT_EQ(backing.weight(*scene.targetIndex("jawOpen")), weightOf("jawOpen"));
+  animation.reset(false, now);
+  scene.updateTracking(state);
+  for (std::size_t i = 0; i < backing.targetCount(); ++i) EXPECT_EQ(backing.weight(i), 0.0f) << "target " << i;
+}
+
 TEST_F(SceneManagerTest, ARotationOnlyCueTurnsTheHeadAtWeightZero) {
   const auto cue = AnimationCue::make(AnimationCue::Kind::maskNod, 1.0);
   animation.trigger(cue, now);
