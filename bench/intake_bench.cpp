@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "control/osc/OSCParser.h"
+#include "osc/OSCParser.h"
 #include "tracking/LiveLinkNames.h"
 #include "tracking/TrackingDecoders.h"
 #include "tracking/TrackingReceiver.h"

@@ -11,8 +11,9 @@
 #include "animation/CharacterAnimationController.h"
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
+#include "render/RenderThread.h"
 #include "scene/MaskSceneManager.h"
-#include "tracking/ARKitBlendShape.h"
+#include "stage/ARKitBlendShape.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
@@ -35,6 +36,7 @@ struct Fixture {
     state->setCharacterModel(model);
     animation = std::make_unique<CharacterAnimationController>();
     scene = std::make_unique<MaskSceneManager>(*state, *animation, [this] { return now; });
+    scene->setRenderer(std::make_unique<RenderThread>());
     // A full live face: all 52 blendshapes at mid values.
     BlendshapeMap face;
     int i = 0;

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "base/SettingsStore.h"
-#include "tracking/ARKitBlendShape.h"
+#include "stage/ARKitBlendShape.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/OneEuroFilter1D.h"
 #include "tracking/OneEuroFilter3D.h"

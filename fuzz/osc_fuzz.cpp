@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <span>
 
-#include "control/osc/OSCParser.h"
-#include "control/osc/Utf8.h"
+#include "base/Utf8.h"
+#include "osc/OSCParser.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::span<const std::uint8_t> bytes(data, size);

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "control/osc/OSCParser.h"
+#include "osc/OSCParser.h"
 #include "tracking/TrackingDecoders.h"
 #include "tracking/TrackingReceiver.h"
 

@@ -6,15 +6,16 @@
 #include <thread>
 
 #include "app/CommandLine.h"
+#include "app/MaskSnapshot.h"
 #include "app/SelfTestRunner.h"
+#include "app/TrackingIntake.h"
+#include "base/Clock.h"
 #include "base/Log.h"
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
 #include "control/QLabOSCServer.h"
+#include "render/RenderThread.h"
 #include "scene/MaskSceneManager.h"
-#include "scene/MaskSnapshot.h"
-#include "app/TrackingIntake.h"
-#include "base/Clock.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/TrackingReceiver.h"
 
@@ -87,6 +88,9 @@ int Application::runInteractive() {
   TrackingIntake tracking(TrackingReceiver::shared(), state);
   tracking.start();
   QLabOSCServer::shared().startListening();  // remote cues; shows "OSC cues: disabled" when switched off
+
+  // The GL render thread behind the scene; its context opens with the first frame.
+  MaskSceneManager::shared().setRenderer(std::make_unique<RenderThread>());
 
   mainQueue.setTick([&] {
     // --- per-tick work (60 Hz) ---

@@ -10,13 +10,13 @@
 #include <algorithm>
 #include <cmath>
 
-#include "characters/ShellClosure.h"
 #include "characters/ParallelFor.h"
 #include "characters/ShapeMath.h"
+#include "characters/ShellClosure.h"
 #include "characters/SourceBuffer.h"
 #include "characters/TheatricalMaskGeometry.h"
-#include "scene/data/Morpher.h"
-#include "scene/data/Node.h"
+#include "stage/Morpher.h"
+#include "stage/Node.h"
 
 namespace velmora {
 

@@ -32,7 +32,7 @@
 
 #include "base/Math.h"
 #include "characters/CharacterBuild.h"
-#include "scene/data/Geometry.h"
+#include "stage/Geometry.h"
 
 namespace velmora {
 

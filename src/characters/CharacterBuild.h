@@ -8,8 +8,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "scene/data/Morpher.h"
-#include "scene/data/Node.h"
+#include "stage/Morpher.h"
+#include "stage/Node.h"
 
 namespace velmora {
 

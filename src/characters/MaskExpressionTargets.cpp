@@ -6,7 +6,7 @@
 #include "characters/ParallelFor.h"
 #include "characters/ShapeMath.h"
 #include "characters/TheatricalMaskGeometry.h"
-#include "scene/data/Node.h"
+#include "stage/Node.h"
 
 namespace velmora {
 

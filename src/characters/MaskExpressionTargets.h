@@ -21,8 +21,8 @@
 
 #include "base/Math.h"
 #include "characters/CharacterBuild.h"
-#include "scene/data/Geometry.h"
-#include "scene/data/Morpher.h"
+#include "stage/Geometry.h"
+#include "stage/Morpher.h"
 
 namespace velmora {
 

@@ -10,7 +10,7 @@
 #include <memory>
 #include <vector>
 
-#include "scene/data/Geometry.h"
+#include "stage/Geometry.h"
 
 namespace velmora {
 

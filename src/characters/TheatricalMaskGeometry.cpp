@@ -13,9 +13,9 @@
 #include <cstring>
 #include <glm/geometric.hpp>
 
-#include "characters/ShellClosure.h"
 #include "characters/ParallelFor.h"
 #include "characters/ShapeMath.h"
+#include "characters/ShellClosure.h"
 #include "characters/SourceBuffer.h"
 
 namespace velmora {

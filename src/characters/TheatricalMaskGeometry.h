@@ -22,8 +22,8 @@
 #include <vector>
 
 #include "base/Math.h"
-#include "scene/data/Geometry.h"
-#include "scene/data/Material.h"
+#include "stage/Geometry.h"
+#include "stage/Material.h"
 
 namespace velmora {
 

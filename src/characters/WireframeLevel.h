@@ -20,8 +20,8 @@
 #include <vector>
 
 #include "base/Math.h"
-#include "tracking/FaceFrame.h"
-#include "tracking/TrackingDetail.h"
+#include "stage/FaceFrame.h"
+#include "stage/TrackingDetail.h"
 
 namespace velmora {
 

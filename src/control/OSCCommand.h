@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "control/osc/OSCMessage.h"
+#include "osc/OSCMessage.h"
 
 namespace velmora {
 

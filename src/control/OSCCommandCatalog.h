@@ -11,8 +11,8 @@
 
 #include "animation/AnimationCue.h"
 #include "control/OSCCommand.h"
-#include "scene/data/LightingSettings.h"
-#include "tracking/CharacterModelType.h"
+#include "stage/CharacterModelType.h"
+#include "stage/LightingSettings.h"
 
 namespace velmora {
 
@@ -56,7 +56,8 @@ class OSCCommandCatalog {
   // The duration a cue command passes when the message carries no float.
   static double defaultDuration(AnimationCue::Kind kind);
 
-  // Row 14's built texts, from LightingSettings::presetNames().
+  // The lighting-preset command's argument and summary texts, built from
+  // LightingSettings::presetNames() so they list every preset.
   static std::string presetArgumentText();
   static std::string presetSummaryText();
 };

@@ -14,7 +14,7 @@
 #include "base/MainThreadMailbox.h"
 #include "base/SerialQueue.h"
 #include "control/OSCCommandCatalog.h"
-#include "control/osc/OSCParser.h"
+#include "osc/OSCParser.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {

@@ -19,7 +19,7 @@
 #include <optional>
 #include <string>
 
-#include "control/osc/OSCMessage.h"
+#include "osc/OSCMessage.h"
 
 namespace velmora {
 

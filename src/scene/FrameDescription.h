@@ -11,9 +11,9 @@
 
 #include "base/Math.h"
 #include "scene/EnvironmentImage.h"
-#include "scene/data/Geometry.h"
-#include "scene/data/LightingRig.h"
-#include "scene/data/Node.h"
+#include "scene/LightingRig.h"
+#include "stage/Geometry.h"
+#include "stage/Node.h"
 
 namespace velmora {
 

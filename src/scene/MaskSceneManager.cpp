@@ -75,9 +75,7 @@ void MaskSceneManager::setupLighting() {
 }
 
 void MaskSceneManager::setupOffscreenRenderer() {
-  // The render thread and its GL context start with the first frame, so a
-  // process that never renders (and the unit tests) opens no GL display.
-  if (!renderer_) renderer_ = std::make_unique<RenderThread>();
+  if (!renderer_) return;
   std::weak_ptr<Consumers> weak = consumers_;
   renderer_->setFrameHandler([weak](const std::shared_ptr<const RenderedFrame>& frame) {
     auto consumers = weak.lock();
@@ -89,6 +87,13 @@ void MaskSceneManager::setupOffscreenRenderer() {
     }
     for (auto& [token, consumer] : list) consumer(frame);
   });
+}
+
+void MaskSceneManager::setRenderer(std::unique_ptr<FrameRenderer> renderer) {
+  VELMORA_ASSERT_MAIN_THREAD();
+  if (renderer_) renderer_->stop();
+  renderer_ = std::move(renderer);
+  setupOffscreenRenderer();
 }
 
 void MaskSceneManager::applyLighting(const LightingSettings& settings, float master) {
@@ -260,7 +265,7 @@ std::shared_ptr<const FrameDescription> MaskSceneManager::makeFrameDescription(i
   return frame;
 }
 
-RenderThread::Result MaskSceneManager::renderFrameNow(int width, int height, int sampleCount) {
+FrameRenderer::Result MaskSceneManager::renderFrameNow(int width, int height, int sampleCount) {
   if (!renderer_) return {nullptr, "MaskSceneManager: no offscreen renderer"};
   auto frame = std::const_pointer_cast<FrameDescription>(makeFrameDescription(width, height));
   frame->sampleCount = sampleCount;

@@ -9,6 +9,9 @@
 // Threads: everything here runs on the main thread except the frame
 // consumers, which are called on the render thread. The main thread never
 // waits for the GPU, except in renderFrameNow() (snapshots and tests).
+//
+// The renderer is handed in (setRenderer): the scene knows only the
+// FrameRenderer interface, so it builds and tests without GL.
 
 #include <cstdint>
 #include <functional>
@@ -22,14 +25,14 @@
 
 #include "scene/EnvironmentImage.h"
 #include "scene/FrameDescription.h"
+#include "scene/FrameRenderer.h"
+#include "scene/LightingRig.h"
 #include "scene/RenderedFrame.h"
-#include "scene/data/LightingRig.h"
-#include "scene/data/LightingSettings.h"
-#include "scene/data/Morpher.h"
-#include "scene/data/Node.h"
-#include "scene/gl/RenderThread.h"
-#include "tracking/CharacterModelType.h"
-#include "tracking/FaceFrame.h"
+#include "stage/CharacterModelType.h"
+#include "stage/FaceFrame.h"
+#include "stage/LightingSettings.h"
+#include "stage/Morpher.h"
+#include "stage/Node.h"
 
 namespace velmora {
 
@@ -61,7 +64,12 @@ class MaskSceneManager {
   // ---- set-up ---------------------------------------------------------------
   void setupScene();
   void setupLighting();
+  // Connects the renderer's finished frames to the frame consumers; a no-op
+  // until a renderer has been handed in.
   void setupOffscreenRenderer();
+  // Main thread. Hands in the renderer (the application's GL render thread;
+  // tests may pass a fake) and connects it; a previous one is stopped.
+  void setRenderer(std::unique_ptr<FrameRenderer> renderer);
   // Applies the settings at master level `master` to the rig; returns at
   // once when both equal what was applied last (the first call always applies).
   void applyLighting(const LightingSettings& settings, float master);
@@ -90,12 +98,12 @@ class MaskSceneManager {
   std::shared_ptr<const FrameDescription> makeFrameDescription(int width = outputWidth,
                                                                int height = outputHeight) const;
   // Renders the current frame synchronously (snapshots, tests).
-  RenderThread::Result renderFrameNow(int width = outputWidth, int height = outputHeight, int sampleCount = 4);
+  FrameRenderer::Result renderFrameNow(int width = outputWidth, int height = outputHeight, int sampleCount = 4);
 
   // Any thread. Consumers are called on the render thread with each frame.
   int addFrameConsumer(FrameConsumer consumer);
   void removeFrameConsumer(int token);
-  RenderThread* renderThread() { return renderer_.get(); }
+  FrameRenderer* renderer() { return renderer_.get(); }
 
   // ---- fields ---------------------------------------------------------------
   const std::shared_ptr<Node>& scene() const { return scene_; }
@@ -143,7 +151,7 @@ class MaskSceneManager {
   LightRig rig_;
   FrameCamera camera_;
   std::shared_ptr<const EnvironmentImage> environment_;
-  std::unique_ptr<RenderThread> renderer_;
+  std::unique_ptr<FrameRenderer> renderer_;
   std::shared_ptr<Consumers> consumers_;
   mutable std::uint64_t sequence_ = 0;
 };

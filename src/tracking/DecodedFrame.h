@@ -14,7 +14,7 @@
 
 #include <array>
 
-#include "tracking/FaceFrame.h"
+#include "stage/FaceFrame.h"
 
 namespace velmora {
 

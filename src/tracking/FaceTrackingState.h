@@ -29,14 +29,14 @@
 
 #include "base/Clock.h"
 #include "base/Math.h"
-#include "scene/data/LightingSettings.h"
+#include "stage/CharacterModelType.h"
+#include "stage/FaceFrame.h"
+#include "stage/LightingSettings.h"
+#include "stage/TrackingDetail.h"
 #include "tracking/BlendshapeRange.h"
 #include "tracking/BlendshapeRegion.h"
-#include "tracking/CharacterModelType.h"
-#include "tracking/FaceFrame.h"
 #include "tracking/OneEuroFilter1D.h"
 #include "tracking/OneEuroFilter3D.h"
-#include "tracking/TrackingDetail.h"
 
 namespace velmora {
 

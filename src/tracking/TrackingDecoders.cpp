@@ -8,8 +8,8 @@
 #include <utility>
 #include <nlohmann/json.hpp>
 
-#include "control/osc/OSCParser.h"
-#include "control/osc/Utf8.h"
+#include "base/Utf8.h"
+#include "osc/OSCParser.h"
 #include "tracking/LiveLinkNames.h"
 
 namespace velmora {

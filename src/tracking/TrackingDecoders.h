@@ -13,7 +13,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "control/osc/OSCMessage.h"
+#include "osc/OSCMessage.h"
 #include "tracking/DecodedFrame.h"
 
 namespace velmora {

@@ -13,8 +13,8 @@
 
 #include "base/Clock.h"
 #include "base/Log.h"
-#include "control/osc/OSCParser.h"
-#include "control/osc/Utf8.h"
+#include "base/Utf8.h"
+#include "osc/OSCParser.h"
 #include "tracking/MainThreadTrackingSink.h"
 #include "tracking/TrackingDecoders.h"
 

@@ -22,7 +22,7 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "base/SerialQueue.h"
-#include "control/osc/OSCMessage.h"
+#include "osc/OSCMessage.h"
 #include "tracking/TrackingFormat.h"
 #include "tracking/TrackingSink.h"
 

@@ -7,7 +7,7 @@
 #include <set>
 
 #include "characters/CartoonGhost.h"
-#include "scene/data/Node.h"
+#include "stage/Node.h"
 
 namespace velmora {
 namespace {

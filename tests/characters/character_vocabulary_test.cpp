@@ -7,7 +7,7 @@
 
 #include "characters/CartoonGhost.h"
 #include "characters/MaskExpressionTargets.h"
-#include "tracking/ARKitBlendShape.h"
+#include "stage/ARKitBlendShape.h"
 
 namespace velmora {
 namespace {

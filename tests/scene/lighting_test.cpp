@@ -5,8 +5,8 @@
 #include <fstream>
 
 #include "base/SettingsStore.h"
-#include "scene/data/LightingRig.h"
-#include "scene/data/LightingSettings.h"
+#include "scene/LightingRig.h"
+#include "stage/LightingSettings.h"
 #include "support/TempDir.h"
 
 namespace velmora {

@@ -321,15 +321,30 @@ TEST_F(SceneManagerTest, HiddenNodesAndOpacityMultiplyDownTheTree) {
   EXPECT_EQ(float3(frame.items[0].worldTransform[3]), float3(1.0f, 2.0f, 0.0f));
 }
 
+// Counts what the scene hands over; renders nothing.
+class CountingRenderer : public FrameRenderer {
+ public:
+  int submitted = 0;
+  void setFrameHandler(FrameHandler) override {}
+  void submit(std::shared_ptr<const FrameDescription>) override { ++submitted; }
+  Result renderNow(std::shared_ptr<const FrameDescription>) override { return {nullptr, "not here"}; }
+  void stop() override {}
+};
+
 TEST_F(SceneManagerTest, TickWithoutAnOutputOrConsumerRendersNothing) {
+  auto owned = std::make_unique<CountingRenderer>();
+  CountingRenderer* renderer = owned.get();
+  scene.setRenderer(std::move(owned));
   state.setIsSyphonActive(false);
   state.setIsNDIActive(false);
   scene.tick();
   state.setIsSyphonActive(true);
   scene.tick();  // an output is on, but nothing consumes frames yet
-  ASSERT_NE(scene.renderThread(), nullptr);
-  EXPECT_EQ(scene.renderThread()->renderedCount(), 0u);
-  EXPECT_EQ(scene.renderThread()->failureReason(), "");  // no GL was even opened
+  EXPECT_EQ(renderer->submitted, 0);
+  const int token = scene.addFrameConsumer([](const std::shared_ptr<const RenderedFrame>&) {});
+  scene.tick();
+  EXPECT_EQ(renderer->submitted, 1);
+  scene.removeFrameConsumer(token);
 }
 
 }  // namespace

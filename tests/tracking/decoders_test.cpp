@@ -12,7 +12,7 @@
 
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
-#include "control/osc/OSCParser.h"
+#include "osc/OSCParser.h"
 #include "support/OscBytes.h"
 #include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"

@@ -7,11 +7,11 @@
 #include <string>
 #include <unordered_set>
 
-#include "tracking/ARKitBlendShape.h"
+#include "stage/ARKitBlendShape.h"
+#include "stage/CharacterModelType.h"
+#include "stage/TrackingDetail.h"
 #include "tracking/BlendshapeRegion.h"
-#include "tracking/CharacterModelType.h"
 #include "tracking/LiveLinkNames.h"
-#include "tracking/TrackingDetail.h"
 
 namespace velmora {
 namespace {

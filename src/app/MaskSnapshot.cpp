@@ -1,0 +1,187 @@
+#include "app/MaskSnapshot.h"
+
+#include <stdlib.h>
+
+#include <array>
+#include <cctype>
+#include <filesystem>
+#include <functional>
+#include <vector>
+
+#include "animation/CharacterAnimationController.h"
+#include "app/ContactSheet.h"
+#include "base/Log.h"
+#include "base/SettingsStore.h"
+#include "render/PngWriter.h"
+#include "render/RenderThread.h"
+#include "scene/MaskSceneManager.h"
+#include "stage/ARKitBlendShape.h"
+#include "tracking/FaceTrackingState.h"
+
+namespace velmora {
+
+namespace {
+
+// File-name forms of the cue kinds, in catalogue order.
+constexpr std::array<const char*, 15> kCueSlugs = {
+    "ghostFlyIn", "ghostFlyOut", "ghostSpook", "ghostSpin", "ghostWobble", "ghostPeek", "ghostLaugh", "ghostShiver",
+    "maskBow",    "maskGasp",    "maskNod",    "maskShake", "maskLaugh",   "maskSob",   "maskGlare"};
+
+// Every blendshape at 0 except the given ones: the scene sets the weights
+// of the names it is given and leaves the others as they were, so each shot
+// names them all.
+BlendshapeMap expression(std::initializer_list<std::pair<const std::string, float>> shapes) {
+  BlendshapeMap map;
+  for (ARKitBlendShape shape : allCases<ARKitBlendShape>()) map[std::string(rawValue(shape))] = 0.0f;
+  for (const auto& [name, value] : shapes) map[name] = value;
+  return map;
+}
+
+// Cues are triggered with this duration and caught half-way.
+constexpr double kCueSeconds = 2.0;
+
+std::string presetSlug(const std::string& name) {
+  std::string s;
+  for (char c : name) {
+    if (std::isalnum(static_cast<unsigned char>(c))) s += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    else if (!s.empty() && s.back() != '-') s += '-';
+  }
+  return s;
+}
+
+// A settings folder that lives as long as the run.
+class ScratchFolder {
+ public:
+  ScratchFolder() {
+    std::string templ = (std::filesystem::temp_directory_path() / "velmora-snapshot-XXXXXX").string();
+    if (char* dir = ::mkdtemp(templ.data())) path_ = dir;
+    else path_ = std::filesystem::temp_directory_path() / "velmora-snapshot";
+  }
+  ~ScratchFolder() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+struct Shot {
+  std::string name;  // file name without ".png"
+  std::function<void()> setUp;
+};
+
+}  // namespace
+
+int MaskSnapshot::run(const std::string& outputDirectory) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  fs::create_directories(outputDirectory, ec);
+  if (ec || !fs::is_directory(outputDirectory)) {
+    logLine("snapshot", "Cannot create the folder " + outputDirectory + (ec ? ": " + ec.message() : ""));
+    logLine("snapshot", "Wrote 0 files");
+    return 0;
+  }
+
+  ScratchFolder scratch;
+  SettingsStore store(scratch.path());
+  FaceTrackingState state(store);
+  CharacterAnimationController animation;
+  double now = 100.0;  // the media clock the scene samples; stepped below
+  MaskSceneManager scene(state, animation, [&now] { return now; });
+  scene.setRenderer(std::make_unique<RenderThread>());
+
+  auto setCharacter = [&](CharacterModelType model) {
+    if (state.characterModel() != model) state.setCharacterModel(model);
+  };
+  auto setExpression = [&](CharacterModelType model, BlendshapeMap shapes) {
+    return [&, model, shapes] {
+      setCharacter(model);
+      state.setBlendshapes(shapes);
+    };
+  };
+  const auto mask = CharacterModelType::theatricalMask;
+  const auto ghost = CharacterModelType::cartoonGhost;
+
+  std::vector<Shot> shots = {
+      {"mask-rest", setExpression(mask, expression({}))},
+      {"ghost-rest", setExpression(ghost, expression({}))},
+      {"mask-jawOpen", setExpression(mask, expression({{"jawOpen", 1.0f}}))},
+      {"mask-smile", setExpression(mask, expression({{"mouthSmileLeft", 1.0f}, {"mouthSmileRight", 1.0f}}))},
+      {"mask-frown", setExpression(mask, expression({{"mouthFrownLeft", 1.0f}, {"mouthFrownRight", 1.0f}}))},
+      {"mask-blink", setExpression(mask, expression({{"eyeBlinkLeft", 1.0f}, {"eyeBlinkRight", 1.0f}}))},
+      {"mask-browInnerUp", setExpression(mask, expression({{"browInnerUp", 1.0f}}))},
+  };
+  for (const auto& preset : LightingSettings::presets()) {
+    shots.push_back({"mask-lighting-" + presetSlug(preset.preset), [&, preset] {
+                       setCharacter(mask);
+                       state.setBlendshapes(expression({}));
+                       state.setLighting(preset);
+                     }});
+  }
+  const auto theatrical = LightingSettings::theatrical();
+  auto ghostShot = [&](BlendshapeMap shapes) {
+    return [&, shapes] {
+      state.setLighting(theatrical);
+      setCharacter(ghost);
+      state.setBlendshapes(shapes);
+    };
+  };
+  shots.push_back({"ghost-jawOpen", ghostShot(expression({{"jawOpen", 1.0f}}))});
+  shots.push_back({"ghost-smile", ghostShot(expression({{"mouthSmileLeft", 1.0f}, {"mouthSmileRight", 1.0f}}))});
+  shots.push_back({"ghost-frown", ghostShot(expression({{"mouthFrownLeft", 1.0f}, {"mouthFrownRight", 1.0f}}))});
+  // Both eyes to the performer's left: the left eye looks out, the right eye in.
+  shots.push_back({"ghost-lookLeft", ghostShot(expression({{"eyeLookOutLeft", 1.0f}, {"eyeLookInRight", 1.0f}}))});
+  shots.push_back({"ghost-blink", ghostShot(expression({{"eyeBlinkLeft", 1.0f}, {"eyeBlinkRight", 1.0f}}))});
+  for (std::size_t i = 0; i < AnimationCue::allKinds.size(); ++i) {
+    const auto kind = AnimationCue::allKinds[i];
+    shots.push_back({std::string("cue-") + kCueSlugs[i], [&, kind] {
+                       state.setLighting(theatrical);
+                       setCharacter(AnimationCue::isGhostCue(kind) ? ghost : mask);
+                       state.setBlendshapes(expression({}));
+                       const auto cue = AnimationCue::make(kind, kCueSeconds);
+                       animation.reset(false, now);
+                       animation.trigger(cue, now);
+                       now += cue.duration() * 0.5;
+                     }});
+  }
+
+  ContactSheet sheet(6, 320, 180);
+  int written = 0;
+  for (const auto& shot : shots) {
+    animation.reset(false, now);
+    now += 1.0;
+    shot.setUp();
+    scene.updateTracking(state);
+    auto result = scene.renderFrameNow();
+    if (!result.frame) {
+      logLine("snapshot", "Cannot render " + shot.name + ": " + result.error);
+      if (written == 0) break;  // no renderer: nothing else will render either
+      continue;
+    }
+    const std::string path = (fs::path(outputDirectory) / (shot.name + ".png")).string();
+    std::string error;
+    if (!PngWriter::write(path, *result.frame, &error)) {
+      logLine("snapshot", error);
+      continue;
+    }
+    ++written;
+    logLine("snapshot", "Wrote " + path);
+    sheet.add(*result.frame, shot.name);
+  }
+  if (sheet.count() > 0) {
+    const std::string path = (fs::path(outputDirectory) / "contact-sheet.png").string();
+    std::string error;
+    if (PngWriter::write(path, sheet.compose(), &error)) {
+      ++written;
+      logLine("snapshot", "Wrote " + path);
+    } else {
+      logLine("snapshot", error);
+    }
+  }
+  logLine("snapshot", "Wrote " + std::to_string(written) + " files to " + outputDirectory);
+  return written;
+}
+
+}  // namespace velmora

@@ -1,0 +1,268 @@
+#include "render/Shaders.h"
+
+namespace velmora::shaders {
+
+const char* const morphVertex = R"GLSL(#version 330 core
+layout(location = 0) in vec3 aPosition;
+layout(location = 1) in vec3 aNormal;
+// Two texels per (target, vertex): position delta, normal delta.
+uniform samplerBuffer uDeltas;
+uniform int uVertexCount;
+uniform int uMorphCount;
+uniform int uMorphIndex[128];
+uniform float uMorphWeight[128];
+out vec3 vPosition;
+out vec3 vNormal;
+void main() {
+  vec3 p = aPosition;
+  vec3 n = aNormal;
+  for (int i = 0; i < uMorphCount; ++i) {
+    int texel = 2 * (uMorphIndex[i] * uVertexCount + gl_VertexID);
+    float w = uMorphWeight[i];
+    p += w * texelFetch(uDeltas, texel).xyz;
+    n += w * texelFetch(uDeltas, texel + 1).xyz;
+  }
+  float len = length(n);
+  vNormal = len > 1e-12 ? n / len : n;
+  vPosition = p;
+  gl_Position = vec4(p, 1.0);
+}
+)GLSL";
+
+const char* const depthVertex = R"GLSL(#version 330 core
+layout(location = 0) in vec3 aPosition;
+uniform mat4 uModel;
+uniform mat4 uViewProjection;
+invariant gl_Position;
+void main() {
+  vec4 world = uModel * vec4(aPosition, 1.0);
+  gl_Position = uViewProjection * world;
+}
+)GLSL";
+
+const char* const depthFragment = R"GLSL(#version 330 core
+void main() {}
+)GLSL";
+
+const char* const surfaceVertex = R"GLSL(#version 330 core
+layout(location = 0) in vec3 aPosition;
+layout(location = 1) in vec3 aNormal;
+layout(location = 3) in vec4 aColor;
+uniform mat4 uModel;
+uniform mat3 uNormalMatrix;
+uniform mat4 uViewProjection;
+out vec3 vWorldPosition;
+out vec3 vWorldNormal;
+out vec4 vColor;
+invariant gl_Position;
+void main() {
+  vec4 world = uModel * vec4(aPosition, 1.0);
+  vWorldPosition = world.xyz;
+  vWorldNormal = uNormalMatrix * aNormal;
+  vColor = aColor;
+  gl_Position = uViewProjection * world;
+}
+)GLSL";
+
+const char* const surfaceFragment = R"GLSL(#version 330 core
+in vec3 vWorldPosition;
+in vec3 vWorldNormal;
+in vec4 vColor;
+out vec4 fragColor;
+
+uniform vec4 uBaseColor;
+uniform float uRoughness;
+uniform float uMetalness;
+uniform vec3 uEmission;
+uniform int uUnlit;
+uniform int uDoubleSided;
+uniform float uOpacity;
+uniform vec3 uCameraPosition;
+
+// Key: a spot light without distance fall-off, soft-edged cone.
+uniform vec3 uKeyPosition;
+uniform vec3 uKeyDirection;      // unit, from the light towards its target
+uniform vec3 uKeyRadiance;       // colour x intensity x exposure
+uniform float uKeyCosInner;
+uniform float uKeyCosOuter;
+uniform int uKeyShadows;
+uniform float uShadowAlpha;      // how much of the key a full shadow removes
+uniform sampler2DShadow uShadowMap;
+uniform mat4 uLightViewProjection;
+uniform vec2 uShadowTexelSize;
+uniform float uShadowRadiusTexels;
+uniform float uShadowNormalOffset; // metres per texel of the shadow map at 1 m
+uniform vec2 uPoisson[16];
+
+// Fill and rim: directional. Directions point from the surface to the light.
+uniform vec3 uFillDirection;
+uniform vec3 uFillRadiance;
+uniform vec3 uRimDirection;
+uniform vec3 uRimRadiance;
+
+// Image-based ambient.
+uniform vec3 uIrradianceSH[9];
+uniform sampler2D uSpecularEnvironment;
+uniform float uSpecularMaxLod;
+uniform float uEnvironmentIntensity;
+
+const float PI = 3.14159265359;
+
+float distributionGGX(float NoH, float a) {
+  float a2 = a * a;
+  float f = (NoH * a2 - NoH) * NoH + 1.0;
+  return a2 / (PI * f * f + 1e-7);
+}
+
+// Height-correlated Smith visibility (already divided by 4 NoL NoV).
+float visibilitySmith(float NoV, float NoL, float a) {
+  float a2 = a * a;
+  float gv = NoL * sqrt(NoV * NoV * (1.0 - a2) + a2);
+  float gl = NoV * sqrt(NoL * NoL * (1.0 - a2) + a2);
+  return 0.5 / (gv + gl + 1e-7);
+}
+
+vec3 fresnelSchlick(vec3 f0, float VoH) {
+  float f = pow(1.0 - VoH, 5.0);
+  return f0 + (vec3(1.0) - f0) * f;
+}
+
+vec3 directLight(vec3 N, vec3 V, vec3 L, vec3 radiance, vec3 diffuseColor, vec3 f0, float a) {
+  float NoL = dot(N, L);
+  if (NoL <= 0.0) return vec3(0.0);
+  vec3 H = normalize(V + L);
+  float NoV = max(dot(N, V), 1e-4);
+  float NoH = clamp(dot(N, H), 0.0, 1.0);
+  float VoH = clamp(dot(V, H), 0.0, 1.0);
+  vec3 specular = distributionGGX(NoH, a) * visibilitySmith(NoV, NoL, a) * fresnelSchlick(f0, VoH);
+  return (diffuseColor / PI + specular) * radiance * NoL;
+}
+
+vec3 irradianceAt(vec3 n) {
+  vec3 e = uIrradianceSH[0] * 0.282095
+         + uIrradianceSH[1] * 0.488603 * n.y
+         + uIrradianceSH[2] * 0.488603 * n.z
+         + uIrradianceSH[3] * 0.488603 * n.x
+         + uIrradianceSH[4] * 1.092548 * n.x * n.y
+         + uIrradianceSH[5] * 1.092548 * n.y * n.z
+         + uIrradianceSH[6] * 0.315392 * (3.0 * n.z * n.z - 1.0)
+         + uIrradianceSH[7] * 1.092548 * n.x * n.z
+         + uIrradianceSH[8] * 0.546274 * (n.x * n.x - n.y * n.y);
+  return max(e, vec3(0.0));
+}
+
+vec2 equirect(vec3 d) {
+  return vec2(atan(d.x, -d.z) / (2.0 * PI) + 0.5, acos(clamp(d.y, -1.0, 1.0)) / PI);
+}
+
+// Analytic fit of the split-sum environment BRDF (scale, bias on f0).
+vec2 environmentBRDF(float NoV, float roughness) {
+  const vec4 c0 = vec4(-1.0, -0.0275, -0.572, 0.022);
+  const vec4 c1 = vec4(1.0, 0.0425, 1.04, -0.04);
+  vec4 r = roughness * c0 + c1;
+  float a004 = min(r.x * r.x, exp2(-9.28 * NoV)) * r.x + r.y;
+  return vec2(-1.04, 1.04) * a004 + r.zw;
+}
+
+float keyShadowVisibility(vec3 N, vec3 L) {
+  if (uKeyShadows == 0) return 1.0;
+  // Offset along the normal, more at grazing angles, to keep the surface
+  // from shadowing itself; then 16 rotated Poisson taps, each a 2x2
+  // hardware comparison.
+  float dist = length(uKeyPosition - vWorldPosition);
+  float slope = 1.0 - clamp(dot(N, L), 0.0, 1.0);
+  vec3 p = vWorldPosition + N * (uShadowNormalOffset * dist * (0.5 + 1.5 * slope));
+  vec4 clip = uLightViewProjection * vec4(p, 1.0);
+  if (clip.w <= 0.0) return 1.0;
+  vec3 c = clip.xyz / clip.w * 0.5 + 0.5;
+  if (c.x < 0.0 || c.x > 1.0 || c.y < 0.0 || c.y > 1.0 || c.z > 1.0) return 1.0;
+  float angle = 6.2831853 * fract(52.9829189 * fract(dot(gl_FragCoord.xy, vec2(0.06711056, 0.00583715))));
+  float s = sin(angle), co = cos(angle);
+  mat2 rot = mat2(co, s, -s, co);
+  float lit = 0.0;
+  for (int i = 0; i < 16; ++i) {
+    vec2 offset = rot * uPoisson[i] * uShadowRadiusTexels * uShadowTexelSize;
+    lit += textureLod(uShadowMap, vec3(c.xy + offset, c.z), 0.0);
+  }
+  return lit / 16.0;
+}
+
+void main() {
+  vec4 base = uBaseColor * vColor;
+  float alpha = clamp(base.a * uOpacity, 0.0, 1.0);
+  vec3 color;
+  if (uUnlit != 0) {
+    color = base.rgb + uEmission;
+  } else {
+    vec3 N = normalize(vWorldNormal);
+    if (uDoubleSided != 0 && !gl_FrontFacing) N = -N;
+    vec3 V = normalize(uCameraPosition - vWorldPosition);
+    float roughness = clamp(uRoughness, 0.045, 1.0);
+    float a = roughness * roughness;
+    vec3 diffuseColor = base.rgb * (1.0 - uMetalness);
+    vec3 f0 = mix(vec3(0.04), base.rgb, uMetalness);
+
+    vec3 toKey = uKeyPosition - vWorldPosition;
+    vec3 Lk = normalize(toKey);
+    float cone = smoothstep(uKeyCosOuter, uKeyCosInner, dot(-Lk, uKeyDirection));
+    vec3 key = vec3(0.0);
+    if (cone > 0.0) {
+      float visible = keyShadowVisibility(N, Lk);
+      float shadowFactor = 1.0 - uShadowAlpha * (1.0 - visible);
+      key = directLight(N, V, Lk, uKeyRadiance * cone * shadowFactor, diffuseColor, f0, a);
+    }
+    vec3 fill = directLight(N, V, uFillDirection, uFillRadiance, diffuseColor, f0, a);
+    vec3 rim = directLight(N, V, uRimDirection, uRimRadiance, diffuseColor, f0, a);
+
+    float NoV = max(dot(N, V), 1e-4);
+    vec3 R = reflect(-V, N);
+    vec3 prefiltered = textureLod(uSpecularEnvironment, equirect(R), roughness * uSpecularMaxLod).rgb;
+    vec2 ab = environmentBRDF(NoV, roughness);
+    vec3 ambient = (diffuseColor / PI * irradianceAt(N) + prefiltered * (f0 * ab.x + ab.y)) * uEnvironmentIntensity;
+
+    color = key + fill + rim + ambient + uEmission;
+  }
+  fragColor = vec4(color * alpha, alpha);
+}
+)GLSL";
+
+const char* const outputVertex = R"GLSL(#version 330 core
+void main() {
+  // One triangle covering the viewport.
+  vec2 p = vec2((gl_VertexID << 1) & 2, gl_VertexID & 2);
+  gl_Position = vec4(p * 2.0 - 1.0, 0.0, 1.0);
+}
+)GLSL";
+
+const char* const outputFragment = R"GLSL(#version 330 core
+uniform sampler2D uImage;  // linear, premultiplied, one texel per pixel
+out vec4 fragColor;
+
+// Linear up to 0.8, then a soft shoulder that reaches 1 only at infinity,
+// so highlights roll off instead of clipping.
+vec3 shoulder(vec3 x) {
+  const float k = 0.8;
+  vec3 over = max(x - vec3(k), vec3(0.0));
+  return min(x, vec3(k)) + (1.0 - k) * (vec3(1.0) - exp(-over / (1.0 - k)));
+}
+
+vec3 encodeSRGB(vec3 c) {
+  c = clamp(c, 0.0, 1.0);
+  return mix(c * 12.92, 1.055 * pow(c, vec3(1.0 / 2.4)) - 0.055, step(vec3(0.0031308), c));
+}
+
+void main() {
+  ivec2 size = textureSize(uImage, 0);
+  ivec2 p = ivec2(gl_FragCoord.xy);
+  vec4 v = texelFetch(uImage, ivec2(p.x, size.y - 1 - p.y), 0);
+  float a = clamp(v.a, 0.0, 1.0);
+  if (a < 0.5 / 255.0) {
+    fragColor = vec4(0.0);
+    return;
+  }
+  vec3 straight = max(v.rgb, vec3(0.0)) / a;
+  fragColor = vec4(encodeSRGB(shoulder(straight)), a);
+}
+)GLSL";
+
+}  // namespace velmora::shaders

@@ -1,0 +1,91 @@
+// CPU pieces of the render path: the ambient terms derived from an
+// environment and PNG writing. No GL is opened.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+
+#include "render/EnvironmentLighting.h"
+#include "render/PngWriter.h"
+#include "scene/MaskSceneManager.h"
+#include "support/SolidFrame.h"
+#include "support/TempDir.h"
+
+namespace velmora {
+namespace {
+
+using test::solidFrame;
+
+EnvironmentImage uniformEnvironment(float3 radiance, int w = 64, int h = 32) {
+  EnvironmentImage image;
+  image.width = w;
+  image.height = h;
+  image.texels.assign(static_cast<std::size_t>(w) * h, radiance);
+  return image;
+}
+
+TEST(EnvironmentLightingTest, AUniformSkyGivesPiTimesItsRadianceFromEveryDirection) {
+  const auto lighting = EnvironmentLighting::compute(uniformEnvironment(float3(0.5f, 1.0f, 2.0f)));
+  for (const float3 n : {float3(0, 1, 0), float3(0, -1, 0), float3(1, 0, 0), glm::normalize(float3(1, 1, 1))}) {
+    const float3 e = lighting.irradiance(n);
+    EXPECT_NEAR(e.x, 3.14159f * 0.5f, 0.02f);
+    EXPECT_NEAR(e.z, 3.14159f * 2.0f, 0.08f);
+  }
+  ASSERT_EQ(lighting.specular.size(), static_cast<std::size_t>(EnvironmentLighting::specularLevels));
+  EXPECT_EQ(lighting.specular[0].width, 128);
+  EXPECT_EQ(lighting.specular.back().width, 4);
+  for (const auto& level : lighting.specular) EXPECT_NEAR(level.at(level.width / 2, level.height / 2).y, 1.0f, 1e-3f);
+}
+
+TEST(EnvironmentLightingTest, ABrightSkyLightsUpFacingSurfacesMore) {
+  EnvironmentImage sky = uniformEnvironment(float3(0.0f));
+  for (int y = 0; y < sky.height / 2; ++y)
+    for (int x = 0; x < sky.width; ++x) sky.texels[static_cast<std::size_t>(y) * sky.width + x] = float3(1.0f);
+  const auto lighting = EnvironmentLighting::compute(sky);
+  EXPECT_GT(lighting.irradiance({0, 1, 0}).x, 2.5f);   // about pi
+  EXPECT_LT(lighting.irradiance({0, -1, 0}).x, 0.3f);  // about 0
+  // The rough levels blur the horizon: straight up stays bright, the horizon is half lit.
+  const auto& rough = lighting.specular.back();
+  EXPECT_GT(rough.at(0, 0).x, rough.at(0, rough.height - 1).x);
+}
+
+TEST(EnvironmentLightingTest, AnEmptyImageGivesNoAmbient) {
+  const auto lighting = EnvironmentLighting::compute(EnvironmentImage{});
+  EXPECT_TRUE(lighting.specular.empty());
+  EXPECT_EQ(lighting.irradiance({0, 1, 0}), float3(0.0f));
+}
+
+TEST(EnvironmentLightingTest, TheStageEnvironmentIsLitFromAbove) {
+  const auto image = MaskSceneManager::makeEnvironmentImage();
+  ASSERT_TRUE(image);
+  const auto lighting = EnvironmentLighting::compute(*image);
+  EXPECT_GT(lighting.irradiance({0, 1, 0}).y, 2.0f * lighting.irradiance({0, -1, 0}).y);
+  EXPECT_GT(lighting.irradiance({0, 0, 1}).y, 0.0f);
+  // Directions and texture coordinates agree.
+  const float3 d = image->directionAt(10.0f, 20.0f);
+  const float2 uv = EnvironmentImage::coordinatesOf(d);
+  EXPECT_NEAR(uv.x, 10.5f / image->width, 1e-4f);
+  EXPECT_NEAR(uv.y, 20.5f / image->height, 1e-4f);
+}
+
+TEST(PngWriterTest, WritesAValidFileAndReportsFailures) {
+  test::TempDir dir;
+  const auto path = (dir.path() / "f.png").string();
+  std::string error;
+  ASSERT_TRUE(PngWriter::write(path, solidFrame(8, 4, 1, 2, 3, 4), &error)) << error;
+  std::ifstream in(path, std::ios::binary);
+  std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)), {});
+  ASSERT_GT(bytes.size(), 24u);
+  EXPECT_EQ(bytes[1], 'P');
+  EXPECT_EQ(bytes[19], 8);  // IHDR width, big-endian
+  EXPECT_EQ(bytes[23], 4);  // height
+
+  EXPECT_FALSE(PngWriter::write((dir.path() / "missing" / "f.png").string(), solidFrame(8, 4, 0, 0, 0, 0), &error));
+  EXPECT_NE(error.find("cannot write"), std::string::npos);
+  EXPECT_FALSE(PngWriter::write(path, RenderedFrame{}, &error));
+  EXPECT_NE(error.find("empty"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace velmora

@@ -1,0 +1,372 @@
+// The OpenGL renderer on software GL (EGL, small frames): coverage and
+// alpha, holes, GPU morphs against the CPU reference, opacity, lights and
+// shadows, the mesh cache and the failure paths; then the scene manager's
+// frames of the real characters.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <thread>
+
+#include "animation/CharacterAnimationController.h"
+#include "base/SettingsStore.h"
+#include "render/RenderThread.h"
+#include "render/SceneRenderer.h"
+#include "render/ShaderProgram.h"
+#include "render/TestMeshes.h"  // tests/render
+#include "scene/MaskSceneManager.h"
+#include "support/TempDir.h"
+#include "tracking/FaceTrackingState.h"
+
+namespace velmora {
+namespace {
+
+constexpr int W = 320, H = 180;
+
+RenderThread& renderer() {
+  static RenderThread thread;
+  return thread;
+}
+
+std::shared_ptr<FrameDescription> frameOf(const std::vector<std::shared_ptr<Node>>& nodes,
+                                          const LightingSettings& lighting = LightingSettings::theatrical(),
+                                          float master = 1.2f) {
+  auto frame = std::make_shared<FrameDescription>();
+  frame->width = W;
+  frame->height = H;
+  frame->lights = LightRig::applied(lighting, master);
+  frame->environment = MaskSceneManager::makeEnvironmentImage();
+  for (const auto& n : nodes) frame->addNodes(*n);
+  return frame;
+}
+
+std::shared_ptr<const RenderedFrame> render(const std::shared_ptr<FrameDescription>& frame) {
+  auto result = renderer().renderNow(frame);
+  EXPECT_TRUE(result.frame) << result.error;
+  return result.frame;
+}
+
+// Where a point of the scene lands in a frame, pixels from the top left.
+glm::ivec2 project(const FrameDescription& frame, const float3& p) {
+  const float4 clip = frame.camera.projectionMatrix(float(frame.width) / frame.height) * frame.camera.viewMatrix() *
+                      float4(p, 1.0f);
+  const float3 ndc = float3(clip) / clip.w;
+  return {int((ndc.x * 0.5f + 0.5f) * frame.width), int((0.5f - ndc.y * 0.5f) * frame.height)};
+}
+
+// The largest distance between corresponding points; infinite when the counts differ.
+float worstGap(const std::vector<float3>& a, const std::vector<float3>& b) {
+  if (a.size() != b.size()) return INFINITY;
+  float worst = 0;
+  for (std::size_t i = 0; i < a.size(); ++i) worst = std::max(worst, glm::length(a[i] - b[i]));
+  return worst;
+}
+
+int alphaAt(const RenderedFrame& f, glm::ivec2 p) { return f.pixel(p.x, p.y)[3]; }
+
+float luminance(const std::uint8_t* p) { return (0.0722f * p[0] + 0.7152f * p[1] + 0.2126f * p[2]) / 255.0f; }
+
+std::shared_ptr<Node> sphereNode(float radius, float3 position, float4 colour = {0.8f, 0.78f, 0.74f, 1.0f}) {
+  Material m = test::plaster();
+  m.diffuse = colour;
+  auto node = Node::make("Sphere");
+  node->geometry = test::sphereGeometry(radius, 24, 32, nullptr, {}, 0.0f, m);
+  node->position = position;
+  return node;
+}
+
+TEST(RendererGLTest, TheBackgroundIsTransparentAndTheCharacterOpaque) {
+  auto face = test::makeTestFace();
+  auto frame = frameOf({face.node});
+  auto out = render(frame);
+  ASSERT_TRUE(out);
+  ASSERT_EQ(out->width, W);
+  ASSERT_EQ(out->height, H);
+  for (glm::ivec2 corner : {glm::ivec2(0, 0), glm::ivec2(W - 1, 0), glm::ivec2(0, H - 1), glm::ivec2(W - 1, H - 1)})
+    for (int c = 0; c < 4; ++c) EXPECT_EQ(out->pixel(corner.x, corner.y)[c], 0);
+  EXPECT_EQ(alphaAt(*out, project(*frame, {0.0f, -0.2f, 0.45f})), 255);
+  EXPECT_EQ(alphaAt(*out, project(*frame, {0.0f, 0.45f, 0.2f})), 255);
+  // Rows run top first: the top of the sphere is in the upper half.
+  EXPECT_LT(project(*frame, {0.0f, 0.45f, 0.2f}).y, H / 2);
+  // The eye holes show the background through the sphere: its far inside
+  // faces away from the camera and is not drawn.
+  for (float side : {-1.0f, 1.0f})
+    EXPECT_EQ(alphaAt(*out, project(*frame, 0.5f * glm::normalize(float3(0.35f * side, 0.3f, 1.0f)))), 0);
+}
+
+TEST(RendererGLTest, TheGpuMorphMatchesTheCpuReference) {
+  auto face = test::makeTestFace();
+  face.morpher->setWeight(0, 0.7f);
+  face.morpher->setWeight(1, 0.4f);
+  auto frame = frameOf({face.node});
+  BlendedMesh gpu;
+  std::string error;
+  ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer& r) { gpu = r.morphOnGpu(frame->items[0]); }, &error)) << error;
+  const BlendedMesh cpu = referenceBlend(*face.node->geometry, *face.morpher);
+  ASSERT_EQ(gpu.positions.size(), cpu.positions.size());
+  ASSERT_EQ(gpu.normals.size(), cpu.normals.size());
+  // Deltas travel as half floats: well under a millimetre, and a degree.
+  EXPECT_LT(worstGap(gpu.positions, cpu.positions), 2e-4f);
+  EXPECT_LT(worstGap(gpu.normals, cpu.normals), 5e-3f);
+  // And the morph moved something: it is not just the base mesh.
+  EXPECT_GT(worstGap(gpu.positions, face.node->geometry->source(GeometrySource::Semantic::vertex)->toVec3()), 0.05f);
+}
+
+TEST(RendererGLTest, TheMaskMorphsOnTheGpuAsOnTheCpu) {
+  test::TempDir dir;
+  SettingsStore store(dir.path());
+  FaceTrackingState state(store);
+  CharacterAnimationController animation;
+  MaskSceneManager scene(state, animation, [] { return 1.0; });
+  for (const char* name : {"jawOpen", "mouthSmileLeft", "browInnerUp", "eyeBlinkRight"})
+    scene.morpher()->setWeight(static_cast<std::size_t>(*scene.targetIndex(name)), 0.8f);
+  auto frame = scene.makeFrameDescription(W, H);
+  BlendedMesh gpu;
+  ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer& r) { gpu = r.morphOnGpu(frame->items[0]); }));
+  const BlendedMesh cpu = referenceBlend(*scene.maskNode()->geometry, *scene.morpher());
+  EXPECT_LT(worstGap(gpu.positions, cpu.positions), 5e-4f);
+}
+
+TEST(RendererGLTest, OpacityZeroGivesAnEmptyFrame) {
+  auto face = test::makeTestFace();
+  auto frame = frameOf({face.node});
+  frame->items[0].opacity = 0.0f;
+  auto out = render(frame);
+  ASSERT_TRUE(out);
+  for (auto byte : out->pixels) ASSERT_EQ(byte, 0);
+}
+
+TEST(RendererGLTest, MasterZeroGivesABlackButOpaqueCharacter) {
+  auto face = test::makeTestFace();
+  auto frame = frameOf({face.node}, LightingSettings::theatrical(), 0.0f);
+  auto out = render(frame);
+  ASSERT_TRUE(out);
+  int covered = 0;
+  for (int y = 0; y < H; ++y)
+    for (int x = 0; x < W; ++x) {
+      const std::uint8_t* p = out->pixel(x, y);
+      if (p[3] != 255) continue;
+      ++covered;
+      ASSERT_EQ(p[0] + p[1] + p[2], 0) << x << "," << y;
+    }
+  EXPECT_GT(covered, 3000);
+}
+
+TEST(RendererGLTest, TheShadowAlphaDarkensWhatTheKeyLightCannotReach) {
+  // A ball between the key light (below, in front) and the face.
+  auto face = test::makeTestFace();
+  const float3 onFace(0.0f, -0.25f, 0.43f);
+  const float3 key = LightRig::initial().keyPosition;
+  auto ball = sphereNode(0.1f, onFace + 0.3f * (key - onFace));
+  LightingSettings lit = LightingSettings::theatrical();
+  lit.shadow = 0.0f;
+  auto frame = frameOf({face.node, ball}, lit);
+  auto without = render(frame);
+  lit.shadow = 1.0f;
+  auto with = render(frameOf({face.node, ball}, lit));
+  ASSERT_TRUE(without && with);
+  int darker = 0, lighter = 0;
+  for (std::size_t i = 0; i < with->pixels.size(); i += 4) {
+    const int d = int(without->pixels[i + 1]) - int(with->pixels[i + 1]);
+    darker += d > 8;
+    lighter += d < -8;
+  }
+  EXPECT_GT(darker, 100);
+  EXPECT_EQ(lighter, 0);
+  // Where the key light does not reach anyway (the top of the head), nothing changes.
+  const auto top = project(*frame, {0.0f, 0.47f, 0.1f});
+  EXPECT_EQ(with->pixel(top.x, top.y)[1], without->pixel(top.x, top.y)[1]);
+}
+
+TEST(RendererGLTest, AFadingCharacterShowsOnlyItsFrontSurface) {
+  // A front ball partly hiding a larger one behind it, both at half opacity:
+  // where they overlap only the front ball may show.
+  auto front = sphereNode(0.25f, {0.0f, 0.0f, 0.4f}, {0.9f, 0.2f, 0.2f, 1.0f});
+  auto back = sphereNode(0.5f, {0.0f, 0.0f, -0.3f}, {0.2f, 0.2f, 0.9f, 1.0f});
+  front->opacity = 0.5f;
+  back->opacity = 0.5f;
+  auto both = render(frameOf({front, back}));
+  auto alone = render(frameOf({front}));
+  front->opacity = 1.0f;
+  auto opaque = render(frameOf({front}));
+  ASSERT_TRUE(both && alone && opaque);
+  const glm::ivec2 c(W / 2, H / 2);
+  for (int ch = 0; ch < 4; ++ch) EXPECT_NEAR(both->pixel(c.x, c.y)[ch], alone->pixel(c.x, c.y)[ch], 2) << ch;
+  EXPECT_NEAR(alone->pixel(c.x, c.y)[3], 128, 1);
+  // Straight alpha: the colour is the opaque colour, only alpha changes.
+  for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(alone->pixel(c.x, c.y)[ch], opaque->pixel(c.x, c.y)[ch], 2) << ch;
+  EXPECT_EQ(opaque->pixel(c.x, c.y)[3], 255);
+}
+
+TEST(RendererGLTest, MeshesAreUploadedOncePerContext) {
+  auto face = test::makeTestFace();
+  face.morpher->setWeight(0, 0.5f);
+  auto frame = frameOf({face.node, face.node});  // the same mesh twice in one frame
+  std::size_t first = 0, second = 0;
+  ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer& r) {
+    r.render(*frame);
+    first = r.meshUploadCount();
+    r.render(*frame);
+    second = r.meshUploadCount();
+  }));
+  EXPECT_EQ(first, second);
+}
+
+TEST(RendererGLTest, FailuresAreReportedAndNothingCrashes) {
+  auto frame = frameOf({test::makeTestFace().node});
+  frame->width = 0;
+  auto result = renderer().renderNow(frame);
+  EXPECT_FALSE(result.frame);
+  EXPECT_FALSE(result.error.empty());
+
+  std::string reason;
+  ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer&) {
+    auto program = ShaderProgram::create({"broken", "#version 330 core\nvoid main() { nonsense; }\n", "", {}});
+    EXPECT_FALSE(program);
+    reason = program.reason;
+  }));
+  EXPECT_NE(reason.find("broken vertex shader does not compile"), std::string::npos) << reason;
+
+  // The renderer still works afterwards.
+  frame->width = W;
+  EXPECT_TRUE(renderer().renderNow(frame).frame);
+  EXPECT_FALSE(renderer().renderNow(nullptr).frame);
+}
+
+// --- the scene manager's frames of the real characters ---------------------
+
+class MaskSceneGLTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    dir = new test::TempDir;
+    store = new SettingsStore(dir->path());
+    state = new FaceTrackingState(*store);
+    animation = new CharacterAnimationController;
+    scene = new MaskSceneManager(*state, *animation, [] { return 5.0; });
+    scene->setRenderer(std::make_unique<RenderThread>());
+  }
+  static void TearDownTestSuite() {
+    delete scene;
+    delete animation;
+    delete state;
+    delete store;
+    delete dir;
+  }
+  void SetUp() override {
+    state->setCharacterModel(CharacterModelType::theatricalMask);
+    state->setBlendshapes({{"jawOpen", 0.0f}});
+    state->setMaskOpacity(1.0f);
+    state->setLighting(LightingSettings::theatrical());
+    state->setLightIntensity(1.2f);
+  }
+  std::shared_ptr<const RenderedFrame> renderNow(int w = W, int h = H, int samples = 1) {
+    scene->updateTracking(*state);
+    auto result = scene->renderFrameNow(w, h, samples);
+    EXPECT_TRUE(result.frame) << result.error;
+    return result.frame;
+  }
+  static inline test::TempDir* dir;
+  static inline SettingsStore* store;
+  static inline FaceTrackingState* state;
+  static inline CharacterAnimationController* animation;
+  static inline MaskSceneManager* scene;
+};
+
+TEST_F(MaskSceneGLTest, JawOpenChangesTheMouthAndNotTheForehead) {
+  auto rest = renderNow();
+  state->setBlendshapes({{"jawOpen", 1.0f}});
+  auto open = renderNow();
+  ASSERT_TRUE(rest && open);
+  auto changed = [&](int x0, int y0, int x1, int y1) {
+    int n = 0;
+    for (int y = y0; y < y1; ++y)
+      for (int x = x0; x < x1; ++x)
+        for (int c = 0; c < 4; ++c) n += std::abs(int(rest->pixel(x, y)[c]) - int(open->pixel(x, y)[c])) > 6;
+    return n;
+  };
+  EXPECT_GT(changed(W * 2 / 5, H * 3 / 5, W * 3 / 5, H * 4 / 5), 50);  // mouth and chin
+  EXPECT_EQ(changed(W * 2 / 5, H / 8, W * 3 / 5, H / 4), 0);          // forehead
+}
+
+TEST_F(MaskSceneGLTest, TheMaskEyeHolesAreTransparent) {
+  auto out = renderNow();
+  ASSERT_TRUE(out);
+  // Near the centres of the two eye openings some pixel is fully clear.
+  for (float fx : {0.405f, 0.595f}) {
+    int clear = 0;
+    const int cx = int(fx * W), cy = int(0.35f * H);
+    for (int y = cy - 3; y <= cy + 3; ++y)
+      for (int x = cx - 4; x <= cx + 4; ++x) clear += out->pixel(x, y)[3] == 0;
+    EXPECT_GT(clear, 5) << fx;
+  }
+  EXPECT_EQ(out->pixel(W / 2, int(0.2f * H))[3], 255);  // the forehead is solid
+}
+
+TEST_F(MaskSceneGLTest, TheDefaultLookIsWellExposed) {
+  auto out = renderNow(480, 270, 4);
+  ASSERT_TRUE(out);
+  double sum = 0;
+  int covered = 0, clipped = 0, black = 0;
+  for (int y = 0; y < out->height; ++y)
+    for (int x = 0; x < out->width; ++x) {
+      const std::uint8_t* p = out->pixel(x, y);
+      if (p[3] != 255) continue;
+      const float l = luminance(p);
+      sum += l;
+      ++covered;
+      clipped += p[0] >= 254 && p[1] >= 254 && p[2] >= 254;
+      black += l < 0.04f;
+    }
+  ASSERT_GT(covered, 10000);
+  const double mean = sum / covered;
+  EXPECT_GE(mean, 0.30);
+  EXPECT_LE(mean, 0.65);
+  EXPECT_LE(clipped, covered / 50);
+  EXPECT_LE(black, covered / 50);  // no black blotches (the mouth slit is a thin line)
+}
+
+TEST_F(MaskSceneGLTest, OpacityZeroFromTheStateGivesAnEmptyFrame) {
+  state->setMaskOpacity(0.0f);
+  auto out = renderNow();
+  ASSERT_TRUE(out);
+  for (auto byte : out->pixels) ASSERT_EQ(byte, 0);
+}
+
+TEST_F(MaskSceneGLTest, TheGhostRendersWithDarkEyes) {
+  state->setCharacterModel(CharacterModelType::cartoonGhost);
+  auto out = renderNow();
+  ASSERT_TRUE(out);
+  int covered = 0, dark = 0;
+  for (int y = 0; y < H; ++y)
+    for (int x = 0; x < W; ++x) {
+      const std::uint8_t* p = out->pixel(x, y);
+      if (p[3] != 255) continue;
+      ++covered;
+      dark += luminance(p) < 0.1f;
+    }
+  EXPECT_GT(covered, 5000);
+  EXPECT_GT(dark, 10);  // eyes and mouth
+  EXPECT_EQ(out->pixel(0, 0)[3], 0);
+}
+
+TEST_F(MaskSceneGLTest, TickedFramesReachTheConsumersAtOutputSize) {
+  std::atomic<int> width{0}, height{0};
+  std::atomic<bool> got{false};
+  const int token = scene->addFrameConsumer([&](const std::shared_ptr<const RenderedFrame>& f) {
+    width = f->width;
+    height = f->height;
+    got = true;
+  });
+  state->setIsSyphonActive(true);
+  scene->tick();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!got && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  scene->removeFrameConsumer(token);
+  ASSERT_TRUE(got);
+  EXPECT_EQ(width, MaskSceneManager::outputWidth);
+  EXPECT_EQ(height, MaskSceneManager::outputHeight);
+}
+
+}  // namespace
+}  // namespace velmora
