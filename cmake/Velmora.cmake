@@ -28,15 +28,16 @@ endfunction()
 # velmora_tests(<subsystem> DEPS <targets...>): one GoogleTest executable per
 # label from tests/<subsystem>/. A file's label comes from its name:
 # *_net_test.cpp -> net (loopback UDP), *_gl_test.cpp -> gl (software GL),
-# *_e2e_test.cpp -> e2e (the built executable), anything else -> unit.
+# *_e2e_test.cpp -> e2e (the built executable), *_pipewire_test.cpp ->
+# pipewire (a private PipeWire daemon), anything else -> unit.
 function(velmora_tests subsystem)
   cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
   file(GLOB all CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
-  foreach(label unit net gl e2e)
+  foreach(label unit net gl e2e pipewire)
     set(files "")
     foreach(f IN LISTS all)
       get_filename_component(n ${f} NAME)
-      if(n MATCHES "_(net|gl|e2e)_test\\.cpp$")
+      if(n MATCHES "_(net|gl|e2e|pipewire)_test\\.cpp$")
         set(l ${CMAKE_MATCH_1})
       else()
         set(l unit)

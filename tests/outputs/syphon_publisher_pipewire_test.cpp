@@ -1,0 +1,202 @@
+// SyphonPublisher over a private PipeWire session, with real consumers
+// (gst-launch-1.0's pipewiresrc): what a consumer receives, the client state
+// as consumers come and go, and the daemon missing, killed and restarted.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "outputs/PipeWireVideoSource.h"
+#include "outputs/SyphonPublisher.h"
+#include "support/LogCapture.h"
+#include "support/PrivatePipeWire.h"
+#include "support/TempDir.h"
+
+#define STB_IMAGE_IMPLEMENTATION
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+#pragma GCC diagnostic ignored "-Wsign-compare"
+#include <stb/stb_image.h>
+#pragma GCC diagnostic pop
+
+namespace velmora {
+namespace {
+
+using test::LogCapture;
+using test::PrivatePipeWire;
+using test::TempDir;
+
+const std::string systemFolder = "/usr/lib/x86_64-linux-gnu";
+
+// 1920 x 1080, transparent but for an opaque red top-left quadrant and a
+// half-transparent blue bottom-right one: tells rows flipped, channels
+// swapped and alpha lost apart.
+std::shared_ptr<const RenderedFrame> quadrantFrame(std::uint64_t sequence) {
+  auto frame = std::make_shared<RenderedFrame>();
+  frame->width = 1920;
+  frame->height = 1080;
+  frame->sequence = sequence;
+  frame->pixels.assign(static_cast<std::size_t>(frame->width) * frame->height * 4, 0);
+  for (int y = 0; y < frame->height; ++y)
+    for (int x = 0; x < frame->width; ++x) {
+      std::uint8_t* p = frame->pixels.data() + (static_cast<std::size_t>(y) * frame->width + x) * 4;
+      if (x < 960 && y < 540) p[2] = p[3] = 255;                  // BGRA red
+      if (x >= 960 && y >= 540) p[0] = 255, p[3] = 128;           // BGRA blue, half alpha
+    }
+  return frame;
+}
+
+// Publishes a frame every 20 ms on its own thread, as the render thread would.
+class Feeder {
+ public:
+  explicit Feeder(SyphonPublisher& publisher) : thread_([this, &publisher] {
+      auto frame = quadrantFrame(0);
+      while (!done_) {
+        publisher.publish(frame);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+    }) {}
+  ~Feeder() {
+    done_ = true;
+    thread_.join();
+  }
+
+ private:
+  std::atomic<bool> done_{false};
+  std::thread thread_;
+};
+
+bool waitFor(const std::function<bool()>& condition, double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return condition();
+}
+
+std::vector<std::string> gstOneFrame(const std::string& png) {
+  return {"/usr/bin/timeout", "20", "/usr/bin/gst-launch-1.0", "-q", "pipewiresrc", "target-object=Velmora", "num-buffers=1", "!",
+          "videoconvert", "!", "pngenc", "!", "filesink", "location=" + png};
+}
+
+// The library is looked for once, in the folders' order; its absence and a
+// missing daemon are both status texts, and a start while the daemon is away
+// is retried only every two seconds.
+TEST(SyphonPublisherPipeWire, LibraryAndDaemonAbsentThenDaemonStarts) {
+  TempDir empty;
+  double now = 100.0;
+  {
+    SyphonPublisher publisher({empty.path().string(), "/nonexistent/lib"}, [&] { return now; });
+    EXPECT_FALSE(publisher.hasClients());
+    EXPECT_FALSE(publisher.start());
+    EXPECT_EQ(publisher.lastError(), "PipeWire not found (looked in " + empty.path().string() + ", /nonexistent/lib)");
+    EXPECT_FALSE(publisher.frameworkPath());
+    EXPECT_FALSE(publisher.loadFramework());  // never a second search
+    EXPECT_FALSE(publisher.isRunning());
+  }
+
+  PrivatePipeWire session;  // this process now looks for its daemon in an empty folder
+  SyphonPublisher publisher({empty.path().string(), systemFolder}, [&] { return now; });
+  LogCapture log;
+  EXPECT_FALSE(publisher.start());
+  EXPECT_EQ(publisher.frameworkPath(), systemFolder + "/libpipewire-0.3.so.0");
+  EXPECT_EQ(publisher.lastError(), "PipeWire video source could not be created (is PipeWire running?)");
+
+  ASSERT_TRUE(session.start());
+  now += 1.0;  // too soon: not tried, although the daemon is there now
+  EXPECT_FALSE(publisher.start());
+  EXPECT_FALSE(publisher.isRunning());
+  now += 1.1;
+  EXPECT_TRUE(publisher.start());
+  EXPECT_TRUE(publisher.isRunning());
+  EXPECT_FALSE(publisher.lastError());
+  EXPECT_TRUE(log.has("[Syphon] Server 'Velmora' started using " + systemFolder + "/libpipewire-0.3.so.0"));
+  EXPECT_TRUE(publisher.start());  // starting twice is harmless
+  EXPECT_TRUE(session.waitForNode("Velmora", 5.0));
+  EXPECT_FALSE(publisher.hasClients());  // nobody linked yet
+  publisher.stop();
+  publisher.stop();
+  const auto lines = log.lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "[Syphon] Server stopped"), 1);
+  EXPECT_FALSE(publisher.isRunning());
+}
+
+// A consumer receives the frame upright, colours in place, alpha kept; the
+// client state follows consumers coming and going, including one killed
+// while frames flow.
+TEST(SyphonPublisherPipeWire, ConsumersReceiveFramesAndComeAndGo) {
+  PrivatePipeWire session;
+  ASSERT_TRUE(session.start());
+  SyphonPublisher publisher({systemFolder});
+  ASSERT_TRUE(publisher.start());
+  ASSERT_TRUE(session.waitForNode("Velmora", 5.0));
+  Feeder feeder(publisher);
+
+  const std::string png = (session.dir() / "received.png").string();
+  ASSERT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
+  int w = 0, h = 0, channels = 0;
+  stbi_uc* pixels = stbi_load(png.c_str(), &w, &h, &channels, 4);
+  ASSERT_NE(pixels, nullptr) << "no PNG from the consumer";
+  auto at = [&](int x, int y) {
+    const stbi_uc* p = pixels + (static_cast<std::size_t>(y) * w + x) * 4;
+    return std::array<int, 4>{p[0], p[1], p[2], p[3]};
+  };
+  EXPECT_EQ(w, 1920);
+  EXPECT_EQ(h, 1080);
+  EXPECT_EQ(at(100, 100), (std::array<int, 4>{255, 0, 0, 255}));     // red, top left
+  EXPECT_EQ(at(1800, 1000), (std::array<int, 4>{0, 0, 255, 128}));   // blue, bottom right, half alpha
+  EXPECT_EQ(at(1800, 100)[3], 0);                                    // transparent elsewhere
+  EXPECT_EQ(at(100, 1000)[3], 0);
+  stbi_image_free(pixels);
+  // The consumer has gone: back to no client.
+  EXPECT_TRUE(waitFor([&] { return !publisher.hasClients(); }, 3.0));
+
+  // A consumer that never stops, killed mid-stream.
+  pid_t consumer = session.spawn({"/usr/bin/gst-launch-1.0", "-q", "pipewiresrc", "target-object=Velmora", "!",
+                                  "video/x-raw", "!", "fakesink"});
+  ASSERT_GT(consumer, 0);
+  EXPECT_TRUE(waitFor([&] { return publisher.hasClients(); }, 10.0));
+  const auto copiedBefore = publisher.source()->counters().copied;
+  EXPECT_TRUE(waitFor([&] { return publisher.source()->counters().copied > copiedBefore + 5; }, 5.0));
+  PrivatePipeWire::killOne(consumer, SIGKILL);
+  EXPECT_TRUE(waitFor([&] { return !publisher.hasClients(); }, 5.0));
+  EXPECT_TRUE(publisher.isRunning());
+
+  // And the next consumer is served as before.
+  EXPECT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
+  EXPECT_TRUE(std::filesystem::exists(png));
+}
+
+// The daemon dies under a running server: the publisher notices, says why,
+// and comes back by itself once a daemon runs again.
+TEST(SyphonPublisherPipeWire, DaemonKilledAndRestarted) {
+  PrivatePipeWire session;
+  ASSERT_TRUE(session.start());
+  double now = 10.0;
+  SyphonPublisher publisher({systemFolder}, [&] { return now; });
+  LogCapture log;
+  ASSERT_TRUE(publisher.start());
+  ASSERT_TRUE(session.waitForNode("Velmora", 5.0));
+
+  session.kill();
+  EXPECT_TRUE(waitFor([&] { return !publisher.isRunning(); }, 5.0));
+  EXPECT_FALSE(publisher.hasClients());
+  publisher.publish(quadrantFrame(1));  // dropped, harmlessly
+  EXPECT_FALSE(publisher.start());
+  EXPECT_EQ(publisher.lastError(), "PipeWire video source could not be created (is PipeWire running?)");
+  EXPECT_TRUE(log.hasPrefix("[Syphon] Server lost its PipeWire connection ("));
+
+  ASSERT_TRUE(session.start());
+  now += 2.5;
+  EXPECT_TRUE(publisher.start());
+  EXPECT_TRUE(session.waitForNode("Velmora", 5.0));
+  Feeder feeder(publisher);
+  const std::string png = (session.dir() / "after-restart.png").string();
+  EXPECT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
+  EXPECT_TRUE(std::filesystem::exists(png));
+}
+
+}  // namespace
+}  // namespace velmora

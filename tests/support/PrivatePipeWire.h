@@ -1,0 +1,169 @@
+#pragma once
+// A private, headless PipeWire session for one test: the pipewire daemon and
+// wireplumber (for automatic linking) under a fresh 0700 XDG_RUNTIME_DIR, no
+// D-Bus, no devices. While it lives, this process's XDG_RUNTIME_DIR points at
+// it (so in-process PipeWire clients find it) and env() gives the same
+// entries for child processes. Both daemons are always stopped (SIGTERM,
+// then SIGKILL) when the object goes, also when a test fails.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/TempDir.h"
+
+extern char** environ;
+
+namespace velmora::test {
+
+class PrivatePipeWire {
+ public:
+  // Starts nothing: call start().
+  PrivatePipeWire() {
+    const auto& root = dir_.path();
+    ::chmod(root.c_str(), 0700);
+    std::filesystem::create_directories(root / "state");
+    std::filesystem::create_directories(root / "config/wireplumber/main.lua.d");
+    // wireplumber.conf without the bluetooth component (no D-Bus here).
+    std::ifstream in("/usr/share/wireplumber/wireplumber.conf");
+    std::ofstream out(root / "config/wireplumber/wireplumber.conf");
+    for (std::string line; std::getline(in, line);)
+      if (line.find("bluetooth.lua") == std::string::npos) out << line << '\n';
+    // Sorts before 90-enable-all.lua, which reads these switches.
+    std::ofstream(root / "config/wireplumber/main.lua.d/60-velmora-test.lua")
+        << "default_access.properties[\"enable-flatpak-portal\"] = false\n"
+           "alsa_monitor.enabled = false\n"
+           "v4l2_monitor.enabled = false\n"
+           "libcamera_monitor.enabled = false\n";
+    savedRuntimeDir_ = getenv("XDG_RUNTIME_DIR") ? getenv("XDG_RUNTIME_DIR") : "";
+    ::setenv("XDG_RUNTIME_DIR", root.c_str(), 1);
+  }
+  ~PrivatePipeWire() {
+    stop();
+    if (savedRuntimeDir_.empty())
+      ::unsetenv("XDG_RUNTIME_DIR");
+    else
+      ::setenv("XDG_RUNTIME_DIR", savedRuntimeDir_.c_str(), 1);
+  }
+  PrivatePipeWire(const PrivatePipeWire&) = delete;
+  PrivatePipeWire& operator=(const PrivatePipeWire&) = delete;
+
+  // Starts pipewire, waits for its socket, then wireplumber; true when the
+  // daemon answers (pw-cli info 0).
+  bool start() {
+    const auto socket = dir_.path() / "pipewire-0";
+    std::error_code ec;
+    std::filesystem::remove(socket, ec);
+    pipewire_ = spawn({"/usr/bin/pipewire"}, "pipewire.log");
+    for (int i = 0; i < 100 && !std::filesystem::exists(socket); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    wireplumber_ = spawn({"/usr/bin/wireplumber"}, "wireplumber.log");
+    for (int i = 0; i < 50; ++i) {
+      if (run({"/usr/bin/pw-cli", "info", "0"}) == 0) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+  }
+  // Kills both daemons at once (SIGKILL), as a crash would.
+  void kill() {
+    killOne(wireplumber_, SIGKILL);
+    killOne(pipewire_, SIGKILL);
+  }
+  void stop() {
+    killOne(wireplumber_, SIGTERM);
+    killOne(pipewire_, SIGTERM);
+  }
+
+  // Entries for a child process that should use this session.
+  std::vector<std::string> env() const {
+    return {"XDG_RUNTIME_DIR=" + dir_.path().string(), "XDG_STATE_HOME=" + (dir_.path() / "state").string(),
+            "XDG_CONFIG_HOME=" + (dir_.path() / "config").string()};
+  }
+  const std::filesystem::path& dir() const { return dir_.path(); }
+
+  // Runs a command in this session and returns its exit status (-1 when it
+  // could not run); its output is appended to `outputFile` (in dir()) or dropped.
+  int run(const std::vector<std::string>& args, const std::string& outputFile = {}) const {
+    const pid_t pid = spawn(args, outputFile);
+    if (pid <= 0) return -1;
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  // Runs a command and returns what it printed.
+  std::string capture(const std::vector<std::string>& args) const {
+    const std::string file = "capture-" + std::to_string(++captures_) + ".txt";
+    run(args, file);
+    std::ifstream in(dir_.path() / file);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  // Waits until a node of this name is in the registry.
+  bool waitForNode(const std::string& name, double seconds) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (capture({"/usr/bin/pw-cli", "ls", "Node"}).find("node.name = \"" + name + "\"") != std::string::npos)
+        return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
+  }
+
+  // Starts a command in this session without waiting (stdout and stderr to
+  // `outputFile` in dir(), or dropped).
+  pid_t spawn(const std::vector<std::string>& args, const std::string& outputFile = {}) const {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    const std::string out = outputFile.empty() ? "/dev/null" : (dir_.path() / outputFile).string();
+    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    std::vector<std::string> envStrings = env();
+    for (char** e = environ; *e; ++e) {
+      const std::string entry = *e;
+      if (entry.rfind("XDG_", 0) != 0) envStrings.push_back(entry);
+    }
+    std::vector<char*> argv, envp;
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    for (const auto& e : envStrings) envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, args[0].c_str(), &actions, nullptr, argv.data(), envp.data()) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+  }
+  // Signals a process started with spawn() and reaps it (SIGKILL after 2 s).
+  static void killOne(pid_t& pid, int sig) {
+    if (pid <= 0) return;
+    ::kill(pid, sig);
+    for (int i = 0; i < 100; ++i) {
+      if (::waitpid(pid, nullptr, WNOHANG) == pid) {
+        pid = -1;
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+    pid = -1;
+  }
+
+ private:
+  TempDir dir_;
+  std::string savedRuntimeDir_;
+  pid_t pipewire_ = -1;
+  pid_t wireplumber_ = -1;
+  mutable int captures_ = 0;
+};
+
+}  // namespace velmora::test
