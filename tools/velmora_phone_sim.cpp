@@ -1,7 +1,16 @@
 // velmora-phone-sim: stands in for a phone running a face-tracking app.
 // Streams a plausible animated face (blinks, talking jaw, smiles, brows, a
 // slow head turn) over UDP in one of the wire formats Velmora accepts, so
-// that Velmora can be tried without a phone.
+// that Velmora can be tried without a phone. With --replay it sends a
+// session recording (a pcap file) instead, with the recorded timing and
+// destination ports.
+//
+// Index of this file
+//   [SECTION] options
+//   [SECTION] the face
+//   [SECTION] encoders
+//   [SECTION] replay
+//   [SECTION] main
 //
 // Run `velmora-phone-sim --help` for the options.
 
@@ -30,8 +39,11 @@
 #include <vector>
 
 #include "tracking/LiveLinkNames.h"
+#include "tracking/PcapReader.h"
 
 namespace {
+
+// [SECTION] options
 
 constexpr double kPi = 3.14159265358979323846;
 
@@ -53,9 +65,15 @@ const char* const kUsage =
     "  --port PORT       its tracking port (default 11111; Velmora also listens on 49983 and 39539)\n"
     "  --rate N          packets per second (default 60)\n"
     "  --duration SECS   stop after this many seconds (default: run until Ctrl-C)\n"
+    "  --replay FILE     send the datagrams of a recording (velmora --record FILE, or a\n"
+    "                    Wireshark/tcpdump capture) with their recorded timing, each to\n"
+    "                    the port it was recorded on; --format, --port and --rate do not apply\n"
+    "  --speed X         replay X times as fast (default 1; 0.5 is half speed)\n"
+    "  --loop            replay the recording over and over (until Ctrl-C or --duration)\n"
     "  --help            this text\n"
     "\n"
-    "Example: velmora-phone-sim --format osc --port 39539 --duration 10\n";
+    "Examples: velmora-phone-sim --format osc --port 39539 --duration 10\n"
+    "          velmora-phone-sim --replay show.pcap --speed 2 --loop\n";
 
 enum class Format { liveLink, iFacialMocap, osc, vmc, json };
 
@@ -75,9 +93,13 @@ struct Options {
   std::uint16_t port = 11111;
   double rate = 60.0;
   double duration = 0.0;  // 0: until interrupted
+  std::string replayFile;  // empty: stream the animated face
+  double speed = 1.0;
+  bool loop = false;
+  bool streamOptionGiven = false;  // --format, --port or --rate
 };
 
-// ---------------------------------------------------------------- the face
+// [SECTION] the face
 
 // One moment of the animated face: 52 blendshapes in Live Link order
 // (0..1), head rotation in radians (pitch, yaw, roll), head position in metres.
@@ -154,7 +176,7 @@ Face faceAt(double t) {
 
 float degrees(float radians) { return static_cast<float>(radians * 180.0 / kPi); }
 
-// ---------------------------------------------------------------- encoders
+// [SECTION] encoders
 
 void putU32(std::vector<std::uint8_t>& out, std::uint32_t v) {
   out.push_back(std::uint8_t(v >> 24));
@@ -302,9 +324,76 @@ std::vector<std::uint8_t> encodeJSON(const Face& f) {
   return std::vector<std::uint8_t>(text.begin(), text.end());
 }
 
-// ---------------------------------------------------------------- main
+// [SECTION] replay
 
+// Set by SIGINT and SIGTERM; both the stream and the replay stop on it.
 std::atomic<bool> interrupted{false};
+
+// Sends every datagram of the recording to `target`'s address on the port
+// it was recorded on, at its recorded time divided by the speed. Times that
+// go backwards (a clock step while recording) send at once. A loop starts
+// again one average datagram interval after the last datagram.
+int replay(const Options& options, sockaddr_in target, int fd) {
+  const auto recording = velmora::PcapReader::readFile(options.replayFile);
+  if (!recording) {
+    std::fprintf(stderr, "velmora-phone-sim: %s\n", recording.error.c_str());
+    return 2;
+  }
+  const auto& datagrams = recording.datagrams;
+  if (datagrams.empty()) {
+    std::fprintf(stderr, "velmora-phone-sim: %s: no IPv4 UDP datagrams to replay\n", options.replayFile.c_str());
+    return 2;
+  }
+  // Seconds from the first datagram, never decreasing.
+  std::vector<double> at(datagrams.size(), 0.0);
+  const std::int64_t first = datagrams.front().envelope.arrivalMicroseconds;
+  for (std::size_t i = 1; i < datagrams.size(); ++i) {
+    at[i] = std::max(at[i - 1], double(datagrams[i].envelope.arrivalMicroseconds - first) * 1e-6);
+  }
+  const double span = at.back();
+  const double loopGap = datagrams.size() > 1 && span > 0 ? span / double(datagrams.size() - 1) : 1.0 / 60.0;
+
+  char address[INET_ADDRSTRLEN] = {0};
+  ::inet_ntop(AF_INET, &target.sin_addr, address, sizeof address);
+  std::printf("[phone-sim] replaying %zu datagrams (%.1f s) from %s to %s at %gx speed%s\n", datagrams.size(), span,
+              options.replayFile.c_str(), address, options.speed, options.loop ? ", looping" : "");
+  if (recording.skipped) {
+    std::printf("[phone-sim] skipped %zu packets that are not IPv4 UDP datagrams\n", recording.skipped);
+  }
+  std::fflush(stdout);
+
+  using Clock = std::chrono::steady_clock;
+  const auto start = Clock::now();
+  std::uint64_t sent = 0, failed = 0;
+  double loopStart = 0.0;  // recording seconds at which this pass began
+  bool done = false;
+  while (!done && !interrupted) {
+    for (std::size_t i = 0; i < datagrams.size() && !interrupted; ++i) {
+      const double due = (loopStart + at[i]) / options.speed;
+      if (options.duration > 0 && due >= options.duration) {
+        done = true;
+        break;
+      }
+      std::this_thread::sleep_until(start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(due)));
+      if (interrupted) break;
+      target.sin_port = htons(datagrams[i].envelope.destinationPort);
+      const auto& payload = datagrams[i].payload;
+      if (::sendto(fd, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr*>(&target), sizeof target) < 0) {
+        ++failed;  // nobody listening on that port yet, as with a phone
+      } else {
+        ++sent;
+      }
+    }
+    if (!options.loop) break;
+    loopStart += span + loopGap;
+  }
+  std::printf("[phone-sim] sent %llu packets", static_cast<unsigned long long>(sent));
+  if (failed) std::printf(" (%llu could not be sent)", static_cast<unsigned long long>(failed));
+  std::printf("\n");
+  return 0;
+}
+
+// [SECTION] main
 
 void onSignal(int) { interrupted = true; }
 
@@ -335,8 +424,12 @@ int main(int argc, char** argv) {
       std::fputs(kUsage, stdout);
       return 0;
     }
+    if (arg == "--loop" && !hasValue) {
+      options.loop = true;
+      continue;
+    }
     const bool takesValue = arg == "--format" || arg == "--host" || arg == "--port" || arg == "--rate" ||
-                            arg == "--duration";
+                            arg == "--duration" || arg == "--replay" || arg == "--speed";
     if (!takesValue) return usageError("unknown option " + arg);
     if (!hasValue) {
       if (i + 1 >= argc) return usageError(arg + " needs a value");
@@ -362,8 +455,20 @@ int main(int argc, char** argv) {
       if (!parseNumber(value, number) || !(number >= 0) || !std::isfinite(number))
         return usageError("--duration must be a number of seconds (0: until Ctrl-C)");
       options.duration = number;
+    } else if (arg == "--replay") {
+      if (value.empty()) return usageError("--replay needs a file");
+      options.replayFile = value;
+    } else if (arg == "--speed") {
+      if (!parseNumber(value, number) || !(number > 0) || number > 1000)
+        return usageError("--speed must be a number above 0 (at most 1000)");
+      options.speed = number;
     }
+    if (arg == "--format" || arg == "--port" || arg == "--rate") options.streamOptionGiven = true;
   }
+  if (!options.replayFile.empty() && options.streamOptionGiven)
+    return usageError("--replay takes its ports and timing from the recording; --format, --port and --rate do not apply");
+  if (options.replayFile.empty() && (options.loop || options.speed != 1.0))
+    return usageError("--speed and --loop apply to --replay only");
 
   addrinfo hints{};
   hints.ai_family = AF_INET;
@@ -388,6 +493,12 @@ int main(int argc, char** argv) {
   sa.sa_handler = onSignal;
   ::sigaction(SIGINT, &sa, nullptr);
   ::sigaction(SIGTERM, &sa, nullptr);
+
+  if (!options.replayFile.empty()) {
+    const int rc = replay(options, target, fd);
+    ::close(fd);
+    return rc;
+  }
 
   char address[INET_ADDRSTRLEN] = {0};
   ::inet_ntop(AF_INET, &target.sin_addr, address, sizeof address);
