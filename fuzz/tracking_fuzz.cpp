@@ -92,18 +92,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       break;
     }
     case 1:
-      if (receiver.handleUnrealLiveLinkBinary(body, kSender) != (body.size() >= 244)) std::abort();
+    {
+      auto liveLink = velmora::decodeUnrealLiveLinkBinary(body, kSender);
+      if (liveLink.has_value() != (body.size() >= 244)) std::abort();
+      if (liveLink) sink->deliver(std::move(*liveLink));
       break;
+    }
     case 2:
-      receiver.handleIFacialMocap(text, kSender);
+      sink->deliver(velmora::decodeIFacialMocap(text, kSender));
       break;
     case 3: {
       auto json = nlohmann::json::parse(body.begin(), body.end(), nullptr, false);
-      if (json.is_object()) receiver.handleJSON(json, kSender);
+      if (json.is_object()) sink->deliver(velmora::decodeJSON(json, kSender));
       break;
     }
     case 4:
-      receiver.handleOSCMessages(velmora::OSCParser::parsePacket(body), kSender);
+      sink->deliver(velmora::decodeOSCMessages(velmora::OSCParser::parsePacket(body), kSender));
       break;
     case 5:
       crossCheck(body);

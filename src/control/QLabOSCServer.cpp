@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <asio/io_context.hpp>
-#include <asio/ip/udp.hpp>
 #include <span>
 #include <vector>
 
@@ -16,21 +14,22 @@
 #include "control/OSCCommandCatalog.h"
 #include "osc/OSCParser.h"
 #include "tracking/FaceTrackingState.h"
+#include "tracking/UdpListener.h"
 
 namespace velmora {
 
 namespace {
 const char* const kComponent = "QLabOSCServer";
 // Datagrams read per readiness event before the queue runs other work (a
-// stop, a rebind); the source fires again at once while data is waiting.
-constexpr int kMaxDatagramsPerEvent = 256;
+// stop, a rebind); the wait fires again at once while data is waiting.
+constexpr std::size_t kMaxDatagramsPerEvent = 256;
 }  // namespace
 
 struct QLabOSCServer::Impl {
   SerialQueue queue{"com.velmora.qlab"};
-  // Queue-only from here on.
-  std::unique_ptr<asio::ip::udp::socket> socket;
-  std::uint64_t generation = 0;  // bumped by every close: stale readiness events are ignored
+  // Queue-only from here on. No address-reuse option: a port someone else
+  // holds must fail to bind rather than share datagrams with them.
+  UdpListener listener{queue.context(), UdpListener::Options{.maxDatagramsPerEvent = kMaxDatagramsPerEvent}};
   std::array<std::uint8_t, receiveBufferSize> buffer{};
   MainThreadMailbox mailbox{mailboxCapacity};
   std::uint64_t reportedDrops = 0;
@@ -106,74 +105,35 @@ void QLabOSCServer::open(std::uint16_t port) {
     setStatus("OSC cues: port 53000 is QLab's own port, choose another");
     return;
   }
-  // The first socket also creates the queue's reactor (an epoll and an
-  // eventfd), which throws rather than reporting when no descriptor is left.
-  std::unique_ptr<asio::ip::udp::socket> socket;
-  asio::error_code ec;
-  try {
-    socket = std::make_unique<asio::ip::udp::socket>(impl_->queue.context());
-    socket->open(asio::ip::udp::v4(), ec);
-  } catch (const std::exception&) {
-    ec = asio::error::no_descriptors;
-  }
-  if (ec) {
+  UdpListener::Callbacks callbacks;
+  callbacks.onDatagram = [this](std::span<const std::uint8_t> bytes, const UdpSender&) {
+    // The sender is not used. One main-thread call per message, so a
+    // bundle's messages run in bundle order.
+    for (const OSCMessage& message : OSCParser::parsePacket(bytes)) {
+      impl_->mailbox.post([this, message] { handleQLabMessage(message); });
+    }
+  };
+  callbacks.onDrained = [this] { reportDrops(); };
+  const auto opened = impl_->listener.open(port, impl_->buffer, std::move(callbacks));
+  if (opened.failure == UdpListener::Failure::create) {
     setStatus("OSC cues: could not create socket");
     return;
   }
-  socket->non_blocking(true, ec);
-  // Wildcard address, no address-reuse option: a port someone else holds
-  // must fail here rather than share datagrams with them.
-  socket->bind(asio::ip::udp::endpoint(asio::ip::address_v4::any(), port), ec);
-  if (ec) {
+  if (opened.failure == UdpListener::Failure::bind) {
     // Asio's system errors carry the errno value on this platform.
-    const std::string reason = bindFailureReason(ec.value());
+    const std::string reason = bindFailureReason(opened.error.value());
     logLine(kComponent, "Could not bind to port " + std::to_string(port) + ": " + reason);
     setStatus("OSC cues: port " + std::to_string(port) + " " + reason);
-    asio::error_code ignored;
-    socket->close(ignored);
     return;
   }
-  impl_->socket = std::move(socket);
   listeningPort_ = port;
-  armReadSource();
   logLine(kComponent, "QLab Remote Cue listener active on UDP port " + std::to_string(port));
   setStatus("OSC cues: listening on UDP " + std::to_string(port));
 }
 
 void QLabOSCServer::closeSocket() {
-  ++impl_->generation;
-  if (impl_->socket) {
-    asio::error_code ignored;
-    impl_->socket->close(ignored);  // cancels the pending readiness wait
-    impl_->socket.reset();
-  }
+  impl_->listener.close();  // ends the pending readiness wait
   listeningPort_ = -1;
-}
-
-void QLabOSCServer::armReadSource() {
-  if (!impl_->socket) return;
-  const std::uint64_t generation = impl_->generation;
-  impl_->socket->async_wait(asio::ip::udp::socket::wait_read,
-                            [this, generation](const asio::error_code& ec) {
-                              if (ec || generation != impl_->generation || !impl_->socket) return;
-                              readPackets();
-                              armReadSource();
-                            });
-}
-
-void QLabOSCServer::readPackets() {
-  if (!impl_->socket) return;
-  asio::ip::udp::endpoint sender;  // captured, not used
-  for (int i = 0; i < kMaxDatagramsPerEvent; ++i) {
-    asio::error_code ec;
-    const std::size_t n = impl_->socket->receive_from(asio::buffer(impl_->buffer), sender, 0, ec);
-    if (ec || n == 0) break;
-    const auto messages = OSCParser::parsePacket(std::span<const std::uint8_t>(impl_->buffer.data(), n));
-    for (const OSCMessage& message : messages) {
-      impl_->mailbox.post([this, message] { handleQLabMessage(message); });
-    }
-  }
-  reportDrops();
 }
 
 void QLabOSCServer::reportDrops() {

@@ -76,8 +76,6 @@ class QLabOSCServer {
   // On the queue.
   void open(std::uint16_t port);
   void closeSocket();
-  void armReadSource();
-  void readPackets();
   void reportDrops();
 
   struct Impl;

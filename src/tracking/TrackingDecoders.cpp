@@ -1,9 +1,11 @@
 #include "tracking/TrackingDecoders.h"
 
+#include <algorithm>
 #include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <utility>
 #include <nlohmann/json.hpp>
@@ -669,6 +671,34 @@ std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, s
   decoded.frame.position = handler.position_;
   decoded.frame.sender = std::move(sender);
   return decoded;
+}
+
+DecodedDatagram decodeDatagram(std::span<const std::uint8_t> data, const std::string& sender) {
+  // 1. OSC: "#bundle" or a leading "/". A payload the parser rejects goes on
+  //    to the other formats.
+  const bool bundle = data.size() >= 7 && std::memcmp(data.data(), "#bundle", 7) == 0;
+  if (bundle || (!data.empty() && data[0] == '/')) {
+    if (auto frame = decodeOSCPacket(data, sender)) return {TrackingFormat::osc, std::move(frame)};
+  }
+
+  // 2. iFacialMocap text: UTF-8 holding "=" or "|".
+  const bool utf8 = isValidUTF8(data);
+  const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
+  if (utf8 && std::any_of(text.begin(), text.end(), [](char c) { return c == '=' || c == '|'; })) {
+    return {TrackingFormat::iFacialMocap, decodeIFacialMocap(text, sender)};
+  }
+
+  // 3. JSON whose top level is an object. Text that is not UTF-8 cannot be
+  //    JSON, so binary packets skip the parse.
+  if (utf8) {
+    if (auto frame = decodeJSONText(data, sender)) return {TrackingFormat::json, std::move(frame)};
+  }
+
+  // 4. Live Link binary: anything of 244 bytes or more.
+  if (auto frame = decodeUnrealLiveLinkBinary(data, sender)) return {TrackingFormat::liveLink, std::move(frame)};
+
+  // 5. Unknown.
+  return {TrackingFormat::unknown, std::nullopt};
 }
 
 }  // namespace velmora

@@ -1,8 +1,9 @@
 #pragma once
 // The four tracking wire formats, decoded without sockets or threads: bytes
-// (or already parsed OSC messages / JSON) in, a DecodedFrame out. Pure
-// functions, any thread. TrackingReceiver detects the format and calls
-// these; tests, fuzzers and benchmarks call them directly.
+// (or already parsed OSC messages / JSON) in, a DecodedFrame out, and
+// decodeDatagram, which detects a datagram's format and decodes it. Pure
+// functions, any thread. TrackingReceiver calls decodeDatagram for every
+// datagram; tests, fuzzers and benchmarks call these directly.
 
 #include <cstdint>
 #include <optional>
@@ -15,8 +16,26 @@
 
 #include "osc/OSCMessage.h"
 #include "tracking/DecodedFrame.h"
+#include "tracking/TrackingFormat.h"
 
 namespace velmora {
+
+// What one datagram decoded to: its format and, in the four known formats,
+// its frame (none for TrackingFormat::unknown).
+struct DecodedDatagram {
+  TrackingFormat format = TrackingFormat::unknown;
+  std::optional<DecodedFrame> frame;
+};
+
+// Detects the datagram's format, first match wins, and decodes it:
+//  1. OSC: begins with "#bundle" or "/", and the OSC parser finds at least
+//     one message (otherwise detection goes on);
+//  2. iFacialMocap text: valid UTF-8 holding "=" or "|";
+//  3. JSON: valid UTF-8 that parses as JSON with an object at the top;
+//  4. Live Link binary: 244 bytes or more (the header is not checked, which
+//     is why the other formats are tried first);
+//  5. otherwise unknown.
+DecodedDatagram decodeDatagram(std::span<const std::uint8_t> data, const std::string& sender);
 
 // Degrees to radians as the senders' formats define it (single precision).
 inline constexpr float trackingDegreesToRadians = 0.017453292f;

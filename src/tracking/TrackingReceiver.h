@@ -1,30 +1,26 @@
 #pragma once
 // Face-tracking packets from the phone over UDP: listens on several ports at
-// once (the tracking apps default to different ones), recognises which of
-// the four encodings each datagram uses, decodes it and hands the frame to a
-// TrackingSink. The shared receiver's sink posts to
+// once (the tracking apps default to different ones), counts every datagram,
+// decodes it (decodeDatagram: format detection and the four decoders) and
+// hands the frame to a TrackingSink. The shared receiver's sink posts to
 // FaceTrackingState::shared().ingestPacket on the main thread.
 //
 // Threads: every socket, every read, detection and decoding run on the
 // receiver's serial queue ("com.velmora.tracking"). The public start/stop
 // calls may come from any thread; statistics() from any thread.
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include <nlohmann/json_fwd.hpp>
-
 #include "base/SerialQueue.h"
-#include "osc/OSCMessage.h"
 #include "tracking/TrackingFormat.h"
 #include "tracking/TrackingSink.h"
+#include "tracking/UdpListener.h"
 
 namespace velmora {
 
@@ -63,43 +59,34 @@ class TrackingReceiver {
   // Any thread: schedules startListening(on:) for every port, in order, and
   // returns at once.
   void startListening();
-  // Receiver's queue: opens, configures and binds one socket and starts
-  // waiting for its datagrams. Failures are logged and skip the port.
+  // Receiver's queue: opens, configures (address and port reuse) and binds
+  // one socket and starts waiting for its datagrams. Failures are logged and
+  // skip the port.
   void startListening(std::uint16_t port);
   // Any thread: schedules closing every socket.
   void stopListening();
   // Any thread; waits for the queue. Ports with an open socket, ascending.
   std::vector<std::uint16_t> listeningPorts();
 
-  // Receiver's queue: drains one socket (one reused buffer for the whole drain).
-  void readPackets(int descriptor, std::uint16_t port);
-  // Receiver's queue (or the one thread driving a test/fuzzer): detects the
-  // format, first match wins: OSC, iFacialMocap text, JSON object, Live Link
-  // binary, else unknown.
+  // Receiver's queue (or the one thread driving a test/fuzzer): counts the
+  // datagram, decodes it with decodeDatagram and delivers the frame, or the
+  // sender of a datagram in no known format, to the sink.
   void processData(std::span<const std::uint8_t> data, const std::string& sender);
-
-  // The decoders, each handing its frame to the sink.
-  bool handleUnrealLiveLinkBinary(std::span<const std::uint8_t> data, const std::string& sender);
-  void handleOSCMessages(const std::vector<OSCMessage>& messages, const std::string& sender);
-  void handleIFacialMocap(std::string_view text, const std::string& sender);
-  void handleJSON(const nlohmann::json& object, const std::string& sender);
 
   Statistics statistics() const;
   const std::shared_ptr<TrackingSink>& sink() const { return sink_; }
 
  private:
-  struct SocketSource;
-  void armWait(const std::shared_ptr<SocketSource>& source);
-  void countPacket(const std::string& sender);
-  void recordFormat(TrackingFormat format);
+  void countPacket(const std::string& sender, TrackingFormat format);
 
   std::shared_ptr<TrackingSink> sink_;
 
   mutable std::mutex portsMutex_;
   std::vector<std::uint16_t> ports_{11111, 49983, 39539};
 
-  // Queue-only state.
-  std::map<int, std::shared_ptr<SocketSource>> socketSources_;
+  // Queue-only state: one listener per open socket, by descriptor, and the
+  // one buffer every drain reuses.
+  std::map<int, std::unique_ptr<UdpListener>> socketSources_;
   std::vector<std::uint8_t> buffer_;
 
   mutable std::mutex statsMutex_;

@@ -1,0 +1,90 @@
+#pragma once
+// One UDP socket on a serial queue: opened with the options its owner asks
+// for, bound to every local IPv4 address, and drained into the owner's
+// buffer on each read-readiness event. The tracking receiver and the OSC cue
+// server both listen through it; each keeps its own socket options and
+// buffer size.
+//
+// Threads: every call and every callback runs on the one thread running the
+// io_context given at construction (the owner's SerialQueue). Closing or
+// destroying the listener ends its pending wait; no callback runs after that.
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <system_error>
+
+namespace asio {
+class io_context;
+}
+
+namespace velmora {
+
+// Where a datagram came from: IPv4 address and port in host byte order.
+struct UdpSender {
+  std::uint32_t address = 0;
+  std::uint16_t port = 0;
+  // "a.b.c.d:port", the address in dotted-quad form and the port in decimal.
+  std::string text() const;
+};
+
+class UdpListener {
+ public:
+  struct Options {
+    // Address reuse and port reuse (each set to 1) before binding, so that
+    // several listeners, or a restarted program, can bind the same port.
+    bool reuseAddressAndPort = false;
+    // Datagrams read per readiness event before the queue runs other work
+    // (a stop, a rebind); the wait fires again at once while data is
+    // waiting. 0 drains the socket until it is empty.
+    std::size_t maxDatagramsPerEvent = 0;
+  };
+
+  struct Callbacks {
+    // One datagram, cut to the buffer's size; the bytes are valid during
+    // the call only.
+    std::function<void(std::span<const std::uint8_t> bytes, const UdpSender& from)> onDatagram;
+    // Optional: once per readiness event, before its datagrams are read.
+    std::function<void()> onReadiness;
+    // Optional: once per readiness event, after its datagrams were read.
+    std::function<void()> onDrained;
+  };
+
+  enum class Failure { none, create, bind };
+  struct OpenResult {
+    Failure failure = Failure::none;
+    std::error_code error;  // why it failed; system errors carry the errno value
+    explicit operator bool() const { return failure == Failure::none; }
+  };
+
+  UdpListener(asio::io_context& context, Options options);
+  ~UdpListener();
+  UdpListener(const UdpListener&) = delete;
+  UdpListener& operator=(const UdpListener&) = delete;
+
+  // Creates the socket, sets the options, makes it non-blocking, binds it to
+  // the wildcard address and `port`, and starts waiting for datagrams, which
+  // are received into `buffer` (owned by the caller, alive until close). On
+  // failure nothing stays open. A listener already open is closed first.
+  OpenResult open(std::uint16_t port, std::span<std::uint8_t> buffer, Callbacks callbacks);
+  // Closes the socket (ending the pending wait). Idempotent.
+  void close();
+
+  bool isOpen() const;
+  std::uint16_t port() const;
+  // The socket's descriptor, -1 when closed.
+  int descriptor() const;
+
+ private:
+  struct Socket;
+  void armWait();
+
+  asio::io_context& context_;
+  Options options_;
+  std::shared_ptr<Socket> socket_;
+};
+
+}  // namespace velmora
