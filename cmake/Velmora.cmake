@@ -53,7 +53,9 @@ function(velmora_tests subsystem)
       target_link_libraries(${exe} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gmock)
       target_compile_definitions(${exe} PRIVATE
         VELMORA_BINARY_DIR="${PROJECT_BINARY_DIR}"
-        VELMORA_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+        VELMORA_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+        # The NDI runtime double's folder (tests/outputs builds it).
+        VELMORA_NDI_DOUBLE_DIR="${PROJECT_BINARY_DIR}/tests/ndi-runtime")
       gtest_discover_tests(${exe} PROPERTIES LABELS ${label} DISCOVERY_TIMEOUT 60)
     endif()
   endforeach()

@@ -1,0 +1,351 @@
+// NDIPublisher against the runtime double: what a receiver gets (fields,
+// pixels, send settings), the one-frame pipeline (drops while busy, stop
+// waiting for a send), the search for the runtime and each way it fails,
+// receiver counts and discovery.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <limits>
+#include <thread>
+
+#include "outputs/NDIPublisher.h"
+#include "outputs/NDIRuntimeDoubleHandle.h"
+#include "support/LogCapture.h"
+#include "support/ScopedEnv.h"
+#include "support/TempDir.h"
+
+namespace velmora {
+namespace {
+
+const std::string kNotFound = "NDI runtime not found. Install the free NDI Tools from https://ndi.video/tools/";
+
+bool waitUntil(const std::function<bool()>& done, double seconds = 5.0) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// Every byte differs from its row neighbours and from the row above, so a
+// wrong stride or a shifted pointer changes the checksum.
+std::shared_ptr<RenderedFrame> patternFrame(int w, int h, std::uint8_t seed) {
+  auto f = std::make_shared<RenderedFrame>();
+  f->width = w;
+  f->height = h;
+  f->pixels.resize(static_cast<std::size_t>(w) * h * 4);
+  for (std::size_t i = 0; i < f->pixels.size(); ++i) f->pixels[i] = static_cast<std::uint8_t>(i * 7 + i / (w * 4) + seed);
+  return f;
+}
+
+// What a runtime reading w x h BGRA pixels row by row sees (FNV-1a).
+std::uint64_t checksum(const RenderedFrame& f) {
+  std::uint64_t h = 1469598103934665603ull;
+  for (std::uint8_t b : f.pixels) h = (h ^ b) * 1099511628211ull;
+  return h;
+}
+
+std::string machineName() {
+  char host[256] = {};
+  ::gethostname(host, sizeof host - 1);
+  std::string name(host);
+  for (char& c : name) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return name;
+}
+
+class NDIPublisherTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(runtime.loaded()) << "build ndi_runtime_double first"; }
+  void TearDown() override { runtime.holdSends(false); }
+
+  // The fixed folders hold nothing, so only the environment finds a runtime.
+  std::unique_ptr<NDIPublisher> makePublisher() {
+    return std::make_unique<NDIPublisher>(std::vector<std::string>{noRuntime.path().string()});
+  }
+
+  test::TempDir noRuntime;
+  test::ScopedEnv v6{"NDI_RUNTIME_DIR_V6", test::ndiDoubleDir.c_str()};
+  test::ScopedEnv v5{"NDI_RUNTIME_DIR_V5", nullptr};
+  test::ScopedEnv refuse{"NDI_DOUBLE_REFUSE_INIT", nullptr};
+  test::ScopedEnv failCreate{"NDI_DOUBLE_FAIL_CREATE", nullptr};
+  test::ScopedEnv connections{"NDI_DOUBLE_CONNECTIONS", nullptr};
+  test::ScopedEnv failFind{"NDI_DOUBLE_FAIL_FIND", nullptr};
+  test::ScopedEnv delay{"NDI_DOUBLE_SEND_DELAY_MS", nullptr};
+  test::NDIRuntimeDoubleHandle runtime;
+};
+
+TEST_F(NDIPublisherTest, SendsEachFrameFromTheRenderedMemoryWithTheFieldsReceiversNeed) {
+  auto publisher = makePublisher();
+  EXPECT_FALSE(publisher->isRunning());
+  EXPECT_EQ(publisher->connectionCount(), 0);
+
+  test::LogCapture log;
+  ASSERT_TRUE(publisher->start()) << publisher->lastError().value_or("");
+  const std::string path = test::ndiDoubleDir + "/libndi.so.6";
+  EXPECT_EQ(publisher->runtimePath(), path);
+  EXPECT_FALSE(publisher->lastError());
+  EXPECT_TRUE(log.has("[NDI] Sending 'Velmora' using " + path));
+  EXPECT_TRUE(publisher->start());  // a second start keeps the one sender
+  EXPECT_EQ(runtime.liveSenders(), 1);
+
+  test::NDIRuntimeDoubleHandle::Settings settings;
+  ASSERT_TRUE(runtime.lastSendCreate(settings));
+  EXPECT_EQ(settings.name, "Velmora");
+  EXPECT_TRUE(settings.groupsNull);
+  EXPECT_FALSE(settings.clockVideo);  // not paced by the runtime
+  EXPECT_FALSE(settings.clockAudio);
+
+  auto frame = patternFrame(1920, 1080, 3);
+  publisher->publish(frame);
+  ASSERT_TRUE(waitUntil([&] { return runtime.framesSent() == 1; }));
+  test::NDIRuntimeDoubleHandle::Sent sent;
+  ASSERT_TRUE(runtime.lastFrame(sent));
+  EXPECT_EQ(sent.frame.xres, 1920);
+  EXPECT_EQ(sent.frame.yres, 1080);
+  EXPECT_EQ(sent.frame.FourCC, 0x41524742u);  // 'B' 'G' 'R' 'A'
+  EXPECT_EQ(sent.frame.frame_rate_N, 60);
+  EXPECT_EQ(sent.frame.frame_rate_D, 1);
+  EXPECT_FLOAT_EQ(sent.frame.picture_aspect_ratio, 1920.0f / 1080.0f);
+  EXPECT_EQ(sent.frame.frame_format_type, 1);  // progressive
+  EXPECT_EQ(sent.frame.timecode, std::numeric_limits<std::int64_t>::max());  // runtime synthesises it
+  EXPECT_EQ(sent.frame.line_stride_in_bytes, 1920 * 4);
+  EXPECT_EQ(sent.frame.p_metadata, nullptr);
+  EXPECT_EQ(sent.frame.timestamp, 0);
+  // Straight from the rendered frame's memory, bytes unchanged.
+  EXPECT_EQ(sent.frame.p_data, frame->pixels.data());
+  EXPECT_EQ(sent.checksum, checksum(*frame));
+
+  // The publisher lets go of the frame once sent, so its buffer can be reused;
+  // a reused buffer goes out again from the same memory with its new content.
+  ASSERT_TRUE(waitUntil([&] { return frame.use_count() == 1; }));
+  frame->pixels[0] ^= 0xff;
+  publisher->publish(frame);
+  ASSERT_TRUE(waitUntil([&] { return runtime.framesSent() == 2; }));
+  ASSERT_TRUE(runtime.lastFrame(sent));
+  EXPECT_EQ(sent.frame.p_data, frame->pixels.data());
+  EXPECT_EQ(sent.checksum, checksum(*frame));
+
+  // Another size: every size-dependent field follows the frame.
+  ASSERT_TRUE(waitUntil([&] { return frame.use_count() == 1; }));
+  auto small = patternFrame(64, 32, 9);
+  publisher->publish(small);
+  ASSERT_TRUE(waitUntil([&] { return runtime.framesSent() == 3; }));
+  ASSERT_TRUE(runtime.lastFrame(sent));
+  EXPECT_EQ(sent.frame.xres, 64);
+  EXPECT_EQ(sent.frame.yres, 32);
+  EXPECT_EQ(sent.frame.line_stride_in_bytes, 256);
+  EXPECT_FLOAT_EQ(sent.frame.picture_aspect_ratio, 2.0f);
+  EXPECT_EQ(sent.checksum, checksum(*small));
+
+  publisher->stop();
+  EXPECT_EQ(runtime.liveSenders(), 0);
+  EXPECT_EQ(runtime.violations(), "");
+}
+
+TEST_F(NDIPublisherTest, OneFrameInFlightAndTheRestDropped) {
+  auto publisher = makePublisher();
+  publisher->publish(patternFrame(16, 8, 1));  // no sender yet: dropped
+  ASSERT_TRUE(publisher->start());
+
+  runtime.holdSends(true);
+  auto first = patternFrame(16, 8, 2);
+  publisher->publish(first);
+  ASSERT_TRUE(waitUntil([&] { return runtime.sendsInProgress() == 1; }));
+  auto second = patternFrame(16, 8, 3);
+  publisher->publish(second);  // busy: dropped, and not held on to
+  publisher->publish(patternFrame(16, 8, 4));
+  EXPECT_EQ(second.use_count(), 1);
+  runtime.holdSends(false);
+  ASSERT_TRUE(waitUntil([&] { return first.use_count() == 1; }));
+  EXPECT_EQ(runtime.framesSent(), 1);
+  test::NDIRuntimeDoubleHandle::Sent sent;
+  ASSERT_TRUE(runtime.lastFrame(sent));
+  EXPECT_EQ(sent.checksum, checksum(*first));
+
+  // Idle again: the next frame goes out.
+  auto third = patternFrame(16, 8, 5);
+  publisher->publish(third);
+  ASSERT_TRUE(waitUntil([&] { return runtime.framesSent() == 2; }));
+  ASSERT_TRUE(runtime.lastFrame(sent));
+  EXPECT_EQ(sent.checksum, checksum(*third));
+
+  publisher->stop();
+  publisher->publish(patternFrame(16, 8, 6));  // stopped: dropped
+  EXPECT_EQ(runtime.framesSent(), 2);
+  EXPECT_EQ(runtime.violations(), "");
+}
+
+TEST_F(NDIPublisherTest, StopWaitsForTheSendInProgressAndSaysSoOnce) {
+  delay.set("20");  // also exercises a slow runtime without a hold
+  auto publisher = makePublisher();
+  ASSERT_TRUE(publisher->start());
+  test::LogCapture log;
+
+  runtime.holdSends(true);
+  auto frame = patternFrame(320, 180, 7);
+  publisher->publish(frame);
+  ASSERT_TRUE(waitUntil([&] { return runtime.sendsInProgress() == 1; }));
+  std::atomic<bool> stopped{false};
+  std::thread stopper([&] {
+    publisher->stop();
+    stopped = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_FALSE(stopped) << "stop() returned while a send was in progress";
+  EXPECT_FALSE(publisher->isRunning());  // new frames are refused at once
+  runtime.holdSends(false);
+  stopper.join();
+
+  EXPECT_EQ(runtime.framesSent(), 1);
+  EXPECT_EQ(runtime.liveSenders(), 0);
+  EXPECT_EQ(runtime.violations(), "");  // no destroy during the send, no freed pixels
+  EXPECT_EQ(frame.use_count(), 1);
+  publisher->stop();
+  const auto lines = log.lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "[NDI] Sender stopped"), 1);
+  EXPECT_EQ(publisher->connectionCount(), 0);
+}
+
+TEST_F(NDIPublisherTest, ReceiverCountComesFromTheRuntime) {
+  auto publisher = makePublisher();
+  connections.set("1");
+  EXPECT_EQ(publisher->connectionCount(), 0);  // no sender yet
+  ASSERT_TRUE(publisher->start());
+  EXPECT_EQ(publisher->connectionCount(), 1);
+  EXPECT_EQ(publisher->clientCount(), 1);
+  connections.set("3");
+  EXPECT_EQ(publisher->connectionCount(), 3);
+  publisher->stop();
+  EXPECT_EQ(publisher->connectionCount(), 0);
+  EXPECT_EQ(runtime.violations(), "");
+}
+
+// Each failure leaves its text, sends nothing, and a later start succeeds
+// once the cause is gone (nothing about a failed search is remembered).
+TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
+  struct Case {
+    const char* what;
+    std::function<void()> cause, cure;
+    std::string error;
+    bool runtimeLoaded;
+  };
+  const Case cases[] = {
+      {"no runtime anywhere", [&] { v6.set(nullptr); }, [&] { v6.set(test::ndiDoubleDir.c_str()); }, kNotFound,
+       false},
+      {"a runtime lacking an entry point", [&] { v6.set(test::ndiIncompleteDoubleDir.c_str()); },
+       [&] { v6.set(test::ndiDoubleDir.c_str()); }, kNotFound, false},
+      {"initialisation refused", [&] { refuse.set("1"); }, [&] { refuse.set(nullptr); },
+       "NDI runtime refused to initialize (unsupported CPU?)", false},
+      {"no sender", [&] { failCreate.set("1"); }, [&] { failCreate.set(nullptr); }, "NDI sender could not be created",
+       true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto publisher = makePublisher();
+    runtime.reset();
+    c.cause();
+    test::LogCapture log;
+    EXPECT_FALSE(publisher->start());
+    EXPECT_EQ(publisher->lastError(), c.error);
+    EXPECT_EQ(publisher->isRuntimeLoaded(), c.runtimeLoaded);
+    EXPECT_FALSE(publisher->isRunning());
+    EXPECT_FALSE(log.hasPrefix("[NDI] Sending"));
+    publisher->publish(patternFrame(16, 8, 1));
+    EXPECT_EQ(publisher->connectionCount(), 0);
+    EXPECT_FALSE(publisher->start());  // tried again, same answer
+    EXPECT_EQ(publisher->lastError(), c.error);
+
+    c.cure();
+    EXPECT_TRUE(publisher->start()) << publisher->lastError().value_or("");
+    EXPECT_FALSE(publisher->lastError());
+    EXPECT_EQ(publisher->runtimePath(), test::ndiDoubleDir + "/libndi.so.6");
+    publisher->stop();
+    EXPECT_EQ(runtime.framesSent(), 0);
+    EXPECT_EQ(runtime.violations(), "");
+  }
+}
+
+TEST_F(NDIPublisherTest, RefusedAndIncompleteRuntimesAreClosedAndExplained) {
+  refuse.set("1");
+  {
+    auto publisher = makePublisher();
+    EXPECT_FALSE(publisher->start());
+    EXPECT_FALSE(publisher->start());
+    EXPECT_EQ(runtime.initializeCalls(), 2);  // asked again at each start
+  }
+  refuse.set(nullptr);
+  v6.set(test::ndiIncompleteDoubleDir.c_str());
+  test::LogCapture log;
+  auto publisher = makePublisher();
+  EXPECT_FALSE(publisher->start());
+  EXPECT_FALSE(publisher->start());
+  const std::string line =
+      "[NDI] " + test::ndiIncompleteDoubleDir + "/libndi.so.6 lacks NDIlib_send_get_no_connections; skipped";
+  const auto lines = log.lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), line), 1) << "said once, however often it is retried";
+}
+
+TEST_F(NDIPublisherTest, SearchesTheEnvironmentFoldersFirstNewestRuntimeFirst) {
+  test::TempDir a, b, c;
+  v6.set(a.path().c_str());
+  v5.set(b.path().c_str());
+  NDIPublisher publisher({c.path().string()});
+  const auto in = [](const test::TempDir& d, const char* file) { return (d.path() / file).string(); };
+  EXPECT_EQ(publisher.candidateRuntimePaths(),
+            (std::vector<std::string>{in(a, "libndi.so.6"), in(a, "libndi.so.5"), in(b, "libndi.so.6"),
+                                      in(b, "libndi.so.5"), in(c, "libndi.so.6"), in(c, "libndi.so.5")}));
+  v5.set("");  // set but empty: not a folder
+  EXPECT_EQ(publisher.candidateRuntimePaths().size(), 4u);
+
+  // A usable runtime in the V6 folder wins over one in the V5 folder and one
+  // in a fixed folder; an unusable one there is passed over.
+  std::filesystem::copy_file(test::ndiDoubleDir + "/libndi.so.6", b.path() / "libndi.so.6");
+  std::filesystem::copy_file(test::ndiDoubleDir + "/libndi.so.6", c.path() / "libndi.so.5");
+  v5.set(b.path().c_str());
+  v6.set(test::ndiDoubleDir.c_str());
+  {
+    NDIPublisher chosen({c.path().string()});
+    ASSERT_TRUE(chosen.loadRuntime());
+    EXPECT_EQ(chosen.runtimePath(), test::ndiDoubleDir + "/libndi.so.6");
+  }
+  v6.set(test::ndiIncompleteDoubleDir.c_str());
+  {
+    NDIPublisher fallback({c.path().string()});
+    ASSERT_TRUE(fallback.loadRuntime());
+    EXPECT_EQ(fallback.runtimePath(), in(b, "libndi.so.6"));
+  }
+  v6.set(nullptr);
+  v5.set(nullptr);
+  {
+    NDIPublisher fixed({c.path().string()});
+    ASSERT_TRUE(fixed.loadRuntime());
+    EXPECT_EQ(fixed.runtimePath(), in(c, "libndi.so.5"));
+  }
+}
+
+TEST_F(NDIPublisherTest, DiscoveryFindsOurSourceUnderTheMachineName) {
+  auto publisher = makePublisher();
+  EXPECT_FALSE(publisher->findSources(0.1)) << "no runtime loaded yet";
+  ASSERT_TRUE(publisher->start());
+  const auto found = publisher->findSources(0.5);
+  ASSERT_TRUE(found);
+  EXPECT_EQ(*found, std::vector<std::string>{machineName() + " (Velmora)"});
+
+  publisher->stop();
+  const auto after = publisher->findSources(0.05);
+  ASSERT_TRUE(after);
+  EXPECT_TRUE(after->empty());
+
+  failFind.set("1");
+  EXPECT_FALSE(publisher->findSources(0.05)) << "a finder that cannot be created";
+}
+
+}  // namespace
+}  // namespace velmora

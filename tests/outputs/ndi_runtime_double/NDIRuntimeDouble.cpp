@@ -1,0 +1,424 @@
+// A stand-in for the NDI runtime (built as libndi.so.6, loaded by tests
+// through NDI_RUNTIME_DIR_V6; never installed or shipped). It exports the
+// runtime's entry points with the public SDK's C structures, checks what it
+// is handed as a real runtime relies on (a live sender, readable pixels at
+// the stated stride, no sender destroyed during its own send), and records
+// it for the tests to read back through the NDIdouble_* functions.
+//
+// Behaviour chosen by environment variables:
+//   NDI_DOUBLE_REFUSE_INIT=1       NDIlib_initialize reports failure
+//   NDI_DOUBLE_FAIL_CREATE=1       NDIlib_send_create returns no sender
+//   NDI_DOUBLE_SEND_DELAY_MS=<ms>  each send of a sender created now takes that long
+//   NDI_DOUBLE_CONNECTIONS=<n>     receivers reported per sender (default 0)
+//   NDI_DOUBLE_FAIL_FIND=1         NDIlib_find_create_v2 returns no finder
+//   NDI_DOUBLE_UNREAD_SENDS=1      senders created now leave the pixels unread
+//                                  (benchmarks: the caller's cost alone)
+// Built with NDI_DOUBLE_WITHOUT_GET_NO_CONNECTIONS it lacks
+// NDIlib_send_get_no_connections, like a runtime too old or incomplete.
+//
+// Index:
+//   [SECTION] SDK structures
+//   [SECTION] Recorded state
+//   [SECTION] Send entry points
+//   [SECTION] Find entry points
+//   [SECTION] Inspection for tests
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#define NDI_EXPORT extern "C" __attribute__((visibility("default")))
+
+// [SECTION] SDK structures (Processing.NDI.*.h of the public SDK, x86-64)
+
+typedef void* NDIlib_send_instance_t;
+typedef void* NDIlib_find_instance_t;
+
+typedef struct NDIlib_send_create_t {
+  const char* p_ndi_name;
+  const char* p_groups;
+  bool clock_video;
+  bool clock_audio;
+} NDIlib_send_create_t;
+static_assert(sizeof(NDIlib_send_create_t) == 24);
+static_assert(offsetof(NDIlib_send_create_t, clock_video) == 16);
+static_assert(offsetof(NDIlib_send_create_t, clock_audio) == 17);
+
+typedef enum NDIlib_FourCC_video_type_e : std::uint32_t {
+  NDIlib_FourCC_video_type_UYVY = 0x59565955,
+  NDIlib_FourCC_video_type_BGRA = 0x41524742,
+  NDIlib_FourCC_video_type_BGRX = 0x58524742,
+  NDIlib_FourCC_video_type_RGBA = 0x41424752,
+  NDIlib_FourCC_video_type_RGBX = 0x58424752,
+} NDIlib_FourCC_video_type_e;
+
+typedef enum NDIlib_frame_format_type_e : std::int32_t {
+  NDIlib_frame_format_type_interleaved = 0,
+  NDIlib_frame_format_type_progressive = 1,
+  NDIlib_frame_format_type_field_0 = 2,
+  NDIlib_frame_format_type_field_1 = 3,
+} NDIlib_frame_format_type_e;
+
+typedef struct NDIlib_video_frame_v2_t {
+  int xres, yres;
+  NDIlib_FourCC_video_type_e FourCC;
+  int frame_rate_N, frame_rate_D;
+  float picture_aspect_ratio;
+  NDIlib_frame_format_type_e frame_format_type;
+  std::int64_t timecode;
+  std::uint8_t* p_data;
+  union {
+    int line_stride_in_bytes;
+    int data_size_in_bytes;
+  };
+  const char* p_metadata;
+  std::int64_t timestamp;
+} NDIlib_video_frame_v2_t;
+static_assert(sizeof(NDIlib_video_frame_v2_t) == 72);
+static_assert(offsetof(NDIlib_video_frame_v2_t, timecode) == 32);
+static_assert(offsetof(NDIlib_video_frame_v2_t, p_data) == 40);
+static_assert(offsetof(NDIlib_video_frame_v2_t, line_stride_in_bytes) == 48);
+static_assert(offsetof(NDIlib_video_frame_v2_t, p_metadata) == 56);
+static_assert(offsetof(NDIlib_video_frame_v2_t, timestamp) == 64);
+
+typedef struct NDIlib_find_create_t {
+  bool show_local_sources;
+  const char* p_groups;
+  const char* p_extra_ips;
+} NDIlib_find_create_t;
+static_assert(sizeof(NDIlib_find_create_t) == 24);
+
+typedef struct NDIlib_source_t {
+  const char* p_ndi_name;
+  union {
+    const char* p_url_address;
+    const char* p_ip_address;
+  };
+} NDIlib_source_t;
+static_assert(sizeof(NDIlib_source_t) == 16);
+
+// [SECTION] Recorded state
+
+namespace {
+
+struct Sender {
+  std::string name;
+  int delayMs = 0;
+  bool readPixels = true;
+  int sendsInProgress = 0;
+};
+
+struct Finder {
+  bool showLocal = true;
+  std::size_t reported = 0;  // senders seen at the last wait
+  std::vector<std::string> names;
+  std::vector<std::string> urls;
+  std::vector<NDIlib_source_t> sources;
+};
+
+struct State {
+  std::mutex mutex;
+  std::condition_variable released;
+  std::vector<std::unique_ptr<Sender>> senders;
+  bool holdSends = false;
+  int initializeCalls = 0;
+  int framesSent = 0;
+  int sendsInProgress = 0;
+  bool haveFrame = false;
+  NDIlib_video_frame_v2_t lastFrame{};
+  std::uint64_t lastChecksum = 0;
+  bool haveSettings = false;
+  std::string lastName;
+  bool lastGroupsNull = true, lastClockVideo = true, lastClockAudio = true;
+  std::vector<std::string> violations;
+};
+
+State& state() {
+  static State s;
+  return s;
+}
+
+bool flag(const char* name) {
+  const char* v = std::getenv(name);
+  return v && *v && std::strcmp(v, "0") != 0;
+}
+
+int number(const char* name) {
+  const char* v = std::getenv(name);
+  return v ? std::atoi(v) : 0;
+}
+
+// Under the state's lock.
+Sender* find(State& s, NDIlib_send_instance_t instance) {
+  for (auto& sender : s.senders)
+    if (sender.get() == instance) return sender.get();
+  return nullptr;
+}
+
+std::string machineName() {
+  char host[256] = {};
+  if (::gethostname(host, sizeof host - 1) != 0 || !host[0]) std::strcpy(host, "localhost");
+  std::string name(host);
+  std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::toupper(c); });
+  return name;
+}
+
+// FNV-1a over the picture's visible bytes, row by row at the given stride:
+// reading every byte is what a runtime compressing the frame does.
+std::uint64_t checksum(const std::uint8_t* data, int width, int height, int stride) {
+  std::uint64_t h = 1469598103934665603ull;
+  for (int y = 0; y < height; ++y) {
+    const std::uint8_t* row = data + static_cast<std::size_t>(y) * stride;
+    for (int i = 0; i < width * 4; ++i) h = (h ^ row[i]) * 1099511628211ull;
+  }
+  return h;
+}
+
+}  // namespace
+
+// [SECTION] Send entry points
+
+NDI_EXPORT bool NDIlib_initialize(void) {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  ++s.initializeCalls;
+  return !flag("NDI_DOUBLE_REFUSE_INIT");
+}
+
+NDI_EXPORT NDIlib_send_instance_t NDIlib_send_create(const NDIlib_send_create_t* settings) {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  s.haveSettings = true;
+  s.lastName = settings && settings->p_ndi_name ? settings->p_ndi_name : "";
+  s.lastGroupsNull = !settings || !settings->p_groups;
+  s.lastClockVideo = settings ? settings->clock_video : true;
+  s.lastClockAudio = settings ? settings->clock_audio : true;
+  if (flag("NDI_DOUBLE_FAIL_CREATE")) return nullptr;
+  auto sender = std::make_unique<Sender>();
+  sender->name = s.lastName.empty() ? "Sender" : s.lastName;
+  sender->delayMs = std::max(0, number("NDI_DOUBLE_SEND_DELAY_MS"));
+  sender->readPixels = !flag("NDI_DOUBLE_UNREAD_SENDS");
+  s.senders.push_back(std::move(sender));
+  return s.senders.back().get();
+}
+
+NDI_EXPORT void NDIlib_send_destroy(NDIlib_send_instance_t instance) {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  Sender* sender = find(s, instance);
+  if (!sender) {
+    s.violations.push_back("NDIlib_send_destroy: unknown sender");
+    return;
+  }
+  if (sender->sendsInProgress > 0) s.violations.push_back("NDIlib_send_destroy: sender destroyed during its own send");
+  s.senders.erase(std::find_if(s.senders.begin(), s.senders.end(), [&](auto& p) { return p.get() == sender; }));
+}
+
+NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const NDIlib_video_frame_v2_t* frame) {
+  State& s = state();
+  int delayMs = 0;
+  bool readPixels = true;
+  {
+    std::lock_guard lock(s.mutex);
+    Sender* sender = find(s, instance);
+    if (!sender) {
+      s.violations.push_back("NDIlib_send_send_video_v2: unknown sender");
+      return;
+    }
+    if (!frame || !frame->p_data || frame->xres <= 0 || frame->yres <= 0 || frame->frame_rate_D <= 0 ||
+        frame->frame_rate_N <= 0) {
+      s.violations.push_back("NDIlib_send_send_video_v2: incomplete frame");
+      return;
+    }
+    const bool fourBytes = frame->FourCC == NDIlib_FourCC_video_type_BGRA ||
+                           frame->FourCC == NDIlib_FourCC_video_type_BGRX ||
+                           frame->FourCC == NDIlib_FourCC_video_type_RGBA ||
+                           frame->FourCC == NDIlib_FourCC_video_type_RGBX;
+    if (!fourBytes || frame->line_stride_in_bytes < frame->xres * 4) {
+      s.violations.push_back("NDIlib_send_send_video_v2: stride or FourCC not a 4-byte format's");
+      return;
+    }
+    ++sender->sendsInProgress;
+    ++s.sendsInProgress;
+    delayMs = sender->delayMs;
+    readPixels = sender->readPixels;
+  }
+  // The runtime owns the frame for the length of the call and no longer.
+  const auto sumOf = [&] {
+    return readPixels ? checksum(frame->p_data, frame->xres, frame->yres, frame->line_stride_in_bytes) : 0;
+  };
+  const std::uint64_t sum = sumOf();
+  if (delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+
+  std::unique_lock lock(s.mutex);
+  s.released.wait(lock, [&] { return !s.holdSends; });
+  // Read again after waiting: the caller must not have let go of the pixels.
+  if (sumOf() != sum)
+    s.violations.push_back("NDIlib_send_send_video_v2: pixels changed during the send");
+  Sender* sender = find(s, instance);
+  if (sender) --sender->sendsInProgress;
+  --s.sendsInProgress;
+  ++s.framesSent;
+  s.haveFrame = true;
+  s.lastFrame = *frame;
+  s.lastChecksum = sum;
+}
+
+#ifndef NDI_DOUBLE_WITHOUT_GET_NO_CONNECTIONS
+NDI_EXPORT int NDIlib_send_get_no_connections(NDIlib_send_instance_t instance, std::uint32_t /*timeout_in_ms*/) {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  if (!find(s, instance)) {
+    s.violations.push_back("NDIlib_send_get_no_connections: unknown sender");
+    return 0;
+  }
+  return std::max(0, number("NDI_DOUBLE_CONNECTIONS"));
+}
+#endif
+
+// [SECTION] Find entry points
+
+NDI_EXPORT NDIlib_find_instance_t NDIlib_find_create_v2(const NDIlib_find_create_t* settings) {
+  if (flag("NDI_DOUBLE_FAIL_FIND")) return nullptr;
+  auto* finder = new Finder;
+  finder->showLocal = settings ? settings->show_local_sources : true;
+  return finder;
+}
+
+NDI_EXPORT void NDIlib_find_destroy(NDIlib_find_instance_t instance) { delete static_cast<Finder*>(instance); }
+
+// True as soon as the list differs from the one seen at the last wait.
+NDI_EXPORT bool NDIlib_find_wait_for_sources(NDIlib_find_instance_t instance, std::uint32_t timeout_in_ms) {
+  auto* finder = static_cast<Finder*>(instance);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_in_ms);
+  State& s = state();
+  for (;;) {
+    {
+      std::lock_guard lock(s.mutex);
+      const std::size_t visible = finder->showLocal ? s.senders.size() : 0;
+      if (visible != finder->reported) {
+        finder->reported = visible;
+        return true;
+      }
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+// Every sender alive in this process is a local source. The list stays valid
+// until the next call on this finder or its destruction.
+NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(NDIlib_find_instance_t instance,
+                                                                  std::uint32_t* p_no_sources) {
+  auto* finder = static_cast<Finder*>(instance);
+  finder->names.clear();
+  finder->urls.clear();
+  finder->sources.clear();
+  State& s = state();
+  {
+    std::lock_guard lock(s.mutex);
+    if (finder->showLocal) {
+      const std::string machine = machineName();
+      for (const auto& sender : s.senders) {
+        finder->names.push_back(machine + " (" + sender->name + ")");
+        finder->urls.push_back("127.0.0.1:" + std::to_string(5961 + finder->urls.size()));
+      }
+    }
+  }
+  for (std::size_t i = 0; i < finder->names.size(); ++i) {
+    NDIlib_source_t source{};
+    source.p_ndi_name = finder->names[i].c_str();
+    source.p_url_address = finder->urls[i].c_str();
+    finder->sources.push_back(source);
+  }
+  if (p_no_sources) *p_no_sources = static_cast<std::uint32_t>(finder->sources.size());
+  return finder->sources.empty() ? nullptr : finder->sources.data();
+}
+
+// [SECTION] Inspection for tests
+
+// Forgets what was recorded (live senders stay).
+NDI_EXPORT void NDIdouble_reset(void) {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  s.initializeCalls = 0;
+  s.framesSent = 0;
+  s.haveFrame = false;
+  s.lastFrame = {};
+  s.lastChecksum = 0;
+  s.haveSettings = false;
+  s.lastName.clear();
+  s.violations.clear();
+}
+
+NDI_EXPORT int NDIdouble_initialize_calls(void) {
+  std::lock_guard lock(state().mutex);
+  return state().initializeCalls;
+}
+
+NDI_EXPORT int NDIdouble_frames_sent(void) {
+  std::lock_guard lock(state().mutex);
+  return state().framesSent;
+}
+
+NDI_EXPORT int NDIdouble_live_senders(void) {
+  std::lock_guard lock(state().mutex);
+  return static_cast<int>(state().senders.size());
+}
+
+NDI_EXPORT int NDIdouble_sends_in_progress(void) {
+  std::lock_guard lock(state().mutex);
+  return state().sendsInProgress;
+}
+
+// The last frame sent (its p_data as handed over) and the checksum of its pixels.
+NDI_EXPORT bool NDIdouble_last_frame(NDIlib_video_frame_v2_t* frame, std::uint64_t* sum) {
+  std::lock_guard lock(state().mutex);
+  if (!state().haveFrame) return false;
+  *frame = state().lastFrame;
+  *sum = state().lastChecksum;
+  return true;
+}
+
+NDI_EXPORT bool NDIdouble_last_send_create(char* name, std::size_t capacity, bool* groupsNull, bool* clockVideo,
+                                           bool* clockAudio) {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  if (!s.haveSettings || capacity == 0) return false;
+  std::snprintf(name, capacity, "%s", s.lastName.c_str());
+  *groupsNull = s.lastGroupsNull;
+  *clockVideo = s.lastClockVideo;
+  *clockAudio = s.lastClockAudio;
+  return true;
+}
+
+// While held, every send blocks before returning (after reading its pixels once).
+NDI_EXPORT void NDIdouble_hold_sends(bool hold) {
+  State& s = state();
+  {
+    std::lock_guard lock(s.mutex);
+    s.holdSends = hold;
+  }
+  s.released.notify_all();
+}
+
+// How many broken promises were seen; the first one's text goes to `text`.
+NDI_EXPORT int NDIdouble_violations(char* text, std::size_t capacity) {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  if (capacity) std::snprintf(text, capacity, "%s", s.violations.empty() ? "" : s.violations.front().c_str());
+  return static_cast<int>(s.violations.size());
+}
