@@ -2,6 +2,13 @@
 // pixels, send settings), the one-frame pipeline (drops while busy, stop
 // waiting for a send), the search for the runtime and each way it fails,
 // receiver counts and discovery.
+//
+// Index:
+//   [SECTION] Helpers and fixture
+//   [SECTION] What receivers get
+//   [SECTION] One frame in flight
+//   [SECTION] Finding the runtime, and failing to
+//   [SECTION] Discovery
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -22,6 +29,8 @@
 
 namespace velmora {
 namespace {
+
+// [SECTION] Helpers and fixture
 
 const std::string kNotFound = "NDI runtime not found. Install the free NDI Tools from https://ndi.video/tools/";
 
@@ -80,6 +89,8 @@ class NDIPublisherTest : public ::testing::Test {
   test::ScopedEnv delay{"NDI_DOUBLE_SEND_DELAY_MS", nullptr};
   test::NDIRuntimeDoubleHandle runtime;
 };
+
+// [SECTION] What receivers get
 
 TEST_F(NDIPublisherTest, SendsEachFrameFromTheRenderedMemoryWithTheFieldsReceiversNeed) {
   auto publisher = makePublisher();
@@ -149,6 +160,22 @@ TEST_F(NDIPublisherTest, SendsEachFrameFromTheRenderedMemoryWithTheFieldsReceive
   EXPECT_EQ(runtime.violations(), "");
 }
 
+TEST_F(NDIPublisherTest, ReceiverCountComesFromTheRuntime) {
+  auto publisher = makePublisher();
+  connections.set("1");
+  EXPECT_EQ(publisher->connectionCount(), 0);  // no sender yet
+  ASSERT_TRUE(publisher->start());
+  EXPECT_EQ(publisher->connectionCount(), 1);
+  EXPECT_EQ(publisher->clientCount(), 1);
+  connections.set("3");
+  EXPECT_EQ(publisher->connectionCount(), 3);
+  publisher->stop();
+  EXPECT_EQ(publisher->connectionCount(), 0);
+  EXPECT_EQ(runtime.violations(), "");
+}
+
+// [SECTION] One frame in flight
+
 TEST_F(NDIPublisherTest, OneFrameInFlightAndTheRestDropped) {
   auto publisher = makePublisher();
   publisher->publish(patternFrame(16, 8, 1));  // no sender yet: dropped
@@ -213,19 +240,7 @@ TEST_F(NDIPublisherTest, StopWaitsForTheSendInProgressAndSaysSoOnce) {
   EXPECT_EQ(publisher->connectionCount(), 0);
 }
 
-TEST_F(NDIPublisherTest, ReceiverCountComesFromTheRuntime) {
-  auto publisher = makePublisher();
-  connections.set("1");
-  EXPECT_EQ(publisher->connectionCount(), 0);  // no sender yet
-  ASSERT_TRUE(publisher->start());
-  EXPECT_EQ(publisher->connectionCount(), 1);
-  EXPECT_EQ(publisher->clientCount(), 1);
-  connections.set("3");
-  EXPECT_EQ(publisher->connectionCount(), 3);
-  publisher->stop();
-  EXPECT_EQ(publisher->connectionCount(), 0);
-  EXPECT_EQ(runtime.violations(), "");
-}
+// [SECTION] Finding the runtime, and failing to
 
 // Each failure leaves its text, sends nothing, and a later start succeeds
 // once the cause is gone (nothing about a failed search is remembered).
@@ -329,6 +344,8 @@ TEST_F(NDIPublisherTest, SearchesTheEnvironmentFoldersFirstNewestRuntimeFirst) {
     EXPECT_EQ(fixed.runtimePath(), in(c, "libndi.so.5"));
   }
 }
+
+// [SECTION] Discovery
 
 TEST_F(NDIPublisherTest, DiscoveryFindsOurSourceUnderTheMachineName) {
   auto publisher = makePublisher();
