@@ -88,5 +88,17 @@ void BM_NDIHandOffPerFrame(benchmark::State& st) {
 }
 BENCHMARK(BM_NDIHandOffPerFrame)->Unit(benchmark::kMicrosecond)->MeasureProcessCPUTime()->UseRealTime();
 
+// A start() that finds no runtime, as the output synchronisation repeats it
+// on the main thread while NDI is switched on without one: the search over
+// every candidate file (nothing is logged after the first time).
+void BM_NDIStartWithoutRuntime(benchmark::State& st) {
+  ::unsetenv("NDI_RUNTIME_DIR_V6");
+  ::unsetenv("NDI_RUNTIME_DIR_V5");
+  NDIPublisher publisher;  // the real search list
+  if (publisher.start()) st.SkipWithError("a runtime is installed here; nothing to measure");
+  for (auto _ : st) benchmark::DoNotOptimize(publisher.start());
+}
+BENCHMARK(BM_NDIStartWithoutRuntime)->Unit(benchmark::kMicrosecond);
+
 }  // namespace
 }  // namespace velmora
