@@ -5,6 +5,7 @@
 
 #include <thread>
 
+#include "app/CharacterExport.h"
 #include "app/CommandLine.h"
 #include "app/MaskSnapshot.h"
 #include "app/SelfTestRunner.h"
@@ -67,6 +68,9 @@ int Application::main(const std::vector<std::string>& args) {
       return 0;
     case CommandLine::Mode::outputSelfTest:
       logLine("Velmora", "this batch run is not available in this build");
+      return 0;
+    case CommandLine::Mode::exportGltf:
+      CharacterExport::run(cl.folder);  // one line per file
       return 0;
     case CommandLine::Mode::interactive:
       break;

@@ -11,7 +11,8 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args) {
     return result;
   }
   const std::pair<const char*, Mode> folderSwitches[] = {{"--snapshot", Mode::snapshot},
-                                                         {"--output-selftest", Mode::outputSelfTest}};
+                                                         {"--output-selftest", Mode::outputSelfTest},
+                                                         {"--export-gltf", Mode::exportGltf}};
   for (const auto& [name, mode] : folderSwitches) {
     auto it = std::find(args.begin(), args.end(), name);
     if (it != args.end() && it + 1 != args.end()) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "stage/CharacterModelType.h"
 #include "stage/Morpher.h"
 #include "stage/Node.h"
 
@@ -18,6 +19,10 @@ struct CharacterBuild {
   std::shared_ptr<Morpher> morpher;
   std::unordered_map<std::string, int> targetNameToIndex;
 };
+
+// A new node tree of the given character (createTheatricalMaskNode() or
+// createGhostNode()). Any thread.
+CharacterBuild createCharacterNode(CharacterModelType model);
 
 // The key of a blendshape name in targetNameToIndex: ASCII lower case.
 inline std::string targetKey(std::string name) {

@@ -17,10 +17,18 @@ TEST(CommandLine, SwitchesAreCheckedInOrderAndTheFirstMatchWins) {
   auto self = CommandLine::parse({"-v", "--output-selftest", "/tmp/x"});
   EXPECT_EQ(self.mode, Mode::outputSelfTest);
   EXPECT_EQ(self.folder, "/tmp/x");
+  // The export is looked at last: any of the three others wins over it.
+  auto exported = CommandLine::parse({"--export-gltf", "e", "--output-selftest", "o"});
+  EXPECT_EQ(exported.mode, Mode::outputSelfTest);
+  EXPECT_EQ(exported.folder, "o");
+  exported = CommandLine::parse({"--export-gltf", "characters/"});
+  EXPECT_EQ(exported.mode, Mode::exportGltf);
+  EXPECT_EQ(exported.folder, "characters/");
 }
 
 TEST(CommandLine, AFolderSwitchWithNothingAfterItIsIgnored) {
   EXPECT_EQ(CommandLine::parse({"--snapshot"}).mode, Mode::interactive);
+  EXPECT_EQ(CommandLine::parse({"--export-gltf"}).mode, Mode::interactive);
   auto r = CommandLine::parse({"--output-selftest", "o", "--snapshot"});
   EXPECT_EQ(r.mode, Mode::outputSelfTest);
   EXPECT_EQ(r.folder, "o");

@@ -1,0 +1,58 @@
+#include "app/CharacterExport.h"
+
+#include <system_error>
+
+#include "app/GltfExporter.h"
+#include "base/AtomicFile.h"
+#include "base/Log.h"
+#include "characters/CharacterBuild.h"
+
+namespace velmora {
+
+namespace fs = std::filesystem;
+
+std::string CharacterExport::fileName(CharacterModelType model) { return std::string(rawValue(model)) + ".glb"; }
+
+std::vector<CharacterExport::Outcome> CharacterExport::run(const std::string& folder) {
+  std::error_code ec;
+  fs::path dir = fs::absolute(folder, ec);
+  if (ec) dir = folder;
+  dir = dir.lexically_normal();
+  if (!dir.has_filename() && dir.has_parent_path()) dir = dir.parent_path();  // "out/" -> "out"
+
+  // A folder that cannot be made fails every file the same way; nothing is built then.
+  std::string folderError;
+  fs::create_directories(dir, ec);
+  if (ec) {
+    folderError = "cannot create the folder " + dir.string() + ": " + ec.message();
+  } else if (!fs::is_directory(dir, ec)) {
+    folderError = dir.string() + " is not a folder";
+  }
+
+  std::vector<Outcome> outcomes;
+  for (const CharacterModelType model : allCases<CharacterModelType>()) {
+    Outcome o;
+    o.model = model;
+    o.file = dir / fileName(model);
+    if (folderError.empty()) {
+      const CharacterBuild build = createCharacterNode(model);
+      o.morphTargets = build.morpher ? static_cast<int>(build.morpher->targetCount()) : 0;
+      const std::string bytes = GltfExporter::glb(GltfExporter::document(*build.node));
+      o.error = bytes.empty() ? "the glTF writer produced nothing" : AtomicFile::write(o.file, bytes);
+      o.written = o.error.empty();
+      if (o.written) o.bytes = bytes.size();
+    } else {
+      o.error = folderError;
+    }
+    if (o.written) {
+      logLine("export", "Wrote " + o.file.string() + " (" + std::to_string(o.bytes) + " bytes, " +
+                            std::to_string(o.morphTargets) + " morph targets)");
+    } else {
+      logLine("export", "Could not write " + o.file.string() + ": " + o.error);
+    }
+    outcomes.push_back(std::move(o));
+  }
+  return outcomes;
+}
+
+}  // namespace velmora

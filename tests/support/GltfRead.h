@@ -1,0 +1,67 @@
+#pragma once
+// Reading glTF accessors back as plain arrays for tests: dense data, sparse
+// substitutions and zero-initialised accessors all resolved, as a glTF
+// consumer sees them.
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include <tiny_gltf.h>
+
+namespace velmora::test {
+
+inline std::uint32_t readIndexAt(const unsigned char* p, int componentType) {
+  switch (componentType) {
+    case TINYGLTF_COMPONENT_TYPE_UNSIGNED_BYTE: return *p;
+    case TINYGLTF_COMPONENT_TYPE_UNSIGNED_SHORT: {
+      std::uint16_t v;
+      std::memcpy(&v, p, 2);
+      return v;
+    }
+    default: {
+      std::uint32_t v;
+      std::memcpy(&v, p, 4);
+      return v;
+    }
+  }
+}
+
+inline const unsigned char* viewData(const tinygltf::Model& m, int view, std::size_t offset) {
+  const auto& v = m.bufferViews.at(static_cast<std::size_t>(view));
+  return m.buffers.at(static_cast<std::size_t>(v.buffer)).data.data() + v.byteOffset + offset;
+}
+
+// Every float of a float accessor, components packed.
+inline std::vector<float> readFloats(const tinygltf::Model& m, int index) {
+  const auto& a = m.accessors.at(static_cast<std::size_t>(index));
+  const auto comps = static_cast<std::size_t>(tinygltf::GetNumComponentsInType(static_cast<std::uint32_t>(a.type)));
+  std::vector<float> out(a.count * comps, 0.0f);
+  if (a.bufferView >= 0) {
+    const auto& view = m.bufferViews[static_cast<std::size_t>(a.bufferView)];
+    const std::size_t stride = view.byteStride ? view.byteStride : comps * 4;
+    const unsigned char* base = viewData(m, a.bufferView, a.byteOffset);
+    for (std::size_t i = 0; i < a.count; ++i) std::memcpy(&out[i * comps], base + i * stride, comps * 4);
+  }
+  if (a.sparse.isSparse) {
+    const unsigned char* idx = viewData(m, a.sparse.indices.bufferView, static_cast<std::size_t>(a.sparse.indices.byteOffset));
+    const unsigned char* val = viewData(m, a.sparse.values.bufferView, static_cast<std::size_t>(a.sparse.values.byteOffset));
+    const auto indexSize = static_cast<std::size_t>(tinygltf::GetComponentSizeInBytes(static_cast<std::uint32_t>(a.sparse.indices.componentType)));
+    for (std::size_t k = 0; k < static_cast<std::size_t>(a.sparse.count); ++k) {
+      const std::uint32_t i = readIndexAt(idx + k * indexSize, a.sparse.indices.componentType);
+      std::memcpy(&out[i * comps], val + k * comps * 4, comps * 4);
+    }
+  }
+  return out;
+}
+
+// The values of an index accessor.
+inline std::vector<std::int32_t> readIndices(const tinygltf::Model& m, int index) {
+  const auto& a = m.accessors.at(static_cast<std::size_t>(index));
+  const auto size = static_cast<std::size_t>(tinygltf::GetComponentSizeInBytes(static_cast<std::uint32_t>(a.componentType)));
+  const unsigned char* base = viewData(m, a.bufferView, a.byteOffset);
+  std::vector<std::int32_t> out(a.count);
+  for (std::size_t i = 0; i < a.count; ++i) out[i] = static_cast<std::int32_t>(readIndexAt(base + i * size, a.componentType));
+  return out;
+}
+
+}  // namespace velmora::test
