@@ -11,6 +11,7 @@
 #include "base/Log.h"
 #include "render/EnvironmentLighting.h"
 #include "render/MeshCache.h"
+#include "render/RenderedFramePool.h"
 #include "render/ShaderProgram.h"
 #include "render/Shaders.h"
 
@@ -77,6 +78,7 @@ struct Prepared {
 struct SceneRenderer::Impl {
   std::unique_ptr<ShaderProgram> morph, depth, surface, output;
   MeshCache cache;
+  RenderedFramePool frames;  // read-back memory, reused once the outputs let go
   GLuint shadowFbo = 0, shadowDepth = 0;
   Targets targets;
   GLuint emptyVertexArray = 0;
@@ -654,12 +656,9 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
   glDrawArrays(GL_TRIANGLES, 0, 3);
   glBindVertexArray(0);
 
-  auto result = std::make_shared<RenderedFrame>();
-  result->width = t.width;
-  result->height = t.height;
+  auto result = s.frames.acquire(t.width, t.height);
   result->time = frame.time;
   result->sequence = frame.sequence;
-  result->pixels.resize(static_cast<std::size_t>(t.width) * t.height * 4);
   glBindFramebuffer(GL_READ_FRAMEBUFFER, t.outputFbo);
   glReadBuffer(GL_COLOR_ATTACHMENT0);
   glPixelStorei(GL_PACK_ALIGNMENT, 4);
