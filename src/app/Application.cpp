@@ -15,6 +15,8 @@
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
 #include "control/QLabOSCServer.h"
+#include "outputs/NDIPublisher.h"
+#include "outputs/SyphonPublisher.h"
 #include "render/RenderThread.h"
 #include "scene/MaskSceneManager.h"
 #include "tracking/FaceTrackingState.h"
@@ -94,7 +96,16 @@ int Application::runInteractive() {
   QLabOSCServer::shared().startListening();  // remote cues; shows "OSC cues: disabled" when switched off
 
   // The GL render thread behind the scene; its context opens with the first frame.
-  MaskSceneManager::shared().setRenderer(std::make_unique<RenderThread>());
+  MaskSceneManager& scene = MaskSceneManager::shared();
+  scene.setRenderer(std::make_unique<RenderThread>());
+  // The video outputs the operator's switches drive (Syphon is on by default).
+  scene.setOutputs(&SyphonPublisher::shared(), &NDIPublisher::shared());
+  // Each output's status line, printed when it changes (output sync writes
+  // a text only when it differs, at most twice a second).
+  const int statusObserver = state.observe([&state](FaceTrackingState::Property property) {
+    if (property == FaceTrackingState::Property::syphonStatus) logLine("Velmora", state.syphonStatus());
+    if (property == FaceTrackingState::Property::ndiStatus) logLine("Velmora", state.ndiStatus());
+  });
 
   mainQueue.setTick([&] {
     // --- per-tick work (60 Hz) ---
@@ -104,6 +115,12 @@ int Application::runInteractive() {
   mainQueue.run();  // returns after SIGINT/SIGTERM, having run everything still posted
 
   // --- services stopped, in reverse order ---
+  // Rendering ends first (after the frame in hand), so no finished frame
+  // reaches an output while it stops or after the publishers are gone.
+  scene.setRenderer(nullptr);
+  scene.shutdownOutputs();  // "[Syphon] Server stopped", "[NDI] Sender stopped" for the running ones
+  scene.setOutputs(nullptr, nullptr);
+  state.unobserve(statusObserver);
   QLabOSCServer::shared().shutdown();
   tracking.stop();
 

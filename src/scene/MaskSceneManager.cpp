@@ -81,10 +81,16 @@ void MaskSceneManager::setupOffscreenRenderer() {
     auto consumers = weak.lock();
     if (!consumers) return;
     std::map<int, FrameConsumer> list;
+    VideoOutput* outputs[2];
     {
       std::lock_guard lock(consumers->mutex);
       list = consumers->list;
+      outputs[0] = consumers->syphon;
+      outputs[1] = consumers->ndi;
     }
+    // Each output drops what it cannot take (stopped, no client, busy).
+    for (VideoOutput* output : outputs)
+      if (output) output->publish(frame);
     for (auto& [token, consumer] : list) consumer(frame);
   });
 }
@@ -239,17 +245,90 @@ void MaskSceneManager::updateGhostEyes(Node& leftEye, Node& rightEye, const Blen
 
 void MaskSceneManager::tick() {
   updateTracking(state_);
-  if (state_.isSyphonActive() || state_.isNDIActive()) renderOffscreenFrame();
+  if (state_.isSyphonActive() || state_.isNDIActive())
+    renderOffscreenFrame();  // syncs the outputs first
+  else
+    syncOutputs(state_);  // so switching both off still stops them and says so
 }
 
 void MaskSceneManager::renderOffscreenFrame() {
   VELMORA_ASSERT_MAIN_THREAD();
   if (!renderer_) return;
+  syncOutputs(state_);
+  // A running output that is switched on renders only when it can take the
+  // frame: rendering 1080p for a PipeWire source nobody is linked to would
+  // cost a whole core on software GL for a frame with nowhere to go.
+  const bool toSyphon = syphon_ && state_.isSyphonActive() && syphon_->isRunning() && syphon_->wantsFrames();
+  const bool toNDI = ndi_ && state_.isNDIActive() && ndi_->isRunning() && ndi_->wantsFrames();
+  bool toConsumers = false;
   {
     std::lock_guard lock(consumers_->mutex);
-    if (consumers_->list.empty()) return;
+    toConsumers = !consumers_->list.empty();
   }
+  if (!toSyphon && !toNDI && !toConsumers) return;
   renderer_->submit(makeFrameDescription());
+}
+
+// ---------------------------------------------------------------------------
+// Outputs
+// ---------------------------------------------------------------------------
+
+void MaskSceneManager::setOutputs(VideoOutput* syphon, VideoOutput* ndi) {
+  VELMORA_ASSERT_MAIN_THREAD();
+  syphon_ = syphon;
+  ndi_ = ndi;
+  std::lock_guard lock(consumers_->mutex);
+  consumers_->syphon = syphon;
+  consumers_->ndi = ndi;
+}
+
+void MaskSceneManager::syncOutputs(FaceTrackingState& state) {
+  VELMORA_ASSERT_MAIN_THREAD();
+  // 1, 2: each output follows its switch. A start that fails is asked again
+  // next frame; the output itself paces real attempts.
+  const std::pair<VideoOutput*, bool> outputs[] = {{syphon_, state.isSyphonActive()}, {ndi_, state.isNDIActive()}};
+  for (const auto& [output, active] : outputs) {
+    if (!output) continue;
+    if (active && !output->isRunning())
+      output->start();
+    else if (!active && output->isRunning())
+      output->stop();
+  }
+  // 3: the status texts, at most twice a second, written only when changed
+  // so observers are not woken for nothing.
+  const double now = clock_();
+  if (lastStatusCheck_ && now - *lastStatusCheck_ <= statusRefreshInterval) return;
+  lastStatusCheck_ = now;
+  std::string syphon = syphonStatusText(state.isSyphonActive(), syphon_);
+  if (syphon != state.syphonStatus()) state.setSyphonStatus(std::move(syphon));
+  std::string ndi = ndiStatusText(state.isNDIActive(), ndi_);
+  if (ndi != state.ndiStatus()) state.setNdiStatus(std::move(ndi));
+}
+
+void MaskSceneManager::shutdownOutputs() {
+  VELMORA_ASSERT_MAIN_THREAD();
+  if (syphon_) syphon_->stop();
+  if (ndi_) ndi_->stop();
+}
+
+std::string MaskSceneManager::syphonStatusText(bool active, const VideoOutput* output) {
+  if (!active) return "Syphon: off";
+  if (!output || !output->isRunning()) {
+    const auto error = output ? output->lastError() : std::nullopt;
+    return "Syphon: " + error.value_or("unavailable");
+  }
+  return output->clientCount() > 0 ? "Syphon: sending to a client" : "Syphon: ready, waiting for a client";
+}
+
+std::string MaskSceneManager::ndiStatusText(bool active, const VideoOutput* output) {
+  if (!active) return "NDI: off";
+  if (!output || !output->isRunning()) {
+    const auto error = output ? output->lastError() : std::nullopt;
+    return "NDI: " + error.value_or("unavailable");
+  }
+  const int n = output->clientCount();
+  if (n < 1) return "NDI: ready, waiting for a receiver";
+  return "NDI: sending to " + std::to_string(n) + " receiver" + (n == 1 ? "" : "s");
 }
 
 std::shared_ptr<const FrameDescription> MaskSceneManager::makeFrameDescription(int width, int height) const {

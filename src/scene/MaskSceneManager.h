@@ -11,7 +11,10 @@
 // waits for the GPU, except in renderFrameNow() (snapshots and tests).
 //
 // The renderer is handed in (setRenderer): the scene knows only the
-// FrameRenderer interface, so it builds and tests without GL.
+// FrameRenderer interface, so it builds and tests without GL. So are the two
+// video outputs (setOutputs): the scene starts and stops them with the
+// operator's switches, writes their status texts into the state and hands
+// them every finished frame, through the VideoOutput interface.
 
 #include <cstdint>
 #include <functional>
@@ -28,6 +31,7 @@
 #include "scene/FrameRenderer.h"
 #include "scene/LightingRig.h"
 #include "scene/RenderedFrame.h"
+#include "scene/VideoOutput.h"
 #include "stage/CharacterModelType.h"
 #include "stage/FaceFrame.h"
 #include "stage/LightingSettings.h"
@@ -89,11 +93,34 @@ class MaskSceneManager {
   static void updateGhostEyes(Node& leftEye, Node& rightEye, const BlendshapeMap& blendshapes);
 
   // The 60 Hz tick: updateTracking(state), then renderOffscreenFrame() when
-  // the Syphon or the NDI output is switched on.
+  // the Syphon or the NDI output is switched on, else syncOutputs(state)
+  // alone (so outputs switched off are stopped and their status says so).
   void tick();
-  // Captures the frame and hands it to the render thread when anything
-  // consumes frames; without a renderer or a consumer nothing is rendered.
+  // syncOutputs(state), then captures the frame and hands it to the render
+  // thread when an output runs, is switched on and wants frames (a PipeWire
+  // source with no consumer linked does not), or a frame consumer is
+  // registered. Without a renderer nothing is rendered.
   void renderOffscreenFrame();
+
+  // ---- outputs ----------------------------------------------------------------
+  // Seconds between two refreshes of the outputs' status texts.
+  static constexpr double statusRefreshInterval = 0.5;
+  // Main thread. The same-machine ("Syphon") and network ("NDI") outputs;
+  // either may be null (it then reads as unavailable). Not owned: they must
+  // outlive their use here (the application's shared publishers).
+  void setOutputs(VideoOutput* syphon, VideoOutput* ndi);
+  // Starts or stops each output to follow state.isSyphonActive and
+  // state.isNDIActive, then, when more than statusRefreshInterval seconds
+  // have passed since the last refresh, recomputes state.syphonStatus and
+  // state.ndiStatus, writing each only when its text changed.
+  void syncOutputs(FaceTrackingState& state);
+  // Stops both outputs (at exit).
+  void shutdownOutputs();
+  // The status texts as output sync computes them (a null output has no
+  // server and no error).
+  static std::string syphonStatusText(bool active, const VideoOutput* output);
+  static std::string ndiStatusText(bool active, const VideoOutput* output);
+  std::optional<double> lastStatusCheck() const { return lastStatusCheck_; }
   // The frame as it stands now (any size; the outputs use 1920 x 1080).
   std::shared_ptr<const FrameDescription> makeFrameDescription(int width = outputWidth,
                                                                int height = outputHeight) const;
@@ -126,10 +153,13 @@ class MaskSceneManager {
   const std::shared_ptr<const EnvironmentImage>& environment() const { return environment_; }
 
  private:
+  // Everything the render thread's frame handler reads, under one lock.
   struct Consumers {
     std::mutex mutex;
     std::map<int, FrameConsumer> list;
     int nextToken = 1;
+    VideoOutput* syphon = nullptr;
+    VideoOutput* ndi = nullptr;
   };
 
   FaceTrackingState& state_;
@@ -153,6 +183,9 @@ class MaskSceneManager {
   std::shared_ptr<const EnvironmentImage> environment_;
   std::unique_ptr<FrameRenderer> renderer_;
   std::shared_ptr<Consumers> consumers_;
+  VideoOutput* syphon_ = nullptr;
+  VideoOutput* ndi_ = nullptr;
+  std::optional<double> lastStatusCheck_;  // clock time of the last status refresh
   mutable std::uint64_t sequence_ = 0;
 };
 
