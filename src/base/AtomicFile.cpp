@@ -8,10 +8,10 @@
 
 namespace velmora {
 
-std::string AtomicFile::write(const std::filesystem::path& path, std::string_view bytes) {
+std::string AtomicFile::write(const std::filesystem::path& path, std::string_view bytes, unsigned mode) {
   std::filesystem::path temp = path;
   temp += ".tmp-" + std::to_string(::getpid());
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, static_cast<mode_t>(mode));
   if (fd < 0) return std::strerror(errno);
 
   int err = 0;

@@ -16,8 +16,9 @@ namespace velmora {
 class AtomicFile {
  public:
   // Empty on success, otherwise the reason as the system words it
-  // ("No space left on device").
-  static std::string write(const std::filesystem::path& path, std::string_view bytes);
+  // ("No space left on device"). `mode`: the new file's permission bits
+  // (before the umask).
+  static std::string write(const std::filesystem::path& path, std::string_view bytes, unsigned mode = 0644);
 };
 
 }  // namespace velmora

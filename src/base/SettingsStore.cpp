@@ -1,15 +1,11 @@
 #include "base/SettingsStore.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 
+#include "base/AtomicFile.h"
 #include "base/Log.h"
 
 namespace velmora {
@@ -70,39 +66,10 @@ bool SettingsStore::writeLocked() {
   std::error_code ec;
   fs::create_directories(folder_, ec);
   const fs::path file = filePath();
-  fs::path temp = file;
-  temp += ".tmp-" + std::to_string(::getpid());
-  const std::string text = document_.dump(2) + "\n";
-  int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  bool ok = fd >= 0;
-  int err = ok ? 0 : errno;
-  if (ok) {
-    std::size_t written = 0;
-    while (written < text.size()) {
-      ssize_t n = ::write(fd, text.data() + written, text.size() - written);
-      if (n < 0) {
-        if (errno == EINTR) continue;
-        err = errno;
-        ok = false;
-        break;
-      }
-      written += static_cast<std::size_t>(n);
-    }
-    if (ok && ::fsync(fd) != 0) {
-      err = errno;
-      ok = false;
-    }
-    ::close(fd);
-  }
-  if (ok && ::rename(temp.c_str(), file.c_str()) != 0) {
-    err = errno;
-    ok = false;
-  }
-  if (!ok) {
-    ::unlink(temp.c_str());
-    logLine("Settings", "Could not write " + file.string() + ": " + std::strerror(err));
-  }
-  return ok;
+  // Only the user reads their settings.
+  const std::string error = AtomicFile::write(file, document_.dump(2) + "\n", 0600);
+  if (!error.empty()) logLine("Settings", "Could not write " + file.string() + ": " + error);
+  return error.empty();
 }
 
 std::optional<nlohmann::json> SettingsStore::object(const std::string& key) const {

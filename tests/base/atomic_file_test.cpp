@@ -36,6 +36,10 @@ TEST(AtomicFile, ReplacesTheWholeFileAndLeavesNoTemporaryFile) {
   ASSERT_EQ(AtomicFile::write(file, shorter), "");
   EXPECT_EQ(contents(file), shorter);
   EXPECT_EQ(entries(dir.path()), 1);
+
+  const fs::path secret = dir.path() / "settings.json";
+  ASSERT_EQ(AtomicFile::write(secret, "{}", 0600), "");
+  EXPECT_EQ(fs::status(secret).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
 }
 
 TEST(AtomicFile, AWriteThatCannotHappenSaysWhyAndLeavesNothing) {
