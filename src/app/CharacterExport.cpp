@@ -5,6 +5,8 @@
 #include "app/GltfExporter.h"
 #include "base/AtomicFile.h"
 #include "base/Log.h"
+#include "base/MainQueue.h"
+#include "base/SerialQueue.h"
 #include "characters/CharacterBuild.h"
 
 namespace velmora {
@@ -53,6 +55,19 @@ std::vector<CharacterExport::Outcome> CharacterExport::run(const std::string& fo
     outcomes.push_back(std::move(o));
   }
   return outcomes;
+}
+
+void CharacterExport::runInBackground(const std::string& folder, std::function<void(std::vector<Outcome>)> done) {
+  // Started on first use; at exit its destructor lets a running export finish.
+  // The main queue is made first, so it outlives this queue's last post.
+  MainQueue& mainQueue = MainQueue::shared();
+  static SerialQueue queue("com.velmora.export");
+  queue.post([&mainQueue, folder, done = std::move(done)]() mutable {
+    auto outcomes = run(folder);
+    mainQueue.post([done = std::move(done), outcomes = std::move(outcomes)]() mutable {
+      if (done) done(std::move(outcomes));
+    });
+  });
 }
 
 }  // namespace velmora

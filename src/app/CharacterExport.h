@@ -7,11 +7,13 @@
 // under the final name. One "[export] ..." line per file:
 //   Wrote /abs/folder/theatrical_mask.glb (12345678 bytes, 43 morph targets)
 //   Could not write /abs/folder/cartoon_ghost.glb: No space left on device
-// The characters are built on the calling thread (about a second for both
-// on two cores the first time in a process); any thread.
+// run() builds and writes on the calling thread (a few seconds for both
+// characters on two cores); runInBackground() does the same on the
+// "com.velmora.export" queue so the main thread never waits for it.
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,8 +32,12 @@ class CharacterExport {
     std::string error;           // why it was not written
   };
 
-  // Exports every character (in allCases order) into `folder`.
+  // Any thread. Exports every character (in allCases order) into `folder`.
   static std::vector<Outcome> run(const std::string& folder);
+  // Any thread; returns at once. run(folder) on the export queue (one export
+  // at a time, in request order), then `done` with its outcomes on the main
+  // thread (posted to MainQueue).
+  static void runInBackground(const std::string& folder, std::function<void(std::vector<Outcome>)> done);
 
   // "<raw value>.glb".
   static std::string fileName(CharacterModelType model);

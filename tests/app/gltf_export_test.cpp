@@ -19,6 +19,7 @@
 
 #include "app/CharacterExport.h"
 #include "app/GltfExporter.h"
+#include "base/MainQueue.h"
 #include "characters/CharacterBuild.h"
 #include "stage/ARKitBlendShape.h"
 #include "support/GltfRead.h"
@@ -282,6 +283,22 @@ TEST(CharacterExport, AFolderThatCannotBeCreatedFailsEveryFileWithOneLineAndWrit
   std::vector<fs::path> left;
   for (const auto& entry : fs::recursive_directory_iterator(dir.path())) left.push_back(entry.path());
   EXPECT_EQ(left, std::vector<fs::path>{blocker});
+}
+
+TEST(CharacterExport, InTheBackgroundTheOutcomesArriveOnTheMainThread) {
+  test::TempDir dir;
+  std::ofstream(dir.path() / "blocker") << "a file where the folder should go\n";
+  test::LogCapture log;
+  std::vector<CharacterExport::Outcome> outcomes;
+  bool onMainThread = false;
+  CharacterExport::runInBackground((dir.path() / "blocker" / "x").string(), [&](std::vector<CharacterExport::Outcome> o) {
+    onMainThread = MainQueue::shared().isMainThread();
+    outcomes = std::move(o);
+  });
+  ASSERT_TRUE(MainQueue::shared().runUntil([&] { return !outcomes.empty(); }, 30.0));
+  EXPECT_TRUE(onMainThread);
+  EXPECT_EQ(outcomes.size(), 2u);
+  EXPECT_EQ(log.lines().size(), 2u);
 }
 
 }  // namespace
