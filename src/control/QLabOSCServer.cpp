@@ -44,11 +44,12 @@ QLabOSCServer& QLabOSCServer::shared() {
 QLabOSCServer::QLabOSCServer() : impl_(std::make_unique<Impl>()) {
   FaceTrackingState& state = FaceTrackingState::shared();
   enabled_ = state.isOSCEnabled();
-  // The setter has stored the flag (and shown "OSC cues: disabled" when
-  // switched off) before it calls this.
-  state.setOSCServerControl([this](bool enabled) {
-    enabled_ = enabled;
-    if (enabled) {
+  // By the time observers hear of the switch, the state has stored it (and
+  // shown "OSC cues: disabled" when switched off).
+  state.observe([this, &state](FaceTrackingState::Property property) {
+    if (property != FaceTrackingState::Property::isOSCEnabled) return;
+    enabled_ = state.isOSCEnabled();
+    if (enabled_) {
       startListening();
     } else {
       stopListening();

@@ -1,7 +1,7 @@
 // FaceTrackingState: the per-frame processing (filter, range, sensitivity),
 // head rotation and position, calibration, ranges, filter parameters,
-// observers and the OSC server hook. Persistence is in
-// tracking_settings_test.cpp.
+// observers and the OSC switch. The pipeline alone is in
+// face_pipeline_test.cpp, persistence in tracking_settings_test.cpp.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -90,39 +90,6 @@ TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
   EXPECT_EQ(f.state->totalPacketsReceived(), 41u);
 }
 
-TEST(FaceTrackingStateTest, RegionalSensitivityAndClamping) {
-  Fixture f;
-  f.state->setEyeSensitivity(1.5f);
-  f.packet({{"jawOpen", 0.5f},
-            {"mouthSmileLeft", 0.5f},
-            {"browInnerUp", 0.5f},
-            {"eyeBlinkLeft", 0.5f},
-            {"cheekPuff", 0.5f},
-            {"tongueOut", 0.5f},
-            {"someOtherName", 0.5f},
-            {"mouthFunnel", 0.9f},
-            {"noseSneerLeft", -0.3f}});
-  const auto& b = f.state->blendshapes();
-  EXPECT_FLOAT_EQ(b.at("jawOpen"), 0.6f);
-  EXPECT_FLOAT_EQ(b.at("mouthSmileLeft"), 0.6f);
-  EXPECT_FLOAT_EQ(b.at("browInnerUp"), 0.6f);
-  EXPECT_FLOAT_EQ(b.at("eyeBlinkLeft"), 0.75f);
-  EXPECT_EQ(b.at("cheekPuff"), 0.5f);
-  EXPECT_EQ(b.at("tongueOut"), 0.5f);
-  EXPECT_EQ(b.at("someOtherName"), 0.5f);  // names outside the 52 are processed alike
-  EXPECT_EQ(b.at("mouthFunnel"), 1.0f);    // 1.08 clamped
-  EXPECT_EQ(b.at("noseSneerLeft"), 0.0f);
-  EXPECT_EQ(f.state->rawBlendshapes().at("noseSneerLeft"), -0.3f);
-
-  f.state->setGlobalSensitivity(0.8f);
-  f.packet({{"jawOpen", 0.5f}, {"cheekPuff", 0.5f}}, 0.0);
-  EXPECT_FLOAT_EQ(f.state->blendshapes().at("jawOpen"), 0.48f);
-  EXPECT_FLOAT_EQ(f.state->blendshapes().at("cheekPuff"), 0.4f);
-  f.state->setGlobalSensitivity(nan);
-  f.packet({{"cheekPuff", 0.5f}}, 0.0);
-  EXPECT_EQ(f.state->blendshapes().at("cheekPuff"), 0.0f);  // NaN clamps to 0
-}
-
 TEST(FaceTrackingStateTest, FilterThenRangeThenSensitivity) {
   Fixture f;
   f.state->setRange("jawOpen", 0.2f, 0.6f);
@@ -183,32 +150,6 @@ TEST(FaceTrackingStateTest, NonFiniteValuesAreSkipped) {
   f.packet({});  // an empty map changes nothing
   EXPECT_EQ(f.state->blendshapes().size(), 1u);
   EXPECT_EQ(f.state->totalPacketsReceived(), 3u);
-}
-
-TEST(FaceTrackingStateTest, RotationSignsScaleAndReverseFlags) {
-  struct Case {
-    bool upDown, leftRight, tilt;
-    float scale;
-    float3 expected;
-  };
-  const float3 received(0.1f, -0.2f, 0.3f);
-  const Case cases[] = {
-      {false, false, false, 1.0f, {-0.1f, 0.2f, -0.3f}},  // inverted by default
-      {true, false, false, 1.0f, {0.1f, 0.2f, -0.3f}},
-      {false, true, false, 1.0f, {-0.1f, -0.2f, -0.3f}},
-      {false, false, true, 1.0f, {-0.1f, 0.2f, 0.3f}},
-      {true, true, true, 2.0f, {0.2f, -0.4f, 0.6f}},
-  };
-  for (const Case& c : cases) {
-    Fixture f;
-    f.state->setReverseUpDown(c.upDown);
-    f.state->setReverseLeftRight(c.leftRight);
-    f.state->setReverseTilt(c.tilt);
-    f.state->setRotationScale(c.scale);
-    f.rotation(received);  // first sample: the filter passes it through
-    EXPECT_EQ(f.state->headRotation(), c.expected) << c.upDown << c.leftRight << c.tilt;
-    EXPECT_EQ(f.state->rawRotation(), received);
-  }
 }
 
 TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZero) {
@@ -437,12 +378,15 @@ TEST(FaceTrackingStateTest, ObserversMayUnobserveAndObserveWhileNotified) {
   f.state->unobserve(12345);  // unknown tokens are ignored
 }
 
-TEST(FaceTrackingStateTest, OSCSwitchPersistsSetsStatusThenCallsHook) {
+TEST(FaceTrackingStateTest, OSCSwitchPersistsAndSetsStatusBeforeObserversHear) {
   Fixture f;
   std::vector<bool> calls;
-  f.state->setOSCServerControl([&](bool enabled) {
+  // The application's cue-server switch is such an observer.
+  const int token = f.state->observe([&](Property p) {
+    if (p != Property::isOSCEnabled) return;
+    const bool enabled = f.state->isOSCEnabled();
     calls.push_back(enabled);
-    // By the time the hook runs, the flag is stored and the status written.
+    // By the time observers hear of it, the flag is stored and the status written.
     EXPECT_EQ(f.store.boolean("isOSCEnabled"), enabled);
     if (!enabled) {
       EXPECT_EQ(f.state->oscStatus(), "OSC cues: disabled");
@@ -454,8 +398,8 @@ TEST(FaceTrackingStateTest, OSCSwitchPersistsSetsStatusThenCallsHook) {
   f.state->setIsOSCEnabled(true);
   EXPECT_EQ(f.state->oscStatus(), "OSC cues: listening on UDP 53100");  // only switching off writes it
   EXPECT_EQ(calls, (std::vector<bool>{false, true}));
-  f.state->setOSCServerControl(nullptr);
-  f.state->setIsOSCEnabled(false);  // no hook installed: nothing to call
+  f.state->unobserve(token);
+  f.state->setIsOSCEnabled(false);  // nobody observing: the status is still written
   EXPECT_EQ(f.state->oscStatus(), "OSC cues: disabled");
 }
 

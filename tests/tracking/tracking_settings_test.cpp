@@ -11,6 +11,7 @@
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
+#include "tracking/TrackingSettings.h"
 
 namespace velmora {
 namespace {
@@ -148,7 +149,7 @@ TEST(TrackingSettingsTest, StoredRangesKeepOnlyTwoNumbersWithCeilingAboveFloor) 
   EXPECT_EQ(loaded.size(), 2u);
   EXPECT_EQ(s.state->range("jawOpen"), (BlendshapeRange{0.1f, 0.8f}));
   EXPECT_TRUE(loaded.contains("eyeWideLeft"));
-  EXPECT_EQ(s.state->loadRanges(), loaded);
+  EXPECT_EQ(TrackingSettings(*s.store).loadRanges(), loaded);
 
   // A value that is not a dictionary of number arrays yields no ranges at all.
   for (const json& bad : {json{{"jawOpen", {0.1, 0.8}}, {"cheekPuff", "0.2,0.4"}},

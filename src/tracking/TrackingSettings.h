@@ -1,0 +1,60 @@
+#pragma once
+// The face tracking state's persisted settings: every settings-store key it
+// reads and writes, the stored form of each, and the fallback used when a
+// stored value is absent or unusable. An unusable value is logged once
+// ("[Settings] Stored "<key>" value ... is not usable; using ...") and the
+// fallback is used.
+//
+// Keys: "characterModel" (the raw value, a string), "trackingDetail" (the raw
+// value, an integer 0..3), "blendshapeRanges" (name -> [floor, ceiling] as
+// two doubles), "oscCuePort" (an integer, usable within 1024..65535),
+// "isOSCEnabled" and "ndiOutputEnabled" (booleans), "lightingSettings" (the
+// lighting record).
+//
+// Threads: whichever thread owns the store's user (the main thread).
+
+#include <optional>
+
+#include "stage/CharacterModelType.h"
+#include "stage/LightingSettings.h"
+#include "stage/TrackingDetail.h"
+#include "tracking/BlendshapeRange.h"
+
+namespace velmora {
+
+class SettingsStore;
+
+class TrackingSettings {
+ public:
+  static constexpr int defaultOSCPort = 53100;
+
+  // The store must outlive this object.
+  explicit TrackingSettings(SettingsStore& store) : store_(store) {}
+
+  // Each: the stored value, or none when absent or unusable.
+  std::optional<CharacterModelType> characterModel() const;
+  std::optional<TrackingDetail> trackingDetail() const;
+  std::optional<bool> isOSCEnabled() const;
+  std::optional<bool> ndiOutputEnabled() const;
+  std::optional<LightingSettings> lighting() const;
+  // The stored port when within 1024..65535, else defaultOSCPort.
+  int oscPort() const;
+
+  // "blendshapeRanges": name -> [floor, ceiling] as two doubles.
+  void saveRanges(const BlendshapeRanges& ranges);
+  // Entries that are not two numbers with ceiling > floor are dropped; a
+  // value that is not a dictionary of number arrays gives an empty map.
+  BlendshapeRanges loadRanges() const;
+
+  void saveCharacterModel(CharacterModelType model);
+  void saveTrackingDetail(TrackingDetail detail);
+  void saveOSCPort(int port);
+  void saveIsOSCEnabled(bool enabled);
+  void saveNDIOutputEnabled(bool enabled);
+  void saveLighting(const LightingSettings& lighting);
+
+ private:
+  SettingsStore& store_;
+};
+
+}  // namespace velmora
