@@ -16,6 +16,7 @@
 #include "base/SettingsStore.h"
 #include "control/QLabOSCServer.h"
 #include "outputs/NDIPublisher.h"
+#include "outputs/OutputSelfTest.h"
 #include "outputs/SyphonPublisher.h"
 #include "render/RenderThread.h"
 #include "scene/MaskSceneManager.h"
@@ -69,7 +70,7 @@ int Application::main(const std::vector<std::string>& args) {
       MaskSnapshot::run(cl.folder);  // one line per file, then the count
       return 0;
     case CommandLine::Mode::outputSelfTest:
-      logLine("Velmora", "this batch run is not available in this build");
+      runOutputSelfTest(cl.folder);  // "[selftest] RESULT ..." per output
       return 0;
     case CommandLine::Mode::exportGltf:
       CharacterExport::run(cl.folder);  // one line per file
@@ -78,6 +79,18 @@ int Application::main(const std::vector<std::string>& args) {
       break;
   }
   return runInteractive();
+}
+
+void Application::runOutputSelfTest(const std::string& folder) {
+  FaceTrackingState& state = FaceTrackingState::shared();
+  MaskSceneManager& scene = MaskSceneManager::shared();
+  scene.setRenderer(std::make_unique<RenderThread>());
+  scene.setOutputs(&SyphonPublisher::shared(), &NDIPublisher::shared());
+  OutputSelfTest test({state, scene, SyphonPublisher::shared(), NDIPublisher::shared(),
+                       [](double seconds) { MainQueue::shared().runUntil([] { return false; }, seconds); }});
+  test.run(folder);
+  scene.setRenderer(nullptr);  // no frame reaches an output after this
+  scene.setOutputs(nullptr, nullptr);
 }
 
 int Application::runInteractive() {

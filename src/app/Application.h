@@ -15,6 +15,8 @@ class Application {
 
  private:
   static int runInteractive();
+  // "--output-selftest FOLDER": both outputs checked from outside.
+  static void runOutputSelfTest(const std::string& folder);
 };
 
 }  // namespace velmora

@@ -1,0 +1,105 @@
+// "velmora --output-selftest FOLDER" seen from outside: with a private
+// PipeWire session and the NDI runtime's test double both outputs check out
+// and the received frame is saved; without them each part ends with the
+// RESULT line that says why, and the run still exits 0.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "support/ChildProcess.h"
+#include "support/PrivatePipeWire.h"
+#include "support/TempDir.h"
+
+#define STB_IMAGE_IMPLEMENTATION
+#define STB_IMAGE_STATIC  // private to this file: several test files read PNGs
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+#pragma GCC diagnostic ignored "-Wsign-compare"
+#pragma GCC diagnostic ignored "-Wunused-function"
+#include <stb/stb_image.h>
+#pragma GCC diagnostic pop
+
+namespace velmora {
+namespace {
+
+const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
+
+// Runs the self-test to its end in the session's environment; the lines it printed.
+std::vector<std::string> selfTest(const test::PrivatePipeWire& session, const std::filesystem::path& out,
+                                  std::vector<std::string> env, int* status) {
+  test::TempDir config;
+  for (const auto& e : session.env()) env.push_back(e);
+  env.push_back("VELMORA_CONFIG_DIR=" + config.path().string());
+  test::ChildProcess velmora({kVelmora, "--output-selftest", out.string()}, env);
+  *status = velmora.wait(120);
+  return velmora.lines();
+}
+
+bool has(const std::vector<std::string>& lines, const std::string& line) {
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+std::string joined(const std::vector<std::string>& lines) {
+  std::string all;
+  for (const auto& l : lines) all += l + "\n";
+  return all;
+}
+
+TEST(OutputSelfTestPipeWire, BothOutputsCheckOutWithADaemonAndARuntime) {
+  test::PrivatePipeWire session;
+  ASSERT_TRUE(session.start());
+  test::TempDir out;
+  const auto folder = out.path() / "nested" / "out";  // created by the run
+  int status = -1;
+  const auto lines = selfTest(session, folder, {"NDI_RUNTIME_DIR_V6=" VELMORA_NDI_DOUBLE_DIR}, &status);
+  EXPECT_EQ(status, 0) << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] Syphon framework: /usr/lib/x86_64-linux-gnu/libpipewire-0.3.so.0")) << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] NDI runtime: " VELMORA_NDI_DOUBLE_DIR "/libndi.so.6")) << joined(lines);
+  // Our node, named with its application, is the only video source here.
+  EXPECT_TRUE(has(lines, "[selftest] Syphon directory sees 1 server(s): Velmora (Velmora)")) << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] Syphon client received a 1920x1080 frame, hasClients=true")) << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] RESULT Syphon: OK (frame saved to syphon_received.png)")) << joined(lines);
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& l) {
+    return l.rfind("[selftest] NDI discovery sees: ", 0) == 0 && l.find(" (Velmora)") != std::string::npos;
+  })) << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] RESULT NDI: OK, source is discoverable")) << joined(lines);
+  EXPECT_TRUE(has(lines, "[Syphon] Server stopped"));
+  EXPECT_TRUE(has(lines, "[NDI] Sender stopped"));
+
+  // The saved frame: the character, opaque in the middle, on a transparent background.
+  int w = 0, h = 0, channels = 0;
+  stbi_uc* pixels = stbi_load((folder / "syphon_received.png").c_str(), &w, &h, &channels, 4);
+  ASSERT_NE(pixels, nullptr);
+  EXPECT_EQ(w, 1920);
+  EXPECT_EQ(h, 1080);
+  auto alpha = [&](int x, int y) { return pixels[(static_cast<std::size_t>(y) * w + x) * 4 + 3]; };
+  EXPECT_EQ(alpha(0, 0), 0);
+  EXPECT_EQ(alpha(w - 1, h - 1), 0);
+  EXPECT_EQ(alpha(w / 2, h / 2), 255);
+  stbi_image_free(pixels);
+}
+
+TEST(OutputSelfTestPipeWire, WithoutDaemonOrRuntimeEachPartSaysWhy) {
+  test::PrivatePipeWire session;  // never started: no daemon answers
+  test::TempDir out;
+  int status = -1;
+  // No runtime anywhere: the environment names an empty folder.
+  auto lines = selfTest(session, out.path(), {"NDI_RUNTIME_DIR_V6=" + out.path().string()}, &status);
+  EXPECT_EQ(status, 0) << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] Syphon: PipeWire video source could not be created (is PipeWire running?)"))
+      << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] Syphon directory sees 0 server(s): ")) << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] RESULT Syphon: our server is NOT visible to other apps")) << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] RESULT NDI: runtime not loaded, nothing to check")) << joined(lines);
+  EXPECT_FALSE(std::filesystem::exists(out.path() / "syphon_received.png"));
+
+  // A runtime whose discovery cannot start.
+  lines = selfTest(session, out.path(), {"NDI_RUNTIME_DIR_V6=" VELMORA_NDI_DOUBLE_DIR, "NDI_DOUBLE_FAIL_FIND=1"},
+                   &status);
+  EXPECT_EQ(status, 0) << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] RESULT NDI: could not start discovery")) << joined(lines);
+}
+
+}  // namespace
+}  // namespace velmora
