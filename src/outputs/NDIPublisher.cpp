@@ -158,14 +158,16 @@ int NDIPublisher::connectionCount() const {
 
 void NDIPublisher::send(std::shared_ptr<const RenderedFrame> frame) {
   if (!frame) return;
-  {
-    std::lock_guard lock(mutex_);
-    if (busy_ || !sender_) return;
-    busy_ = true;
-    inFlight_ = std::move(frame);
-    inFlightSender_ = sender_;
-  }
-  // Capturing only `this` keeps the closure inside std::function's own storage.
+  std::lock_guard lock(mutex_);
+  if (busy_ || !sender_) return;
+  busy_ = true;
+  inFlight_ = std::move(frame);
+  inFlightSender_ = sender_;
+  // Posted before the lock is released, so a stop() that takes the sender
+  // after this point queues its destroy behind this send, never ahead of it.
+  // (Posting only takes the queue's own lock, which its worker never holds
+  // while running work.) Capturing only `this` keeps the closure inside
+  // std::function's own storage.
   queue_.post([this] { sendInFlight(); });
 }
 

@@ -240,6 +240,26 @@ TEST_F(NDIPublisherTest, StopWaitsForTheSendInProgressAndSaysSoOnce) {
   EXPECT_EQ(publisher->connectionCount(), 0);
 }
 
+// The render thread keeps offering frames while the operator flips the switch
+// off and on: a frame accepted just before a stop must never reach a sender
+// that stop() has already destroyed.
+TEST_F(NDIPublisherTest, FramesOfferedDuringStopNeverReachADestroyedSender) {
+  auto publisher = makePublisher();
+  std::atomic<bool> done{false};
+  std::thread render([&] {
+    auto frame = patternFrame(16, 8, 1);
+    while (!done) publisher->publish(frame);
+  });
+  for (int i = 0; i < 20000 && runtime.violations().empty(); ++i) {
+    ASSERT_TRUE(publisher->start());
+    publisher->stop();
+  }
+  done = true;
+  render.join();
+  EXPECT_EQ(runtime.violations(), "");
+  EXPECT_EQ(runtime.liveSenders(), 0);
+}
+
 // [SECTION] Finding the runtime, and failing to
 
 // Each failure leaves its text, sends nothing, and a later start succeeds
