@@ -12,43 +12,30 @@ const std::array<K, 15> AnimationCue::allKinds = {
     K::maskNod,    K::maskShake,   K::maskLaugh,   K::maskSob,  K::maskGlare,
 };
 
-const std::string& AnimationCue::name(Kind kind) {
+const AnimationCue::Facts& AnimationCue::facts(Kind kind) {
+  constexpr auto ghost = CharacterModelType::cartoonGhost;
+  constexpr auto mask = CharacterModelType::theatricalMask;
   // Indexed by the kind's value; u8 literals would be char8_t in C++20.
-  static const std::array<std::string, 15> names = {
-      "Ghost Fly In",
-      "Ghost Fly Out",
-      "Ghost Spook (Boo!)",
-      "Ghost 360\xC2\xB0 Spin",  // degree sign, U+00B0
-      "Ghost Eerie Wobble",
-      "Ghost Side Peek",
-      "Ghost Chuckle & Laugh",
-      "Ghost Scared Shiver",
-      "Mask Dramatic Bow",
-      "Mask Gasp",
-      "Mask Nod",
-      "Mask Shake",
-      "Mask Belly Laugh",
-      "Mask Tragedy Sob",
-      "Mask Menacing Glare",
-  };
-  return names[static_cast<std::size_t>(kind)];
+  // name, minimum s, default s, character, leaves it offstage
+  static const std::array<Facts, 15> table = {{
+      {"Ghost Fly In", 0.5, 2.5, ghost, false},
+      {"Ghost Fly Out", 0.5, 2.2, ghost, true},
+      {"Ghost Spook (Boo!)", 0.4, 1.8, ghost, false},
+      {"Ghost 360\xC2\xB0 Spin", 0.5, 2.0, ghost, false},  // degree sign, U+00B0
+      {"Ghost Eerie Wobble", 0.5, 2.4, ghost, false},
+      {"Ghost Side Peek", 0.5, 2.8, ghost, false},
+      {"Ghost Chuckle & Laugh", 0.5, 2.2, ghost, false},
+      {"Ghost Scared Shiver", 0.4, 2.0, ghost, false},
+      {"Mask Dramatic Bow", 0.5, 2.5, mask, false},
+      {"Mask Gasp", 0.4, 1.8, mask, false},
+      {"Mask Nod", 0.4, 1.6, mask, false},
+      {"Mask Shake", 0.4, 1.6, mask, false},
+      {"Mask Belly Laugh", 0.5, 2.4, mask, false},
+      {"Mask Tragedy Sob", 0.5, 2.6, mask, false},
+      {"Mask Menacing Glare", 0.4, 2.2, mask, false},
+  }};
+  return table[static_cast<std::size_t>(kind)];
 }
-
-double AnimationCue::minimumDuration(Kind kind) {
-  switch (kind) {
-    case K::ghostSpook:
-    case K::ghostShiver:
-    case K::maskGasp:
-    case K::maskNod:
-    case K::maskShake:
-    case K::maskGlare:
-      return 0.4;
-    default:
-      return 0.5;
-  }
-}
-
-bool AnimationCue::isGhostCue(Kind kind) { return static_cast<int>(kind) <= static_cast<int>(K::ghostShiver); }
 
 double AnimationCue::duration() const {
   const double minimum = minimumDuration(kind);

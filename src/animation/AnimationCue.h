@@ -1,10 +1,15 @@
 #pragma once
-// The closed catalogue of scripted animation cues. A cue value is a kind plus
-// the duration its caller asked for (seconds); the effective duration never
+// The closed catalogue of scripted animation cues, and every fact about each
+// kind in one table: display name, minimum and default duration, the
+// character it is written for and whether it leaves that character
+// offstage. Its curves are in CueCurves. A cue value is a kind plus the
+// duration its caller asked for (seconds); the effective duration never
 // falls below the kind's minimum. Pure data, any thread.
 
 #include <array>
 #include <string>
+
+#include "stage/CharacterModelType.h"
 
 namespace velmora {
 
@@ -28,6 +33,15 @@ struct AnimationCue {
     maskGlare,
   };
 
+  // What never changes about a kind of cue.
+  struct Facts {
+    std::string name;               // display name (UTF-8), e.g. "Ghost 360° Spin"
+    double minimumDuration;         // seconds it plays at least (0.4 or 0.5)
+    double defaultDuration;         // seconds a trigger passes when given none
+    CharacterModelType character;   // triggering the cue switches to it
+    bool leavesCharacterOffstage;   // hidden after the cue ends, until the next trigger or reset
+  };
+
   static const std::array<Kind, 15> allKinds;
 
   Kind kind = Kind::ghostFlyIn;
@@ -35,12 +49,13 @@ struct AnimationCue {
 
   static AnimationCue make(Kind kind, double requestedDuration) { return AnimationCue{kind, requestedDuration}; }
 
-  // Display name of the kind (UTF-8), e.g. "Ghost 360° Spin".
-  static const std::string& name(Kind kind);
-  // Shortest duration a cue of this kind plays for, seconds (0.4 or 0.5).
-  static double minimumDuration(Kind kind);
+  static const Facts& facts(Kind kind);
+  static const std::string& name(Kind kind) { return facts(kind).name; }
+  static double minimumDuration(Kind kind) { return facts(kind).minimumDuration; }
+  static double defaultDuration(Kind kind) { return facts(kind).defaultDuration; }
+  static CharacterModelType character(Kind kind) { return facts(kind).character; }
   // True for the cues written for the cartoon ghost, false for the mask's.
-  static bool isGhostCue(Kind kind);
+  static bool isGhostCue(Kind kind) { return character(kind) == CharacterModelType::cartoonGhost; }
 
   const std::string& name() const { return name(kind); }
   // Seconds the cue actually plays: the requested duration, raised to the

@@ -346,7 +346,7 @@ AnimationOutput CharacterAnimationController::sample(double time) {
   // 4. Completion: this frame is still the cue's; the next one is idle.
   if (elapsed >= duration) {
     isPlaying_ = false;
-    if (cue.kind == AnimationCue::Kind::ghostFlyOut) isOffstage_ = true;
+    if (AnimationCue::facts(cue.kind).leavesCharacterOffstage) isOffstage_ = true;
     setActive(std::nullopt);
   }
   return out;

@@ -5,8 +5,10 @@
 
 #include <thread>
 
+#include "animation/CharacterAnimationController.h"
 #include "app/CharacterExport.h"
 #include "app/CommandLine.h"
+#include "app/CueServerSwitch.h"
 #include "app/MaskSnapshot.h"
 #include "app/SelfTestRunner.h"
 #include "app/TrackingIntake.h"
@@ -14,6 +16,7 @@
 #include "base/Log.h"
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
+#include "control/CommandContext.h"
 #include "control/QLabOSCServer.h"
 #include "outputs/NDIPublisher.h"
 #include "outputs/OutputSelfTest.h"
@@ -106,7 +109,11 @@ int Application::runInteractive() {
   // --- services started on the main loop ---
   TrackingIntake tracking(TrackingReceiver::shared(), state);
   tracking.start();
-  QLabOSCServer::shared().startListening();  // remote cues; shows "OSC cues: disabled" when switched off
+  // Remote cues act on the state and the cue player, at the clock the frame update samples cues with.
+  CommandContext commands{state, CharacterAnimationController::shared(), [] { return uptime(); }};
+  QLabOSCServer cueServer(commands, mainQueue);
+  const CueServerSwitch cueServerSwitch(state, cueServer);  // the isOSCEnabled switch starts and stops it
+  cueServer.startListening();  // shows "OSC cues: disabled" when switched off
 
   // The GL render thread behind the scene; its context opens with the first frame.
   MaskSceneManager& scene = MaskSceneManager::shared();
@@ -134,7 +141,7 @@ int Application::runInteractive() {
   scene.shutdownOutputs();  // "[Syphon] Server stopped", "[NDI] Sender stopped" for the running ones
   scene.setOutputs(nullptr, nullptr);
   state.unobserve(statusObserver);
-  QLabOSCServer::shared().shutdown();
+  cueServer.shutdown();
   tracking.stop();
 
   mainQueue.setTick(nullptr, 0);

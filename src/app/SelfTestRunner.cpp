@@ -23,7 +23,8 @@ FaceTrackingState& state() { return FaceTrackingState::shared(); }
 CharacterAnimationController& cues() { return CharacterAnimationController::shared(); }
 
 bool dispatch(std::string address, std::vector<OSCArgument> arguments = {}) {
-  return OSCCommandCatalog::dispatch(OSCMessage{std::move(address), std::move(arguments)});
+  static CommandContext commands{state(), cues(), [] { return uptime(); }};
+  return OSCCommandCatalog::dispatch(OSCMessage{std::move(address), std::move(arguments)}, commands);
 }
 
 // Seconds between samples when a check scans a whole cue.

@@ -7,14 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "control/CommandContext.h"
 #include "osc/OSCMessage.h"
 
 namespace velmora {
 
-class FaceTrackingState;
-
 struct OSCCommand {
-  using Action = std::function<void(const OSCMessage& message, FaceTrackingState& state)>;
+  using Action = std::function<void(const OSCMessage& message, CommandContext& context)>;
 
   std::string group;                 // one of OSCCommandCatalog::groups()
   std::string address;               // canonical, under "/velmora/"

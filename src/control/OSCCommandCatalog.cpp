@@ -6,7 +6,6 @@
 #include <string>
 
 #include "animation/CharacterAnimationController.h"
-#include "base/Clock.h"
 #include "base/Log.h"
 #include "base/MainQueue.h"
 #include "tracking/FaceTrackingState.h"
@@ -83,63 +82,63 @@ OSCCommand plain(const char* group, std::string address, std::vector<std::string
                     std::move(action)};
 }
 
-// Rows 24-31 and 33-39: switch to the cue's character when needed, then start
+// The cue commands: switch to the cue's character when needed, then start
 // the cue now. The duration is passed unclamped: the cue itself raises it to
 // its minimum (NaN included); an infinite one holds the cue's first frame
 // until a reset or another cue, which is what the operator asked for.
 OSCCommand cueCommand(K kind, std::string address, std::vector<std::string> aliases, std::string summary) {
-  const bool ghost = AnimationCue::isGhostCue(kind);
   char arguments[64];
   std::snprintf(arguments, sizeof arguments, "none or float duration (default %.1fs)",
-                OSCCommandCatalog::defaultDuration(kind));
-  return plain(ghost ? kGhost : kMask, std::move(address), std::move(aliases), arguments, std::move(summary),
-               [kind](const OSCMessage& message, FaceTrackingState& state) {
-                 const CharacterModelType model = OSCCommandCatalog::requiredModel(kind);
-                 if (state.characterModel() != model) state.setCharacterModel(model);
+                AnimationCue::defaultDuration(kind));
+  return plain(AnimationCue::isGhostCue(kind) ? kGhost : kMask, std::move(address), std::move(aliases), arguments,
+               std::move(summary), [kind](const OSCMessage& message, CommandContext& context) {
+                 const CharacterModelType model = AnimationCue::character(kind);
+                 if (context.state.characterModel() != model) context.state.setCharacterModel(model);
                  const auto value = message.floatValue();
-                 const double duration = value ? static_cast<double>(*value) : OSCCommandCatalog::defaultDuration(kind);
-                 CharacterAnimationController::shared().trigger(AnimationCue::make(kind, duration), uptime());
+                 const double duration = value ? static_cast<double>(*value) : AnimationCue::defaultDuration(kind);
+                 context.cues.trigger(AnimationCue::make(kind, duration), context.clock());
                });
 }
 
 OSCCommand stopCueCommand(const char* group, std::string address, std::vector<std::string> aliases,
                           std::string summary) {
   return plain(group, std::move(address), std::move(aliases), "none", std::move(summary),
-               [](const OSCMessage&, FaceTrackingState&) {
-                 CharacterAnimationController::shared().reset(true, uptime());
-               });
+               [](const OSCMessage&, CommandContext& context) { context.cues.reset(true, context.clock()); });
 }
 
 std::vector<OSCCommand> buildAll() {
   std::vector<OSCCommand> c;
   c.reserve(40);
 
-  // --- Calibration & Tracking (rows 1-8) ---
+  // --- Calibration & Tracking ---
   c.push_back(plain(kCalibration, "/velmora/recentre",
                     {"/velmora/recenter", "/velmora/centre", "/velmora/center", "/recentre", "/recenter", "/centre",
                      "/center", "/zero"},
                     "none", "Recalibrate the performer's current pose as neutral.",
-                    [](const OSCMessage&, FaceTrackingState& state) { state.recentreNeutralPose(); }));
+                    [](const OSCMessage&, CommandContext& context) { context.state.recentreNeutralPose(); }));
   c.push_back(plain(kCalibration, "/velmora/reset", {"/reset"}, "none",
                     "Clear calibration and active animations; reset sensitivity, smoothing and opacity to defaults.",
-                    [](const OSCMessage&, FaceTrackingState& state) {
+                    [](const OSCMessage&, CommandContext& context) {
+                      FaceTrackingState& state = context.state;
                       state.resetCalibration();
                       state.setGlobalSensitivity(1.0f);
                       state.setSmoothing(0.45f);
                       state.updateFilterParameters();
                       state.setMaskOpacity(1.0f);
-                      CharacterAnimationController::shared().reset(false, uptime());
+                      context.cues.reset(false, context.clock());
                     }));
   c.push_back(plain(kCalibration, "/velmora/sensitivity", {"/sensitivity"}, "float 0.1 – 5.0",
                     "Expression sensitivity multiplier (1.0 = normal).",
-                    [](const OSCMessage& message, FaceTrackingState& state) {
+                    [](const OSCMessage& message, CommandContext& context) {
+                      FaceTrackingState& state = context.state;
                       const auto v = numberArgument(message);
                       if (!v) return;
                       state.setGlobalSensitivity(*v <= 0.1f ? 0.1f : (*v > 5.0f ? 5.0f : *v));
                     }));
   c.push_back(plain(kCalibration, "/velmora/smoothing", {"/smoothing"}, "float 0.0 – 1.0",
                     "Jitter filter strength (higher = smoother but slower).",
-                    [](const OSCMessage& message, FaceTrackingState& state) {
+                    [](const OSCMessage& message, CommandContext& context) {
+                      FaceTrackingState& state = context.state;
                       const auto v = numberArgument(message);
                       if (!v) return;
                       state.setSmoothing(*v <= 0 ? 0.0f : (*v > 1.0f ? 1.0f : *v));
@@ -147,7 +146,8 @@ std::vector<OSCCommand> buildAll() {
                     }));
   c.push_back(plain(kCalibration, "/velmora/lockrotation", {"/lockrotation"}, "1 or 0",
                     "Lock (1) or unlock (0) the mask's rotation.",
-                    [](const OSCMessage& message, FaceTrackingState& state) {
+                    [](const OSCMessage& message, CommandContext& context) {
+                      FaceTrackingState& state = context.state;
                       // A boolean as it is, a number above 0.5 locks; text,
                       // nothing or NaN is not usable.
                       if (const auto f = message.floatValue(); f && std::isnan(*f)) return;
@@ -156,7 +156,8 @@ std::vector<OSCCommand> buildAll() {
   c.push_back(plain(kCalibration, "/velmora/model", {"/model", "/velmora/character", "/character"},
                     "theatrical_mask or cartoon_ghost (or 0 / 1)",
                     "Switch active 3D character avatar: 'theatrical_mask' (0) or 'cartoon_ghost' (1).",
-                    [](const OSCMessage& message, FaceTrackingState& state) {
+                    [](const OSCMessage& message, CommandContext& context) {
+                      FaceTrackingState& state = context.state;
                       const TextOrNumber arg = textOrNumber(message);
                       std::optional<CharacterModelType> choice;
                       if (arg.text) {
@@ -177,19 +178,20 @@ std::vector<OSCCommand> buildAll() {
                     }));
   c.push_back(plain(kCalibration, "/velmora/ghost", {"/ghost"}, "none",
                     "Direct shortcut: switch active 3D character avatar to Cartoon Ghost.",
-                    [](const OSCMessage&, FaceTrackingState& state) {
-                      selectModel(state, CharacterModelType::cartoonGhost);
+                    [](const OSCMessage&, CommandContext& context) {
+                      selectModel(context.state, CharacterModelType::cartoonGhost);
                     }));
   c.push_back(plain(kCalibration, "/velmora/theatricalmask", {"/velmora/mask", "/mask", "/theatricalmask"}, "none",
                     "Direct shortcut: switch active 3D character avatar to Theatrical Mask.",
-                    [](const OSCMessage&, FaceTrackingState& state) {
-                      selectModel(state, CharacterModelType::theatricalMask);
+                    [](const OSCMessage&, CommandContext& context) {
+                      selectModel(context.state, CharacterModelType::theatricalMask);
                     }));
 
-  // --- Output (rows 9-12) ---
+  // --- Output ---
   c.push_back(plain(kOutput, "/velmora/opacity", {"/opacity"}, "float 0.0 – 1.0",
                     "Fade the mask in (1.0) or out (0.0).",
-                    [](const OSCMessage& message, FaceTrackingState& state) {
+                    [](const OSCMessage& message, CommandContext& context) {
+                      FaceTrackingState& state = context.state;
                       const auto v = numberArgument(message);
                       if (!v) return;
                       state.setMaskOpacity(*v <= 0 ? 0.0f : (*v > 1.0f ? 1.0f : *v));
@@ -204,17 +206,19 @@ std::vector<OSCCommand> buildAll() {
                                                &FaceTrackingState::isOSCEnabled,
                                                &FaceTrackingState::setIsOSCEnabled));
 
-  // --- Lighting (rows 13-23) ---
+  // --- Lighting ---
   c.push_back(plain(kLighting, "/velmora/lighting", {"/lighting"}, "float 0.0 – 5.0",
                     "Master light intensity (1.2 = default); scales every light.",
-                    [](const OSCMessage& message, FaceTrackingState& state) {
+                    [](const OSCMessage& message, CommandContext& context) {
+                      FaceTrackingState& state = context.state;
                       const auto v = numberArgument(message);
                       if (!v) return;
                       state.setLightIntensity(*v <= 0 ? 0.0f : (*v > 5.0f ? 5.0f : *v));
                     }));
   c.push_back(plain(kLighting, "/velmora/lighting/preset", {"/lighting/preset"},
                     OSCCommandCatalog::presetArgumentText(), OSCCommandCatalog::presetSummaryText(),
-                    [](const OSCMessage& message, FaceTrackingState& state) {
+                    [](const OSCMessage& message, CommandContext& context) {
+                      FaceTrackingState& state = context.state;
                       const TextOrNumber arg = textOrNumber(message);
                       std::string text;
                       if (arg.text) {
@@ -259,12 +263,13 @@ std::vector<OSCCommand> buildAll() {
                                               {"/lighting/shadow"}, &LightingSettings::shadow));
   c.push_back(plain(kLighting, "/velmora/lighting/reset", {"/lighting/reset"}, "none",
                     "Back to the Theatrical look at default master intensity.",
-                    [](const OSCMessage&, FaceTrackingState& state) {
+                    [](const OSCMessage&, CommandContext& context) {
+                      FaceTrackingState& state = context.state;
                       storeLighting(state, LightingSettings::theatrical());
                       state.setLightIntensity(1.2f);
                     }));
 
-  // --- Ghost Animations (rows 24-32) ---
+  // --- Ghost Animations ---
   c.push_back(cueCommand(K::ghostFlyIn, "/velmora/ghost/flyin", {"/ghost/flyin", "/ghost/in", "/velmora/ghost/in"},
                          "Ghost swoops in from the sky/background with eerie wobble and gracefully settles onto "
                          "live performer tracking."));
@@ -298,7 +303,7 @@ std::vector<OSCCommand> buildAll() {
   c.push_back(stopCueCommand(kGhost, "/velmora/ghost/reset", {"/ghost/reset", "/ghost/stop", "/velmora/ghost/stop"},
                              "Stop any active ghost animation and smoothly cross-fade back to live tracking."));
 
-  // --- Mask Gestures (rows 33-40) ---
+  // --- Mask Gestures ---
   c.push_back(cueCommand(K::maskBow, "/velmora/mask/bow", {"/mask/bow", "/velmora/bow", "/bow"},
                          "Dramatic respectful bow forward with closed eyes, smoothly rising back to live tracking."));
   c.push_back(cueCommand(K::maskGasp, "/velmora/mask/gasp", {"/mask/gasp", "/velmora/gasp", "/gasp"},
@@ -362,11 +367,11 @@ const OSCCommand* OSCCommandCatalog::find(std::string_view address) {
   return it == map.end() ? nullptr : it->second;
 }
 
-bool OSCCommandCatalog::dispatch(const OSCMessage& message) {
+bool OSCCommandCatalog::dispatch(const OSCMessage& message, CommandContext& context) {
   VELMORA_ASSERT_MAIN_THREAD();
   const OSCCommand* command = find(message.address);
   if (!command) return false;
-  if (command->action) command->action(message, FaceTrackingState::shared());
+  if (command->action) command->action(message, context);
   logLine("OSC", command->address + " " + message.printedArguments());
   return true;
 }
@@ -375,7 +380,8 @@ OSCCommand OSCCommandCatalog::lightCommand(std::string address, std::string argu
                                            double lo, double hi, std::vector<std::string> aliases,
                                            double LightingSettings::*field) {
   return plain(kLighting, std::move(address), std::move(aliases), std::move(arguments), std::move(summary),
-               [lo, hi, field](const OSCMessage& message, FaceTrackingState& state) {
+               [lo, hi, field](const OSCMessage& message, CommandContext& context) {
+                 FaceTrackingState& state = context.state;
                  const auto v = numberArgument(message);
                  if (!v) return;
                  double value = static_cast<double>(*v);
@@ -391,35 +397,11 @@ OSCCommand OSCCommandCatalog::toggleCommand(std::string address, std::string sum
                                             std::vector<std::string> aliases, bool (FaceTrackingState::*get)() const,
                                             void (FaceTrackingState::*set)(bool)) {
   return plain(kOutput, std::move(address), std::move(aliases), "1 or 0 (none = toggle)", std::move(summary),
-               [get, set](const OSCMessage& message, FaceTrackingState& state) {
+               [get, set](const OSCMessage& message, CommandContext& context) {
+                 FaceTrackingState& state = context.state;
                  const auto b = message.boolValue();
                  (state.*set)(b ? *b : !(state.*get)());
                });
-}
-
-CharacterModelType OSCCommandCatalog::requiredModel(AnimationCue::Kind kind) {
-  return AnimationCue::isGhostCue(kind) ? CharacterModelType::cartoonGhost : CharacterModelType::theatricalMask;
-}
-
-double OSCCommandCatalog::defaultDuration(AnimationCue::Kind kind) {
-  switch (kind) {
-    case K::ghostFlyIn: return 2.5;
-    case K::ghostFlyOut: return 2.2;
-    case K::ghostSpook: return 1.8;
-    case K::ghostSpin: return 2.0;
-    case K::ghostWobble: return 2.4;
-    case K::ghostPeek: return 2.8;
-    case K::ghostLaugh: return 2.2;
-    case K::ghostShiver: return 2.0;
-    case K::maskBow: return 2.5;
-    case K::maskGasp: return 1.8;
-    case K::maskNod: return 1.6;
-    case K::maskShake: return 1.6;
-    case K::maskLaugh: return 2.4;
-    case K::maskSob: return 2.6;
-    case K::maskGlare: return 2.2;
-  }
-  return 2.0;
 }
 
 std::string OSCCommandCatalog::presetArgumentText() { return "int 0 – 5, or name"; }

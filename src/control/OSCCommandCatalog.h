@@ -34,10 +34,10 @@ class OSCCommandCatalog {
   // trimming, no trailing-slash removal, no patterns), or none.
   static const OSCCommand* find(std::string_view address);
 
-  // Runs the message's command on FaceTrackingState::shared() and logs
+  // Runs the message's command on what `context` holds and logs
   // "[OSC] <canonical address> <printed arguments>". False, with nothing
   // changed, for an unknown address. Main thread.
-  static bool dispatch(const OSCMessage& message);
+  static bool dispatch(const OSCMessage& message, CommandContext& context);
 
   // A "Lighting" entry: the message's float, widened to double, clamped up
   // to lo then down to hi, written into one field of a copy of the state's
@@ -51,10 +51,6 @@ class OSCCommandCatalog {
                                   bool (FaceTrackingState::*get)() const,
                                   void (FaceTrackingState::*set)(bool));
 
-  // The character each cue is written for; triggering a cue switches to it.
-  static CharacterModelType requiredModel(AnimationCue::Kind kind);
-  // The duration a cue command passes when the message carries no float.
-  static double defaultDuration(AnimationCue::Kind kind);
 
   // The lighting-preset command's argument and summary texts, built from
   // LightingSettings::presetNames() so they list every preset.

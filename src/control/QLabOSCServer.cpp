@@ -4,7 +4,6 @@
 #include <array>
 #include <cerrno>
 #include <span>
-#include <vector>
 
 #include "base/Clock.h"
 #include "base/Log.h"
@@ -20,48 +19,30 @@ namespace velmora {
 
 namespace {
 const char* const kComponent = "QLabOSCServer";
-// Datagrams read per readiness event before the queue runs other work (a
-// stop, a rebind); the wait fires again at once while data is waiting.
-constexpr std::size_t kMaxDatagramsPerEvent = 256;
 }  // namespace
 
 struct QLabOSCServer::Impl {
+  explicit Impl(MainQueue& mainQueue) : mailbox(mailboxCapacity, mainQueue) {}
   SerialQueue queue{"com.velmora.qlab"};
   // Queue-only from here on. No address-reuse option: a port someone else
   // holds must fail to bind rather than share datagrams with them.
-  UdpListener listener{queue.context(), UdpListener::Options{.maxDatagramsPerEvent = kMaxDatagramsPerEvent}};
+  UdpListener listener{queue.context(), UdpListener::Options{.maxDatagramsPerEvent = maxDatagramsPerEvent}};
   std::array<std::uint8_t, receiveBufferSize> buffer{};
-  MainThreadMailbox mailbox{mailboxCapacity};
+  MainThreadMailbox mailbox;
   std::uint64_t reportedDrops = 0;
   double lastDropReport = -1e9;
 };
 
-QLabOSCServer& QLabOSCServer::shared() {
-  static QLabOSCServer server;
-  return server;
-}
-
-QLabOSCServer::QLabOSCServer() : impl_(std::make_unique<Impl>()) {
-  FaceTrackingState& state = FaceTrackingState::shared();
-  enabled_ = state.isOSCEnabled();
-  // By the time observers hear of the switch, the state has stored it (and
-  // shown "OSC cues: disabled" when switched off).
-  state.observe([this, &state](FaceTrackingState::Property property) {
-    if (property != FaceTrackingState::Property::isOSCEnabled) return;
-    enabled_ = state.isOSCEnabled();
-    if (enabled_) {
-      startListening();
-    } else {
-      stopListening();
-    }
-  });
+QLabOSCServer::QLabOSCServer(CommandContext commands, MainQueue& mainQueue)
+    : commands_(std::move(commands)), mainQueue_(mainQueue), impl_(std::make_unique<Impl>(mainQueue)) {
+  enabled_ = commands_.state.isOSCEnabled();
 }
 
 QLabOSCServer::~QLabOSCServer() { shutdown(); }
 
 void QLabOSCServer::startListening() {
   VELMORA_ASSERT_MAIN_THREAD();
-  FaceTrackingState& state = FaceTrackingState::shared();
+  FaceTrackingState& state = commands_.state;
   enabled_ = state.isOSCEnabled();
   if (!enabled_) {
     setStatus("OSC cues: disabled");
@@ -79,7 +60,7 @@ void QLabOSCServer::restart() { startListening(); }
 
 void QLabOSCServer::updateActiveState() {
   VELMORA_ASSERT_MAIN_THREAD();
-  enabled_ = FaceTrackingState::shared().isOSCEnabled();
+  enabled_ = commands_.state.isOSCEnabled();
   if (enabled_) {
     startListening();
   } else {
@@ -88,11 +69,22 @@ void QLabOSCServer::updateActiveState() {
   }
 }
 
-void QLabOSCServer::setStatus(const std::string& text) {
-  if (MainQueue::shared().isMainThread()) {
-    FaceTrackingState::shared().setOscStatus(text);
+void QLabOSCServer::setEnabled(bool enabled) {
+  VELMORA_ASSERT_MAIN_THREAD();
+  enabled_ = enabled;
+  if (enabled) {
+    startListening();
   } else {
-    MainQueue::shared().post([text] { FaceTrackingState::shared().setOscStatus(text); });
+    stopListening();
+  }
+}
+
+void QLabOSCServer::setStatus(const std::string& text) {
+  if (mainQueue_.isMainThread()) {
+    commands_.state.setOscStatus(text);
+  } else {
+    FaceTrackingState* state = &commands_.state;
+    mainQueue_.post([state, text] { state->setOscStatus(text); });
   }
 }
 
@@ -108,8 +100,8 @@ void QLabOSCServer::open(std::uint16_t port) {
   }
   UdpListener::Callbacks callbacks;
   callbacks.onDatagram = [this](std::span<const std::uint8_t> bytes, const UdpSender&) {
-    // The sender is not used. One main-thread call per message, so a
-    // bundle's messages run in bundle order.
+    // The sender is not used. Each message is its own main-thread call, so
+    // a bundle's messages run in bundle order.
     for (const OSCMessage& message : OSCParser::parsePacket(bytes)) {
       impl_->mailbox.post([this, message] { handleQLabMessage(message); });
     }
@@ -149,10 +141,10 @@ void QLabOSCServer::reportDrops() {
 
 void QLabOSCServer::handleQLabMessage(const OSCMessage& message) {
   VELMORA_ASSERT_MAIN_THREAD();
-  const bool handled = OSCCommandCatalog::dispatch(message);
+  const bool handled = OSCCommandCatalog::dispatch(message, commands_);
   std::string text = message.address + " " + message.printedArguments();
   if (!handled) text += "  (unknown)";
-  FaceTrackingState::shared().setLastQLabCommand(text);
+  commands_.state.setLastQLabCommand(text);
 }
 
 std::string QLabOSCServer::bindFailureReason(int errorNumber) {

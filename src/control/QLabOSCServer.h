@@ -5,6 +5,11 @@
 // main thread. It reports through FaceTrackingState::oscStatus (one status
 // line) and lastQLabCommand (the last message received).
 //
+// It is given what it uses: the commands' context (whose state holds the
+// port, the switch and the status texts) and the main queue. The switch
+// itself (isOSCEnabled) starts and stops it through setEnabled, called by an
+// observer the application installs.
+//
 // Threads: socket creation, binding, receiving and closing run only on the
 // serial queue "com.velmora.qlab". Dispatch and every state write run on the
 // main thread; decoded messages reach it through a bounded mailbox, so a
@@ -12,16 +17,18 @@
 // growing memory.
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "control/CommandContext.h"
 #include "osc/OSCMessage.h"
 
 namespace velmora {
+
+class MainQueue;
 
 class QLabOSCServer {
  public:
@@ -31,11 +38,12 @@ class QLabOSCServer {
   static constexpr std::size_t receiveBufferSize = 4096;
   // Decoded messages that may wait for the main thread at once.
   static constexpr std::size_t mailboxCapacity = 1024;
+  // Datagrams read per readiness event before the queue runs other work (a
+  // stop, a rebind); the wait fires again at once while data is waiting.
+  static constexpr std::size_t maxDatagramsPerEvent = 256;
 
-  // The single instance, created on first use (main thread). Creating it
-  // installs the state's OSC-server hook, so setIsOSCEnabled starts and
-  // stops the listener from then on.
-  static QLabOSCServer& shared();
+  // Main thread. `commands` and `mainQueue` must outlive the server.
+  QLabOSCServer(CommandContext commands, MainQueue& mainQueue);
   ~QLabOSCServer();
   QLabOSCServer(const QLabOSCServer&) = delete;
   QLabOSCServer& operator=(const QLabOSCServer&) = delete;
@@ -48,8 +56,12 @@ class QLabOSCServer {
   void stopListening();
   // Same as startListening().
   void restart();
-  // Main thread. Starts or stops according to the state's isOSCEnabled.
+  // Main thread. Starts or stops according to the state's isOSCEnabled,
+  // showing "OSC cues: disabled" when stopped.
   void updateActiveState();
+  // Main thread. The remote-control switch was set (the state has stored it
+  // and, when off, shown "OSC cues: disabled"): starts or stops.
+  void setEnabled(bool enabled);
   // Any thread. Writes the state's oscStatus on the main thread.
   void setStatus(const std::string& text);
   // Main thread. Dispatches one received message and records it in
@@ -72,12 +84,13 @@ class QLabOSCServer {
   void shutdown();
 
  private:
-  QLabOSCServer();
   // On the queue.
   void open(std::uint16_t port);
   void closeSocket();
   void reportDrops();
 
+  CommandContext commands_;
+  MainQueue& mainQueue_;
   struct Impl;
   std::unique_ptr<Impl> impl_;
   // The state's isOSCEnabled as last read on the main thread, for the

@@ -53,7 +53,8 @@ class CatalogTest : public ::testing::Test {
   static FaceTrackingState& state() { return FaceTrackingState::shared(); }
   static CharacterAnimationController& controller() { return CharacterAnimationController::shared(); }
   static bool dispatch(std::string address, std::vector<OSCArgument> args = {}) {
-    return OSCCommandCatalog::dispatch(msg(std::move(address), std::move(args)));
+    static CommandContext context{state(), controller(), [] { return uptime(); }};
+    return OSCCommandCatalog::dispatch(msg(std::move(address), std::move(args)), context);
   }
 
   std::vector<std::string> log;
@@ -409,12 +410,12 @@ TEST_F(CatalogTest, CueCommandsStartTheirCueWithTheDefaultDurationOnTheirCharact
   for (const auto& [address, cue] : cues) {
     SCOPED_TRACE(address);
     const bool ghost = AnimationCue::isGhostCue(cue.kind);
-    EXPECT_EQ(OSCCommandCatalog::requiredModel(cue.kind),
+    EXPECT_EQ(AnimationCue::character(cue.kind),
               ghost ? CharacterModelType::cartoonGhost : CharacterModelType::theatricalMask);
     // Start on the other character: the command switches first.
     state().setCharacterModel(ghost ? CharacterModelType::theatricalMask : CharacterModelType::cartoonGhost);
     ASSERT_TRUE(dispatch(address));
-    EXPECT_EQ(state().characterModel(), OSCCommandCatalog::requiredModel(cue.kind));
+    EXPECT_EQ(state().characterModel(), AnimationCue::character(cue.kind));
     ASSERT_TRUE(controller().activeCue());
     EXPECT_EQ(*controller().activeCue(), cue);
     EXPECT_EQ(controller().activeCueName(), cue.name());

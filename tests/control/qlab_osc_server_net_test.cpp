@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "animation/CharacterAnimationController.h"
+#include "base/Clock.h"
 #include "base/MainQueue.h"
 #include "support/LogCapture.h"
 #include "support/OscBytes.h"
@@ -27,12 +29,25 @@ using test::oscMessage;
 using test::UdpSocket;
 using test::freeUdpPort;
 
+// The tests' cue server over the shared state and cue player, its
+// isOSCEnabled switch wired as the application wires it (app/CueServerSwitch).
+QLabOSCServer& cueServer() {
+  static CommandContext commands{FaceTrackingState::shared(), CharacterAnimationController::shared(),
+                                 [] { return uptime(); }};
+  static QLabOSCServer server(commands, MainQueue::shared());
+  static const int switchToken = FaceTrackingState::shared().observe([](FaceTrackingState::Property p) {
+    if (p == FaceTrackingState::Property::isOSCEnabled) server.setEnabled(FaceTrackingState::shared().isOSCEnabled());
+  });
+  (void)switchToken;
+  return server;
+}
+
 class QLabServerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    server();  // installs the state's hook
+    server();  // wires the switch
     state().setOscPort(freeUdpPort());
-    if (!state().isOSCEnabled()) state().setIsOSCEnabled(true);  // starts through the hook
+    if (!state().isOSCEnabled()) state().setIsOSCEnabled(true);  // starts through the switch
     token = state().observe([this](FaceTrackingState::Property p) {
       if (p == FaceTrackingState::Property::lastQLabCommand) commands.push_back(state().lastQLabCommand());
     });
@@ -44,7 +59,7 @@ class QLabServerTest : public ::testing::Test {
     MainQueue::shared().drain();
   }
 
-  static QLabOSCServer& server() { return QLabOSCServer::shared(); }
+  static QLabOSCServer& server() { return cueServer(); }
   static FaceTrackingState& state() { return FaceTrackingState::shared(); }
   static bool waitFor(const std::function<bool()>& pred) { return MainQueue::shared().runUntil(pred, 5.0); }
   // Starts on the state's port and waits for the outcome's status.
@@ -108,7 +123,7 @@ TEST_F(QLabServerTest, OtherBindErrorsShowTheErrorNumber) {
 // Runs in a fresh process: every file descriptor is taken before the start,
 // so creating the socket fails. Exits 0 when the status says so.
 [[noreturn]] void startWithNoDescriptorsLeft() {
-  QLabOSCServer& server = QLabOSCServer::shared();
+  QLabOSCServer& server = cueServer();
   FaceTrackingState& state = FaceTrackingState::shared();
   state.setOscPort(freeUdpPort());
   const rlimit limit{64, 64};
