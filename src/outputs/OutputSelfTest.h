@@ -51,6 +51,8 @@ class OutputSelfTest {
   Context c_;
   // Frames the renderer finished while the test runs (render thread writes).
   std::shared_ptr<std::atomic<int>> delivered_ = std::make_shared<std::atomic<int>>(0);
+  // Set once a wait for a frame saw none finished: the renderer is not working.
+  bool rendererSilent_ = false;
 };
 
 }  // namespace velmora

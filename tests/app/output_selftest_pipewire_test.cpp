@@ -4,6 +4,7 @@
 // RESULT line that says why, and the run still exits 0.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -78,6 +79,27 @@ TEST(OutputSelfTestPipeWire, BothOutputsCheckOutWithADaemonAndARuntime) {
   EXPECT_EQ(alpha(w - 1, h - 1), 0);
   EXPECT_EQ(alpha(w / 2, h / 2), 255);
   stbi_image_free(pixels);
+}
+
+// No GL at all (the EGL loader finds no driver): the consumer links but no
+// frame can come. The frame wait gives up after its rounds rather than
+// waiting out each round's frame (minutes), and NDI is still checked.
+TEST(OutputSelfTestPipeWire, WithoutARendererTheFrameWaitEndsAndNDIIsStillChecked) {
+  test::PrivatePipeWire session;
+  ASSERT_TRUE(session.start());
+  test::TempDir out;
+  int status = -1;
+  const auto lines = selfTest(session, out.path(),
+                              {"NDI_RUNTIME_DIR_V6=" VELMORA_NDI_DOUBLE_DIR,
+                               "__EGL_VENDOR_LIBRARY_FILENAMES=" + (out.path() / "no-vendor.json").string()},
+                              &status);
+  EXPECT_EQ(status, 0) << joined(lines);
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(),
+                          [](const std::string& l) { return l.rfind("[Renderer] ", 0) == 0 && l.find("nothing will be rendered") != std::string::npos; }))
+      << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] RESULT Syphon: visible, client connected but no frame arrived")) << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] RESULT NDI: OK, source is discoverable")) << joined(lines);
+  EXPECT_FALSE(std::filesystem::exists(out.path() / "syphon_received.png"));
 }
 
 TEST(OutputSelfTestPipeWire, WithoutDaemonOrRuntimeEachPartSaysWhy) {
