@@ -50,6 +50,13 @@ class BufferPacker {
     return static_cast<int>(doc_.bufferViews.size()) - 1;
   }
 
+  // Makes room for `bytes` more, so the buffer grows once per mesh rather
+  // than doubling through tens of MB.
+  void reserveMore(std::size_t bytes) {
+    auto& buffer = doc_.buffers[0].data;
+    buffer.reserve(buffer.size() + bytes);
+  }
+
   int accessor(tinygltf::Accessor a) {
     doc_.accessors.push_back(std::move(a));
     return static_cast<int>(doc_.accessors.size()) - 1;
@@ -182,6 +189,15 @@ class DocumentBuilder {
   int mesh(const Geometry& geometry, const Morpher* morpher) {
     const auto key = std::make_pair(&geometry, morpher ? morpher->targets.get() : nullptr);
     if (auto it = meshes_.find(key); it != meshes_.end()) return it->second;
+
+    // At most: every stream, every index as 32 bits, and two dense delta
+    // streams per target (a sparse one is smaller by construction).
+    std::size_t bound = 0;
+    for (const auto& source : geometry.sources)
+      bound += static_cast<std::size_t>(source.vectorCount) * static_cast<std::size_t>(source.componentsPerVector) * 4 + 4;
+    for (const auto& element : geometry.elements) bound += element.indices ? element.indices->size() * 4 + 4 : 0;
+    bound += (morpher ? morpher->targetCount() : 0) * 2 * (geometry.vertexCount() * 12 + 4);
+    packer_.reserveMore(bound);
 
     std::map<std::string, int> attributes;
     std::vector<float> basePositions, baseNormals;
@@ -331,7 +347,13 @@ tinygltf::Model GltfExporter::document(const Node& root) {
 }
 
 std::string GltfExporter::glb(const tinygltf::Model& document) {
-  std::ostringstream out;
+  // Room for the binary chunk and a generous JSON chunk up front: the stream
+  // then writes into one allocation instead of doubling through tens of MB.
+  std::string storage;
+  std::size_t binary = 0;
+  for (const auto& b : document.buffers) binary += b.data.size();
+  storage.reserve(binary + (1u << 20));
+  std::ostringstream out(std::move(storage));
   tinygltf::TinyGLTF writer;
   writer.WriteGltfSceneToStream(&document, out, false, true);
   return std::move(out).str();
