@@ -1,13 +1,15 @@
 // The built velmora's "--export-gltf FOLDER" run from outside: the files it
-// writes pass the Khronos glTF validator with no error and no warning and
-// are read by gltfpack; a folder that cannot be created, a read-only folder
+// writes pass the Khronos glTF validator with no error and no warning, and
+// gltfpack and three.js read every expression under its ARKit name; a folder that cannot be created, a read-only folder
 // and a full disk each give one clear line per file, exit status 0, and
 // leave nothing half-written under a final name.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,9 +25,11 @@ namespace fs = std::filesystem;
 
 const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
 const std::string kValidatorScript = VELMORA_SOURCE_DIR "/tests/app/gltf_validate.js";
-// The validator is an npm package installed on first use under the build folder.
-const fs::path kValidatorModules = VELMORA_BINARY_DIR "/gltf-validator";
-const char* const kValidatorPackage = "gltf-validator@2.0.0-dev.3.10";
+const std::string kThreeScript = VELMORA_SOURCE_DIR "/tests/app/gltf_three.mjs";
+// Two real glTF consumers from npm (the Khronos validator and three.js),
+// installed on first use under the build folder.
+const fs::path kNodeModules = VELMORA_BINARY_DIR "/gltf-consumers";
+const char* const kNodePackages = "gltf-validator@2.0.0-dev.3.10 three@0.187.0";
 const char* const kFiles[] = {"theatrical_mask.glb", "cartoon_ghost.glb"};
 
 struct Outcome {
@@ -58,6 +62,7 @@ tinygltf::Model load(const fs::path& file) {
 
 std::vector<std::string> targetNames(const tinygltf::Mesh& mesh) {
   std::vector<std::string> names;
+  if (!mesh.extras.IsObject() || !mesh.extras.Has("targetNames")) return names;
   const tinygltf::Value& list = mesh.extras.Get("targetNames");
   for (std::size_t i = 0; i < list.ArrayLen(); ++i) names.push_back(list.Get(static_cast<int>(i)).Get<std::string>());
   return names;
@@ -90,23 +95,72 @@ TEST_F(GltfExportE2ETest, WritesBothFilesWithOneLineEachAndExitsZero) {
   }
 }
 
+// Installs the npm consumers once (tests running side by side take turns);
+// "" when they are there, else why not.
+std::string installNodeConsumers(bool& registryUnreachable) {
+  registryUnreachable = false;
+  const Outcome npm = shell(
+      "mkdir -p \"$1\" && exec flock \"$1/.install-lock\" sh -c '"
+      "test -f \"$1/node_modules/gltf-validator/package.json\" -a -f \"$1/node_modules/three/package.json\" || "
+      "npm install --prefix \"$1\" --no-audit --no-fund --fetch-retries=1 --fetch-timeout=30000 $2' sh \"$1\" \"$2\" 2>&1",
+      {kNodeModules.string(), kNodePackages}, 240);
+  if (npm.status == 0) return {};
+  registryUnreachable =
+      std::regex_search(npm.output, std::regex("ENOTFOUND|EAI_AGAIN|ECONNREFUSED|ETIMEDOUT|ECONNRESET|ENETUNREACH|EHOSTUNREACH"));
+  return "npm could not install " + std::string(kNodePackages) + ":\n" + npm.output;
+}
+
+#define VELMORA_REQUIRE_NODE_CONSUMERS()                                                              \
+  do {                                                                                               \
+    bool unreachable = false;                                                                        \
+    const std::string why = installNodeConsumers(unreachable);                                       \
+    if (unreachable) GTEST_SKIP() << "the npm registry is unreachable, so the glTF consumers from npm " \
+                                     "cannot be installed: "                                         \
+                                  << why;                                                            \
+    ASSERT_EQ(why, "");                                                                              \
+  } while (false)
+
 TEST_F(GltfExportE2ETest, TheKhronosValidatorFindsNoErrorAndNoWarning) {
   ASSERT_EQ(exported_.status, 0) << exported_.output;
-  if (!fs::exists(kValidatorModules / "node_modules" / "gltf-validator" / "package.json")) {
-    const Outcome npm = shell("npm install --prefix \"$1\" --no-audit --no-fund --fetch-retries=1 --fetch-timeout=30000 \"$2\" 2>&1",
-                          {kValidatorModules.string(), kValidatorPackage}, 240);
-    if (npm.status != 0) {
-      if (std::regex_search(npm.output, std::regex("ENOTFOUND|EAI_AGAIN|ECONNREFUSED|ETIMEDOUT|ECONNRESET|ENETUNREACH|EHOSTUNREACH")))
-        GTEST_SKIP() << "the npm registry is unreachable, so the Khronos validator cannot be installed:\n" << npm.output;
-      FAIL() << "npm could not install " << kValidatorPackage << ":\n" << npm.output;
-    }
-  }
-  const Outcome report = shell("node \"$@\" 2>&1", {kValidatorScript, kValidatorModules.string(), (folder() / kFiles[0]).string(),
-                                                (folder() / kFiles[1]).string()});
+  VELMORA_REQUIRE_NODE_CONSUMERS();
+  const Outcome report = shell("node \"$@\" 2>&1", {kValidatorScript, kNodeModules.string(), (folder() / kFiles[0]).string(),
+                                                    (folder() / kFiles[1]).string()});
   ASSERT_EQ(report.status, 0) << report.output;
   for (const char* file : kFiles) {
     EXPECT_NE(report.output.find((folder() / file).string() + ": 0 errors, 0 warnings,"), std::string::npos)
         << report.output;
+  }
+}
+
+TEST_F(GltfExportE2ETest, ThreeJsLoadsBothCharactersWithEveryExpressionByName) {
+  ASSERT_EQ(exported_.status, 0) << exported_.output;
+  VELMORA_REQUIRE_NODE_CONSUMERS();
+  const Outcome loaded = shell("node \"$@\" 2>&1", {kThreeScript, kNodeModules.string(), (folder() / kFiles[0]).string(),
+                                                    (folder() / kFiles[1]).string()});
+  ASSERT_EQ(loaded.status, 0) << loaded.output;
+  for (const char* file : kFiles) {
+    SCOPED_TRACE(file);
+    const tinygltf::Model doc = load(folder() / file);
+    // three.js makes one mesh per primitive of every node; those with targets carry the names.
+    std::vector<std::string> expected;
+    for (const auto& node : doc.nodes) {
+      if (node.mesh < 0) continue;
+      const tinygltf::Mesh& mesh = doc.meshes[static_cast<std::size_t>(node.mesh)];
+      std::string names;
+      for (const auto& name : targetNames(mesh)) names += (names.empty() ? "" : ",") + name;
+      for (const auto& p : mesh.primitives)
+        expected.push_back(std::to_string(doc.accessors[static_cast<std::size_t>(p.attributes.at("POSITION"))].count) +
+                           " | " + names);
+    }
+    std::vector<std::string> seen;
+    const std::regex line("^" + (folder() / file).string() + " \\| [^|]* \\| (\\d+ \\| [^|]*) \\| \\w+$");
+    std::smatch m;
+    std::istringstream lines(loaded.output);
+    for (std::string l; std::getline(lines, l);)
+      if (std::regex_match(l, m, line)) seen.push_back(m[1]);
+    std::sort(expected.begin(), expected.end());
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(seen, expected) << loaded.output;
   }
 }
 

@@ -54,6 +54,7 @@ std::string firstDifference(const std::vector<float>& actual, const std::vector<
 
 std::vector<std::string> targetNames(const tinygltf::Mesh& mesh) {
   std::vector<std::string> names;
+  if (!mesh.extras.IsObject() || !mesh.extras.Has("targetNames")) return names;
   const tinygltf::Value& list = mesh.extras.Get("targetNames");
   for (std::size_t i = 0; i < list.ArrayLen(); ++i) names.push_back(list.Get(static_cast<int>(i)).Get<std::string>());
   return names;
