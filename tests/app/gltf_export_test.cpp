@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include <glm/gtc/quaternion.hpp>
 #include <tiny_gltf.h>
 
 #include "app/CharacterExport.h"
@@ -264,6 +265,32 @@ TEST(GltfExporter, MaterialsKeepTheirLook) {
   EXPECT_TRUE(plain.extensions.empty());
   EXPECT_EQ(plain.alphaMode, "OPAQUE");
   EXPECT_EQ(plain.emissiveFactor, (std::vector<double>{0.26f, 0.28f, 1.0f}));
+}
+
+TEST(GltfExporter, NodeTransformsMeanWhatTheSceneMeans) {
+  auto root = Node::make("Root");
+  auto child = Node::make("Turned");
+  child->position = float3(0.1f, -0.2f, 0.3f);
+  child->eulerAngles = float3(0.3f, -0.5f, 0.2f);
+  child->scale = float3(1.0f, 2.0f, 0.5f);
+  root->addChild(child);
+  const tinygltf::Model doc = GltfExporter::document(*root);
+  ASSERT_EQ(doc.nodes.size(), 2u);
+  EXPECT_TRUE(doc.nodes[0].rotation.empty() && doc.nodes[0].translation.empty() && doc.nodes[0].scale.empty());
+  ASSERT_EQ(doc.nodes[0].children, std::vector<int>{1});
+  const tinygltf::Node& out = doc.nodes[1];
+  EXPECT_EQ(out.translation, (std::vector<double>{0.1f, -0.2f, 0.3f}));
+  EXPECT_EQ(out.scale, (std::vector<double>{1.0f, 2.0f, 0.5f}));
+  // glTF's rotation is (x, y, z, w); it must turn vectors as the scene's Euler angles do.
+  ASSERT_EQ(out.rotation.size(), 4u);
+  const glm::quat q(static_cast<float>(out.rotation[3]), static_cast<float>(out.rotation[0]),
+                    static_cast<float>(out.rotation[1]), static_cast<float>(out.rotation[2]));
+  EXPECT_NEAR(glm::length(q), 1.0f, 1e-6f);
+  for (const float3 v : {float3(1, 0, 0), float3(0, 1, 0), float3(0, 0, 1)}) {
+    const float3 expected = float3(eulerRotation(child->eulerAngles) * float4(v, 0.0f));
+    const float3 actual = q * v;
+    EXPECT_NEAR(glm::length(actual - expected), 0.0f, 1e-6f);
+  }
 }
 
 TEST(CharacterExport, AFolderThatCannotBeCreatedFailsEveryFileWithOneLineAndWritesNothing) {
