@@ -44,4 +44,18 @@ std::string detectLocalIP(const ifaddrs* interfaces) {
   return loopbackText;
 }
 
+bool isThisMachine(std::uint32_t address) {
+  if (address == 0 || (address >> 24) == 127) return true;
+  ifaddrs* list = nullptr;
+  if (::getifaddrs(&list) != 0) return false;
+  bool found = false;
+  for (const ifaddrs* i = list; i != nullptr && !found; i = i->ifa_next) {
+    if (i->ifa_addr == nullptr || i->ifa_addr->sa_family != AF_INET) continue;
+    const auto* in = reinterpret_cast<const sockaddr_in*>(i->ifa_addr);
+    found = ntohl(in->sin_addr.s_addr) == address;
+  }
+  ::freeifaddrs(list);
+  return found;
+}
+
 }  // namespace velmora

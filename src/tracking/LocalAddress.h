@@ -4,6 +4,7 @@
 // an IPv4 address not starting "127.", in the order the system lists them.
 // "127.0.0.1" when there is none or the list cannot be read.
 
+#include <cstdint>
 #include <string>
 
 struct ifaddrs;
@@ -16,5 +17,10 @@ std::string detectLocalIP();
 // Walks a given interface list (nullptr: none). Lets tests feed a made-up
 // list in the getifaddrs layout.
 std::string detectLocalIP(const ifaddrs* interfaces);
+
+// True when an IPv4 address (host byte order) reaches this machine itself:
+// the wildcard 0.0.0.0, anything in 127.0.0.0/8, or an address of one of its
+// interfaces (listed now with getifaddrs). Any thread.
+bool isThisMachine(std::uint32_t address);
 
 }  // namespace velmora

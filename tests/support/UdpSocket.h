@@ -2,11 +2,13 @@
 // A plain loopback UDP socket for tests: a sender, or another program
 // holding a port (bound to the wildcard address, no reuse options).
 #include <arpa/inet.h>
+#include <poll.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -43,6 +45,16 @@ class UdpSocket {
   void sendTo(std::uint16_t port, std::string_view text) const { sendTo(port, text.data(), text.size()); }
   void sendTo(std::uint16_t port, const std::vector<std::uint8_t>& bytes) const {
     sendTo(port, bytes.data(), bytes.size());
+  }
+  // The next datagram, waiting up to `seconds`; none when nothing came.
+  std::optional<std::vector<std::uint8_t>> receive(double seconds) const {
+    pollfd p{fd_, POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(seconds * 1000)) != 1) return std::nullopt;
+    std::vector<std::uint8_t> buffer(65536);
+    const ssize_t n = ::recv(fd_, buffer.data(), buffer.size(), 0);
+    if (n < 0) return std::nullopt;
+    buffer.resize(static_cast<std::size_t>(n));
+    return buffer;
   }
 
  private:
