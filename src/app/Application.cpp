@@ -9,6 +9,7 @@
 #include "app/CharacterExport.h"
 #include "app/CommandLine.h"
 #include "app/CueServerSwitch.h"
+#include "app/SessionRecording.h"
 #include "app/MaskSnapshot.h"
 #include "app/SelfTestRunner.h"
 #include "app/TrackingIntake.h"
@@ -81,7 +82,7 @@ int Application::main(const std::vector<std::string>& args) {
     case CommandLine::Mode::interactive:
       break;
   }
-  return runInteractive();
+  return runInteractive(cl);
 }
 
 void Application::runOutputSelfTest(const std::string& folder) {
@@ -96,8 +97,11 @@ void Application::runOutputSelfTest(const std::string& folder) {
   scene.setOutputs(nullptr, nullptr);
 }
 
-int Application::runInteractive() {
+int Application::runInteractive(const CommandLine& commandLine) {
   SignalWaiter signals;  // before any other thread starts, so all inherit the mask
+  // A recording over a file-size limit must fail its write (and stop with a
+  // message), not end the show.
+  ::signal(SIGXFSZ, SIG_IGN);
   MainQueue& mainQueue = MainQueue::shared();
 
   // Creating the state loads the persisted settings and finds this machine's address.
@@ -108,6 +112,9 @@ int Application::runInteractive() {
 
   // --- services started on the main loop ---
   TrackingIntake tracking(TrackingReceiver::shared(), state);
+  SessionRecording recording(TrackingReceiver::shared());
+  if (commandLine.recordWithoutFile) logLine("Velmora", "--record needs a file name after it; not recording");
+  if (!commandLine.recordFile.empty()) recording.start(commandLine.recordFile);  // before the first datagram
   tracking.start();
   // Remote cues act on the state and the cue player, at the clock the frame update samples cues with.
   CommandContext commands{state, CharacterAnimationController::shared(), [] { return uptime(); }};
@@ -143,6 +150,7 @@ int Application::runInteractive() {
   state.unobserve(statusObserver);
   cueServer.shutdown();
   tracking.stop();
+  recording.stop();  // after the sockets: every datagram that arrived is in the file
 
   mainQueue.setTick(nullptr, 0);
   mainQueue.drain();  // whatever the stopping services posted last

@@ -8,13 +8,15 @@
 
 namespace velmora {
 
+struct CommandLine;
+
 class Application {
  public:
   // Returns the process exit status (0 for every batch run, whatever its outcome).
   static int main(const std::vector<std::string>& args);
 
  private:
-  static int runInteractive();
+  static int runInteractive(const CommandLine& commandLine);
   // "--output-selftest FOLDER": both outputs checked from outside.
   static void runOutputSelfTest(const std::string& folder);
 };

@@ -21,6 +21,14 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args) {
       return result;
     }
   }
+  // Interactive from here on; recording is an option of that run only.
+  if (auto it = std::find(args.begin(), args.end(), "--record"); it != args.end()) {
+    if (it + 1 != args.end()) {
+      result.recordFile = *(it + 1);
+    } else {
+      result.recordWithoutFile = true;
+    }
+  }
   return result;
 }
 

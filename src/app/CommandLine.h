@@ -3,6 +3,10 @@
 // fixed order ("--run-tests", "--snapshot FOLDER", "--output-selftest
 // FOLDER", "--export-gltf FOLDER"), exact whole-argument matches; the first that matches wins. A
 // folder switch with nothing after it is ignored.
+//
+// "--record FILE" is looked at only after all of them, for an interactive run: it
+// records the session's tracking datagrams to FILE. It never changes which
+// run starts.
 
 #include <string>
 #include <vector>
@@ -14,6 +18,8 @@ struct CommandLine {
 
   Mode mode = Mode::interactive;
   std::string folder;  // for the switches that take a folder
+  std::string recordFile;          // interactive runs: "--record FILE"; empty: not recording
+  bool recordWithoutFile = false;  // "--record" was the last argument
 
   // args excludes the program name.
   static CommandLine parse(const std::vector<std::string>& args);

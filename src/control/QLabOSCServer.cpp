@@ -29,6 +29,7 @@ struct QLabOSCServer::Impl {
   UdpListener listener{queue.context(), UdpListener::Options{.maxDatagramsPerEvent = maxDatagramsPerEvent}};
   std::array<std::uint8_t, receiveBufferSize> buffer{};
   MainThreadMailbox mailbox;
+  SenderFilter filter{kComponent, "OSC"};
   std::uint64_t reportedDrops = 0;
   double lastDropReport = -1e9;
 };
@@ -99,15 +100,17 @@ void QLabOSCServer::open(std::uint16_t port) {
     return;
   }
   UdpListener::Callbacks callbacks;
-  callbacks.onDatagram = [this](std::span<const std::uint8_t> bytes, const UdpSender&) {
-    // The sender is not used. Each message is its own main-thread call, so
-    // a bundle's messages run in bundle order.
+  callbacks.onDatagram = [this](std::span<const std::uint8_t> bytes, const UdpSender& from) {
+    // A sender outside the allow-list is dropped before its bytes are read.
+    if (!impl_->filter.admit(from.address)) return;
+    // Each message is its own main-thread call, so a bundle's messages run
+    // in bundle order.
     for (const OSCMessage& message : OSCParser::parsePacket(bytes)) {
       impl_->mailbox.post([this, message] { handleQLabMessage(message); });
     }
   };
   callbacks.onDrained = [this] { reportDrops(); };
-  const auto opened = impl_->listener.open(port, impl_->buffer, std::move(callbacks));
+  const auto opened = impl_->listener.open(port, impl_->buffer, std::move(callbacks), bindAddress_.load());
   if (opened.failure == UdpListener::Failure::create) {
     setStatus("OSC cues: could not create socket");
     return;
@@ -157,6 +160,8 @@ std::optional<std::uint16_t> QLabOSCServer::listeningPort() const {
   if (port < 0) return std::nullopt;
   return static_cast<std::uint16_t>(port);
 }
+
+SenderFilter& QLabOSCServer::senderFilter() { return impl_->filter; }
 
 std::uint64_t QLabOSCServer::droppedMessageCount() const { return impl_->mailbox.droppedCount(); }
 

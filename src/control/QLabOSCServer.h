@@ -25,6 +25,7 @@
 
 #include "control/CommandContext.h"
 #include "osc/OSCMessage.h"
+#include "tracking/SenderFilter.h"
 
 namespace velmora {
 
@@ -76,6 +77,16 @@ class QLabOSCServer {
   std::optional<std::uint16_t> listeningPort() const;
   // Any thread. Messages dropped because the main thread fell behind.
   std::uint64_t droppedMessageCount() const;
+
+  // Any thread. The local address the cue port binds (IPv4, host byte
+  // order); 0, the default, is every interface. Takes effect at the next
+  // startListening().
+  void setBindAddress(std::uint32_t address) { bindAddress_ = address; }
+  std::uint32_t bindAddress() const { return bindAddress_; }
+  // Who may send cues: datagrams from others are dropped unread, counted,
+  // and logged once per sender as "[QLabOSCServer] Refused OSC from a.b.c.d
+  // (not in the allowed senders)". Everyone until an allow-list is set.
+  SenderFilter& senderFilter();
   // Any thread but the queue's: waits until the socket work submitted so
   // far has run (tests, shutdown).
   void waitForQueue();
@@ -97,6 +108,7 @@ class QLabOSCServer {
   // queue's second look (the state itself is main-thread only).
   std::atomic<bool> enabled_{true};
   std::atomic<int> listeningPort_{-1};
+  std::atomic<std::uint32_t> bindAddress_{0};
 };
 
 }  // namespace velmora

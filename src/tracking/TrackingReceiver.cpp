@@ -1,10 +1,12 @@
 #include "tracking/TrackingReceiver.h"
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 
 #include "base/Clock.h"
 #include "base/Log.h"
+#include "tracking/LocalAddress.h"
 #include "tracking/MainThreadTrackingSink.h"
 #include "tracking/TrackingDecoders.h"
 
@@ -39,7 +41,40 @@ void TrackingReceiver::setPorts(std::vector<std::uint16_t> ports) {
   ports_ = std::move(ports);
 }
 
+std::uint32_t TrackingReceiver::bindAddress() const {
+  std::lock_guard lock(portsMutex_);
+  return bindAddress_;
+}
+
+void TrackingReceiver::setBindAddress(std::uint32_t address) {
+  std::lock_guard lock(portsMutex_);
+  bindAddress_ = address;
+}
+
+void TrackingReceiver::addTap(std::shared_ptr<DatagramTap> tap) {
+  std::lock_guard lock(tapsMutex_);
+  if (std::find(taps_->begin(), taps_->end(), tap) != taps_->end()) return;
+  auto taps = std::make_shared<Taps>(*taps_);
+  taps->push_back(std::move(tap));
+  taps_ = std::move(taps);
+}
+
+void TrackingReceiver::removeTap(const DatagramTap* tap) {
+  {
+    std::lock_guard lock(tapsMutex_);
+    auto taps = std::make_shared<Taps>(*taps_);
+    std::erase_if(*taps, [&](const auto& t) { return t.get() == tap; });
+    taps_ = std::move(taps);
+  }
+  // A datagram being handed out right now may still hold the old list.
+  if (!queue_.isCurrent()) queue_.sync([] {});
+}
+
 void TrackingReceiver::startListening() {
+  queue_.post([this] {
+    const auto local = SenderAllowList::parseAddress(detectLocalIP());
+    localAddress_ = local ? *local : 0x7F000001;
+  });
   for (std::uint16_t port : ports()) {
     queue_.post([this, port] { startListening(port); });
   }
@@ -52,16 +87,16 @@ void TrackingReceiver::startListening(std::uint16_t port) {
     std::lock_guard lock(statsMutex_);
     ++stats_.readinessEvents;
   };
-  callbacks.onDatagram = [this](std::span<const std::uint8_t> bytes, const UdpSender& from) {
+  callbacks.onDatagram = [this, port](std::span<const std::uint8_t> bytes, const UdpSender& from) {
     try {
-      processData(bytes, from.text());
+      datagramArrived(bytes, from, port);
     } catch (const std::exception& e) {
       // A datagram that makes a decoder throw is lost; the socket keeps
       // listening.
       logLine(kComponent, std::string("readPackets: dropped a datagram: ") + e.what());
     }
   };
-  const auto opened = listener->open(port, buffer_, std::move(callbacks));
+  const auto opened = listener->open(port, buffer_, std::move(callbacks), bindAddress());
   if (opened.failure == UdpListener::Failure::create) {
     logLine(kComponent, "Failed to create socket for port " + std::to_string(port));
     return;
@@ -87,6 +122,28 @@ std::vector<std::uint16_t> TrackingReceiver::listeningPorts() {
   });
   std::sort(out.begin(), out.end());
   return out;
+}
+
+void TrackingReceiver::datagramArrived(std::span<const std::uint8_t> bytes, const UdpSender& from,
+                                       std::uint16_t port) {
+  if (!senderFilter_.admit(from.address)) return;
+  std::shared_ptr<const Taps> taps;
+  {
+    std::lock_guard lock(tapsMutex_);
+    taps = taps_;
+  }
+  if (!taps->empty()) {
+    DatagramEnvelope envelope;
+    envelope.sourceAddress = from.address;
+    envelope.sourcePort = from.port;
+    const std::uint32_t bound = bindAddress();
+    envelope.destinationAddress = bound ? bound : (from.address >> 24) == 127 ? 0x7F000001 : localAddress_;
+    envelope.destinationPort = port;
+    envelope.arrivalMicroseconds =
+        std::chrono::duration_cast<std::chrono::microseconds>(wallNow().time_since_epoch()).count();
+    for (const auto& tap : *taps) tap->datagramArrived(bytes, envelope);
+  }
+  processData(bytes, from.text());
 }
 
 void TrackingReceiver::processData(std::span<const std::uint8_t> data, const std::string& sender) {
@@ -129,6 +186,7 @@ TrackingReceiver::Statistics TrackingReceiver::statistics() const {
     }
   }
   copy.dropped = sink_ ? sink_->droppedCount() : 0;
+  copy.refused = senderFilter_.refusedCount();
   return copy;
 }
 

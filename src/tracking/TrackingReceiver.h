@@ -18,6 +18,8 @@
 #include <vector>
 
 #include "base/SerialQueue.h"
+#include "tracking/DatagramTap.h"
+#include "tracking/SenderFilter.h"
 #include "tracking/TrackingFormat.h"
 #include "tracking/TrackingSink.h"
 #include "tracking/UdpListener.h"
@@ -34,6 +36,7 @@ class TrackingReceiver {
     TrackingFormat lastFormat = TrackingFormat::none;
     std::uint64_t dropped = 0;         // frames the sink dropped under a flood
     std::uint64_t readinessEvents = 0;  // wake-ups; a burst costs one
+    std::uint64_t refused = 0;          // datagrams from senders not in the allow-list
   };
 
   static constexpr std::size_t receiveBufferSize = 65535;
@@ -53,6 +56,22 @@ class TrackingReceiver {
   // 11111, 49983, 39539 unless set; read when listening starts.
   std::vector<std::uint16_t> ports() const;
   void setPorts(std::vector<std::uint16_t> ports);
+  // The local address every port binds (IPv4, host byte order): 0, the
+  // default, is every interface. Read when listening starts.
+  std::uint32_t bindAddress() const;
+  void setBindAddress(std::uint32_t address);
+
+  // Who may send tracking: datagrams from others are dropped before
+  // anything else sees them, counted, and logged once per sender as
+  // "[TrackingReceiver] Refused tracking data from a.b.c.d (not in the
+  // allowed senders)". Everyone until an allow-list is set.
+  SenderFilter& senderFilter() { return senderFilter_; }
+
+  // Any thread. Taps see every admitted datagram, before it is decoded (the
+  // session recorder, the relay). Adding the same tap twice adds it once.
+  void addTap(std::shared_ptr<DatagramTap> tap);
+  // Any thread. After it returns the tap is called no more.
+  void removeTap(const DatagramTap* tap);
 
   SerialQueue& queue() { return queue_; }
 
@@ -78,11 +97,22 @@ class TrackingReceiver {
 
  private:
   void countPacket(const std::string& sender, TrackingFormat format);
+  // Receiver's queue: the door, the taps, then processData.
+  void datagramArrived(std::span<const std::uint8_t> bytes, const UdpSender& from, std::uint16_t port);
+  using Taps = std::vector<std::shared_ptr<DatagramTap>>;
 
   std::shared_ptr<TrackingSink> sink_;
 
   mutable std::mutex portsMutex_;
   std::vector<std::uint16_t> ports_{11111, 49983, 39539};
+  std::uint32_t bindAddress_ = 0;
+  // What a datagram from another machine was sent to, for the recorder's
+  // envelope when the sockets bind every interface: this machine's address.
+  std::uint32_t localAddress_ = 0;  // queue only, found when listening starts
+
+  SenderFilter senderFilter_{"TrackingReceiver", "tracking data"};
+  mutable std::mutex tapsMutex_;
+  std::shared_ptr<const Taps> taps_ = std::make_shared<const Taps>();  // replaced whole, under tapsMutex_
 
   // Queue-only state: one listener per open socket, by descriptor, and the
   // one buffer every drain reuses.

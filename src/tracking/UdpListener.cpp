@@ -36,7 +36,8 @@ UdpListener::UdpListener(asio::io_context& context, Options options) : context_(
 
 UdpListener::~UdpListener() { close(); }
 
-UdpListener::OpenResult UdpListener::open(std::uint16_t port, std::span<std::uint8_t> buffer, Callbacks callbacks) {
+UdpListener::OpenResult UdpListener::open(std::uint16_t port, std::span<std::uint8_t> buffer, Callbacks callbacks,
+                                          std::uint32_t bindAddress) {
   close();
   // The first socket of an io_context also creates its reactor (an epoll
   // and an eventfd), which throws rather than reporting when no descriptor
@@ -61,7 +62,7 @@ UdpListener::OpenResult UdpListener::open(std::uint16_t port, std::span<std::uin
   const int flags = ::fcntl(fd, F_GETFL, 0);
   ::fcntl(fd, F_SETFL, (flags < 0 ? 0 : flags) | O_NONBLOCK);
 
-  socket->socket.bind(asio::ip::udp::endpoint(asio::ip::address_v4::any(), port), ec);
+  socket->socket.bind(asio::ip::udp::endpoint(asio::ip::address_v4(bindAddress), port), ec);
   if (ec) {
     std::error_code ignored;
     socket->socket.close(ignored);

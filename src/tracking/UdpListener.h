@@ -66,10 +66,12 @@ class UdpListener {
   UdpListener& operator=(const UdpListener&) = delete;
 
   // Creates the socket, sets the options, makes it non-blocking, binds it to
-  // the wildcard address and `port`, and starts waiting for datagrams, which
-  // are received into `buffer` (owned by the caller, alive until close). On
+  // `bindAddress` (IPv4, host byte order; 0, the default, is every local
+  // address) and `port`, and starts waiting for datagrams, which are
+  // received into `buffer` (owned by the caller, alive until close). On
   // failure nothing stays open. A listener already open is closed first.
-  OpenResult open(std::uint16_t port, std::span<std::uint8_t> buffer, Callbacks callbacks);
+  OpenResult open(std::uint16_t port, std::span<std::uint8_t> buffer, Callbacks callbacks,
+                  std::uint32_t bindAddress = 0);
   // Closes the socket (ending the pending wait). Idempotent.
   void close();
 

@@ -40,5 +40,28 @@ TEST(CommandLine, MatchesAreExactAndCaseSensitive) {
   EXPECT_EQ(CommandLine::parse({"--snapshot=out"}).mode, Mode::interactive);
 }
 
+TEST(CommandLine, RecordIsLookedAtOnlyForAnInteractiveRun) {
+  auto r = CommandLine::parse({"--record", "show.pcap"});
+  EXPECT_EQ(r.mode, Mode::interactive);
+  EXPECT_EQ(r.recordFile, "show.pcap");
+  // The batch switches keep their rules and win; a batch run records nothing.
+  for (const auto& args : std::vector<std::vector<std::string>>{{"--record", "f", "--run-tests"},
+                                                                {"--snapshot", "out", "--record", "f"},
+                                                                {"--record", "--snapshot", "out"}}) {
+    auto batch = CommandLine::parse(args);
+    EXPECT_NE(batch.mode, Mode::interactive) << args[0];
+    EXPECT_TRUE(batch.recordFile.empty()) << args[0];
+  }
+  // "--snapshot" as the last argument is ignored as before: an interactive
+  // run, recording to the file named after "--record".
+  auto last = CommandLine::parse({"--record", "f.pcap", "--snapshot"});
+  EXPECT_EQ(last.mode, Mode::interactive);
+  EXPECT_EQ(last.recordFile, "f.pcap");
+  auto missing = CommandLine::parse({"--record"});
+  EXPECT_EQ(missing.mode, Mode::interactive);
+  EXPECT_TRUE(missing.recordFile.empty());
+  EXPECT_TRUE(missing.recordWithoutFile);
+}
+
 }  // namespace
 }  // namespace velmora
