@@ -129,6 +129,10 @@ int Application::runInteractive(const CommandLine& commandLine) {
   scene.setOutputs(&SyphonPublisher::shared(), &NDIPublisher::shared());
   // Each output's status line, printed when it changes (output sync writes
   // a text only when it differs, at most twice a second).
+  tracking.setLatencySplit([&scene] {
+    const auto latency = scene.outputLatency().summary(uptime());
+    return std::make_pair(latency.tickWaitP50, latency.renderP50);
+  });
   const int statusObserver = state.observe([&state](FaceTrackingState::Property property) {
     if (property == FaceTrackingState::Property::syphonStatus) logLine("Velmora", state.syphonStatus());
     if (property == FaceTrackingState::Property::ndiStatus) logLine("Velmora", state.ndiStatus());

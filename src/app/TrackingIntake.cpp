@@ -53,6 +53,17 @@ std::string TrackingIntake::statusLine() const {
   std::string line = std::string("tracking: ") + rate + " packets/s from " + state_.senderIP() + ", " +
                      std::to_string(state_.totalPacketsReceived()) + " received";
   if (stats.dropped > 0) line += ", " + std::to_string(stats.dropped) + " dropped under load";
+  if (state_.outputLatencyP99() > 0.0) {
+    char latency[128];
+    std::snprintf(latency, sizeof latency, ", output latency p50 %.1f ms, p99 %.1f ms", state_.outputLatencyP50(),
+                  state_.outputLatencyP99());
+    line += latency;
+    if (latencySplit_) {
+      const auto [wait, render] = latencySplit_();
+      std::snprintf(latency, sizeof latency, " (tick wait %.1f ms + render %.1f ms)", wait * 1e3, render * 1e3);
+      line += latency;
+    }
+  }
   return line;
 }
 

@@ -24,6 +24,7 @@ std::shared_ptr<RenderedFrame> RenderedFramePool::acquire(int width, int height)
   frame->height = height;
   frame->time = 0.0;
   frame->sequence = 0;
+  frame->newestArrival = 0.0;
   frame->pixels.resize(size);  // no work when the size is unchanged
   return frame;
 }

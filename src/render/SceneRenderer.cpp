@@ -659,6 +659,7 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
   auto result = s.frames.acquire(t.width, t.height);
   result->time = frame.time;
   result->sequence = frame.sequence;
+  result->newestArrival = frame.newestArrival;
   glBindFramebuffer(GL_READ_FRAMEBUFFER, t.outputFbo);
   glReadBuffer(GL_COLOR_ATTACHMENT0);
   glPixelStorei(GL_PACK_ALIGNMENT, 4);

@@ -46,6 +46,9 @@ struct FrameDescription {
   int sampleCount = 4;
   double time = 0.0;           // uptime when captured, seconds
   std::uint64_t sequence = 0;  // increases with every captured frame
+  // Arrival (uptime seconds) of the newest tracking datagram whose face this
+  // frame shows; 0 when none. Output latency is measured from it.
+  double newestArrival = 0.0;
 
   std::vector<FrameDrawItem> items;  // depth-first scene order
   LightRig lights;

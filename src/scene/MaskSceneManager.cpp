@@ -32,6 +32,7 @@ MaskSceneManager::MaskSceneManager(FaceTrackingState& state, CharacterAnimationC
       animation_(animation),
       clock_(clock ? std::move(clock) : std::function<double()>(uptime)),
       consumers_(std::make_shared<Consumers>()) {
+  consumers_->clock = clock_;
   scene_ = Node::make("Scene");
   cameraNode_ = Node::make("Camera");
   keyLightNode_ = Node::make("KeyLight");
@@ -91,6 +92,13 @@ void MaskSceneManager::setupOffscreenRenderer() {
     // Each output drops what it cannot take (stopped, no client, busy).
     for (VideoOutput* output : outputs)
       if (output) output->publish(frame);
+    if ((outputs[0] || outputs[1]) && frame->newestArrival > 0.0) {
+      std::lock_guard lock(consumers->mutex);
+      if (frame->newestArrival > consumers->lastMeasuredArrival) {
+        consumers->lastMeasuredArrival = frame->newestArrival;
+        consumers->latency.record(frame->newestArrival, frame->time, consumers->clock());
+      }
+    }
     for (auto& [token, consumer] : list) consumer(frame);
   });
 }
@@ -303,6 +311,11 @@ void MaskSceneManager::syncOutputs(FaceTrackingState& state) {
   if (syphon != state.syphonStatus()) state.setSyphonStatus(std::move(syphon));
   std::string ndi = ndiStatusText(state.isNDIActive(), ndi_);
   if (ndi != state.ndiStatus()) state.setNdiStatus(std::move(ndi));
+  // Latency in milliseconds to 0.1 ms, so noise below that wakes nobody.
+  const OutputLatency::Summary latency = consumers_->latency.summary(now);
+  const double p50 = std::round(latency.p50 * 1e4) / 10.0, p99 = std::round(latency.p99 * 1e4) / 10.0;
+  if (p50 != state.outputLatencyP50()) state.setOutputLatencyP50(p50);
+  if (p99 != state.outputLatencyP99()) state.setOutputLatencyP99(p99);
 }
 
 void MaskSceneManager::shutdownOutputs() {
@@ -337,6 +350,7 @@ std::shared_ptr<const FrameDescription> MaskSceneManager::makeFrameDescription(i
   frame->height = height;
   frame->time = clock_();
   frame->sequence = ++sequence_;
+  frame->newestArrival = state_.newestArrivalTime();
   frame->lights = rig_;
   frame->camera = camera_;
   frame->environment = environment_;

@@ -30,6 +30,7 @@
 #include "scene/FrameDescription.h"
 #include "scene/FrameRenderer.h"
 #include "scene/LightingRig.h"
+#include "scene/OutputLatency.h"
 #include "scene/RenderedFrame.h"
 #include "scene/VideoOutput.h"
 #include "stage/CharacterModelType.h"
@@ -121,6 +122,9 @@ class MaskSceneManager {
   static std::string syphonStatusText(bool active, const VideoOutput* output);
   static std::string ndiStatusText(bool active, const VideoOutput* output);
   std::optional<double> lastStatusCheck() const { return lastStatusCheck_; }
+  // Arrival-to-hand-off latency of the frames handed to the outputs; the
+  // status refresh publishes its last second as state.outputLatencyP50/P99.
+  const OutputLatency& outputLatency() const { return consumers_->latency; }
   // The frame as it stands now (any size; the outputs use 1920 x 1080).
   std::shared_ptr<const FrameDescription> makeFrameDescription(int width = outputWidth,
                                                                int height = outputHeight) const;
@@ -160,6 +164,10 @@ class MaskSceneManager {
     int nextToken = 1;
     VideoOutput* syphon = nullptr;
     VideoOutput* ndi = nullptr;
+    // Each datagram's arrival is measured once, with the first frame showing it.
+    double lastMeasuredArrival = 0.0;
+    std::function<double()> clock;
+    OutputLatency latency;
   };
 
   FaceTrackingState& state_;

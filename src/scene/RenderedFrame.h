@@ -18,6 +18,7 @@ struct RenderedFrame {
   std::vector<std::uint8_t> pixels;  // width * height * 4 bytes, B G R A
   double time = 0.0;                 // the frame description's capture time
   std::uint64_t sequence = 0;
+  double newestArrival = 0.0;        // the frame description's newestArrival
 
   int bytesPerRow() const { return width * 4; }
   const std::uint8_t* pixel(int x, int y) const { return pixels.data() + (static_cast<std::size_t>(y) * width + x) * 4; }

@@ -21,6 +21,7 @@
 // range operations write "blendshapeRanges". Everything else starts from its
 // default on every launch.
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -45,7 +46,10 @@ class SettingsStore;
 // The published properties, in declaration order: X(name, setter, type,
 // initial value). The property enum, the fields, the getters and the setters
 // all come from this one table; FaceTrackingState::afterWrite holds every
-// setter's side effect.
+// setter's side effect. outputLatencyP50 / outputLatencyP99: milliseconds
+// from a tracking datagram's arrival to the first rendered frame holding it
+// being handed to the outputs, median and 99th percentile over the last
+// second (0 while nothing was measured).
 #define VELMORA_FACE_TRACKING_PROPERTIES(X)                                                  \
   X(blendshapes, setBlendshapes, BlendshapeMap, {})                                          \
   X(headRotation, setHeadRotation, float3, float3(0.0f))                                     \
@@ -87,7 +91,9 @@ class SettingsStore;
   X(lastQLabCommand, setLastQLabCommand, std::string, "None")                                \
   X(oscPort, setOscPort, int, TrackingSettings::defaultOSCPort)                              \
   X(isOSCEnabled, setIsOSCEnabled, bool, true)                                               \
-  X(oscStatus, setOscStatus, std::string, "OSC cues: starting…")
+  X(oscStatus, setOscStatus, std::string, "OSC cues: starting…")                              \
+  X(outputLatencyP50, setOutputLatencyP50, double, 0.0)                                      \
+  X(outputLatencyP99, setOutputLatencyP99, double, 0.0)
 
 class FaceTrackingState {
  public:
@@ -120,6 +126,13 @@ class FaceTrackingState {
   // sender is "a.b.c.d:port". Non-finite blendshape values are skipped.
   void ingestPacket(const std::optional<BlendshapeMap>& blendshapes, const std::optional<float3>& rotation,
                     const std::optional<float3>& position, const std::string& sender);
+
+  // The arrival time (uptime seconds) of the frame just ingested; the
+  // newest one is kept for the frame descriptions, which measure output
+  // latency from it. Not a published property: it changes every packet.
+  void noteArrival(double arrivalTime) { newestArrivalTime_ = std::max(newestArrivalTime_, arrivalTime); }
+  // 0 before the first timed frame.
+  double newestArrivalTime() const { return newestArrivalTime_; }
 
   // ---- calibration -----------------------------------------------------
 
@@ -201,6 +214,7 @@ class FaceTrackingState {
 #define VELMORA_PROPERTY_FIELD(name, setter, Type, initial) Type name##_ = initial;
   VELMORA_FACE_TRACKING_PROPERTIES(VELMORA_PROPERTY_FIELD)
 #undef VELMORA_PROPERTY_FIELD
+  double newestArrivalTime_ = 0.0;
 
   std::uint64_t packetCountSinceLastSecond_ = 0;
   double lastFPSCheckTime_ = 0.0;

@@ -25,6 +25,7 @@ void MainThreadTrackingSink::deliver(DecodedFrame frame) {
     FaceTrackingState& s = target(state);
     FaceFrame f = std::move(frame).completed(s.rawRotation(), s.rawPosition());
     s.ingestPacket(f.blendshapes, f.rotation, f.position, f.sender);
+    s.noteArrival(f.arrivalTime);
   });
 }
 

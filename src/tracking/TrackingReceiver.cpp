@@ -147,9 +147,11 @@ void TrackingReceiver::datagramArrived(std::span<const std::uint8_t> bytes, cons
 }
 
 void TrackingReceiver::processData(std::span<const std::uint8_t> data, const std::string& sender) {
+  const double arrived = uptime();  // before decoding: the decoder's time is part of the latency
   DecodedDatagram decoded = decodeDatagram(data, sender);
   countPacket(sender, decoded.format);
   if (decoded.frame) {
+    decoded.frame->frame.arrivalTime = arrived;
     sink_->deliver(std::move(*decoded.frame));
   } else {
     // Unknown: counted and shown, nothing else changes.

@@ -61,6 +61,18 @@ TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
   EXPECT_EQ(lines.size(), 2u);
   intake.tick(16.6);
   EXPECT_EQ(lines.size(), 3u);
+
+  // Frames reaching the outputs: the line goes on with their latency, and
+  // with its split once the application says where that comes from.
+  state.setOutputLatencyP50(12.5);
+  state.setOutputLatencyP99(20.1);
+  EXPECT_EQ(intake.statusLine(),
+            "tracking: 0.0 packets/s from 10.1.2.3:7 (Unknown format), 6 received, "
+            "output latency p50 12.5 ms, p99 20.1 ms");
+  intake.setLatencySplit([] { return std::make_pair(0.008, 0.0045); });
+  EXPECT_EQ(intake.statusLine(),
+            "tracking: 0.0 packets/s from 10.1.2.3:7 (Unknown format), 6 received, "
+            "output latency p50 12.5 ms, p99 20.1 ms (tick wait 8.0 ms + render 4.5 ms)");
   setLogSink(nullptr);
 }
 

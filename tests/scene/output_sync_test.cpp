@@ -44,12 +44,17 @@ class ScriptedOutput : public VideoOutput {
 class ImmediateRenderer : public FrameRenderer {
  public:
   int submitted = 0;
+  double* clock = nullptr;       // advanced by renderSeconds per frame, when set
+  double renderSeconds = 0.0;
   void setFrameHandler(FrameHandler h) override { handler = std::move(h); }
   void submit(std::shared_ptr<const FrameDescription> d) override {
     ++submitted;
     auto frame = std::make_shared<RenderedFrame>();
     frame->width = d->width;
     frame->height = d->height;
+    frame->time = d->time;
+    frame->newestArrival = d->newestArrival;
+    if (clock) *clock += renderSeconds;
     if (handler) handler(frame);
   }
   Result renderNow(std::shared_ptr<const FrameDescription>) override { return {nullptr, "not here"}; }
@@ -201,6 +206,28 @@ TEST_F(OutputSyncTest, RendersOnlyForAnOutputThatCanTakeTheFrame) {
   scene.renderOffscreenFrame();
   EXPECT_EQ(state.syphonStatus(), "Syphon: unavailable");
   EXPECT_EQ(renderer->submitted, 2);
+}
+
+// Each datagram is measured once, from its arrival to the hand-off of the
+// first frame that shows it; the state gets the last second's p50 and p99.
+TEST_F(OutputSyncTest, LatencyFromArrivalToHandOffIsPublished) {
+  renderer->clock = &now;
+  renderer->renderSeconds = 0.004;
+  state.setIsSyphonActive(true);
+  for (int i = 0; i < 60; ++i) {
+    state.noteArrival(now - 0.010);  // a datagram 10 ms before this tick
+    scene.tick();                    // captured now, handed off 4 ms later
+    scene.tick();                    // no new datagram: not measured again
+    now += 1.0 / 60;
+  }
+  const auto summary = scene.outputLatency().summary(now, 10.0);  // all of them
+  EXPECT_EQ(summary.count, 60u);
+  EXPECT_NEAR(summary.p50, 0.014, 1e-6);
+  EXPECT_NEAR(summary.tickWaitP50, 0.010, 1e-6);
+  EXPECT_NEAR(summary.renderP50, 0.004, 1e-6);
+  EXPECT_DOUBLE_EQ(state.outputLatencyP50(), 14.0);  // milliseconds
+  EXPECT_DOUBLE_EQ(state.outputLatencyP99(), 14.0);
+  EXPECT_EQ(syphon.published, 120);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "osc/OSCParser.h"
 #include "support/OscBytes.h"
 #include "support/TempDir.h"
+#include "base/Clock.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/LiveLinkNames.h"
 #include "tracking/MainThreadTrackingSink.h"
@@ -301,6 +302,18 @@ class DetectionTest : public ::testing::Test {
     return receiver.statistics().lastFormat;
   }
 };
+
+// Every decoded frame carries the moment its datagram was read, on the
+// uptime clock the outputs measure latency with.
+TEST_F(DetectionTest, DecodedFramesCarryTheirArrivalTime) {
+  const double before = uptime();
+  receiver.processData(bytesOf("jawOpen-50|"), kSender);
+  const double after = uptime();
+  const auto frames = sink->frames();
+  ASSERT_EQ(frames.size(), 1u);
+  EXPECT_GE(frames[0].frame.arrivalTime, before);
+  EXPECT_LE(frames[0].frame.arrivalTime, after);
+}
 
 TEST_F(DetectionTest, FirstMatchWins) {
   // A valid OSC message.
