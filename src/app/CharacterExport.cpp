@@ -15,6 +15,13 @@ namespace fs = std::filesystem;
 
 std::string CharacterExport::fileName(CharacterModelType model) { return std::string(rawValue(model)) + ".glb"; }
 
+std::string CharacterExport::describe(const Outcome& o) {
+  if (o.written)
+    return "Wrote " + o.file.string() + " (" + std::to_string(o.bytes) + " bytes, " + std::to_string(o.morphTargets) +
+           " morph targets)";
+  return "Could not write " + o.file.string() + ": " + o.error;
+}
+
 std::vector<CharacterExport::Outcome> CharacterExport::run(const std::string& folder) {
   std::error_code ec;
   fs::path dir = fs::absolute(folder, ec);
@@ -46,12 +53,7 @@ std::vector<CharacterExport::Outcome> CharacterExport::run(const std::string& fo
     } else {
       o.error = folderError;
     }
-    if (o.written) {
-      logLine("export", "Wrote " + o.file.string() + " (" + std::to_string(o.bytes) + " bytes, " +
-                            std::to_string(o.morphTargets) + " morph targets)");
-    } else {
-      logLine("export", "Could not write " + o.file.string() + ": " + o.error);
-    }
+    logLine("export", describe(o));
     outcomes.push_back(std::move(o));
   }
   return outcomes;

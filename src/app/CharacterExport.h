@@ -41,6 +41,10 @@ class CharacterExport {
 
   // "<raw value>.glb".
   static std::string fileName(CharacterModelType model);
+  // The outcome's line, as logged (without the "[export] " prefix):
+  // "Wrote <file> (<bytes> bytes, <n> morph targets)" or
+  // "Could not write <file>: <reason>".
+  static std::string describe(const Outcome& outcome);
 };
 
 }  // namespace velmora
