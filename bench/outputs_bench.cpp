@@ -134,5 +134,19 @@ void BM_MainThreadTickWithOutputsOn(benchmark::State& st) {
 }
 BENCHMARK(BM_MainThreadTickWithOutputsOn)->Unit(benchmark::kMicrosecond);
 
+// One attempt to create the source while no daemon runs, as the output sync
+// makes it on the main thread every two seconds while the output stays on
+// (between attempts start() returns at once).
+void BM_PipeWireStartWithoutDaemon(benchmark::State& st) {
+  test::PrivatePipeWire session;  // never started: an empty runtime folder
+  double now = 0.0;
+  SyphonPublisher publisher({"/usr/lib/x86_64-linux-gnu"}, [&] { return now; });
+  for (auto _ : st) {
+    now += SyphonPublisher::retryInterval + 0.1;
+    if (publisher.start()) st.SkipWithError("a daemon answered");
+  }
+}
+BENCHMARK(BM_PipeWireStartWithoutDaemon)->Unit(benchmark::kMicrosecond);
+
 }  // namespace
 }  // namespace velmora

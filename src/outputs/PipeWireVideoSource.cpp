@@ -4,8 +4,13 @@
 #include <spa/param/video/format-utils.h>
 #include <spa/pod/builder.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
@@ -159,9 +164,32 @@ void onWake(void* data, std::uint64_t) {
 
 PipeWireVideoSource::PipeWireVideoSource(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
+bool PipeWireVideoSource::daemonSocketAnswers() {
+  const char* remote = std::getenv("PIPEWIRE_REMOTE");
+  std::string path = remote && *remote ? remote : "pipewire-0";
+  if (path[0] != '/') {
+    const char* dir = std::getenv("PIPEWIRE_RUNTIME_DIR");
+    if (!dir || !*dir) dir = std::getenv("XDG_RUNTIME_DIR");
+    if (!dir || !*dir) return true;
+    path = std::string(dir) + "/" + path;
+  }
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return true;
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return true;
+  // A daemon that died leaves its socket file behind: only a connect tells.
+  const bool answers = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  ::close(fd);
+  return answers;
+}
+
 CreateResult<PipeWireVideoSource> PipeWireVideoSource::create(std::shared_ptr<const PipeWireApi> api,
                                                               Settings settings) {
   if (!api) return CreateResult<PipeWireVideoSource>::failure("PipeWireVideoSource::create(): no PipeWire library");
+  if (!daemonSocketAnswers())
+    return CreateResult<PipeWireVideoSource>::failure("PipeWireVideoSource::create(): no PipeWire daemon answers");
   auto impl = std::make_unique<Impl>();
   impl->api = api;
   impl->settings = std::move(settings);

@@ -183,6 +183,9 @@ TEST(SyphonPublisherPipeWire, DaemonKilledAndRestarted) {
   ASSERT_TRUE(session.waitForNode("Velmora", 5.0));
 
   session.kill();
+  // A killed daemon leaves its socket file behind; nothing answers on it.
+  EXPECT_TRUE(std::filesystem::exists(session.dir() / "pipewire-0"));
+  EXPECT_FALSE(PipeWireVideoSource::daemonSocketAnswers());
   EXPECT_TRUE(waitFor([&] { return !publisher.isRunning(); }, 5.0));
   EXPECT_FALSE(publisher.hasClients());
   publisher.publish(quadrantFrame(1));  // dropped, harmlessly
@@ -191,6 +194,7 @@ TEST(SyphonPublisherPipeWire, DaemonKilledAndRestarted) {
   EXPECT_TRUE(log.hasPrefix("[Syphon] Server lost its PipeWire connection ("));
 
   ASSERT_TRUE(session.start());
+  EXPECT_TRUE(PipeWireVideoSource::daemonSocketAnswers());
   now += 2.5;
   EXPECT_TRUE(publisher.start());
   EXPECT_TRUE(session.waitForNode("Velmora", 5.0));
