@@ -9,6 +9,8 @@
 #include <string>
 #include <utility>
 #include <nlohmann/json.hpp>
+#include <simdjson.h>
+#include <vector>
 
 #include "base/Utf8.h"
 #include "osc/OSCParser.h"
@@ -45,29 +47,6 @@ void forEachPiece(std::string_view text, char separator, F&& f) {
     f(text.substr(start, end - start));
     start = end + 1;
   }
-}
-
-// A JSON value as a number, the way Foundation-style decoders see it:
-// integers, reals and booleans (as 1/0) convert; everything else does not.
-std::optional<double> jsonNumber(const nlohmann::json& v) {
-  if (v.is_number()) return v.get<double>();
-  if (v.is_boolean()) return v.get<bool>() ? 1.0 : 0.0;
-  return std::nullopt;
-}
-
-// "an array of at least three numbers": every element must be a number.
-std::optional<float3> jsonVector(const nlohmann::json& object, const char* key) {
-  auto it = object.find(key);
-  if (it == object.end() || !it->is_array() || it->size() < 3) return std::nullopt;
-  float3 v(0.0f);
-  std::size_t i = 0;
-  for (const auto& element : *it) {
-    auto n = jsonNumber(element);
-    if (!n) return std::nullopt;
-    if (i < 3) v[static_cast<int>(i)] = static_cast<float>(*n);
-    ++i;
-  }
-  return v;
 }
 
 }  // namespace
@@ -269,6 +248,62 @@ std::optional<DecodedFrame> decodeOSCPacket(std::span<const std::uint8_t> data, 
   return std::move(builder).finish(std::move(sender));
 }
 
+namespace {
+
+// A JSON value as a number, the way Foundation-style decoders see it:
+// integers, reals and booleans (as 1/0) convert; everything else does not.
+std::optional<double> jsonNumber(const nlohmann::json& v) {
+  if (v.is_number()) return v.get<double>();
+  if (v.is_boolean()) return v.get<bool>() ? 1.0 : 0.0;
+  return std::nullopt;
+}
+
+std::optional<double> jsonNumber(simdjson::dom::element v) {
+  switch (v.type()) {
+    case simdjson::dom::element_type::INT64: return static_cast<double>(v.get_int64().value_unsafe());
+    case simdjson::dom::element_type::UINT64: return static_cast<double>(v.get_uint64().value_unsafe());
+    case simdjson::dom::element_type::DOUBLE: return v.get_double().value_unsafe();
+    case simdjson::dom::element_type::BOOL: return v.get_bool().value_unsafe() ? 1.0 : 0.0;
+    default: return std::nullopt;
+  }
+}
+
+// "an array of at least three numbers": every element must be a number.
+template <class Array>
+std::optional<float3> jsonVector(const Array& array, std::size_t size) {
+  if (size < 3) return std::nullopt;
+  float3 v(0.0f);
+  std::size_t i = 0;
+  for (const auto& element : array) {
+    auto n = jsonNumber(element);
+    if (!n) return std::nullopt;
+    if (i < 3) v[static_cast<int>(i)] = static_cast<float>(*n);
+    ++i;
+  }
+  return v;
+}
+
+std::optional<float3> jsonVector(const nlohmann::json& object, const char* key) {
+  auto it = object.find(key);
+  if (it == object.end() || !it->is_array()) return std::nullopt;
+  return jsonVector(*it, it->size());
+}
+
+std::optional<float3> jsonVector(simdjson::dom::element value) {
+  simdjson::dom::array array;
+  if (value.get_array().get(array)) return std::nullopt;
+  return jsonVector(array, array.size());
+}
+
+// One thread's simdjson parser and its padded input buffer, reused for every
+// datagram: after the first few datagrams nothing here allocates.
+struct JSONParser {
+  simdjson::dom::parser parser;
+  std::vector<char> padded;
+};
+
+}  // namespace
+
 DecodedFrame decodeJSON(const nlohmann::json& object, std::string sender) {
   DecodedFrame decoded;
   if (object.is_object()) {
@@ -290,385 +325,76 @@ DecodedFrame decodeJSON(const nlohmann::json& object, std::string sender) {
 
 namespace {
 
-// Builds the same frame as decodeJSON(json::parse(text)) while the text is
-// parsed, without building the document: duplicate keys resolve as the
-// document would (the last one wins), and a top level that is not an
-// object aborts the parse.
-class JSONFrameHandler final : public nlohmann::json_sax<nlohmann::json> {
- public:
-  bool null() override { return scalar(std::nullopt); }
-  bool boolean(bool v) override { return scalar(v ? 1.0 : 0.0); }
-  bool number_integer(number_integer_t v) override { return scalar(static_cast<double>(v)); }
-  bool number_unsigned(number_unsigned_t v) override { return scalar(static_cast<double>(v)); }
-  bool number_float(number_float_t v, const string_t&) override { return scalar(v); }
-  bool string(string_t&) override { return scalar(std::nullopt); }
-  bool binary(binary_t&) override { return scalar(std::nullopt); }
-
-  bool start_object(std::size_t) override {
-    if (depth_ == 0) {
-      depth_ = 1;
-      return true;
-    }
-    if (depth_ == 1 && section_ == Section::blendshapes) {
-      map_.emplace();
-      map_->reserve(64);
-    } else {
-      nonNumeric();
-    }
-    ++depth_;
-    return true;
+// Parses `text` into `root` with the thread's parser. Texts simdjson refuses
+// but JSON allows (integers beyond 64 bits, which read as reals; nesting
+// deeper than 1024 levels) go through nlohmann's parser instead, which sets
+// what is accepted; `fallback` then holds the document.
+simdjson::error_code parseJSON(std::string_view text, simdjson::dom::element& root,
+                               std::optional<nlohmann::json>& fallback) {
+  thread_local JSONParser json;
+  if (json.padded.size() < text.size() + simdjson::SIMDJSON_PADDING) {
+    json.padded.resize(text.size() + simdjson::SIMDJSON_PADDING);
   }
-  bool key(string_t& k) override {
-    if (depth_ == 1) {
-      section_ = k == "blendshapes" ? Section::blendshapes
-                 : k == "rotation"  ? Section::rotation
-                 : k == "position"  ? Section::position
-                                    : Section::other;
-    } else if (depth_ == 2 && section_ == Section::blendshapes) {
-      shapeName_ = std::move(k);
-    }
-    return true;
+  std::memcpy(json.padded.data(), text.data(), text.size());
+  const auto error = json.parser.parse(json.padded.data(), text.size(), false).get(root);
+  if (error == simdjson::NUMBER_ERROR || error == simdjson::DEPTH_ERROR) {
+    fallback = nlohmann::json::parse(text.begin(), text.end(), nullptr, false);
   }
-  bool end_object() override {
-    --depth_;
-    return true;
-  }
-  bool start_array(std::size_t) override {
-    if (depth_ == 0) return false;  // top level is not an object
-    if (depth_ == 1 && (section_ == Section::rotation || section_ == Section::position)) {
-      count_ = 0;
-      vectorValid_ = true;
-    } else {
-      nonNumeric();
-    }
-    ++depth_;
-    return true;
-  }
-  bool end_array() override {
-    --depth_;
-    if (depth_ == 1 && (section_ == Section::rotation || section_ == Section::position)) {
-      std::optional<float3> v;
-      if (vectorValid_ && count_ >= 3) v = vector_;
-      (section_ == Section::rotation ? rotation_ : position_) = v;
-    }
-    return true;
-  }
-  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override { return false; }
-
-  std::optional<BlendshapeMap> map_;
-  std::optional<float3> rotation_, position_;
-
- private:
-  enum class Section { other, blendshapes, rotation, position };
-
-  // A scalar value (number or boolean as a number; null, text, binary as none).
-  bool scalar(std::optional<double> number) {
-    if (depth_ == 0) return false;  // top level is not an object
-    if (!number) {
-      nonNumeric();
-      return true;
-    }
-    if (depth_ == 1) {
-      // A top-level part of the wrong kind replaces an earlier good one.
-      if (section_ == Section::blendshapes) map_.reset();
-      if (section_ == Section::rotation) rotation_.reset();
-      if (section_ == Section::position) position_.reset();
-    } else if (depth_ == 2 && section_ == Section::blendshapes && map_) {
-      map_->insert_or_assign(shapeName_, static_cast<float>(*number));
-    } else if (depth_ == 2 && (section_ == Section::rotation || section_ == Section::position)) {
-      if (count_ < 3) vector_[static_cast<int>(count_)] = static_cast<float>(*number);
-      ++count_;
-    }
-    return true;
-  }
-  // A value that is not a number where the part needs one.
-  void nonNumeric() {
-    if (depth_ == 1) {
-      if (section_ == Section::blendshapes) map_.reset();
-      if (section_ == Section::rotation) rotation_.reset();
-      if (section_ == Section::position) position_.reset();
-    } else if (depth_ == 2 && section_ == Section::blendshapes && map_) {
-      map_->erase(shapeName_);
-    } else if (depth_ == 2 && (section_ == Section::rotation || section_ == Section::position)) {
-      vectorValid_ = false;
-    }
-  }
-
-  int depth_ = 0;
-  Section section_ = Section::other;
-  std::string shapeName_;
-  float3 vector_{0.0f};
-  std::size_t count_ = 0;
-  bool vectorValid_ = false;
-};
-
-}  // namespace
-
-namespace {
-
-// A strict JSON scanner (RFC 8259, as nlohmann's parser accepts it: UTF-8
-// byte-order mark skipped, UTF-8 and escapes checked inside strings, number
-// overflow rejected, nothing but whitespace after the value until the end or
-// a zero byte) that feeds the
-// SAX events to the frame handler. The generic parser reads one character
-// at a time through an input adapter; this reads runs, so a 52-entry
-// datagram decodes within the per-datagram budget. The tracking fuzzer
-// checks that both accept the same texts and yield the same frames.
-class JSONScanner {
- public:
-  JSONScanner(const char* begin, const char* end, JSONFrameHandler& handler)
-      : p_(begin), end_(end), handler_(handler) {}
-
-  bool run() {
-    if (end_ - p_ >= 1 && static_cast<unsigned char>(*p_) == 0xEF) {
-      if (end_ - p_ < 3 || static_cast<unsigned char>(p_[1]) != 0xBB || static_cast<unsigned char>(p_[2]) != 0xBF)
-        return false;
-      p_ += 3;
-    }
-    enum class Next { value, key, afterValue };
-    Next next = Next::value;
-    while (true) {
-      skipSpace();
-      if (next == Next::key) {
-        if (p_ == end_ || *p_ != '"' || !scanString()) return false;
-        if (!handler_.key(text_)) return false;
-        skipSpace();
-        if (p_ == end_ || *p_ != ':') return false;
-        ++p_;
-        next = Next::value;
-        continue;
-      }
-      if (next == Next::value) {
-        if (p_ == end_) return false;
-        const char c = *p_;
-        if (c == '{') {
-          ++p_;
-          if (!handler_.start_object(std::size_t(-1))) return false;
-          stack_.push_back('{');
-          skipSpace();
-          if (p_ != end_ && *p_ == '}') {
-            ++p_;
-            stack_.pop_back();
-            if (!handler_.end_object()) return false;
-            next = Next::afterValue;
-          } else {
-            next = Next::key;
-          }
-          continue;
-        }
-        if (c == '[') {
-          ++p_;
-          if (!handler_.start_array(std::size_t(-1))) return false;
-          stack_.push_back('[');
-          skipSpace();
-          if (p_ != end_ && *p_ == ']') {
-            ++p_;
-            stack_.pop_back();
-            if (!handler_.end_array()) return false;
-            next = Next::afterValue;
-          }
-          continue;
-        }
-        bool ok = false;
-        if (c == '"') {
-          ok = scanString() && handler_.string(text_);
-        } else if (c == 't') {
-          ok = literal("true") && handler_.boolean(true);
-        } else if (c == 'f') {
-          ok = literal("false") && handler_.boolean(false);
-        } else if (c == 'n') {
-          ok = literal("null") && handler_.null();
-        } else if (c == '-' || (c >= '0' && c <= '9')) {
-          ok = scanNumber();
-        }
-        if (!ok) return false;
-        next = Next::afterValue;
-        continue;
-      }
-      // After a value: the end, a separator or a closing bracket.
-      // A zero byte counts as the end of the input (senders that send C
-      // strings with their terminator), as in the generic parser.
-      if (stack_.empty()) return p_ == end_ || *p_ == '\0';
-      if (p_ == end_) return false;
-      const char c = *p_++;
-      if (c == ',') {
-        next = stack_.back() == '{' ? Next::key : Next::value;
-      } else if (c == '}' && stack_.back() == '{') {
-        stack_.pop_back();
-        if (!handler_.end_object()) return false;
-      } else if (c == ']' && stack_.back() == '[') {
-        stack_.pop_back();
-        if (!handler_.end_array()) return false;
-      } else {
-        return false;
-      }
-    }
-  }
-
- private:
-  void skipSpace() {
-    while (p_ != end_ && (*p_ == ' ' || *p_ == '\t' || *p_ == '\n' || *p_ == '\r')) ++p_;
-  }
-
-  bool literal(std::string_view word) {
-    if (static_cast<std::size_t>(end_ - p_) < word.size() || std::string_view(p_, word.size()) != word) return false;
-    p_ += word.size();
-    return true;
-  }
-
-  static int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-  }
-
-  bool readHex4(std::uint32_t& out) {
-    if (end_ - p_ < 4) return false;
-    out = 0;
-    for (int i = 0; i < 4; ++i) {
-      const int h = hexValue(p_[i]);
-      if (h < 0) return false;
-      out = (out << 4) | static_cast<std::uint32_t>(h);
-    }
-    p_ += 4;
-    return true;
-  }
-
-  void appendUTF8(std::uint32_t cp) {
-    if (cp < 0x80) {
-      text_ += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-      text_ += static_cast<char>(0xC0 | (cp >> 6));
-      text_ += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-      text_ += static_cast<char>(0xE0 | (cp >> 12));
-      text_ += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-      text_ += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-      text_ += static_cast<char>(0xF0 | (cp >> 18));
-      text_ += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-      text_ += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-      text_ += static_cast<char>(0x80 | (cp & 0x3F));
-    }
-  }
-
-  // At the opening quote; leaves the decoded text in text_.
-  bool scanString() {
-    ++p_;
-    text_.clear();
-    while (true) {
-      const char* run = p_;
-      while (p_ != end_) {
-        const auto u = static_cast<unsigned char>(*p_);
-        if (u == '"' || u == '\\' || u < 0x20 || u >= 0x80) break;
-        ++p_;
-      }
-      text_.append(run, static_cast<std::size_t>(p_ - run));
-      if (p_ == end_) return false;
-      const auto u = static_cast<unsigned char>(*p_);
-      if (u == '"') {
-        ++p_;
-        return true;
-      }
-      if (u < 0x20) return false;  // control characters must be escaped
-      if (u >= 0x80) {
-        std::size_t len = u >= 0xF0 ? 4 : u >= 0xE0 ? 3 : 2;
-        if (static_cast<std::size_t>(end_ - p_) < len) len = static_cast<std::size_t>(end_ - p_);
-        if (!isValidUTF8({reinterpret_cast<const std::uint8_t*>(p_), len}) || u < 0xC2) return false;
-        text_.append(p_, len);
-        p_ += len;
-        continue;
-      }
-      // An escape.
-      ++p_;
-      if (p_ == end_) return false;
-      const char e = *p_++;
-      switch (e) {
-        case '"': text_ += '"'; break;
-        case '\\': text_ += '\\'; break;
-        case '/': text_ += '/'; break;
-        case 'b': text_ += '\b'; break;
-        case 'f': text_ += '\f'; break;
-        case 'n': text_ += '\n'; break;
-        case 'r': text_ += '\r'; break;
-        case 't': text_ += '\t'; break;
-        case 'u': {
-          std::uint32_t cp = 0;
-          if (!readHex4(cp)) return false;
-          if (cp >= 0xDC00 && cp <= 0xDFFF) return false;  // a low surrogate alone
-          if (cp >= 0xD800 && cp <= 0xDBFF) {
-            std::uint32_t low = 0;
-            if (end_ - p_ < 2 || p_[0] != '\\' || p_[1] != 'u') return false;
-            p_ += 2;
-            if (!readHex4(low) || low < 0xDC00 || low > 0xDFFF) return false;
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
-          }
-          appendUTF8(cp);
-          break;
-        }
-        default:
-          return false;
-      }
-    }
-  }
-
-  bool scanNumber() {
-    const char* start = p_;
-    if (*p_ == '-') ++p_;
-    if (p_ == end_) return false;
-    if (*p_ == '0') {
-      ++p_;
-    } else if (*p_ >= '1' && *p_ <= '9') {
-      while (p_ != end_ && *p_ >= '0' && *p_ <= '9') ++p_;
-    } else {
-      return false;
-    }
-    bool integer = true;
-    if (p_ != end_ && *p_ == '.') {
-      integer = false;
-      ++p_;
-      if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
-      while (p_ != end_ && *p_ >= '0' && *p_ <= '9') ++p_;
-    }
-    if (p_ != end_ && (*p_ == 'e' || *p_ == 'E')) {
-      integer = false;
-      ++p_;
-      if (p_ != end_ && (*p_ == '+' || *p_ == '-')) ++p_;
-      if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
-      while (p_ != end_ && *p_ >= '0' && *p_ <= '9') ++p_;
-    }
-    double value = 0.0;
-    auto r = std::from_chars(start, p_, value);
-    if (r.ec == std::errc::result_out_of_range) {
-      // Overflow is an error (as in the generic parser); underflow rounds to zero.
-      value = std::strtod(std::string(start, p_).c_str(), nullptr);
-    } else if (r.ec != std::errc() || r.ptr != p_) {
-      return false;
-    }
-    if (!std::isfinite(value)) return false;
-    // An integer token is an integer: "-0" is 0, not -0.0.
-    if (integer && value == 0.0) value = 0.0;
-    return handler_.number_float(value, text_);
-  }
-
-  const char* p_;
-  const char* end_;
-  JSONFrameHandler& handler_;
-  std::string text_;
-  std::vector<char> stack_;
-};
+  return error;
+}
 
 }  // namespace
 
 std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, std::string sender) {
-  JSONFrameHandler handler;
-  const char* text = reinterpret_cast<const char*>(data.data());
-  if (!JSONScanner(text, text + data.size(), handler).run()) return std::nullopt;
+  std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
+  // A UTF-8 byte-order mark is skipped.
+  if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
+  simdjson::dom::element root;
+  std::optional<nlohmann::json> fallback;
+  auto error = parseJSON(text, root, fallback);
+  if (error && !fallback) {
+    // A zero byte ends the text (senders that send C strings with their
+    // terminator). Anywhere but after the value it leaves the text
+    // incomplete, so only a failed parse needs the search.
+    const auto nul = text.find('\0');
+    if (nul == std::string_view::npos) return std::nullopt;
+    error = parseJSON(text.substr(0, nul), root, fallback);
+  }
+  if (fallback) {
+    if (!fallback->is_object()) return std::nullopt;
+    return decodeJSON(*fallback, std::move(sender));
+  }
+  simdjson::dom::object object;
+  if (error || root.get_object().get(object)) return std::nullopt;
+
+  // Fields in document order; a repeated key replaces what the earlier one
+  // gave, as in a document where the last one wins.
   DecodedFrame decoded;
-  decoded.frame.blendshapes = std::move(handler.map_);
-  if (handler.rotation_ && allFinite(*handler.rotation_)) decoded.frame.rotation = handler.rotation_;
-  decoded.frame.position = handler.position_;
+  std::optional<float3> rotation;
+  for (const auto field : object) {
+    if (field.key == "blendshapes") {
+      simdjson::dom::object shapes;
+      if (field.value.get_object().get(shapes)) {
+        decoded.frame.blendshapes.reset();
+        continue;
+      }
+      BlendshapeMap map;
+      map.reserve(64);  // a phone sends 52; no rehash on the way
+      for (const auto shape : shapes) {
+        if (auto n = jsonNumber(shape.value)) {
+          map.insert_or_assign(std::string(shape.key), static_cast<float>(*n));
+        } else {
+          map.erase(std::string(shape.key));
+        }
+      }
+      decoded.frame.blendshapes = std::move(map);
+    } else if (field.key == "rotation") {
+      rotation = jsonVector(field.value);
+    } else if (field.key == "position") {
+      decoded.frame.position = jsonVector(field.value);
+    }
+  }
+  if (rotation && allFinite(*rotation)) decoded.frame.rotation = rotation;
   decoded.frame.sender = std::move(sender);
   return decoded;
 }

@@ -66,9 +66,11 @@ std::optional<DecodedFrame> decodeOSCPacket(std::span<const std::uint8_t> data, 
 // "position": [x, y, z]}; absent or malformed parts are left out.
 DecodedFrame decodeJSON(const nlohmann::json& object, std::string sender);
 
-// A JSON datagram decoded as json::parse followed by decodeJSON would,
-// without building the document. None when the text is not JSON or its top
-// level is not an object.
+// A JSON datagram, parsed with simdjson, giving the frame that
+// json::parse followed by decodeJSON gives (repeated keys: the last wins).
+// Accepts what a strict JSON parser accepts: a UTF-8 byte-order mark is
+// skipped, and a zero byte ends the text (senders that send C strings).
+// None when the text is not JSON or its top level is not an object.
 std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, std::string sender);
 
 // A whole string as a decimal number the way the text senders write them:

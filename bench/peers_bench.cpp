@@ -1,0 +1,352 @@
+// Our decoders side by side with the libraries a user of OSC and JSON would
+// otherwise pick, on the same bytes and to the same result shape.
+// Names are <Who>_<Work>: the same <Work> means the same input and output,
+// so Ours_X / Oscpack_X is the ratio to report.
+//
+//   OSCBundle52Read   a bundle of 52 /VMC/Ext/Blend/Val ,sf messages, every
+//                     address and argument read, nothing kept
+//   OSCBundle52ToMap  the same bundle to a map of 52 names -> values
+//   OSCMessageParse   one message (/velmora/sensitivity ,f 2.5) to its
+//                     address and arguments
+//   JSON52ToMap       {"blendshapes": {52 entries}, "rotation": [...],
+//                     "position": [...]} to the map and the two vectors
+//   LiveLinkToFrame   a Live Link face packet to its 52 values and head;
+//                     the floor is 61 byte-swapped floats into an array
+#include <benchmark/benchmark.h>
+#include <lo/lo.h>
+#include <simdjson.h>
+
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <oscpack/osc/OscReceivedElements.h>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "osc/OSCParser.h"
+#include "tracking/LiveLinkNames.h"
+#include "tracking/TrackingDecoders.h"
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using Map = std::unordered_map<std::string, float>;
+const std::string kSender = "192.168.1.20:50000";
+
+void putU32(Bytes& b, std::uint32_t v) {
+  for (int s = 24; s >= 0; s -= 8) b.push_back(std::uint8_t(v >> s));
+}
+void putString(Bytes& b, const std::string& s) {
+  b.insert(b.end(), s.begin(), s.end());
+  b.push_back(0);
+  while (b.size() % 4) b.push_back(0);
+}
+float value(std::size_t i) { return 0.013f * float(i % 70) + 0.01f; }
+
+// #bundle, time tag "immediately", 52 elements of /VMC/Ext/Blend/Val ,sf name value.
+Bytes oscBundle() {
+  Bytes b{'#', 'b', 'u', 'n', 'd', 'l', 'e', 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  for (std::size_t i = 0; i < 52; ++i) {
+    Bytes m;
+    putString(m, "/VMC/Ext/Blend/Val");
+    putString(m, ",sf");
+    putString(m, std::string(velmora::unrealARKitNames[i]));
+    putU32(m, std::bit_cast<std::uint32_t>(value(i)));
+    putU32(b, static_cast<std::uint32_t>(m.size()));
+    b.insert(b.end(), m.begin(), m.end());
+  }
+  return b;
+}
+
+Bytes oscMessage() {
+  Bytes m;
+  putString(m, "/velmora/sensitivity");
+  putString(m, ",f");
+  putU32(m, std::bit_cast<std::uint32_t>(2.5f));
+  return m;
+}
+
+Bytes jsonText() {
+  nlohmann::json shapes = nlohmann::json::object();
+  for (std::size_t i = 0; i < 52; ++i) shapes[std::string(velmora::unrealARKitNames[i])] = value(i);
+  const std::string t =
+      nlohmann::json{{"blendshapes", shapes}, {"rotation", {0.1, 0.2, 0.3}}, {"position", {0, 0, 0.3}}}.dump();
+  return Bytes(t.begin(), t.end());
+}
+
+// A 45-byte header (subject and device names, frame time), then 61 floats.
+Bytes liveLink() {
+  Bytes b{6};
+  putU32(b, 6);
+  for (char c : std::string("device")) b.push_back(std::uint8_t(c));
+  putU32(b, 6);
+  for (char c : std::string("iPhone")) b.push_back(std::uint8_t(c));
+  for (int i = 0; i < 4; ++i) putU32(b, 1);
+  b.push_back(61);
+  for (std::size_t i = 0; i < 61; ++i) putU32(b, std::bit_cast<std::uint32_t>(value(i)));
+  return b;
+}
+
+void countBytes(benchmark::State& state, const Bytes& bytes) {
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes.size()));
+}
+
+// ---------------------------------------------------------------- OSC bundle, read
+
+void Ours_OSCBundle52Read(benchmark::State& state) {
+  const Bytes b = oscBundle();
+  for (auto _ : state) {
+    float sum = 0;
+    const std::size_t n = velmora::OSCParser::forEachMessage(b, [&](const velmora::OSCMessageView& m) {
+      benchmark::DoNotOptimize(m.address.data());
+      if (auto v = m.arguments.size() >= 2 ? std::get_if<float>(&m.arguments[1]) : nullptr) sum += *v;
+    });
+    benchmark::DoNotOptimize(n);
+    benchmark::DoNotOptimize(sum);
+  }
+  countBytes(state, b);
+}
+
+void Oscpack_OSCBundle52Read(benchmark::State& state) {
+  const Bytes b = oscBundle();
+  for (auto _ : state) {
+    float sum = 0;
+    osc::ReceivedPacket packet(reinterpret_cast<const char*>(b.data()), static_cast<osc::osc_bundle_element_size_t>(b.size()));
+    osc::ReceivedBundle bundle(packet);
+    for (auto e = bundle.ElementsBegin(); e != bundle.ElementsEnd(); ++e) {
+      osc::ReceivedMessage m(*e);
+      benchmark::DoNotOptimize(m.AddressPattern());
+      auto args = m.ArgumentsBegin();
+      benchmark::DoNotOptimize(args->AsString());
+      ++args;
+      sum += args->AsFloat();
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+  countBytes(state, b);
+}
+
+// liblo reads bundles only by dispatching them to a server's methods; the
+// server's socket is never used.
+struct LibloServer {
+  LibloServer() { server = lo_server_new_with_proto(nullptr, LO_UDP, nullptr); }
+  ~LibloServer() { lo_server_free(server); }
+  lo_server server;
+};
+
+int libloSum(const char*, const char*, lo_arg** argv, int, lo_message, void* user) {
+  benchmark::DoNotOptimize(&argv[0]->s);
+  *static_cast<float*>(user) += argv[1]->f;
+  return 0;
+}
+
+int libloToMap(const char*, const char*, lo_arg** argv, int, lo_message, void* user) {
+  static_cast<Map*>(user)->insert_or_assign(std::string(&argv[0]->s), argv[1]->f);
+  return 0;
+}
+
+void Liblo_OSCBundle52Read(benchmark::State& state) {
+  Bytes b = oscBundle();
+  LibloServer lo;
+  float sum = 0;
+  lo_server_add_method(lo.server, "/VMC/Ext/Blend/Val", "sf", libloSum, &sum);
+  for (auto _ : state) {
+    lo_server_dispatch_data(lo.server, b.data(), b.size());
+    benchmark::DoNotOptimize(sum);
+  }
+  countBytes(state, b);
+}
+
+// ---------------------------------------------------------------- OSC bundle, to a map
+
+void Ours_OSCBundle52ToMap(benchmark::State& state) {
+  const Bytes b = oscBundle();
+  for (auto _ : state) {
+    auto frame = velmora::decodeOSCPacket(b, kSender);
+    benchmark::DoNotOptimize(frame->frame.blendshapes->size());
+  }
+  countBytes(state, b);
+}
+
+void Oscpack_OSCBundle52ToMap(benchmark::State& state) {
+  const Bytes b = oscBundle();
+  for (auto _ : state) {
+    Map map;
+    map.reserve(64);
+    osc::ReceivedPacket packet(reinterpret_cast<const char*>(b.data()), static_cast<osc::osc_bundle_element_size_t>(b.size()));
+    osc::ReceivedBundle bundle(packet);
+    for (auto e = bundle.ElementsBegin(); e != bundle.ElementsEnd(); ++e) {
+      osc::ReceivedMessage m(*e);
+      if (std::strcmp(m.AddressPattern(), "/VMC/Ext/Blend/Val") != 0) continue;
+      auto args = m.ArgumentsBegin();
+      const char* name = args->AsString();
+      ++args;
+      map.insert_or_assign(std::string(name), args->AsFloat());
+    }
+    benchmark::DoNotOptimize(map.size());
+  }
+  countBytes(state, b);
+}
+
+void Liblo_OSCBundle52ToMap(benchmark::State& state) {
+  Bytes b = oscBundle();
+  LibloServer lo;
+  Map map;
+  lo_server_add_method(lo.server, "/VMC/Ext/Blend/Val", "sf", libloToMap, &map);
+  for (auto _ : state) {
+    map = Map();
+    map.reserve(64);
+    lo_server_dispatch_data(lo.server, b.data(), b.size());
+    benchmark::DoNotOptimize(map.size());
+  }
+  countBytes(state, b);
+}
+
+// ---------------------------------------------------------------- one OSC message
+
+void Ours_OSCMessageParse(benchmark::State& state) {
+  const Bytes m = oscMessage();
+  for (auto _ : state) {
+    auto messages = velmora::OSCParser::parsePacket(m);
+    benchmark::DoNotOptimize(messages.data());
+  }
+}
+
+void Oscpack_OSCMessageParse(benchmark::State& state) {
+  const Bytes m = oscMessage();
+  for (auto _ : state) {
+    osc::ReceivedPacket packet(reinterpret_cast<const char*>(m.data()), static_cast<osc::osc_bundle_element_size_t>(m.size()));
+    osc::ReceivedMessage message(packet);
+    benchmark::DoNotOptimize(message.AddressPattern());
+    benchmark::DoNotOptimize(message.ArgumentsBegin()->AsFloat());
+  }
+}
+
+void Liblo_OSCMessageParse(benchmark::State& state) {
+  Bytes m = oscMessage();
+  for (auto _ : state) {
+    int result = 0;
+    lo_message message = lo_message_deserialise(m.data(), m.size(), &result);
+    benchmark::DoNotOptimize(lo_message_get_argv(message)[0]->f);
+    lo_message_free(message);
+  }
+}
+
+// ---------------------------------------------------------------- JSON
+
+void Ours_JSON52ToMap(benchmark::State& state) {
+  const Bytes j = jsonText();
+  for (auto _ : state) {
+    auto frame = velmora::decodeJSONText(j, kSender);
+    benchmark::DoNotOptimize(frame->frame.blendshapes->size());
+  }
+  countBytes(state, j);
+}
+
+// simdjson as its documentation shows it: a reused parser, a padded copy of
+// the input, the DOM walked into the same map and vectors.
+void Simdjson_JSON52ToMap(benchmark::State& state) {
+  const Bytes j = jsonText();
+  simdjson::dom::parser parser;
+  simdjson::padded_string padded(reinterpret_cast<const char*>(j.data()), j.size());
+  for (auto _ : state) {
+    simdjson::dom::element root;
+    if (parser.parse(padded).get(root)) state.SkipWithError("not JSON");
+    Map map;
+    std::array<float, 3> rotation{}, position{};
+    simdjson::dom::object object;
+    if (root.get_object().get(object)) state.SkipWithError("not an object");
+    for (const auto field : object) {
+      if (field.key == "blendshapes") {
+        simdjson::dom::object shapes;
+        if (field.value.get_object().get(shapes)) continue;
+        map.reserve(shapes.size());
+        for (const auto shape : shapes) {
+          double v = 0;
+          if (!shape.value.get_double().get(v)) map.insert_or_assign(std::string(shape.key), float(v));
+        }
+      } else if (field.key == "rotation" || field.key == "position") {
+        auto& out = field.key == "rotation" ? rotation : position;
+        simdjson::dom::array array;
+        if (field.value.get_array().get(array)) continue;
+        std::size_t i = 0;
+        for (const auto e : array) {
+          double v = 0;
+          if (i < 3 && !e.get_double().get(v)) out[i] = float(v);
+          ++i;
+        }
+      }
+    }
+    benchmark::DoNotOptimize(map.size());
+    benchmark::DoNotOptimize(rotation.data());
+    benchmark::DoNotOptimize(position.data());
+  }
+  countBytes(state, j);
+}
+
+void Nlohmann_JSON52ToMap(benchmark::State& state) {
+  const Bytes j = jsonText();
+  for (auto _ : state) {
+    const auto document = nlohmann::json::parse(j.begin(), j.end());
+    Map map;
+    const auto& shapes = document["blendshapes"];
+    map.reserve(shapes.size());
+    for (auto it = shapes.begin(); it != shapes.end(); ++it) map.insert_or_assign(it.key(), it->get<float>());
+    std::array<float, 3> rotation{}, position{};
+    for (std::size_t i = 0; i < 3; ++i) {
+      rotation[i] = document["rotation"][i].get<float>();
+      position[i] = document["position"][i].get<float>();
+    }
+    benchmark::DoNotOptimize(map.size());
+    benchmark::DoNotOptimize(rotation.data());
+    benchmark::DoNotOptimize(position.data());
+  }
+  countBytes(state, j);
+}
+
+// ---------------------------------------------------------------- Live Link
+
+void Ours_LiveLinkToFrame(benchmark::State& state) {
+  const Bytes b = liveLink();
+  for (auto _ : state) {
+    auto frame = velmora::decodeUnrealLiveLinkBinary(b, kSender);
+    benchmark::DoNotOptimize(frame->frame.blendshapes->size());
+  }
+  countBytes(state, b);
+}
+
+// The least any decoder must do: 61 big-endian floats into a fixed array.
+void Floor_LiveLinkToFrame(benchmark::State& state) {
+  const Bytes b = liveLink();
+  for (auto _ : state) {
+    std::array<float, 61> values;
+    const std::uint8_t* tail = b.data() + b.size() - 244;
+    for (std::size_t i = 0; i < 61; ++i) {
+      std::uint32_t bits;
+      std::memcpy(&bits, tail + 4 * i, 4);
+      values[i] = std::bit_cast<float>(__builtin_bswap32(bits));
+    }
+    benchmark::DoNotOptimize(values.data());
+  }
+  countBytes(state, b);
+}
+
+BENCHMARK(Ours_OSCBundle52Read);
+BENCHMARK(Oscpack_OSCBundle52Read);
+BENCHMARK(Liblo_OSCBundle52Read);
+BENCHMARK(Ours_OSCBundle52ToMap);
+BENCHMARK(Oscpack_OSCBundle52ToMap);
+BENCHMARK(Liblo_OSCBundle52ToMap);
+BENCHMARK(Ours_OSCMessageParse);
+BENCHMARK(Oscpack_OSCMessageParse);
+BENCHMARK(Liblo_OSCMessageParse);
+BENCHMARK(Ours_JSON52ToMap);
+BENCHMARK(Simdjson_JSON52ToMap);
+BENCHMARK(Nlohmann_JSON52ToMap);
+BENCHMARK(Ours_LiveLinkToFrame);
+BENCHMARK(Floor_LiveLinkToFrame);
+
+}  // namespace
