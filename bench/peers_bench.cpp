@@ -12,6 +12,15 @@
 //                     "position": [...]} to the map and the two vectors
 //   LiveLinkToFrame   a Live Link face packet to its 52 values and head;
 //                     the floor is 61 byte-swapped floats into an array
+//
+// Index of this file:
+//   [SECTION] The same bytes for everyone
+//   [SECTION] OSC bundle, read
+//   [SECTION] OSC bundle, to a map
+//   [SECTION] One OSC message
+//   [SECTION] JSON
+//   [SECTION] Live Link
+
 #include <benchmark/benchmark.h>
 #include <lo/lo.h>
 #include <simdjson.h>
@@ -31,6 +40,10 @@
 #include "tracking/TrackingDecoders.h"
 
 namespace {
+
+// ---------------------------------------------------------------------------
+// [SECTION] The same bytes for everyone
+// ---------------------------------------------------------------------------
 
 using Bytes = std::vector<std::uint8_t>;
 using Map = std::unordered_map<std::string, float>;
@@ -94,7 +107,9 @@ void countBytes(benchmark::State& state, const Bytes& bytes) {
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes.size()));
 }
 
-// ---------------------------------------------------------------- OSC bundle, read
+// ---------------------------------------------------------------------------
+// [SECTION] OSC bundle, read
+// ---------------------------------------------------------------------------
 
 void Ours_OSCBundle52Read(benchmark::State& state) {
   const Bytes b = oscBundle();
@@ -160,7 +175,9 @@ void Liblo_OSCBundle52Read(benchmark::State& state) {
   countBytes(state, b);
 }
 
-// ---------------------------------------------------------------- OSC bundle, to a map
+// ---------------------------------------------------------------------------
+// [SECTION] OSC bundle, to a map
+// ---------------------------------------------------------------------------
 
 void Ours_OSCBundle52ToMap(benchmark::State& state) {
   const Bytes b = oscBundle();
@@ -205,7 +222,9 @@ void Liblo_OSCBundle52ToMap(benchmark::State& state) {
   countBytes(state, b);
 }
 
-// ---------------------------------------------------------------- one OSC message
+// ---------------------------------------------------------------------------
+// [SECTION] One OSC message
+// ---------------------------------------------------------------------------
 
 void Ours_OSCMessageParse(benchmark::State& state) {
   const Bytes m = oscMessage();
@@ -235,7 +254,9 @@ void Liblo_OSCMessageParse(benchmark::State& state) {
   }
 }
 
-// ---------------------------------------------------------------- JSON
+// ---------------------------------------------------------------------------
+// [SECTION] JSON
+// ---------------------------------------------------------------------------
 
 void Ours_JSON52ToMap(benchmark::State& state) {
   const Bytes j = jsonText();
@@ -307,7 +328,9 @@ void Nlohmann_JSON52ToMap(benchmark::State& state) {
   countBytes(state, j);
 }
 
-// ---------------------------------------------------------------- Live Link
+// ---------------------------------------------------------------------------
+// [SECTION] Live Link
+// ---------------------------------------------------------------------------
 
 void Ours_LiveLinkToFrame(benchmark::State& state) {
   const Bytes b = liveLink();

@@ -1,5 +1,11 @@
 #include "animation/CharacterAnimationController.h"
 
+// Index of this file:
+//   [SECTION] Easing
+//   [SECTION] Each cue's curves
+//   [SECTION] Trigger, reset and sample
+//   [SECTION] Published state and observers
+
 #include <algorithm>
 #include <cmath>
 #include <vector>
@@ -12,6 +18,10 @@ namespace {
 
 using K = AnimationCue::Kind;
 constexpr float pi = 3.14159265358979323846f;
+
+// ---------------------------------------------------------------------------
+// [SECTION] Easing
+// ---------------------------------------------------------------------------
 
 // Both easings first clamp their argument to 0..1; NaN counts as 0.
 float clampUnit(float u) {
@@ -28,6 +38,10 @@ float cubic(float u) {
   u = clampUnit(u);
   return u * u * (3 - 2 * u);
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Each cue's curves
+// ---------------------------------------------------------------------------
 
 // Fills `out` (which starts neutral) for normalised time p (0..1) and the
 // absolute time t used for jitter and hover that must not restart per cue.
@@ -256,6 +270,10 @@ void fillCurves(K kind, float p, float t, AnimationOutput& out) {
 
 }  // namespace
 
+// ---------------------------------------------------------------------------
+// [SECTION] Trigger, reset and sample
+// ---------------------------------------------------------------------------
+
 CharacterAnimationController& CharacterAnimationController::shared() {
   static CharacterAnimationController controller;
   return controller;
@@ -351,6 +369,10 @@ AnimationOutput CharacterAnimationController::sample(double time) {
   }
   return out;
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Published state and observers
+// ---------------------------------------------------------------------------
 
 void CharacterAnimationController::setActive(std::optional<AnimationCue> cue) {
   activeCue_ = cue;

@@ -1,11 +1,11 @@
 #include "characters/CartoonGhost.h"
 
-// Sections:
-//   1. Body surface (profile, arms, tails) and its rest topology
-//   2. Expression displacement fields
-//   3. Shell assembly, colours, materials
-//   4. Eyes and mouth cavity
-//   5. Shared data and the builder
+// Index of this file:
+//   [SECTION] Body surface (profile, arms, tails) and its rest topology
+//   [SECTION] Expression displacement fields
+//   [SECTION] Shell assembly, colours, materials
+//   [SECTION] Eyes and mouth cavity
+//   [SECTION] Shared data and the builder
 
 #include <algorithm>
 #include <cmath>
@@ -24,6 +24,10 @@ using shape::clamp01;
 using shape::expf32;
 using shape::gaussian;
 using shape::smoothstep;
+
+// ---------------------------------------------------------------------------
+// [SECTION] Body surface (profile, arms, tails) and its rest topology
+// ---------------------------------------------------------------------------
 
 namespace {
 
@@ -152,8 +156,9 @@ GhostBodyTopology buildBody() {
 }
 
 // ---------------------------------------------------------------------------
-// 2. Expression fields. p is a rest position; weights fade to 0 towards the
-//    back so that only the face moves.
+// [SECTION] Expression displacement fields
+// p is a rest position; weights fade to 0 towards the back so that only the
+// face moves.
 // ---------------------------------------------------------------------------
 
 float frontWeight(float3 p) { return smoothstep(clamp01((p.z - 0.05f) / 0.2f)); }
@@ -301,7 +306,7 @@ std::vector<CartoonGhost::Entry> buildTable() {
 }
 
 // ---------------------------------------------------------------------------
-// 3. Shell assembly, colours, materials
+// [SECTION] Shell assembly, colours, materials
 // ---------------------------------------------------------------------------
 
 // Outer, inner (offset inwards along the rest normals), then the rim copies,
@@ -377,7 +382,7 @@ std::vector<GeometryElement> triangleElements(const std::vector<const std::vecto
 }
 
 // ---------------------------------------------------------------------------
-// 4. Eyes and mouth cavity
+// [SECTION] Eyes and mouth cavity
 // ---------------------------------------------------------------------------
 
 // A UV ellipsoid around `centre` with the given semi-axes, appended.
@@ -464,7 +469,7 @@ const std::vector<std::int32_t>& cavityTriangles() {
 }
 
 // ---------------------------------------------------------------------------
-// 5. Shared data
+// [SECTION] Shared data and the builder
 // ---------------------------------------------------------------------------
 
 using TargetList = std::vector<std::shared_ptr<const Geometry>>;

@@ -1,5 +1,10 @@
 #include "characters/MaskExpressionTargets.h"
 
+// Index of this file:
+//   [SECTION] Displacement fields and the cached targets
+//   [SECTION] Weights
+//   [SECTION] Table, targets, builders
+
 #include <array>
 #include <cmath>
 
@@ -14,6 +19,10 @@ using shape::clamp01;
 using shape::expf32;
 using shape::gaussian;
 using shape::smoothstep;
+
+// ---------------------------------------------------------------------------
+// [SECTION] Displacement fields and the cached targets
+// ---------------------------------------------------------------------------
 
 namespace {
 
@@ -250,7 +259,7 @@ const MaskCache& maskCache() {
 }  // namespace
 
 // ---------------------------------------------------------------------------
-// Weights
+// [SECTION] Weights
 // ---------------------------------------------------------------------------
 
 float MaskExpressionTargets::jawWeight(float2 p, bool lower) {
@@ -325,7 +334,7 @@ float MaskExpressionTargets::mouthCornerBump(float2 p, float side) {
 }
 
 // ---------------------------------------------------------------------------
-// Table, targets, builders
+// [SECTION] Table, targets, builders
 // ---------------------------------------------------------------------------
 
 const std::vector<MaskExpressionTargets::Entry>& MaskExpressionTargets::blendShapeDisplacements() {

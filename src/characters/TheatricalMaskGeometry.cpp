@@ -1,11 +1,11 @@
 #include "characters/TheatricalMaskGeometry.h"
 
-// Sections:
-//   1. Local frames of the eye and nostril ellipses
-//   2. The relief: outline, eye distance, lid fold, height
-//   3. Snapping, concavity, occlusion
-//   4. Topology (grid, mouth split, triangles, holes, boundary)
-//   5. Shell assembly, normals, geometry sources, materials, elements
+// Index of this file:
+//   [SECTION] Local frames of the eye and nostril ellipses
+//   [SECTION] The relief: outline, eye distance, lid fold, height
+//   [SECTION] Snapping, concavity, occlusion
+//   [SECTION] Topology (grid, mouth split, triangles, holes, boundary)
+//   [SECTION] Shell assembly, normals, geometry sources, materials, elements
 
 #include <algorithm>
 #include <array>
@@ -31,7 +31,7 @@ namespace {
 inline float sq(float v) { return v * v; }
 
 // ---------------------------------------------------------------------------
-// 1. Local frames
+// [SECTION] Local frames of the eye and nostril ellipses
 // ---------------------------------------------------------------------------
 
 // A rotated ellipse frame for the side s: local = R(-angle) (p - centre).
@@ -130,7 +130,7 @@ TheatricalMaskGeometry::Outline outlineSuperellipse(float q) {
 }  // namespace
 
 // ---------------------------------------------------------------------------
-// 2. The relief
+// [SECTION] The relief: outline, eye distance, lid fold, height
 // ---------------------------------------------------------------------------
 
 float2 TheatricalMaskGeometry::eyeLocal(float2 p) { return eyeFrame(sideOf(p.x)).toLocal(p); }
@@ -273,7 +273,7 @@ float TheatricalMaskGeometry::height(float2 p) {
 }
 
 // ---------------------------------------------------------------------------
-// 3. Snapping, concavity, occlusion
+// [SECTION] Snapping, concavity, occlusion
 // ---------------------------------------------------------------------------
 
 float2 TheatricalMaskGeometry::snapToEye(float2 p) {
@@ -334,7 +334,7 @@ float TheatricalMaskGeometry::occlusion(float2 p) {
 }
 
 // ---------------------------------------------------------------------------
-// 4. Topology
+// [SECTION] Topology (grid, mouth split, triangles, holes, boundary)
 // ---------------------------------------------------------------------------
 
 namespace {
@@ -486,7 +486,7 @@ const TheatricalMaskTopology& TheatricalMaskGeometry::topology() {
 }
 
 // ---------------------------------------------------------------------------
-// 5. Shell, normals, sources, materials, elements
+// [SECTION] Shell assembly, normals, geometry sources, materials, elements
 // ---------------------------------------------------------------------------
 
 std::vector<float3> TheatricalMaskGeometry::neutralFront() {

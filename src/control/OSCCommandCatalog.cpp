@@ -1,5 +1,12 @@
 #include "control/OSCCommandCatalog.h"
 
+// Index of this file:
+//   [SECTION] Reading a message
+//   [SECTION] Entry builders
+//   [SECTION] The table, in display order
+//   [SECTION] Lookup and dispatch
+//   [SECTION] Lighting and toggle entries, preset texts
+
 #include <cmath>
 #include <cstdio>
 #include <cstdint>
@@ -21,6 +28,10 @@ const char* const kOutput = "Output";
 const char* const kLighting = "Lighting";
 const char* const kGhost = "Ghost Animations (Cartoon Ghost)";
 const char* const kMask = "Mask Gestures (Theatrical Mask)";
+
+// ---------------------------------------------------------------------------
+// [SECTION] Reading a message
+// ---------------------------------------------------------------------------
 
 std::string lowercased(std::string_view text) {
   std::string out(text);
@@ -62,6 +73,10 @@ TextOrNumber textOrNumber(const OSCMessage& message) {
   }
   return out;
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Entry builders
+// ---------------------------------------------------------------------------
 
 // Assigns the model and runs the state's model-change handling exactly once,
 // even when the model does not change (the setter runs it on a change).
@@ -105,6 +120,10 @@ OSCCommand stopCueCommand(const char* group, std::string address, std::vector<st
   return plain(group, std::move(address), std::move(aliases), "none", std::move(summary),
                [](const OSCMessage&, CommandContext& context) { context.cues.reset(true, context.clock()); });
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] The table, in display order
+// ---------------------------------------------------------------------------
 
 std::vector<OSCCommand> buildAll() {
   std::vector<OSCCommand> c;
@@ -331,6 +350,10 @@ std::vector<OSCCommand> buildAll() {
 
 }  // namespace
 
+// ---------------------------------------------------------------------------
+// [SECTION] Lookup and dispatch
+// ---------------------------------------------------------------------------
+
 const std::vector<OSCCommand>& OSCCommandCatalog::all() {
   static const std::vector<OSCCommand> commands = buildAll();
   return commands;
@@ -375,6 +398,10 @@ bool OSCCommandCatalog::dispatch(const OSCMessage& message, CommandContext& cont
   logLine("OSC", command->address + " " + message.printedArguments());
   return true;
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Lighting and toggle entries, preset texts
+// ---------------------------------------------------------------------------
 
 OSCCommand OSCCommandCatalog::lightCommand(std::string address, std::string arguments, std::string summary,
                                            double lo, double hi, std::vector<std::string> aliases,

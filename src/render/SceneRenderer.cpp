@@ -1,5 +1,13 @@
 #include "render/SceneRenderer.h"
 
+// Index of this file:
+//   [SECTION] Constants and draw items
+//   [SECTION] Render targets
+//   [SECTION] Environment
+//   [SECTION] Morphing
+//   [SECTION] Passes
+//   [SECTION] API
+
 #include <epoxy/gl.h>
 
 #include <algorithm>
@@ -18,7 +26,7 @@
 namespace velmora {
 
 // ---------------------------------------------------------------------------
-// Sections: constants; render targets; environment; morphing; passes; API.
+// [SECTION] Constants and draw items
 // ---------------------------------------------------------------------------
 
 namespace {
@@ -103,7 +111,9 @@ struct SceneRenderer::Impl {
     if (!morphBuffers.empty()) glDeleteBuffers(static_cast<GLsizei>(morphBuffers.size()), morphBuffers.data());
   }
 
-  // --- render targets ------------------------------------------------------
+  // -------------------------------------------------------------------------
+  // [SECTION] Render targets
+  // -------------------------------------------------------------------------
 
   void releaseTargets() {
     Targets& t = targets;
@@ -200,7 +210,9 @@ struct SceneRenderer::Impl {
     return false;
   }
 
-  // --- environment ----------------------------------------------------------
+  // -------------------------------------------------------------------------
+  // [SECTION] Environment
+  // -------------------------------------------------------------------------
 
   void ensureEnvironment(const std::shared_ptr<const EnvironmentImage>& image) {
     if (!image) {
@@ -228,7 +240,9 @@ struct SceneRenderer::Impl {
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
   }
 
-  // --- morphing -------------------------------------------------------------
+  // -------------------------------------------------------------------------
+  // [SECTION] Morphing
+  // -------------------------------------------------------------------------
 
   // Binds the mesh's vertex array with positions and normals from the base
   // buffers, or from a morphed buffer (interleaved position, normal).
@@ -323,7 +337,9 @@ struct SceneRenderer::Impl {
     return buffer;
   }
 
-  // --- passes ---------------------------------------------------------------
+  // -------------------------------------------------------------------------
+  // [SECTION] Passes
+  // -------------------------------------------------------------------------
 
   std::vector<Prepared> prepare(const FrameDescription& frame, const float4x4& view) {
     std::vector<Prepared> out;
@@ -386,7 +402,7 @@ struct SceneRenderer::Impl {
 };
 
 // ---------------------------------------------------------------------------
-// API
+// [SECTION] API
 // ---------------------------------------------------------------------------
 
 SceneRenderer::SceneRenderer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}

@@ -1,5 +1,12 @@
 #include "scene/MaskSceneManager.h"
 
+// Index of this file:
+//   [SECTION] Creation
+//   [SECTION] Set-up
+//   [SECTION] Per frame
+//   [SECTION] Outputs
+//   [SECTION] Frame descriptions, rendering on request, frame consumers
+
 #include <algorithm>
 #include <cmath>
 
@@ -20,6 +27,10 @@ float valueOf(const BlendshapeMap& map, const char* name) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// [SECTION] Creation
+// ---------------------------------------------------------------------------
 
 MaskSceneManager& MaskSceneManager::shared() {
   static MaskSceneManager instance(FaceTrackingState::shared(), CharacterAnimationController::shared());
@@ -50,7 +61,7 @@ MaskSceneManager::~MaskSceneManager() {
 }
 
 // ---------------------------------------------------------------------------
-// Set-up
+// [SECTION] Set-up
 // ---------------------------------------------------------------------------
 
 void MaskSceneManager::setupScene() {
@@ -148,7 +159,7 @@ std::shared_ptr<const EnvironmentImage> MaskSceneManager::makeEnvironmentImage()
 }
 
 // ---------------------------------------------------------------------------
-// Per frame
+// [SECTION] Per frame
 // ---------------------------------------------------------------------------
 
 void MaskSceneManager::switchModel(CharacterModelType model) {
@@ -278,7 +289,7 @@ void MaskSceneManager::renderOffscreenFrame() {
 }
 
 // ---------------------------------------------------------------------------
-// Outputs
+// [SECTION] Outputs
 // ---------------------------------------------------------------------------
 
 void MaskSceneManager::setOutputs(VideoOutput* syphon, VideoOutput* ndi) {
@@ -343,6 +354,10 @@ std::string MaskSceneManager::ndiStatusText(bool active, const VideoOutput* outp
   if (n < 1) return "NDI: ready, waiting for a receiver";
   return "NDI: sending to " + std::to_string(n) + " receiver" + (n == 1 ? "" : "s");
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Frame descriptions, rendering on request, frame consumers
+// ---------------------------------------------------------------------------
 
 std::shared_ptr<const FrameDescription> MaskSceneManager::makeFrameDescription(int width, int height) const {
   auto frame = std::make_shared<FrameDescription>();

@@ -1,5 +1,13 @@
 #include "tracking/TrackingDecoders.h"
 
+// Index of this file:
+//   [SECTION] Numbers in text
+//   [SECTION] Live Link binary
+//   [SECTION] iFacialMocap text
+//   [SECTION] OSC and VMC messages
+//   [SECTION] JSON
+//   [SECTION] Format detection
+
 #include <algorithm>
 #include <bit>
 #include <charconv>
@@ -51,6 +59,10 @@ void forEachPiece(std::string_view text, char separator, F&& f) {
 
 }  // namespace
 
+// ---------------------------------------------------------------------------
+// [SECTION] Numbers in text
+// ---------------------------------------------------------------------------
+
 std::optional<float> parseTrackingNumber(std::string_view text) {
   if (text.empty()) return std::nullopt;
   std::string_view body = text;
@@ -82,6 +94,10 @@ std::optional<float> parseTrackingNumber(std::string_view text) {
   return negative ? -value : value;
 }
 
+// ---------------------------------------------------------------------------
+// [SECTION] Live Link binary
+// ---------------------------------------------------------------------------
+
 std::optional<DecodedFrame> decodeUnrealLiveLinkBinary(std::span<const std::uint8_t> data, std::string sender) {
   if (data.size() < kLiveLinkTailBytes) return std::nullopt;
   const std::uint8_t* tail = data.data() + (data.size() - kLiveLinkTailBytes);
@@ -106,6 +122,10 @@ std::optional<DecodedFrame> decodeUnrealLiveLinkBinary(std::span<const std::uint
   decoded.frame.sender = std::move(sender);
   return decoded;
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] iFacialMocap text
+// ---------------------------------------------------------------------------
 
 DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender) {
   DecodedFrame decoded;
@@ -146,6 +166,10 @@ DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender) {
   decoded.frame.sender = std::move(sender);
   return decoded;
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] OSC and VMC messages
+// ---------------------------------------------------------------------------
 
 namespace {
 
@@ -247,6 +271,10 @@ std::optional<DecodedFrame> decodeOSCPacket(std::span<const std::uint8_t> data, 
   if (count == 0) return std::nullopt;
   return std::move(builder).finish(std::move(sender));
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] JSON
+// ---------------------------------------------------------------------------
 
 namespace {
 
@@ -398,6 +426,10 @@ std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, s
   decoded.frame.sender = std::move(sender);
   return decoded;
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Format detection
+// ---------------------------------------------------------------------------
 
 DecodedDatagram decodeDatagram(std::span<const std::uint8_t> data, const std::string& sender) {
   // 1. OSC: "#bundle" or a leading "/". A payload the parser rejects goes on

@@ -1,5 +1,11 @@
 #include "animation/CharacterAnimationController.h"
 
+// Index of this file:
+//   [SECTION] Idle and trigger
+//   [SECTION] Curves of the cues
+//   [SECTION] Completion, minimums, fades and restarts
+//   [SECTION] Threads
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -34,6 +40,10 @@ AnimationOutput sampleAt(K kind, double p, double duration = 2.0, double start =
   return c.sample(start + p * AnimationCue::make(kind, duration).duration());
 }
 
+// ---------------------------------------------------------------------------
+// [SECTION] Idle and trigger
+// ---------------------------------------------------------------------------
+
 TEST(CharacterAnimationController, IdleIsNeutralAndTriggerPublishesTheCue) {
   CharacterAnimationController c;
   EXPECT_EQ(c.sample(0.5), AnimationOutput::neutral());
@@ -48,6 +58,10 @@ TEST(CharacterAnimationController, IdleIsNeutralAndTriggerPublishesTheCue) {
   EXPECT_TRUE(c.isPlaying());
   EXPECT_GE(notified, 1);
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Curves of the cues
+// ---------------------------------------------------------------------------
 
 TEST(CharacterAnimationController, GhostFlyInSwoopAndSettle) {
   // Start of the swoop: far up and behind, small and invisible, cue owns everything.
@@ -250,6 +264,10 @@ TEST(CharacterAnimationController, NodAndShakeTurnTheHeadWithZeroWeight) {
   EXPECT_NEAR(sampleAt(K::maskNod, 0.125).rotationOffset.x, 0.22f * std::sin(kPi / 8), kTol);
 }
 
+// ---------------------------------------------------------------------------
+// [SECTION] Completion, minimums, fades and restarts
+// ---------------------------------------------------------------------------
+
 TEST(CharacterAnimationController, EveryCueCompletesAndReturnsToNeutral) {
   const std::set<std::string> allowed = {
       "jawOpen",        "mouthFunnel",     "mouthSmileLeft", "mouthSmileRight", "mouthFrownLeft",
@@ -356,6 +374,10 @@ TEST(CharacterAnimationController, TriggerWhilePlayingRestartsWithoutCrossFade) 
   EXPECT_FALSE(c.isFadingOut());
   EXPECT_NEAR(c.sample(2.3).blendWeight, 1.0f, kTol);
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Threads
+// ---------------------------------------------------------------------------
 
 TEST(CharacterAnimationController, CallsFromOtherThreadsRunOnTheMainQueue) {
   CharacterAnimationController c;

@@ -1,5 +1,11 @@
 // The mask's surface, topology and shell: counts, orders, hand-computed spot
 // values, mirror symmetry, hole rims and the per-vertex attributes.
+//
+// Index of this file:
+//   [SECTION] Topology: counts, rows, jaw
+//   [SECTION] Relief, occlusion and snapping
+//   [SECTION] Holes, rim and assembled sources
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -25,6 +31,10 @@ std::vector<bool> referenced(const std::vector<std::int32_t>& indices, std::size
   for (const auto i : indices) used[static_cast<std::size_t>(i)] = true;
   return used;
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Topology: counts, rows, jaw
+// ---------------------------------------------------------------------------
 
 TEST(MaskGeometry, CountsAndVertexOrder) {
   const auto& topo = G::topology();
@@ -111,6 +121,10 @@ TEST(MaskGeometry, GridRowsMouthSplitAndJawFlags) {
   EXPECT_TRUE(G::isLowerJaw({0.33f, -0.3948f}));
   EXPECT_TRUE(G::isLowerJaw({-0.33f, -0.3948f}));
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Relief, occlusion and snapping
+// ---------------------------------------------------------------------------
 
 TEST(MaskGeometry, EyeDistanceLidFoldAndOutlineSpotValues) {
   // Inside the eye (and at its centre) the distance is 0; the second result
@@ -218,6 +232,10 @@ TEST(MaskGeometry, SnapsLandOnTheEllipses) {
   EXPECT_GT(nostrils[0], 6);
   EXPECT_EQ(nostrils[0], nostrils[1]);
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Holes, rim and assembled sources
+// ---------------------------------------------------------------------------
 
 TEST(MaskGeometry, HolesAreUnreferencedAndFaceTheViewer) {
   const auto& topo = G::topology();

@@ -1,5 +1,12 @@
 #include "control/OSCCommandCatalog.h"
 
+// Index of this file:
+//   [SECTION] The table and its texts
+//   [SECTION] Calibration & Tracking
+//   [SECTION] Lighting
+//   [SECTION] Cues
+//   [SECTION] Bad input on every command
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -61,7 +68,7 @@ class CatalogTest : public ::testing::Test {
 };
 
 // ---------------------------------------------------------------------------
-// The table and its texts
+// [SECTION] The table and its texts
 // ---------------------------------------------------------------------------
 
 TEST_F(CatalogTest, TableOrderGroupsAndSpotChecksOfExactTexts) {
@@ -163,7 +170,7 @@ TEST_F(CatalogTest, DispatchLogsTheCanonicalAddressAndArguments) {
 }
 
 // ---------------------------------------------------------------------------
-// Calibration & Tracking
+// [SECTION] Calibration & Tracking
 // ---------------------------------------------------------------------------
 
 TEST_F(CatalogTest, ResetRestoresDefaultsAndStopsTheCueAtOnce) {
@@ -301,7 +308,7 @@ TEST_F(CatalogTest, TogglesInvertWithoutABooleanAndSetOtherwise) {
 }
 
 // ---------------------------------------------------------------------------
-// Lighting
+// [SECTION] Lighting
 // ---------------------------------------------------------------------------
 
 TEST_F(CatalogTest, PresetByIndexRoundedNumberAndName) {
@@ -386,7 +393,7 @@ TEST_F(CatalogTest, LightingResetRestoresTheTheatricalLookAndMaster) {
 }
 
 // ---------------------------------------------------------------------------
-// Cues
+// [SECTION] Cues
 // ---------------------------------------------------------------------------
 
 TEST_F(CatalogTest, CueCommandsStartTheirCueWithTheDefaultDurationOnTheirCharacter) {
@@ -455,7 +462,7 @@ TEST_F(CatalogTest, StopCommandsFadeOutWithoutChangingTheModel) {
 }
 
 // ---------------------------------------------------------------------------
-// Bad input on every command
+// [SECTION] Bad input on every command
 // ---------------------------------------------------------------------------
 
 TEST_F(CatalogTest, HostileArgumentsOnEveryCommandKeepTheStateFiniteAndInRange) {

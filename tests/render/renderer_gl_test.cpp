@@ -2,6 +2,11 @@
 // alpha, holes, GPU morphs against the CPU reference, opacity, lights and
 // shadows, the mesh cache and the failure paths; then the scene manager's
 // frames of the real characters.
+//
+// Index of this file:
+//   [SECTION] The renderer on test meshes
+//   [SECTION] The scene manager through the renderer
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -75,6 +80,10 @@ std::shared_ptr<Node> sphereNode(float radius, float3 position, float4 colour = 
   node->position = position;
   return node;
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] The renderer on test meshes
+// ---------------------------------------------------------------------------
 
 TEST(RendererGLTest, TheBackgroundIsTransparentAndTheCharacterOpaque) {
   auto face = test::makeTestFace();
@@ -235,6 +244,10 @@ TEST(RendererGLTest, FailuresAreReportedAndNothingCrashes) {
 }
 
 // --- the scene manager's frames of the real characters ---------------------
+
+// ---------------------------------------------------------------------------
+// [SECTION] The scene manager through the renderer
+// ---------------------------------------------------------------------------
 
 class MaskSceneGLTest : public ::testing::Test {
  protected:

@@ -1,6 +1,14 @@
 // The scene manager's per-frame update on the CPU: model switching, the
 // expression blend, pose, opacity and lighting rules, and the frame
 // description it captures. No GL: nothing here renders.
+//
+// Index of this file:
+//   [SECTION] Fixture
+//   [SECTION] Building and switching characters
+//   [SECTION] Live tracking and cues on the character
+//   [SECTION] Lighting and frame descriptions
+//   [SECTION] Rendering only when someone takes the frame
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -13,6 +21,10 @@
 
 namespace velmora {
 namespace {
+
+// ---------------------------------------------------------------------------
+// [SECTION] Fixture
+// ---------------------------------------------------------------------------
 
 class SceneManagerTest : public ::testing::Test {
  protected:
@@ -36,6 +48,10 @@ class SceneManagerTest : public ::testing::Test {
     return reference.sample(at);
   }
 };
+
+// ---------------------------------------------------------------------------
+// [SECTION] Building and switching characters
+// ---------------------------------------------------------------------------
 
 TEST_F(SceneManagerTest, InitBuildsTheStateModelAndTheRig) {
   ASSERT_TRUE(scene.currentModelType().has_value());
@@ -87,6 +103,10 @@ TEST_F(SceneManagerTest, SwitchingToTheGhostAndBackRebuildsAndDropsTheEyes) {
   for (const auto& child : scene.scene()->children()) characters += child->geometry || !child->children().empty();
   EXPECT_EQ(characters, 1);
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Live tracking and cues on the character
+// ---------------------------------------------------------------------------
 
 TEST_F(SceneManagerTest, WithoutACueTheMorphWeightsAreTheLiveValues) {
   EXPECT_EQ(scene.targetIndex("JAWOPEN"), scene.targetIndex("jawOpen"));  // any case
@@ -251,6 +271,10 @@ TEST_F(SceneManagerTest, GhostEyesFollowLookAndBlink) {
   EXPECT_EQ(scene.ghostLeftEyeNode()->scale.y, 1.0f);
 }
 
+// ---------------------------------------------------------------------------
+// [SECTION] Lighting and frame descriptions
+// ---------------------------------------------------------------------------
+
 TEST_F(SceneManagerTest, LightingIsAppliedOnlyWhenSettingsOrMasterChange) {
   const LightingSettings soft = *LightingSettings::presetMatching("Soft Front");
   scene.applyLighting(soft, 1.0f);
@@ -320,6 +344,10 @@ TEST_F(SceneManagerTest, HiddenNodesAndOpacityMultiplyDownTheTree) {
   EXPECT_EQ(frame.items[0].opacity, 0.25f);
   EXPECT_EQ(float3(frame.items[0].worldTransform[3]), float3(1.0f, 2.0f, 0.0f));
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Rendering only when someone takes the frame
+// ---------------------------------------------------------------------------
 
 // Counts what the scene hands over; renders nothing.
 class CountingRenderer : public FrameRenderer {

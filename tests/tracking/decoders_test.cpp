@@ -1,5 +1,14 @@
 // The four tracking wire formats and the receiver's format detection, on
 // literal payloads without sockets.
+//
+// Index of this file:
+//   [SECTION] Live Link
+//   [SECTION] iFacialMocap
+//   [SECTION] OSC
+//   [SECTION] JSON
+//   [SECTION] Detection order
+//   [SECTION] Main-thread sink
+
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -48,7 +57,9 @@ Bytes liveLinkPacket(std::size_t header = 0) {
 
 Bytes bytesOf(std::string_view s) { return Bytes(s.begin(), s.end()); }
 
-// ---------------------------------------------------------------- Live Link
+// ---------------------------------------------------------------------------
+// [SECTION] Live Link
+// ---------------------------------------------------------------------------
 
 TEST(LiveLinkDecoderTest, ReadsTheLast244BytesInWireOrder) {
   for (std::size_t header : {0u, 1u, 37u}) {
@@ -90,7 +101,9 @@ TEST(LiveLinkDecoderTest, ClampsAndDropsNonFinite) {
   EXPECT_FALSE(d->frame.rotation);  // one bad head value drops all three
 }
 
-// ---------------------------------------------------------------- iFacialMocap
+// ---------------------------------------------------------------------------
+// [SECTION] iFacialMocap
+// ---------------------------------------------------------------------------
 
 TEST(IFacialMocapDecoderTest, BlendshapesAndHead) {
   auto d = decodeIFacialMocap("jawOpen-50|eyeBlinkLeft-100", kSender);
@@ -157,7 +170,9 @@ TEST(TrackingNumberTest, WholeStringOnly) {
   }
 }
 
-// ---------------------------------------------------------------- OSC
+// ---------------------------------------------------------------------------
+// [SECTION] OSC
+// ---------------------------------------------------------------------------
 
 OSCMessage msg(std::string address, std::vector<OSCArgument> args) { return {std::move(address), std::move(args)}; }
 
@@ -220,7 +235,9 @@ TEST(OSCTrackingDecoderTest, HeadComponentsAndPartialUpdates) {
   EXPECT_FALSE(d.frame.rotation);
 }
 
-// ---------------------------------------------------------------- JSON
+// ---------------------------------------------------------------------------
+// [SECTION] JSON
+// ---------------------------------------------------------------------------
 
 TEST(JSONTrackingDecoderTest, Parts) {
   auto d = decodeJSON(nlohmann::json::parse(R"({"blendshapes": {"jawOpen": 0.5, "eyeBlinkLeft": 1,
@@ -290,7 +307,9 @@ TEST(OSCTrackingDecoderTest, DecodingFromTheDatagramMatchesParsedMessages) {
   EXPECT_FALSE(decodeOSCPacket(bytesOf(std::string("#bundle\0\0\0\0\0\0\0\0\0", 16)), kSender));
 }
 
-// ---------------------------------------------------------------- detection order
+// ---------------------------------------------------------------------------
+// [SECTION] Detection order
+// ---------------------------------------------------------------------------
 
 class DetectionTest : public ::testing::Test {
  protected:
@@ -354,7 +373,9 @@ TEST_F(DetectionTest, FirstMatchWins) {
   EXPECT_EQ(receiver.statistics().lastSender, kSender);
 }
 
-// ---------------------------------------------------------------- main-thread sink
+// ---------------------------------------------------------------------------
+// [SECTION] Main-thread sink
+// ---------------------------------------------------------------------------
 
 TEST(MainThreadTrackingSinkTest, CompletesPartialHeadAndCountsUnknown) {
   test::TempDir dir;

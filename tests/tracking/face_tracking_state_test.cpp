@@ -2,6 +2,15 @@
 // head rotation and position, calibration, ranges, filter parameters,
 // observers and the OSC switch. The pipeline alone is in
 // face_pipeline_test.cpp, persistence in tracking_settings_test.cpp.
+//
+// Index of this file:
+//   [SECTION] Fixture
+//   [SECTION] Initial values and packet bookkeeping
+//   [SECTION] Blendshapes
+//   [SECTION] Head and calibration
+//   [SECTION] Ranges
+//   [SECTION] Observers and setter side effects
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -21,6 +30,10 @@ using Property = FaceTrackingState::Property;
 
 constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 constexpr float inf = std::numeric_limits<float>::infinity();
+
+// ---------------------------------------------------------------------------
+// [SECTION] Fixture
+// ---------------------------------------------------------------------------
 
 // A state over a private settings folder with a clock the test moves.
 struct Fixture {
@@ -42,6 +55,10 @@ struct Fixture {
     state->setBrowSensitivity(1.0f);
   }
 };
+
+// ---------------------------------------------------------------------------
+// [SECTION] Initial values and packet bookkeeping
+// ---------------------------------------------------------------------------
 
 TEST(FaceTrackingStateTest, InitialValuesAndTexts) {
   Fixture f;
@@ -89,6 +106,10 @@ TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
   EXPECT_DOUBLE_EQ(f.state->incomingFPS(), 5 / 1.0);  // the 5 packets up to 2.25 s
   EXPECT_EQ(f.state->totalPacketsReceived(), 41u);
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Blendshapes
+// ---------------------------------------------------------------------------
 
 TEST(FaceTrackingStateTest, FilterThenRangeThenSensitivity) {
   Fixture f;
@@ -151,6 +172,10 @@ TEST(FaceTrackingStateTest, NonFiniteValuesAreSkipped) {
   EXPECT_EQ(f.state->blendshapes().size(), 1u);
   EXPECT_EQ(f.state->totalPacketsReceived(), 3u);
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Head and calibration
+// ---------------------------------------------------------------------------
 
 TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZero) {
   Fixture f;
@@ -245,6 +270,10 @@ TEST(FaceTrackingStateTest, FilterParametersFollowSmoothing) {
   EXPECT_FLOAT_EQ(f.state->blendshapeFilter("jawOpen")->beta, 0.0015f);
 }
 
+// ---------------------------------------------------------------------------
+// [SECTION] Ranges
+// ---------------------------------------------------------------------------
+
 TEST(FaceTrackingStateTest, SetRangeLimits) {
   Fixture f;
   FaceTrackingState& s = *f.state;
@@ -319,6 +348,10 @@ TEST(FaceTrackingStateTest, FloorsFromCurrentPose) {
   ASSERT_TRUE(stored);
   EXPECT_EQ(stored->size(), 2u);
 }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Observers and setter side effects
+// ---------------------------------------------------------------------------
 
 TEST(FaceTrackingStateTest, ObserversHearEveryWrite) {
   Fixture f;
