@@ -12,8 +12,10 @@
 // With nobody linked there are no buffers at all, which is why the caller
 // should not render for this source then (see isStreaming()).
 //
-// Threads: create() and the destructor on one controlling thread (the main
-// thread); offer() and the observers from any thread. PipeWire's callbacks
+// Threads: create() on the controlling thread (the main thread); offer()
+// and the observers from any thread. The destructor runs wherever the last
+// owner lets go, which may be the render thread right after an offer(); it
+// stops the loop under the thread-loop lock, so any thread is safe. PipeWire's callbacks
 // run on the source's own loop thread ("velmora-pipewire").
 
 #include <cstdint>

@@ -91,6 +91,9 @@ bool SyphonPublisher::start() {
 }
 
 void SyphonPublisher::stop() {
+  // A source whose daemon went away was already reported lost; it is let go
+  // without a stop line (there was no running server left to stop).
+  if (dropFailedSource()) return;
   std::shared_ptr<PipeWireVideoSource> stopped;
   {
     std::lock_guard lock(sourceMutex_);
