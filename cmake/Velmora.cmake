@@ -29,15 +29,16 @@ endfunction()
 # label from tests/<subsystem>/. A file's label comes from its name:
 # *_net_test.cpp -> net (loopback UDP), *_gl_test.cpp -> gl (software GL),
 # *_e2e_test.cpp -> e2e (the built executable), *_pipewire_test.cpp ->
-# pipewire (a private PipeWire daemon), anything else -> unit.
+# pipewire (a private PipeWire daemon), *_x11_test.cpp -> x11 (the built
+# executable against a private Xorg with dummy monitors), anything else -> unit.
 function(velmora_tests subsystem)
   cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
   file(GLOB all CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
-  foreach(label unit net gl e2e pipewire)
+  foreach(label unit net gl e2e pipewire x11)
     set(files "")
     foreach(f IN LISTS all)
       get_filename_component(n ${f} NAME)
-      if(n MATCHES "_(net|gl|e2e|pipewire)_test\\.cpp$")
+      if(n MATCHES "_(net|gl|e2e|pipewire|x11)_test\\.cpp$")
         set(l ${CMAKE_MATCH_1})
       else()
         set(l unit)

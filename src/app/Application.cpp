@@ -9,8 +9,9 @@
 #include "app/CharacterExport.h"
 #include "app/CommandLine.h"
 #include "app/CueServerSwitch.h"
-#include "app/SessionRecording.h"
 #include "app/MaskSnapshot.h"
+#include "app/OperatorWindow.h"
+#include "app/SessionRecording.h"
 #include "app/SelfTestRunner.h"
 #include "app/TrackingIntake.h"
 #include "base/Clock.h"
@@ -21,6 +22,7 @@
 #include "control/QLabOSCServer.h"
 #include "outputs/NDIPublisher.h"
 #include "outputs/OutputSelfTest.h"
+#include "outputs/ProjectorWindowController.h"
 #include "outputs/SyphonPublisher.h"
 #include "render/RenderThread.h"
 #include "scene/MaskSceneManager.h"
@@ -108,7 +110,6 @@ int Application::runInteractive(const CommandLine& commandLine) {
   FaceTrackingState& state = FaceTrackingState::shared();
   logLine("Velmora", "Settings: " + SettingsStore::shared().filePath().string());
   logLine("Velmora", "This machine's address: " + state.localIP() + " (enter it in the phone's tracking app)");
-  logLine("Velmora", "Running headless (no window); press Ctrl-C to stop");
 
   // --- services started on the main loop ---
   TrackingIntake tracking(TrackingReceiver::shared(), state);
@@ -138,14 +139,30 @@ int Application::runInteractive(const CommandLine& commandLine) {
     if (property == FaceTrackingState::Property::ndiStatus) logLine("Velmora", state.ndiStatus());
   });
 
+  // The main window with the dashboard when there is a display; headless otherwise.
+  auto window = OperatorWindow::create({state, CharacterAnimationController::shared(), scene,
+                                        ProjectorWindowController::shared(), cueServer,
+                                        TrackingReceiver::shared()});
+  if (window) {
+    logLine("Velmora", "Main window open; close it (or press Ctrl-C) to stop");
+  } else {
+    logLine("Velmora", "Running headless (no window: " + window.reason + "); press Ctrl-C to stop");
+  }
+
   mainQueue.setTick([&] {
     // --- per-tick work (60 Hz) ---
     tracking.tick(uptime());
-    MaskSceneManager::shared().tick();  // face and cues onto the character; a frame when an output is on
+    scene.tick();  // face and cues onto the character, the wireframe tracker, a frame when an output is on
+    // The dashboard's frame: never waits for rendering, so OSC and tracking keep flowing.
+    if (window && !window.value->frame()) {
+      logLine("Velmora", "Main window closed, shutting down");
+      mainQueue.stop();
+    }
   }, 60.0);
-  mainQueue.run();  // returns after SIGINT/SIGTERM, having run everything still posted
+  mainQueue.run();  // returns after SIGINT/SIGTERM or the main window's closing, having run everything posted
 
   // --- services stopped, in reverse order ---
+  window.value.reset();  // the projector closes first, then the main window
   // Rendering ends first (after the frame in hand), so no finished frame
   // reaches an output while it stops or after the publishers are gone.
   scene.setRenderer(nullptr);

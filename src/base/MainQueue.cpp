@@ -82,6 +82,10 @@ void MainQueue::run() {
         std::fflush(stdout);
       }
       lock.lock();
+      // What was posted before the next tick comes due runs first: a tick
+      // slower than its period (a window's frame on software GL) must not
+      // starve the posted work (packets, remote commands, shortcuts).
+      for (std::size_t n = work_.size(); n > 0 && !stopRequested_; --n) runOne(lock);
       continue;
     }
     if (runOne(lock)) continue;

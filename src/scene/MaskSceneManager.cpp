@@ -264,6 +264,7 @@ void MaskSceneManager::updateGhostEyes(Node& leftEye, Node& rightEye, const Blen
 
 void MaskSceneManager::tick() {
   updateTracking(state_);
+  if (trackerUpdate_) trackerUpdate_();
   if (state_.isSyphonActive() || state_.isNDIActive())
     renderOffscreenFrame();  // syncs the outputs first
   else

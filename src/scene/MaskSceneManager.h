@@ -93,9 +93,13 @@ class MaskSceneManager {
   void updateTracking(const FaceTrackingState& state);
   static void updateGhostEyes(Node& leftEye, Node& rightEye, const BlendshapeMap& blendshapes);
 
-  // The 60 Hz tick: updateTracking(state), then renderOffscreenFrame() when
-  // the Syphon or the NDI output is switched on, else syncOutputs(state)
-  // alone (so outputs switched off are stopped and their status says so).
+  // Main thread. The frame loop's second step, run by tick() right after
+  // updateTracking (the dashboard's wireframe tracker); none by default.
+  void setTrackerUpdate(std::function<void()> update) { trackerUpdate_ = std::move(update); }
+  // The 60 Hz tick: updateTracking(state), the tracker update, then
+  // renderOffscreenFrame() when the Syphon or the NDI output is switched on,
+  // else syncOutputs(state) alone (so outputs switched off are stopped and
+  // their status says so).
   void tick();
   // syncOutputs(state), then captures the frame and hands it to the render
   // thread when an output runs, is switched on and wants frames (a PipeWire
@@ -173,6 +177,7 @@ class MaskSceneManager {
   FaceTrackingState& state_;
   CharacterAnimationController& animation_;
   std::function<double()> clock_;
+  std::function<void()> trackerUpdate_;
 
   std::shared_ptr<Node> scene_;
   std::shared_ptr<Node> maskNode_;

@@ -1,0 +1,196 @@
+#include "outputs/ProjectorView.h"
+
+#include <epoxy/gl.h>
+#define GLFW_INCLUDE_NONE
+#include <GLFW/glfw3.h>
+
+#include "base/Log.h"
+#include "render/RenderThread.h"
+
+namespace velmora {
+
+namespace {
+
+// Draws one output frame (BGRA, rows top first, sRGB, straight alpha) over
+// black: colour times alpha, opaque. One triangle covers the window.
+const char* const kVertex = R"GLSL(#version 330 core
+out vec2 vUv;
+void main() {
+  vec2 p = vec2((gl_VertexID << 1) & 2, gl_VertexID & 2);
+  vUv = vec2(p.x, 1.0 - p.y);
+  gl_Position = vec4(p * 2.0 - 1.0, 0.0, 1.0);
+}
+)GLSL";
+
+const char* const kFragment = R"GLSL(#version 330 core
+uniform sampler2D uFrame;
+in vec2 vUv;
+out vec4 fragColor;
+void main() {
+  vec4 c = texture(uFrame, vUv);
+  fragColor = vec4(c.rgb * c.a, 1.0);
+}
+)GLSL";
+
+GLuint compile(GLenum kind, const char* source, std::string& log) {
+  GLuint shader = glCreateShader(kind);
+  glShaderSource(shader, 1, &source, nullptr);
+  glCompileShader(shader);
+  GLint ok = GL_FALSE;
+  glGetShaderiv(shader, GL_COMPILE_STATUS, &ok);
+  if (!ok) {
+    char text[1024] = {};
+    glGetShaderInfoLog(shader, sizeof text, nullptr, text);
+    log = text;
+    glDeleteShader(shader);
+    return 0;
+  }
+  return shader;
+}
+
+}  // namespace
+
+// The GL objects in the window's context; made and destroyed with it current.
+struct ProjectorView::Gl {
+  GLuint program = 0, texture = 0, vertexArray = 0;
+  int textureWidth = 0, textureHeight = 0;
+
+  std::string create() {
+    std::string log;
+    const GLuint vs = compile(GL_VERTEX_SHADER, kVertex, log);
+    const GLuint fs = vs ? compile(GL_FRAGMENT_SHADER, kFragment, log) : 0;
+    if (!vs || !fs) return "projector shader: " + log;
+    program = glCreateProgram();
+    glAttachShader(program, vs);
+    glAttachShader(program, fs);
+    glLinkProgram(program);
+    glDeleteShader(vs);
+    glDeleteShader(fs);
+    GLint linked = GL_FALSE;
+    glGetProgramiv(program, GL_LINK_STATUS, &linked);
+    if (!linked) return "projector shader did not link";
+    glGenVertexArrays(1, &vertexArray);
+    glGenTextures(1, &texture);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    return {};
+  }
+
+  void destroy() {
+    if (texture) glDeleteTextures(1, &texture);
+    if (vertexArray) glDeleteVertexArrays(1, &vertexArray);
+    if (program) glDeleteProgram(program);
+  }
+
+  static void clearBlack(GLFWwindow* window) {
+    int w = 0, h = 0;
+    glfwGetFramebufferSize(window, &w, &h);
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    glViewport(0, 0, w, h);
+    glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
+    glClear(GL_COLOR_BUFFER_BIT);
+  }
+
+  void present(GLFWwindow* window, const RenderedFrame& frame) {
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+    if (frame.width != textureWidth || frame.height != textureHeight) {
+      glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, frame.width, frame.height, 0, GL_BGRA, GL_UNSIGNED_BYTE,
+                   frame.pixels.data());
+      textureWidth = frame.width;
+      textureHeight = frame.height;
+    } else {
+      glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, frame.width, frame.height, GL_BGRA, GL_UNSIGNED_BYTE,
+                      frame.pixels.data());
+    }
+    clearBlack(window);
+    glDisable(GL_BLEND);
+    glDisable(GL_DEPTH_TEST);
+    glUseProgram(program);
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glUniform1i(glGetUniformLocation(program, "uFrame"), 0);
+    glBindVertexArray(vertexArray);
+    glDrawArrays(GL_TRIANGLES, 0, 3);
+    glBindVertexArray(0);
+    glUseProgram(0);
+  }
+};
+
+namespace {
+
+// Makes the window's context current for a scope, then the previous one again.
+class ContextScope {
+ public:
+  explicit ContextScope(GLFWwindow* window) : previous_(glfwGetCurrentContext()) { glfwMakeContextCurrent(window); }
+  ~ContextScope() { glfwMakeContextCurrent(previous_); }
+  ContextScope(const ContextScope&) = delete;
+  ContextScope& operator=(const ContextScope&) = delete;
+
+ private:
+  GLFWwindow* previous_;
+};
+
+}  // namespace
+
+ProjectorView::ProjectorView(GLFWwindow* window)
+    : window_(window),
+      renderer_(std::make_unique<RenderThread>()),
+      slot_(std::make_shared<Slot>()),
+      gl_(std::make_unique<Gl>()) {
+  std::weak_ptr<Slot> slot = slot_;
+  renderer_->setFrameHandler([slot](const std::shared_ptr<const RenderedFrame>& frame) {
+    if (auto s = slot.lock()) {
+      std::lock_guard lock(s->mutex);
+      s->frame = frame;
+    }
+  });
+  ContextScope scope(window_);
+  glfwSwapInterval(0);  // presenting never waits for the display
+  const std::string why = gl_->create();
+  if (!why.empty()) {
+    logLine("ProjectorWindowController", "The projector shows black: " + why);
+    gl_->destroy();
+    gl_.reset();
+  }
+  // Black at once: the first frame may take half a second.
+  Gl::clearBlack(window_);
+  glfwSwapBuffers(window_);
+}
+
+ProjectorView::~ProjectorView() {
+  if (renderer_) retire().join();
+  if (gl_) {
+    ContextScope scope(window_);
+    gl_->destroy();
+  }
+}
+
+void ProjectorView::submit(std::shared_ptr<const FrameDescription> frame) {
+  if (renderer_) renderer_->submit(std::move(frame));
+}
+
+bool ProjectorView::present() {
+  std::shared_ptr<const RenderedFrame> frame;
+  {
+    std::lock_guard lock(slot_->mutex);
+    frame = std::move(slot_->frame);
+  }
+  if (!frame || !gl_) return false;
+  ContextScope scope(window_);
+  gl_->present(window_, *frame);
+  glfwSwapBuffers(window_);
+  ++presented_;
+  return true;
+}
+
+std::thread ProjectorView::retire() {
+  slot_ = std::make_shared<Slot>();  // frames still on their way go nowhere
+  std::shared_ptr<RenderThread> renderer(std::move(renderer_));
+  return std::thread([renderer] { renderer->stop(); });
+}
+
+}  // namespace velmora

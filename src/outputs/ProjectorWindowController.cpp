@@ -1,0 +1,137 @@
+#include "outputs/ProjectorWindowController.h"
+
+#define GLFW_INCLUDE_NONE
+#include <GLFW/glfw3.h>
+
+#include "base/Log.h"
+#include "base/MainQueue.h"
+#include "outputs/ProjectorMonitorRule.h"
+#include "outputs/ProjectorView.h"
+#include "tracking/FaceTrackingState.h"
+
+namespace velmora {
+
+ProjectorWindowController& ProjectorWindowController::shared() {
+  static ProjectorWindowController controller(FaceTrackingState::shared());
+  return controller;
+}
+
+ProjectorWindowController::ProjectorWindowController(FaceTrackingState& state)
+    : state_(state) {}
+
+ProjectorWindowController::~ProjectorWindowController() { shutdown(); }
+
+void ProjectorWindowController::setFrameSource(FrameSource source) { source_ = std::move(source); }
+
+void ProjectorWindowController::setKeyHandler(KeyHandler handler) { keyHandler_ = std::move(handler); }
+
+void ProjectorWindowController::keyCallback(GLFWwindow* window, int key, int, int action, int mods) {
+  auto* self = static_cast<ProjectorWindowController*>(glfwGetWindowUserPointer(window));
+  if (self && action == GLFW_PRESS && self->keyHandler_) self->keyHandler_(key, mods);
+}
+
+void ProjectorWindowController::openProjector() {
+  VELMORA_ASSERT_MAIN_THREAD();
+  int count = 0;
+  GLFWmonitor** monitors = glfwGetMonitors(&count);
+  GLFWmonitor* monitor = nullptr;
+  if (const auto index = ProjectorMonitorRule::chooseIndex(monitors ? count : 0)) {
+    monitor = monitors[*index];
+  } else {
+    monitor = glfwGetPrimaryMonitor();  // the main display, if the system has one unlisted
+  }
+  const GLFWvidmode* mode = monitor ? glfwGetVideoMode(monitor) : nullptr;
+  if (!monitor || !mode) {
+    logLine("ProjectorWindowController", "No display to put the projector on");
+    return;
+  }
+  if (window_) retire();
+
+  int x = 0, y = 0;
+  glfwGetMonitorPos(monitor, &x, &y);
+  glfwDefaultWindowHints();
+  glfwWindowHint(GLFW_DECORATED, GLFW_FALSE);
+  glfwWindowHint(GLFW_FLOATING, GLFW_TRUE);
+  glfwWindowHint(GLFW_AUTO_ICONIFY, GLFW_FALSE);  // stays up when the dashboard has the focus
+  glfwWindowHint(GLFW_RESIZABLE, GLFW_FALSE);
+  glfwWindowHint(GLFW_VISIBLE, GLFW_FALSE);
+  glfwWindowHint(GLFW_FOCUS_ON_SHOW, GLFW_TRUE);
+  glfwWindowHint(GLFW_CONTEXT_VERSION_MAJOR, 3);
+  glfwWindowHint(GLFW_CONTEXT_VERSION_MINOR, 3);
+  glfwWindowHint(GLFW_OPENGL_PROFILE, GLFW_OPENGL_CORE_PROFILE);
+  glfwWindowHint(GLFW_OPENGL_FORWARD_COMPAT, GLFW_TRUE);
+  glfwWindowHint(GLFW_SAMPLES, 0);  // the scene is multisampled offscreen, then shown
+  // Windowed at the monitor's origin and native size rather than an
+  // exclusive full-screen mode: no mode switch, and the operator's display
+  // is never touched.
+  GLFWwindow* window = glfwCreateWindow(mode->width, mode->height, "Velmora Projector", nullptr, nullptr);
+  glfwDefaultWindowHints();
+  if (!window) {
+    const char* description = nullptr;
+    glfwGetError(&description);
+    logLine("ProjectorWindowController",
+            std::string("Could not open the projector window: ") + (description ? description : "unknown error"));
+    return;
+  }
+  glfwSetWindowPos(window, x, y);
+  glfwSetWindowUserPointer(window, this);
+  glfwSetKeyCallback(window, &ProjectorWindowController::keyCallback);
+  glfwShowWindow(window);
+  glfwFocusWindow(window);
+
+  window_ = window;
+  width_ = mode->width;
+  height_ = mode->height;
+  monitorName_ = glfwGetMonitorName(monitor) ? glfwGetMonitorName(monitor) : "";
+  view_ = std::make_unique<ProjectorView>(window);
+  state_.setIsProjectorFullscreen(true);
+  logLine("ProjectorWindowController", "Opened fullscreen projector window on '" + monitorName_ + "'");
+  tick();  // the first frame now, not a tick later
+}
+
+void ProjectorWindowController::closeProjector() {
+  VELMORA_ASSERT_MAIN_THREAD();
+  if (window_) retire();
+  state_.setIsProjectorFullscreen(false);
+  logLine("ProjectorWindowController", "Closed projector window.");
+}
+
+void ProjectorWindowController::toggleProjectorFullscreen() {
+  if (window_) {
+    closeProjector();
+  } else {
+    openProjector();
+  }
+}
+
+void ProjectorWindowController::tick() {
+  if (!view_) return;
+  view_->present();
+  if (!source_) return;
+  auto frame = source_(width_, height_);
+  if (!frame) return;
+  auto copy = std::make_shared<FrameDescription>(*frame);
+  copy->sampleCount = sampleCount;
+  view_->submit(std::move(copy));
+}
+
+std::uint64_t ProjectorWindowController::presentedCount() const {
+  return view_ ? view_->presentedCount() : 0;
+}
+
+void ProjectorWindowController::retire() {
+  stoppers_.push_back(view_->retire());
+  view_.reset();  // its GL objects go while the window still exists
+  glfwDestroyWindow(window_);
+  window_ = nullptr;
+  monitorName_.clear();
+  width_ = height_ = 0;
+}
+
+void ProjectorWindowController::shutdown() {
+  if (window_) closeProjector();
+  for (auto& stopper : stoppers_) stopper.join();
+  stoppers_.clear();
+}
+
+}  // namespace velmora

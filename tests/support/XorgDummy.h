@@ -1,0 +1,132 @@
+#pragma once
+// A private X server for window tests: Xorg with the dummy video driver and
+// one or two 1920x1080 monitors side by side (RandR outputs "DUMMY0" and
+// "DUMMY1", as GLFW lists them), on a display number nobody holds. No window
+// manager runs, so windows sit exactly where they ask to be. The server is
+// always stopped (SIGTERM, then SIGKILL) when the object goes.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+extern char** environ;
+
+namespace velmora::test {
+
+class XorgDummy {
+ public:
+  XorgDummy(const std::filesystem::path& folder, int monitors) {
+    config_ = folder / "xorg-dummy.conf";
+    log_ = folder / "xorg.log";
+    writeConfig(monitors);
+    for (int n = 90 + (::getpid() % 50); n < 250; ++n) {
+      if (std::filesystem::exists("/tmp/.X11-unix/X" + std::to_string(n)) ||
+          std::filesystem::exists("/tmp/.X" + std::to_string(n) + "-lock")) {
+        continue;
+      }
+      display_ = n;
+      break;
+    }
+    if (display_ < 0) return;
+    const std::string name = ":" + std::to_string(display_);
+    std::vector<std::string> args{"Xorg", name, "-config", config_.string(), "-noreset", "-nolisten", "tcp",
+                                  "-logfile", log_.string()};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    if (posix_spawnp(&pid_, "Xorg", &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    if (pid_ <= 0) return;
+    // Ready when its socket appears (about half a second).
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (std::filesystem::exists("/tmp/.X11-unix/X" + std::to_string(display_))) {
+        ready_ = true;
+        break;
+      }
+      int status = 0;
+      if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  }
+  ~XorgDummy() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    for (int i = 0; i < 100; ++i) {
+      if (::waitpid(pid_, nullptr, WNOHANG) == pid_) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  XorgDummy(const XorgDummy&) = delete;
+  XorgDummy& operator=(const XorgDummy&) = delete;
+
+  bool ready() const { return ready_; }
+  std::string display() const { return ":" + std::to_string(display_); }
+  const std::filesystem::path& logFile() const { return log_; }
+
+ private:
+  void writeConfig(int monitors) {
+    std::ofstream c(config_);
+    c << "Section \"ServerFlags\"\n"
+         "  Option \"AutoAddDevices\" \"false\"\n"
+         "  Option \"AutoAddGPU\" \"false\"\n"
+         "  Option \"BlankTime\" \"0\"\n"
+         "  Option \"StandbyTime\" \"0\"\n"
+         "  Option \"SuspendTime\" \"0\"\n"
+         "  Option \"OffTime\" \"0\"\n"
+         "EndSection\n"
+         "Section \"Device\"\n"
+         "  Identifier \"dummy\"\n"
+         "  Driver \"dummy\"\n"
+         "  VideoRam 65536\n";
+    for (int i = 0; i < monitors; ++i) c << "  Option \"Monitor-DUMMY" << i << "\" \"Monitor" << i << "\"\n";
+    c << "EndSection\n";
+    for (int i = 0; i < monitors; ++i) {
+      c << "Section \"Monitor\"\n"
+           "  Identifier \"Monitor" << i << "\"\n"
+           "  HorizSync 5-1000\n"
+           "  VertRefresh 5-200\n"
+           "  Modeline \"1920x1080\" 148.50 1920 2008 2052 2200 1080 1084 1089 1125\n"
+           "  Option \"PreferredMode\" \"1920x1080\"\n"
+           // Without Enable only the first output lights up.
+           "  Option \"Enable\" \"true\"\n"
+           "  Option \"Position\" \"" << i * 1920 << " 0\"\n"
+           "EndSection\n";
+    }
+    c << "Section \"Screen\"\n"
+         "  Identifier \"screen\"\n"
+         "  Device \"dummy\"\n"
+         "  Monitor \"Monitor0\"\n"
+         "  DefaultDepth 24\n"
+         "  SubSection \"Display\"\n"
+         "    Depth 24\n"
+         "    Virtual " << monitors * 1920 << " 1080\n"
+         "  EndSubSection\n"
+         "EndSection\n";
+  }
+
+  std::filesystem::path config_, log_;
+  int display_ = -1;
+  pid_t pid_ = -1;
+  bool ready_ = false;
+};
+
+}  // namespace velmora::test
