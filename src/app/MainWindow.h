@@ -20,9 +20,10 @@ namespace velmora {
 
 class MainWindow {
  public:
-  // Fits a 1366 x 768 laptop screen with the panels side by side.
-  static constexpr int initialWidth = 1360;
-  static constexpr int initialHeight = 740;
+  // Fits a 1366 x 768 laptop screen with the panels side by side, leaving
+  // room for a desktop bar and the title bar.
+  static constexpr int initialWidth = 1340;
+  static constexpr int initialHeight = 690;
   static constexpr int minimumWidth = 960;
   static constexpr int minimumHeight = 600;
 

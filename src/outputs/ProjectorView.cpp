@@ -162,7 +162,7 @@ ProjectorView::ProjectorView(GLFWwindow* window)
 }
 
 ProjectorView::~ProjectorView() {
-  if (renderer_) retire().join();
+  if (renderer_) retire().wait();
   if (gl_) {
     ContextScope scope(window_);
     gl_->destroy();
@@ -187,10 +187,10 @@ bool ProjectorView::present() {
   return true;
 }
 
-std::thread ProjectorView::retire() {
+std::future<void> ProjectorView::retire() {
   slot_ = std::make_shared<Slot>();  // frames still on their way go nowhere
   std::shared_ptr<RenderThread> renderer(std::move(renderer_));
-  return std::thread([renderer] { renderer->stop(); });
+  return std::async(std::launch::async, [renderer] { renderer->stop(); });
 }
 
 }  // namespace velmora

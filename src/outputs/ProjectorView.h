@@ -15,9 +15,9 @@
 // Threads: main thread, except that frames arrive from the render thread.
 
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include "scene/FrameDescription.h"
 #include "scene/RenderedFrame.h"
@@ -46,8 +46,9 @@ class ProjectorView {
   // yet. True when it showed one.
   bool present();
   // Main thread: lets the render thread finish its frame in hand on a thread
-  // of its own (returned; join it before exit). Later frames are dropped.
-  std::thread retire();
+  // of its own; the future is ready once it has (wait for it before exit).
+  // Later frames are dropped.
+  std::future<void> retire();
 
   std::uint64_t presentedCount() const { return presented_; }
 

@@ -120,6 +120,9 @@ std::uint64_t ProjectorWindowController::presentedCount() const {
 }
 
 void ProjectorWindowController::retire() {
+  std::erase_if(stoppers_, [](const std::future<void>& f) {
+    return f.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+  });
   stoppers_.push_back(view_->retire());
   view_.reset();  // its GL objects go while the window still exists
   glfwDestroyWindow(window_);
@@ -130,7 +133,7 @@ void ProjectorWindowController::retire() {
 
 void ProjectorWindowController::shutdown() {
   if (window_) closeProjector();
-  for (auto& stopper : stoppers_) stopper.join();
+  for (auto& stopper : stoppers_) stopper.wait();
   stoppers_.clear();
 }
 

@@ -20,7 +20,7 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
+#include <future>
 #include <vector>
 
 #include "scene/FrameDescription.h"
@@ -86,7 +86,7 @@ class ProjectorWindowController {
   std::unique_ptr<ProjectorView> view_;
   std::string monitorName_;
   int width_ = 0, height_ = 0;
-  std::vector<std::thread> stoppers_;  // render threads finishing their last frame
+  std::vector<std::future<void>> stoppers_;  // render threads finishing their last frame
 };
 
 }  // namespace velmora

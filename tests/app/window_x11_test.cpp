@@ -22,6 +22,7 @@
 #include <nlohmann/json.hpp>
 
 #include "support/ChildProcess.h"
+#include "support/PrivatePipeWire.h"
 #include "support/TempDir.h"
 #include "support/XorgDummy.h"
 
@@ -127,8 +128,9 @@ bool showsCharacterOnBlack(const Image& s) {
 
 struct Session {
   explicit Session(int monitors) : xorg(dir.path(), monitors) {}
-  void start(const std::vector<std::string>& extraEnv = {}) {
-    std::ofstream(dir.path() / "settings.json") << nlohmann::json{{"oscCuePort", test::freeUdpPort()}}.dump();
+  void start(const std::vector<std::string>& extraEnv = {}, bool ndi = false) {
+    std::ofstream(dir.path() / "settings.json")
+        << nlohmann::json{{"oscCuePort", test::freeUdpPort()}, {"ndiOutputEnabled", ndi}}.dump();
     std::vector<std::string> env{"DISPLAY=" + xorg.display(), "VELMORA_CONFIG_DIR=" + dir.path().string(),
                                  "VELMORA_TRACKING_PORTS=" + std::to_string(trackingPort)};
     env.insert(env.end(), extraEnv.begin(), extraEnv.end());
@@ -150,7 +152,13 @@ struct Session {
 TEST(WindowX11Test, DashboardProjectorShortcutsAndClosingOnTwoMonitors) {
   Session s(2);
   ASSERT_TRUE(s.xorg.ready()) << "Xorg with the dummy driver did not start; see " << s.xorg.logFile();
-  s.start();
+  // Both publishers run (a private PipeWire, the NDI runtime double), so
+  // closing the window must stop them.
+  test::PrivatePipeWire pipewire;
+  ASSERT_TRUE(pipewire.start());
+  std::vector<std::string> env = pipewire.env();
+  env.push_back(std::string("NDI_RUNTIME_DIR_V6=") + VELMORA_NDI_DOUBLE_DIR);
+  s.start(env, true);
   ASSERT_TRUE(s.velmora->started());
   ASSERT_TRUE(s.logged("[Velmora] Main window open; close it (or press Ctrl-C) to stop")) << s.velmora->output();
   std::string main;
@@ -165,17 +173,22 @@ TEST(WindowX11Test, DashboardProjectorShortcutsAndClosingOnTwoMonitors) {
   ASSERT_TRUE(eventually(
       [&] {
         dashboard = screenshot(s.xorg.display(), 0, "dashboard.png");
-        return dashboard.width == 1920 && dashboard.count(0, 0, 1360, 740, processedBar) > 200;
+        // The bars, and a rendered frame in the preview (more than its checks and caption).
+        auto notChecker = [](int r, int g, int b) {
+          return !(r == g && g == b && (r == 150 || r == 105 || r == 255));
+        };
+        return dashboard.width == 1920 && dashboard.count(0, 0, 1340, 690, processedBar) > 200 &&
+               dashboard.count(390, 70, 820, 300, notChecker) > 5000;
       },
-      30.0))
-      << "no expression bars in " << (kShots / "dashboard.png");
+      90.0))
+      << "no expression bars or no preview frame in " << (kShots / "dashboard.png");
   // The three columns carry their panels' title bars (blue headers).
   auto header = [](int r, int g, int b) { return b > 70 && b > r + 40 && g > r + 15; };
-  EXPECT_GT(dashboard.count(10, 30, 350, 740, header), 2000) << "left column";
-  EXPECT_GT(dashboard.count(390, 30, 840, 740, header), 2000) << "middle column";
-  EXPECT_GT(dashboard.count(880, 30, 1340, 740, header), 2000) << "right column";
+  EXPECT_GT(dashboard.count(10, 30, 350, 680, header), 2000) << "left column";
+  EXPECT_GT(dashboard.count(390, 30, 840, 680, header), 2000) << "middle column";
+  EXPECT_GT(dashboard.count(880, 30, 1320, 680, header), 2000) << "right column";
   // The preview's checkerboard.
-  EXPECT_GT(dashboard.count(380, 30, 860, 400, [](int r, int g, int b) { return r == 150 && g == 150 && b == 150; }),
+  EXPECT_GT(dashboard.count(380, 30, 840, 400, [](int r, int g, int b) { return r == 150 && g == 150 && b == 150; }),
             2000);
 
   // Ctrl+P: the projector covers the second monitor, black with the character.
@@ -221,6 +234,8 @@ TEST(WindowX11Test, DashboardProjectorShortcutsAndClosingOnTwoMonitors) {
   EXPECT_EQ(s.velmora->wait(60), 0) << s.velmora->output();
   const std::string out = s.velmora->output();
   EXPECT_NE(out.find("[Velmora] Main window closed, shutting down"), std::string::npos) << out;
+  EXPECT_NE(out.find("[Syphon] Server stopped"), std::string::npos) << out;
+  EXPECT_NE(out.find("[NDI] Sender stopped"), std::string::npos) << out;
   EXPECT_NE(out.find("[Velmora] Stopped cleanly"), std::string::npos) << out;
 }
 
