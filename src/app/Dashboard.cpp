@@ -6,6 +6,7 @@
 #include "app/ConnectionPanel.h"
 #include "app/CuesPanel.h"
 #include "app/DashboardContext.h"
+#include "app/ExportPanel.h"
 #include "app/ExpressionPanel.h"
 #include "app/LightingPanel.h"
 #include "app/MenuCommands.h"
@@ -44,7 +45,8 @@ Dashboard::Dashboard(DashboardContext& context, const PreviewFrames& frames, con
       remote_(std::make_unique<RemoteControlPanel>(context)),
       lighting_(std::make_unique<LightingPanel>(context)),
       oscCommands_(std::make_unique<OSCCommandsWindow>(context)),
-      wireframe_(std::make_unique<WireframeTrackerView>(context, tracker)) {}
+      wireframe_(std::make_unique<WireframeTrackerView>(context, tracker)),
+      export_(std::make_unique<ExportPanel>()) {}
 
 Dashboard::~Dashboard() = default;
 
@@ -98,6 +100,7 @@ void Dashboard::draw(ImFont* largeFont) {
   section("Preview", [&] { preview_->draw(); });
   section("Wireframe tracker", [&] { wireframe_->draw(); });
   section("Lighting", [&] { lighting_->draw(); });
+  section("Export", [&] { export_->draw(); });
   ImGui::EndChild();
 
   ImGui::SameLine();

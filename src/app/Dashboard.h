@@ -24,6 +24,7 @@ class RemoteControlPanel;
 class LightingPanel;
 class OSCCommandsWindow;
 class WireframeTrackerView;
+class ExportPanel;
 
 class Dashboard {
  public:
@@ -59,6 +60,7 @@ class Dashboard {
   std::unique_ptr<LightingPanel> lighting_;
   std::unique_ptr<OSCCommandsWindow> oscCommands_;
   std::unique_ptr<WireframeTrackerView> wireframe_;
+  std::unique_ptr<ExportPanel> export_;
 };
 
 }  // namespace velmora

@@ -13,6 +13,7 @@
 #include "app/CuesPanel.h"
 #include "app/Dashboard.h"
 #include "app/DashboardContext.h"
+#include "app/ExportPanel.h"
 #include "app/ExpressionPanel.h"
 #include "app/LightingPanel.h"
 #include "app/OSCCommandsText.h"
@@ -21,6 +22,7 @@
 #include "app/PreviewFrames.h"
 #include "app/RemoteControlPanel.h"
 #include "app/WireframeTracker.h"
+#include "base/MainQueue.h"
 #include "base/SettingsStore.h"
 #include "control/OSCCommandCatalog.h"
 #include "support/TempDir.h"
@@ -153,6 +155,19 @@ TEST(DashboardTest, RangeEditsPassOnlyTheMovedBound) {
   f.state.ingestPacket(BlendshapeMap{{"mouthSmileLeft", 0.4f}, {"browInnerUp", 0.95f}}, std::nullopt,
                        std::nullopt, "10.0.0.2:5000");
   EXPECT_EQ(ExpressionPanel::rowNames(f.state), (std::vector<std::string>{"browInnerUp", "mouthSmileLeft"}));
+}
+
+TEST(DashboardTest, ExportRunsInTheBackgroundOneAtATimeAndShowsEachFile) {
+  test::TempDir dir;
+  ExportPanel panel;
+  const std::string folder = (dir.path() / "glb").string();
+  ASSERT_TRUE(panel.start(folder));
+  EXPECT_TRUE(panel.running());
+  EXPECT_FALSE(panel.start(folder));  // a second press while it runs does nothing
+  ASSERT_TRUE(MainQueue::shared().runUntil([&] { return !panel.running(); }, 120.0));
+  ASSERT_EQ(panel.results().size(), allCases<CharacterModelType>().size());
+  for (const auto& line : panel.results()) EXPECT_EQ(line.rfind("Wrote ", 0), 0u) << line;
+  EXPECT_TRUE(std::filesystem::exists(dir.path() / "glb" / "cartoon_ghost.glb"));
 }
 
 TEST(DashboardTest, PacketAgeReadsInUnitsAnOperatorCanTake) {
