@@ -16,6 +16,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 extern char** environ;
 
@@ -27,43 +28,17 @@ class XorgDummy {
     config_ = folder / "xorg-dummy.conf";
     log_ = folder / "xorg.log";
     writeConfig(monitors);
-    for (int n = 90 + (::getpid() % 50); n < 250; ++n) {
+    // A display number nobody holds; when another test's server takes the
+    // same one first, this one exits at once and the next number is tried.
+    for (int n = 90 + (::getpid() % 50); n < 250 && !ready_; ++n) {
       if (std::filesystem::exists("/tmp/.X11-unix/X" + std::to_string(n)) ||
           std::filesystem::exists("/tmp/.X" + std::to_string(n) + "-lock")) {
         continue;
       }
       display_ = n;
-      break;
+      ready_ = launch();
     }
-    if (display_ < 0) return;
-    const std::string name = ":" + std::to_string(display_);
-    std::vector<std::string> args{"Xorg", name, "-config", config_.string(), "-noreset", "-nolisten", "tcp",
-                                  "-logfile", log_.string()};
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    if (posix_spawnp(&pid_, "Xorg", &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    if (pid_ <= 0) return;
-    // Ready when its socket appears (about half a second).
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (std::filesystem::exists("/tmp/.X11-unix/X" + std::to_string(display_))) {
-        ready_ = true;
-        break;
-      }
-      int status = 0;
-      if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    if (!ready_) display_ = -1;
   }
   ~XorgDummy() {
     if (pid_ <= 0) return;
@@ -83,6 +58,43 @@ class XorgDummy {
   const std::filesystem::path& logFile() const { return log_; }
 
  private:
+  // Starts Xorg on display_; true once its socket is there (about half a second).
+  bool launch() {
+    const std::string name = ":" + std::to_string(display_);
+    std::vector<std::string> args{"Xorg", name, "-config", config_.string(), "-noreset", "-nolisten", "tcp",
+                                  "-logfile", log_.string()};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    if (posix_spawnp(&pid_, "Xorg", &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    if (pid_ <= 0) return false;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+    while (std::chrono::steady_clock::now() < deadline) {
+      int status = 0;
+      if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;  // it gave up (the display was taken meanwhile)
+        return false;
+      }
+      if (std::filesystem::exists("/tmp/.X11-unix/X" + std::to_string(display_))) {
+        // The socket may be another server's: ours must still be running.
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        if (::waitpid(pid_, &status, WNOHANG) == 0) return true;
+        pid_ = -1;
+        return false;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+    return false;
+  }
+
   void writeConfig(int monitors) {
     std::ofstream c(config_);
     c << "Section \"ServerFlags\"\n"
