@@ -152,6 +152,7 @@ int Application::runInteractive(const CommandLine& commandLine) {
   mainQueue.setTick([&] {
     // --- per-tick work (60 Hz) ---
     tracking.tick(uptime());
+    state.updateTrackingLoss();  // before the scene shows the face
     scene.tick();  // face and cues onto the character, the wireframe tracker, a frame when an output is on
     // The dashboard's frame: never waits for rendering, so OSC and tracking keep flowing.
     if (window && !window.value->frame()) {

@@ -1,6 +1,7 @@
 #include "app/TrackingIntake.h"
 
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 
@@ -53,6 +54,7 @@ std::string TrackingIntake::statusLine() const {
   std::string line = std::string("tracking: ") + rate + " packets/s from " + state_.senderIP() + ", " +
                      std::to_string(state_.totalPacketsReceived()) + " received";
   if (stats.dropped > 0) line += ", " + std::to_string(stats.dropped) + " dropped under load";
+  if (stats.refused > 0) line += ", " + std::to_string(stats.refused) + " refused (not in the allowed senders)";
   if (state_.outputLatencyP99() > 0.0) {
     char latency[128];
     std::snprintf(latency, sizeof latency, ", output latency p50 %.1f ms, p99 %.1f ms", state_.outputLatencyP50(),
@@ -67,7 +69,22 @@ std::string TrackingIntake::statusLine() const {
   return line;
 }
 
+std::string TrackingIntake::trackingLostText(double secondsWithoutData) {
+  char seconds[32];
+  std::snprintf(seconds, sizeof seconds, "%.1f", secondsWithoutData);
+  return std::string("Tracking lost (no data for ") + seconds + " s)";
+}
+
 void TrackingIntake::tick(double now) {
+  if (state_.isTrackingLost()) {
+    if (lastLostLineTime_ < 0 || now - lastLostLineTime_ >= statusInterval) {
+      const auto since = state_.trackingLostSince().value_or(wallNow());
+      logLine("Velmora", trackingLostText(std::chrono::duration<double>(wallNow() - since).count()));
+      lastLostLineTime_ = now;
+    }
+    return;
+  }
+  lastLostLineTime_ = -1.0;
   const std::uint64_t count = state_.totalPacketsReceived();
   if (count == lastLineCount_) return;
   if (lastLineTime_ < 0) {

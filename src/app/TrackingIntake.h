@@ -29,10 +29,11 @@ class TrackingIntake {
   void start();
   // Every tick: "[Velmora] tracking: 60.0 packets/s from 127.0.0.1:50000,
   // 1234 received" at most every statusInterval seconds, and only when
-  // packets arrived since the last line. `now` in seconds of uptime. While
-  // frames reach the outputs the line goes on with their latency:
-  // ", output latency p50 12.5 ms, p99 20.1 ms" and, when a split is set,
-  // " (tick wait 8.0 ms + render 4.1 ms)".
+  // packets arrived since the last line; while the state says tracking is
+  // lost, "[Velmora] Tracking lost (no data for N.N s)" instead, as often.
+  // `now` in seconds of uptime. While frames reach the outputs the line goes
+  // on with their latency: ", output latency p50 12.5 ms, p99 20.1 ms" and,
+  // when a split is set, " (tick wait 8.0 ms + render 4.1 ms)".
   void tick(double now);
   // Closes the sockets and waits until they are closed.
   void stop();
@@ -42,6 +43,9 @@ class TrackingIntake {
   // Main thread. Where the line's latency split comes from: the medians
   // (seconds) of waiting for the tick and of rendering, over the last second.
   void setLatencySplit(std::function<std::pair<double, double>()> split) { latencySplit_ = std::move(split); }
+  // "Tracking lost (no data for 1.5 s)": printed when the state says the
+  // phone is gone, then every statusInterval while it stays gone.
+  static std::string trackingLostText(double secondsWithoutData);
 
   // "p1,p2,..." with each port 1..65535; none when malformed or empty.
   static std::optional<std::vector<std::uint16_t>> parsePorts(std::string_view text);
@@ -51,6 +55,7 @@ class TrackingIntake {
   FaceTrackingState& state_;
   std::function<std::pair<double, double>()> latencySplit_;
   double lastLineTime_ = -1.0;
+  double lastLostLineTime_ = -1.0;  // < 0: not lost at the last tick
   std::uint64_t lastLineCount_ = 0;
 };
 

@@ -208,9 +208,13 @@ void MaskSceneManager::updateTracking(const FaceTrackingState& state) {
     bob = static_cast<float>(std::sin(1.8 * t) * 0.025);
     sway = static_cast<float>(std::sin(1.2 * t) * 0.015);
   }
+  // The live face as shown: the published values through the tracking-loss
+  // stage (eased to neutral while the phone is gone). Cues act on top of it.
+  BlendshapeMap blended = state.blendshapes();
+  float3 head = state.headRotation();
+  state.trackingLoss().apply(blended, head);
   // 5. Orientation: the cue's rotation in full, whatever its blend weight
   // (the nod and shake cues rotate at weight 0).
-  const float3 head = state.headRotation();
   maskNode_->eulerAngles = float3(head.x + out.rotationOffset.x, head.y + out.rotationOffset.y,
                                   head.z + out.rotationOffset.z + sway);
   // 6. Position.
@@ -221,7 +225,6 @@ void MaskSceneManager::updateTracking(const FaceTrackingState& state) {
   maskNode_->scale = out.scaleMultiplier;
   // 8. Expression blend: the cue's channels move from live towards the cue
   // by its weight; a channel the live map lacks blends from 0.
-  BlendshapeMap blended = state.blendshapes();
   if (out.blendWeight > 0.0f) {
     const float w = out.blendWeight;
     for (const auto& [name, value] : out.blendshapes) {

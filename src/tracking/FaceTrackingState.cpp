@@ -33,6 +33,13 @@ void FaceTrackingState::loadPersisted() {
   if (auto enabled = settings_.isOSCEnabled()) isOSCEnabled_ = *enabled;
   if (auto enabled = settings_.ndiOutputEnabled()) isNDIActive_ = *enabled;
   if (auto lighting = settings_.lighting()) lighting_ = std::move(*lighting);
+  if (auto timeout = settings_.trackingTimeout()) trackingTimeout_ = *timeout;
+  trackingLoss_.setTimeout(trackingTimeout_);
+  relayTargets_ = settings_.stringList(TrackingSettings::relayTargetsKey);
+  trackingBindAddress_ = settings_.string(TrackingSettings::trackingBindAddressKey);
+  oscBindAddress_ = settings_.string(TrackingSettings::oscBindAddressKey);
+  trackingAllowedSenders_ = settings_.stringList(TrackingSettings::trackingAllowedSendersKey);
+  oscAllowedSenders_ = settings_.stringList(TrackingSettings::oscAllowedSendersKey);
 }
 
 // ---------------------------------------------------------------------------
@@ -44,6 +51,7 @@ void FaceTrackingState::ingestPacket(const std::optional<BlendshapeMap>& blendsh
                                      const std::string& sender) {
   VELMORA_ASSERT_MAIN_THREAD();
   const double now = clock_();
+  trackingLoss_.packetArrived(now);
 
   ++totalPacketsReceived_;
   observers_.notify(Property::totalPacketsReceived);
@@ -190,6 +198,25 @@ void FaceTrackingState::afterWrite(Property property) {
     case Property::oscPort:
       settings_.saveOSCPort(oscPort_);
       break;
+    case Property::trackingTimeout:
+      settings_.saveTrackingTimeout(trackingTimeout_);
+      trackingLoss_.setTimeout(trackingTimeout_);
+      break;
+    case Property::relayTargets:
+      settings_.saveStringList(TrackingSettings::relayTargetsKey, relayTargets_);
+      break;
+    case Property::trackingBindAddress:
+      settings_.saveString(TrackingSettings::trackingBindAddressKey, trackingBindAddress_);
+      break;
+    case Property::oscBindAddress:
+      settings_.saveString(TrackingSettings::oscBindAddressKey, oscBindAddress_);
+      break;
+    case Property::trackingAllowedSenders:
+      settings_.saveStringList(TrackingSettings::trackingAllowedSendersKey, trackingAllowedSenders_);
+      break;
+    case Property::oscAllowedSenders:
+      settings_.saveStringList(TrackingSettings::oscAllowedSendersKey, oscAllowedSenders_);
+      break;
     case Property::isOSCEnabled:
       // Stored, and the status written, before observers hear of the switch:
       // the one that starts and stops the cue server relies on both.
@@ -201,6 +228,15 @@ void FaceTrackingState::afterWrite(Property property) {
   }
   observers_.notify(property);
   if (property == Property::smoothing) updateFilterParameters();
+}
+
+void FaceTrackingState::updateTrackingLoss() {
+  VELMORA_ASSERT_MAIN_THREAD();
+  if (!trackingLoss_.update(clock_())) return;
+  std::optional<WallTime> since;
+  if (trackingLoss_.isLost()) since = lastPacketTimestamp_;
+  write(trackingLostSince_, since, Property::trackingLostSince);
+  write(isTrackingLost_, trackingLoss_.isLost(), Property::isTrackingLost);
 }
 
 #define VELMORA_PROPERTY_SETTER(name, setter, Type, initial) \

@@ -18,8 +18,15 @@
 // Persistence: TrackingSettings (its keys and fallbacks). The settings are
 // read once, at construction; the setters of characterModel, trackingDetail,
 // lighting, isNDIActive, oscPort and isOSCEnabled write them back, and the
-// range operations write "blendshapeRanges". Everything else starts from its
-// default on every launch.
+// range operations write "blendshapeRanges". So do the show-safety settings
+// (trackingTimeout, relayTargets, the two bind addresses and the two sender
+// allow-lists). Everything else starts from its default on every launch.
+//
+// Tracking loss: after trackingTimeout seconds without a packet the live
+// face eases to neutral (TrackingLossEase, one stage after the published
+// values: blendshapes and headRotation stay as ingestPacket leaves them;
+// the scene applies trackingLoss() to what it shows). isTrackingLost and
+// trackingLostSince (the wall-clock time of the last packet) say so.
 
 #include <algorithm>
 #include <cstdint>
@@ -27,6 +34,7 @@
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "base/Clock.h"
 #include "base/Math.h"
@@ -37,6 +45,7 @@
 #include "stage/TrackingDetail.h"
 #include "tracking/BlendshapeRange.h"
 #include "tracking/FacePipeline.h"
+#include "tracking/TrackingLossEase.h"
 #include "tracking/TrackingSettings.h"
 
 namespace velmora {
@@ -93,7 +102,15 @@ class SettingsStore;
   X(isOSCEnabled, setIsOSCEnabled, bool, true)                                               \
   X(oscStatus, setOscStatus, std::string, "OSC cues: starting…")                              \
   X(outputLatencyP50, setOutputLatencyP50, double, 0.0)                                      \
-  X(outputLatencyP99, setOutputLatencyP99, double, 0.0)
+  X(outputLatencyP99, setOutputLatencyP99, double, 0.0)                                      \
+  X(trackingTimeout, setTrackingTimeout, double, TrackingLossEase::defaultTimeout)           \
+  X(isTrackingLost, setIsTrackingLost, bool, false)                                          \
+  X(trackingLostSince, setTrackingLostSince, std::optional<WallTime>, std::nullopt)          \
+  X(relayTargets, setRelayTargets, std::vector<std::string>, {})                             \
+  X(trackingBindAddress, setTrackingBindAddress, std::string, {})                            \
+  X(oscBindAddress, setOscBindAddress, std::string, {})                                      \
+  X(trackingAllowedSenders, setTrackingAllowedSenders, std::vector<std::string>, {})         \
+  X(oscAllowedSenders, setOscAllowedSenders, std::vector<std::string>, {})
 
 class FaceTrackingState {
  public:
@@ -160,6 +177,14 @@ class FaceTrackingState {
   // setCharacterModel, and by remote model commands even when unchanged.
   void handleCharacterModelChange();
 
+  // ---- tracking loss ---------------------------------------------------
+
+  // Once per tick: moves the ease to the state's clock and publishes
+  // isTrackingLost and trackingLostSince when they change.
+  void updateTrackingLoss();
+  // The stage the scene applies after the published values.
+  const TrackingLossEase& trackingLoss() const { return trackingLoss_; }
+
   // ---- observers -------------------------------------------------------
 
   // Returns a token for unobserve. Observers may observe, unobserve and
@@ -175,7 +200,8 @@ class FaceTrackingState {
 
   // Getters, then setters. Every setter writes, runs the property's side
   // effect (afterWrite: smoothing -> updateFilterParameters; characterModel,
-  // trackingDetail, lighting, isNDIActive, oscPort, isOSCEnabled persist;
+  // trackingDetail, lighting, isNDIActive, oscPort, isOSCEnabled and the
+  // show-safety settings persist; trackingTimeout also sets the ease's;
   // isOSCEnabled also shows "OSC cues: disabled" when switched off, before
   // its own notification) and notifies. setBlendshapeRanges publishes
   // without persisting (setRange and resetAllRanges persist).
@@ -218,6 +244,7 @@ class FaceTrackingState {
 
   std::uint64_t packetCountSinceLastSecond_ = 0;
   double lastFPSCheckTime_ = 0.0;
+  TrackingLossEase trackingLoss_;
 };
 
 }  // namespace velmora

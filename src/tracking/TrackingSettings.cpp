@@ -21,6 +21,7 @@ constexpr const char* blendshapeRangesKey = "blendshapeRanges";
 constexpr const char* oscCuePortKey = "oscCuePort";
 constexpr const char* isOSCEnabledKey = "isOSCEnabled";
 constexpr const char* ndiOutputEnabledKey = "ndiOutputEnabled";
+constexpr const char* trackingTimeoutKey = "trackingTimeout";
 
 constexpr int lowestOSCPort = 1024;
 constexpr int highestOSCPort = 65535;
@@ -83,6 +84,38 @@ int TrackingSettings::oscPort() const {
   return defaultOSCPort;
 }
 
+std::optional<double> TrackingSettings::trackingTimeout() const {
+  const auto stored = store_.object(trackingTimeoutKey);
+  if (!stored) return std::nullopt;
+  if (stored->is_number()) {
+    const double seconds = stored->get<double>();
+    if (std::isfinite(seconds) && seconds >= 0.0) return seconds;
+  }
+  logUnusable(trackingTimeoutKey, *stored, "0.5");
+  return std::nullopt;
+}
+
+std::vector<std::string> TrackingSettings::stringList(const char* key) const {
+  const auto stored = store_.object(key);
+  std::vector<std::string> list;
+  if (!stored) return list;
+  auto entry = [](const nlohmann::json& value) { return value.is_string() ? value.get<std::string>() : value.dump(); };
+  if (stored->is_array()) {
+    for (const auto& value : *stored) list.push_back(entry(value));
+  } else {
+    list.push_back(entry(*stored));
+  }
+  return list;
+}
+
+std::string TrackingSettings::string(const char* key) const {
+  const auto stored = store_.object(key);
+  if (!stored) return {};
+  if (stored->is_string()) return stored->get<std::string>();
+  logUnusable(key, *stored, "\"\"");
+  return {};
+}
+
 void TrackingSettings::saveRanges(const BlendshapeRanges& ranges) {
   nlohmann::json dictionary = nlohmann::json::object();
   for (const auto& [name, range] : ranges) {
@@ -134,5 +167,13 @@ void TrackingSettings::saveIsOSCEnabled(bool enabled) { store_.set(isOSCEnabledK
 void TrackingSettings::saveNDIOutputEnabled(bool enabled) { store_.set(ndiOutputEnabledKey, enabled); }
 
 void TrackingSettings::saveLighting(const LightingSettings& lighting) { lighting.save(store_); }
+
+void TrackingSettings::saveTrackingTimeout(double seconds) { store_.set(trackingTimeoutKey, seconds); }
+
+void TrackingSettings::saveStringList(const char* key, const std::vector<std::string>& list) {
+  store_.set(key, nlohmann::json(list));
+}
+
+void TrackingSettings::saveString(const char* key, const std::string& value) { store_.set(key, value); }
 
 }  // namespace velmora

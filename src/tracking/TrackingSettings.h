@@ -9,11 +9,17 @@
 // value, an integer 0..3), "blendshapeRanges" (name -> [floor, ceiling] as
 // two doubles), "oscCuePort" (an integer, usable within 1024..65535),
 // "isOSCEnabled" and "ndiOutputEnabled" (booleans), "lightingSettings" (the
-// lighting record).
+// lighting record). Show safety: "trackingTimeout" (seconds, a number >= 0;
+// 0 turns the ease to neutral off), "relayTargets" ("host:port" strings),
+// "trackingBindAddress" and "oscBindAddress" (an IPv4 address; absent or ""
+// binds every interface), "trackingAllowedSenders" and "oscAllowedSenders"
+// (IPv4 addresses and CIDR blocks; absent or [] admits everyone).
 //
 // Threads: whichever thread owns the store's user (the main thread).
 
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "stage/CharacterModelType.h"
 #include "stage/LightingSettings.h"
@@ -40,6 +46,18 @@ class TrackingSettings {
   // The stored port when within 1024..65535, else defaultOSCPort.
   int oscPort() const;
 
+  // Seconds, when stored as a finite number >= 0.
+  std::optional<double> trackingTimeout() const;
+  // A stored list of strings ("relayTargets", "trackingAllowedSenders",
+  // "oscAllowedSenders"). Whatever is stored under the key comes back as
+  // entries, never as nothing: an element that is not a string, or a value
+  // that is not a list, becomes an entry of its JSON text, which the
+  // allow-list then reports as malformed. Only an absent key or [] is empty.
+  std::vector<std::string> stringList(const char* key) const;
+  // A stored string ("trackingBindAddress", "oscBindAddress"); "" when
+  // absent; a value that is not a string is logged and gives "".
+  std::string string(const char* key) const;
+
   // "blendshapeRanges": name -> [floor, ceiling] as two doubles.
   void saveRanges(const BlendshapeRanges& ranges);
   // Entries that are not two numbers with ceiling > floor are dropped; a
@@ -52,6 +70,15 @@ class TrackingSettings {
   void saveIsOSCEnabled(bool enabled);
   void saveNDIOutputEnabled(bool enabled);
   void saveLighting(const LightingSettings& lighting);
+  void saveTrackingTimeout(double seconds);
+  void saveStringList(const char* key, const std::vector<std::string>& list);
+  void saveString(const char* key, const std::string& value);
+
+  static constexpr const char* relayTargetsKey = "relayTargets";
+  static constexpr const char* trackingBindAddressKey = "trackingBindAddress";
+  static constexpr const char* oscBindAddressKey = "oscBindAddress";
+  static constexpr const char* trackingAllowedSendersKey = "trackingAllowedSenders";
+  static constexpr const char* oscAllowedSendersKey = "oscAllowedSenders";
 
  private:
   SettingsStore& store_;

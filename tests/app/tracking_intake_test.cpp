@@ -76,5 +76,45 @@ TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
   setLogSink(nullptr);
 }
 
+TEST(TrackingIntakeTest, TrackingLostLineWhileThePhoneIsGone) {
+  test::TempDir dir;
+  SettingsStore store(dir.path());
+  double clock = 100.0;
+  FaceTrackingState state(store, [&] { return clock; });
+  TrackingReceiver receiver(std::make_shared<NullSink>());
+  TrackingIntake intake(receiver, state);
+  std::vector<std::string> lines;
+  setLogSink([&](const std::string& l) {
+    if (l.rfind("[Velmora] Tracking lost", 0) == 0) lines.push_back(l);
+  });
+  EXPECT_EQ(TrackingIntake::trackingLostText(1.04), "Tracking lost (no data for 1.0 s)");
+  EXPECT_EQ(TrackingIntake::trackingLostText(12.35), "Tracking lost (no data for 12.3 s)");
+
+  state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}}, std::nullopt, std::nullopt, "127.0.0.1:50000");
+  clock = 100.4;
+  state.updateTrackingLoss();
+  intake.tick(100.4);
+  EXPECT_TRUE(lines.empty());
+  clock = 100.6;  // past the default half second
+  state.updateTrackingLoss();
+  ASSERT_TRUE(state.isTrackingLost());
+  ASSERT_TRUE(state.trackingLostSince());
+  EXPECT_EQ(*state.trackingLostSince(), *state.lastPacketTimestamp());
+  intake.tick(100.6);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].rfind("[Velmora] Tracking lost (no data for 0.", 0), 0u) << lines[0];
+  intake.tick(101.6);  // not again within two seconds
+  intake.tick(102.7);
+  EXPECT_EQ(lines.size(), 2u);
+  // Back: no more lost lines.
+  state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}}, std::nullopt, std::nullopt, "127.0.0.1:50000");
+  state.updateTrackingLoss();
+  EXPECT_FALSE(state.isTrackingLost());
+  EXPECT_FALSE(state.trackingLostSince());
+  intake.tick(105.0);
+  EXPECT_EQ(lines.size(), 2u);
+  setLogSink(nullptr);
+}
+
 }  // namespace
 }  // namespace velmora

@@ -182,5 +182,54 @@ TEST(TrackingSettingsTest, UnusableStoredValuesAreLoggedOnce) {
   EXPECT_EQ(lines[1], "[Settings] Stored \"oscCuePort\" value 80 is not usable; using 53100");
 }
 
+TEST(TrackingSettingsTest, ShowSafetySettingsSurviveARestart) {
+  test::TempDir dir;
+  {
+    SettingsStore store(dir.path());
+    FaceTrackingState state(store);
+    EXPECT_EQ(state.trackingTimeout(), 0.5);
+    EXPECT_TRUE(state.relayTargets().empty());
+    EXPECT_TRUE(state.trackingAllowedSenders().empty());
+    state.setTrackingTimeout(1.25);
+    state.setRelayTargets({"127.0.0.1:9000", "lighting-desk:7000"});
+    state.setTrackingBindAddress("192.168.1.5");
+    state.setOscBindAddress("127.0.0.1");
+    state.setTrackingAllowedSenders({"192.168.1.0/24"});
+    state.setOscAllowedSenders({"10.0.0.7", "10.0.1.0/28"});
+  }
+  SettingsStore store(dir.path());
+  EXPECT_EQ(*store.object("trackingTimeout"), json(1.25));
+  EXPECT_EQ(*store.object("oscAllowedSenders"), json({"10.0.0.7", "10.0.1.0/28"}));
+  FaceTrackingState state(store);
+  EXPECT_EQ(state.trackingTimeout(), 1.25);
+  EXPECT_EQ(state.trackingLoss().timeout(), 1.25);
+  EXPECT_EQ(state.relayTargets(), (std::vector<std::string>{"127.0.0.1:9000", "lighting-desk:7000"}));
+  EXPECT_EQ(state.trackingBindAddress(), "192.168.1.5");
+  EXPECT_EQ(state.oscBindAddress(), "127.0.0.1");
+  EXPECT_EQ(state.trackingAllowedSenders(), std::vector<std::string>{"192.168.1.0/24"});
+  EXPECT_EQ(state.oscAllowedSenders(), (std::vector<std::string>{"10.0.0.7", "10.0.1.0/28"}));
+}
+
+TEST(TrackingSettingsTest, StoredAllowListsNeverComeBackEmptyByAccident) {
+  test::LogCapture log;
+  // Whatever is stored restricts: a lone string, non-string elements and
+  // other kinds come back as entries (the allow-list reports the malformed
+  // ones); only an absent key or [] admits everyone.
+  Stored stored(json{{"oscAllowedSenders", "10.0.0.7"},
+                     {"trackingAllowedSenders", json::array({"10.0.0.8", 42, nullptr})},
+                     {"trackingTimeout", -1},
+                     {"oscBindAddress", 7}});
+  EXPECT_EQ(stored.state->oscAllowedSenders(), std::vector<std::string>{"10.0.0.7"});
+  EXPECT_EQ(stored.state->trackingAllowedSenders(), (std::vector<std::string>{"10.0.0.8", "42", "null"}));
+  EXPECT_EQ(stored.state->trackingTimeout(), 0.5);
+  EXPECT_EQ(stored.state->oscBindAddress(), "");
+  EXPECT_TRUE(log.has("[Settings] Stored \"trackingTimeout\" value -1 is not usable; using 0.5"));
+  EXPECT_TRUE(log.has("[Settings] Stored \"oscBindAddress\" value 7 is not usable; using \"\""));
+  Stored other(json{{"oscAllowedSenders", json::object({{"a", 1}})}});
+  EXPECT_EQ(other.state->oscAllowedSenders().size(), 1u);
+  Stored empty(json{{"oscAllowedSenders", json::array()}});
+  EXPECT_TRUE(empty.state->oscAllowedSenders().empty());
+}
+
 }  // namespace
 }  // namespace velmora
