@@ -82,9 +82,10 @@ void TrackingIntake::tick(double now) {
       logLine("Velmora", trackingLostText(std::chrono::duration<double>(wallNow() - since).count()));
       lastLostLineTime_ = now;
     }
-    return;
+  } else {
+    lastLostLineTime_ = -1.0;
   }
-  lastLostLineTime_ = -1.0;
+  // Datagrams in no known format still count (they do not end the loss).
   const std::uint64_t count = state_.totalPacketsReceived();
   if (count == lastLineCount_) return;
   if (lastLineTime_ < 0) {

@@ -30,7 +30,7 @@ class TrackingIntake {
   // Every tick: "[Velmora] tracking: 60.0 packets/s from 127.0.0.1:50000,
   // 1234 received" at most every statusInterval seconds, and only when
   // packets arrived since the last line; while the state says tracking is
-  // lost, "[Velmora] Tracking lost (no data for N.N s)" instead, as often.
+  // lost, "[Velmora] Tracking lost (no data for N.N s)" as well, as often.
   // `now` in seconds of uptime. While frames reach the outputs the line goes
   // on with their latency: ", output latency p50 12.5 ms, p99 20.1 ms" and,
   // when a split is set, " (tick wait 8.0 ms + render 4.1 ms)".

@@ -92,14 +92,14 @@ void SessionRecorder::failed() {
   const std::string error = writer_->error();
   const std::uint64_t kept = writer_->datagramsFlushed();
   writer_.reset();  // closes the file; what was flushed before stays readable
-  {
-    std::lock_guard lock(mutex_);
-    status_.recording = false;
-    status_.error = error;
-    status_.datagrams = kept;
-    waiting_.clear();
-  }
+  // Said before the status shows it, so whoever sees the stopped status
+  // finds the line too.
   logLine(kComponent, "Recording stopped: " + error + " (" + std::to_string(kept) + " datagrams kept)");
+  std::lock_guard lock(mutex_);
+  status_.recording = false;
+  status_.error = error;
+  status_.datagrams = kept;
+  waiting_.clear();
 }
 
 void SessionRecorder::stop() {
