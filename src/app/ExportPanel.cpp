@@ -28,13 +28,25 @@ bool ExportPanel::start(const std::string& folder) {
 }
 
 void ExportPanel::draw() {
-  ImGui::TextDisabled("Both characters as glTF (.glb) with ARKit-named morph targets");
-  ImGui::SetNextItemWidth(-1.0f);
-  ImGui::InputText("##folder", folder_, sizeof folder_);
   const bool busy = progress_->running;
   if (busy) ImGui::BeginDisabled();
-  if (ImGui::Button("Export characters")) start(folder_);
+  if (ImGui::Button("Export characters...")) ImGui::OpenPopup("Export characters");
   if (busy) ImGui::EndDisabled();
+  ImGui::SameLine();
+  ImGui::TextDisabled("as glTF (.glb)");
+  // The dialog asks where; the export itself starts on "Export".
+  if (ImGui::BeginPopupModal("Export characters", nullptr, ImGuiWindowFlags_AlwaysAutoResize)) {
+    ImGui::TextUnformatted("Both characters as glTF (.glb) with ARKit-named morph targets, into the folder:");
+    ImGui::SetNextItemWidth(420.0f);
+    ImGui::InputText("##folder", folder_, sizeof folder_);
+    if (ImGui::Button("Export")) {
+      start(folder_);
+      ImGui::CloseCurrentPopup();
+    }
+    ImGui::SameLine();
+    if (ImGui::Button("Cancel")) ImGui::CloseCurrentPopup();
+    ImGui::EndPopup();
+  }
   for (const auto& line : progress_->results) ImGui::TextWrapped("%s", line.c_str());
 }
 

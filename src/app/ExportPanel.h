@@ -1,7 +1,8 @@
 #pragma once
-// Export: writes both characters as glTF binary files (CharacterExport) into
-// a folder the operator names, in the background, so the dashboard keeps
-// running; the outcome of each file is shown when it is done. Main thread.
+// Export: "Export characters..." asks for a folder in a small dialog, then
+// writes both characters there as glTF binary files (CharacterExport) in the
+// background, so the dashboard keeps running; the outcome of each file is
+// shown when it is done. Main thread.
 
 #include <memory>
 #include <string>
