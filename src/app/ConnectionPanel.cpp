@@ -53,7 +53,10 @@ void ConnectionPanel::draw(ImFont* largeFont) {
     ImGui::Text("%.1f packets/s, %llu received", state.incomingFPS(),
                 static_cast<unsigned long long>(state.totalPacketsReceived()));
     const std::string age = ageText(state.lastPacketTimestamp(), now);
-    if (silent) {
+    if (state.isTrackingLost()) {
+      // The character is easing to neutral until packets come back.
+      ImGui::TextColored(ImVec4(1.0f, 0.45f, 0.35f, 1.0f), "Tracking lost: last packet %s", age.c_str());
+    } else if (silent) {
       ImGui::TextColored(ImVec4(1.0f, 0.45f, 0.35f, 1.0f), "Last packet %s (phone silent)", age.c_str());
     } else {
       ImGui::Text("Last packet %s", age.c_str());

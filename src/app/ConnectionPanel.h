@@ -2,7 +2,8 @@
 // Connection: this machine's address in large type (what the operator types
 // into the phone) with a copy button, the tracking and cue ports, the
 // sender, packets per second and in total, how long ago the last packet
-// came ("Waiting for iPhone..." until the first), and the input-to-output
+// came ("Waiting for iPhone..." until the first; "Tracking lost" while the
+// character eases to neutral for want of packets), and the input-to-output
 // latency once the outputs measure it. Main thread.
 
 #include <optional>
