@@ -11,6 +11,7 @@
 #include "app/CueServerSwitch.h"
 #include "app/MaskSnapshot.h"
 #include "app/OperatorWindow.h"
+#include "app/NetworkSafety.h"
 #include "app/SessionRecording.h"
 #include "app/SelfTestRunner.h"
 #include "app/TrackingIntake.h"
@@ -28,6 +29,7 @@
 #include "scene/MaskSceneManager.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/TrackingReceiver.h"
+#include "tracking/TrackingRelay.h"
 
 namespace velmora {
 
@@ -116,11 +118,15 @@ int Application::runInteractive(const CommandLine& commandLine) {
   SessionRecording recording(TrackingReceiver::shared());
   if (commandLine.recordWithoutFile) logLine("Velmora", "--record needs a file name after it; not recording");
   if (!commandLine.recordFile.empty()) recording.start(commandLine.recordFile);  // before the first datagram
-  tracking.start();
   // Remote cues act on the state and the cue player, at the clock the frame update samples cues with.
   CommandContext commands{state, CharacterAnimationController::shared(), [] { return uptime(); }};
   QLabOSCServer cueServer(commands, mainQueue);
   const CueServerSwitch cueServerSwitch(state, cueServer);  // the isOSCEnabled switch starts and stops it
+  // Bind addresses, allow-lists and relay targets, before either listener opens.
+  auto relay = std::make_shared<TrackingRelay>();
+  tracking.configurePorts();
+  NetworkSafety networkSafety(state, TrackingReceiver::shared(), cueServer, relay);
+  tracking.start();
   cueServer.startListening();  // shows "OSC cues: disabled" when switched off
 
   // The GL render thread behind the scene; its context opens with the first frame.

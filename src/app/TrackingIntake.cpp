@@ -33,7 +33,9 @@ std::optional<std::vector<std::uint16_t>> TrackingIntake::parsePorts(std::string
   return ports;
 }
 
-void TrackingIntake::start() {
+void TrackingIntake::configurePorts() {
+  if (portsConfigured_) return;
+  portsConfigured_ = true;
   if (const char* env = std::getenv("VELMORA_TRACKING_PORTS"); env && *env) {
     if (auto ports = parsePorts(env)) {
       receiver_.setPorts(*ports);
@@ -42,6 +44,10 @@ void TrackingIntake::start() {
                              "\" is not a comma-separated list of ports 1..65535; using the default ports");
     }
   }
+}
+
+void TrackingIntake::start() {
+  configurePorts();
   receiver_.startListening();
 }
 

@@ -25,7 +25,9 @@ class TrackingIntake {
   TrackingIntake(TrackingReceiver& receiver, FaceTrackingState& state);
 
   // Reads VELMORA_TRACKING_PORTS (a malformed value is logged and ignored)
-  // and starts listening.
+  // into the receiver's ports, once.
+  void configurePorts();
+  // configurePorts(), then starts listening.
   void start();
   // Every tick: "[Velmora] tracking: 60.0 packets/s from 127.0.0.1:50000,
   // 1234 received" at most every statusInterval seconds, and only when
@@ -54,6 +56,7 @@ class TrackingIntake {
   TrackingReceiver& receiver_;
   FaceTrackingState& state_;
   std::function<std::pair<double, double>()> latencySplit_;
+  bool portsConfigured_ = false;
   double lastLineTime_ = -1.0;
   double lastLostLineTime_ = -1.0;  // < 0: not lost at the last tick
   std::uint64_t lastLineCount_ = 0;

@@ -16,11 +16,13 @@ namespace velmora::test {
 
 class UdpSocket {
  public:
-  // Port 0 binds an ephemeral port.
-  explicit UdpSocket(std::uint16_t port = 0) : fd_(::socket(AF_INET, SOCK_DGRAM, 0)) {
+  // Port 0 binds an ephemeral port; `address` (host byte order) is the
+  // local address it binds, and so the source of what it sends to loopback
+  // (127.0.0.2 sends as 127.0.0.2).
+  explicit UdpSocket(std::uint16_t port = 0, std::uint32_t address = INADDR_ANY) : fd_(::socket(AF_INET, SOCK_DGRAM, 0)) {
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_ANY);
+    a.sin_addr.s_addr = htonl(address);
     a.sin_port = htons(port);
     bound_ = ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
     socklen_t len = sizeof a;
