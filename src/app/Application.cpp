@@ -148,7 +148,7 @@ int Application::runInteractive(const CommandLine& commandLine) {
   // The main window with the dashboard when there is a display; headless otherwise.
   auto window = OperatorWindow::create({state, CharacterAnimationController::shared(), scene,
                                         ProjectorWindowController::shared(), cueServer,
-                                        TrackingReceiver::shared()});
+                                        TrackingReceiver::shared(), &recording, relay.get()});
   if (window) {
     logLine("Velmora", "Main window open; close it (or press Ctrl-C) to stop");
   } else {

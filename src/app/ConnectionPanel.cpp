@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "app/DashboardContext.h"
+#include "app/TrackingIntake.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
@@ -55,7 +56,9 @@ void ConnectionPanel::draw(ImFont* largeFont) {
     const std::string age = ageText(state.lastPacketTimestamp(), now);
     if (state.isTrackingLost()) {
       // The character is easing to neutral until packets come back.
-      ImGui::TextColored(ImVec4(1.0f, 0.45f, 0.35f, 1.0f), "Tracking lost: last packet %s", age.c_str());
+      const auto since = state.trackingLostSince().value_or(now);
+      const std::string lost = TrackingIntake::trackingLostText(std::chrono::duration<double>(now - since).count());
+      ImGui::TextColored(ImVec4(1.0f, 0.45f, 0.35f, 1.0f), "%s", lost.c_str());
     } else if (silent) {
       ImGui::TextColored(ImVec4(1.0f, 0.45f, 0.35f, 1.0f), "Last packet %s (phone silent)", age.c_str());
     } else {

@@ -16,6 +16,7 @@
 #include "app/OutputsPanel.h"
 #include "app/PreviewPanel.h"
 #include "app/RemoteControlPanel.h"
+#include "app/SafetyPanel.h"
 #include "app/WireframeTrackerView.h"
 
 namespace velmora {
@@ -46,6 +47,7 @@ Dashboard::Dashboard(DashboardContext& context, const PreviewFrames& frames, con
       outputs_(std::make_unique<OutputsPanel>(context)),
       remote_(std::make_unique<RemoteControlPanel>(context)),
       lighting_(std::make_unique<LightingPanel>(context)),
+      safety_(std::make_unique<SafetyPanel>(context)),
       oscCommands_(std::make_unique<OSCCommandsWindow>(context)),
       wireframe_(std::make_unique<WireframeTrackerView>(context, tracker)),
       export_(std::make_unique<ExportPanel>()) {}
@@ -100,6 +102,7 @@ void Dashboard::draw(ImFont* largeFont) {
   section("Connection", [&] { connection_->draw(largeFont); });
   section("Outputs", [&] { outputs_->draw(); });
   section("Remote control", [&] { remote_->draw(); });
+  section("Show safety", [&] { safety_->draw(); });
   section("Cues", [&] { cues_->draw(); });
   ImGui::EndChild();
 

@@ -25,6 +25,7 @@ class LightingPanel;
 class OSCCommandsWindow;
 class WireframeTrackerView;
 class ExportPanel;
+class SafetyPanel;
 
 class Dashboard {
  public:
@@ -45,6 +46,7 @@ class Dashboard {
   LightingPanel& lighting() { return *lighting_; }
   RemoteControlPanel& remoteControl() { return *remote_; }
   OSCCommandsWindow& oscCommands() { return *oscCommands_; }
+  SafetyPanel& safety() { return *safety_; }
 
  private:
   void drawMenuBar();
@@ -58,6 +60,7 @@ class Dashboard {
   std::unique_ptr<OutputsPanel> outputs_;
   std::unique_ptr<RemoteControlPanel> remote_;
   std::unique_ptr<LightingPanel> lighting_;
+  std::unique_ptr<SafetyPanel> safety_;
   std::unique_ptr<OSCCommandsWindow> oscCommands_;
   std::unique_ptr<WireframeTrackerView> wireframe_;
   std::unique_ptr<ExportPanel> export_;

@@ -35,6 +35,19 @@ struct DashboardContext {
   // Puts text on the clipboard.
   std::function<void(const std::string&)> setClipboard;
 
+  // Show safety (each none when the application has no such service).
+  // Session recording: starts one to the file (false when it could not
+  // start), stops it, whether one runs, and its status line.
+  std::function<bool(const std::string&)> startRecording;
+  std::function<void()> stopRecording;
+  std::function<bool()> isRecording;
+  std::function<std::string()> recordingStatus;
+  // One line per relay target: "host:port: status".
+  std::function<std::vector<std::string>()> relayStatus;
+  // Datagrams refused so far for not being in the allowed senders.
+  std::function<std::uint64_t()> refusedTracking;
+  std::function<std::uint64_t()> refusedOsc;
+
   // Window visibility the menus and shortcuts switch.
   bool showOSCCommands = false;
 };

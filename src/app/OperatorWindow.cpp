@@ -17,7 +17,9 @@
 #include "outputs/ProjectorWindowController.h"
 #include "scene/MaskSceneManager.h"
 #include "tracking/FaceTrackingState.h"
+#include "app/SessionRecording.h"
 #include "tracking/TrackingReceiver.h"
+#include "tracking/TrackingRelay.h"
 
 namespace velmora {
 
@@ -48,6 +50,21 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
   TrackingReceiver& receiver = services_.receiver;
   context_->trackingPorts = [&receiver] { return receiver.ports(); };
   context_->setClipboard = [handle](const std::string& text) { glfwSetClipboardString(handle, text.c_str()); };
+  context_->refusedTracking = [&receiver] { return receiver.statistics().refused; };
+  context_->refusedOsc = [&cueServer] { return cueServer.senderFilter().refusedCount(); };
+  if (SessionRecording* recording = services_.recording) {
+    context_->startRecording = [recording](const std::string& path) { return recording->start(path); };
+    context_->stopRecording = [recording] { recording->stop(); };
+    context_->isRecording = [recording] { return recording->isRecording(); };
+    context_->recordingStatus = [recording] { return recording->statusText(); };
+  }
+  if (TrackingRelay* relay = services_.relay) {
+    context_->relayStatus = [relay] {
+      std::vector<std::string> lines;
+      for (const auto& target : relay->status()) lines.push_back(target.target + ": " + target.text);
+      return lines;
+    };
+  }
 
   dashboard_ = std::make_unique<Dashboard>(*context_, *frames_, *tracker_, true);
   // Shortcuts run after the window system's event handling, never inside

@@ -21,6 +21,8 @@ class MaskSceneManager;
 class ProjectorWindowController;
 class QLabOSCServer;
 class TrackingReceiver;
+class SessionRecording;
+class TrackingRelay;
 class MainWindow;
 class Dashboard;
 class PreviewFrames;
@@ -36,6 +38,9 @@ class OperatorWindow {
     ProjectorWindowController& projector;
     QLabOSCServer& cueServer;
     TrackingReceiver& receiver;
+    // Optional: the record button and the relay's status need them.
+    SessionRecording* recording = nullptr;
+    TrackingRelay* relay = nullptr;
   };
 
   static CreateResult<OperatorWindow> create(const Services& services);

@@ -13,6 +13,7 @@
 #include "app/CuesPanel.h"
 #include "app/Dashboard.h"
 #include "app/DashboardContext.h"
+#include "app/SafetyPanel.h"
 #include "app/ExportPanel.h"
 #include "app/ExpressionPanel.h"
 #include "app/LightingPanel.h"
@@ -278,6 +279,21 @@ TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrame) {
     EXPECT_FALSE(ImGui::FindWindowByName(OSCCommandsWindow::title)->Active);
   }
   ImGui::DestroyContext();
+}
+
+TEST(DashboardTest, SafetyListsAreEditedOneEntryPerLineAndKept) {
+  Fixture f;
+  SafetyPanel panel(f.context);
+  panel.applyRelayTargets(" 127.0.0.1:9000 \n\n\tlighting-desk:7000\r\n");
+  EXPECT_EQ(f.state.relayTargets(), (std::vector<std::string>{"127.0.0.1:9000", "lighting-desk:7000"}));
+  panel.applyOscAllowed("192.168.1.20\n10.0.0.0/24");
+  panel.applyTrackingAllowed("   \n");  // nothing but blanks: everyone again
+  EXPECT_TRUE(f.state.trackingAllowedSenders().empty());
+  EXPECT_EQ(SafetyPanel::joinLines(f.state.oscAllowedSenders()), "192.168.1.20\n10.0.0.0/24");
+  // Kept for the next launch.
+  FaceTrackingState reloaded(f.store);
+  EXPECT_EQ(reloaded.relayTargets(), f.state.relayTargets());
+  EXPECT_EQ(reloaded.oscAllowedSenders(), (std::vector<std::string>{"192.168.1.20", "10.0.0.0/24"}));
 }
 
 }  // namespace
