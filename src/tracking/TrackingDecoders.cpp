@@ -363,7 +363,7 @@ simdjson::error_code parseJSON(std::string_view text, simdjson::dom::element& ro
   if (json.padded.size() < text.size() + simdjson::SIMDJSON_PADDING) {
     json.padded.resize(text.size() + simdjson::SIMDJSON_PADDING);
   }
-  std::memcpy(json.padded.data(), text.data(), text.size());
+  if (!text.empty()) std::memcpy(json.padded.data(), text.data(), text.size());  // an empty view may have no data
   const auto error = json.parser.parse(json.padded.data(), text.size(), false).get(root);
   if (error == simdjson::NUMBER_ERROR || error == simdjson::DEPTH_ERROR) {
     fallback = nlohmann::json::parse(text.begin(), text.end(), nullptr, false);
