@@ -11,16 +11,8 @@
 
 #include "support/ChildProcess.h"
 #include "support/PrivatePipeWire.h"
+#include "support/StbImage.h"
 #include "support/TempDir.h"
-
-#define STB_IMAGE_IMPLEMENTATION
-#define STB_IMAGE_STATIC  // private to this file: several test files read PNGs
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-#pragma GCC diagnostic ignored "-Wsign-compare"
-#pragma GCC diagnostic ignored "-Wunused-function"
-#include <stb/stb_image.h>
-#pragma GCC diagnostic pop
 
 namespace velmora {
 namespace {

@@ -10,15 +10,8 @@
 #include <string>
 
 #include "support/ChildProcess.h"
+#include "support/StbImage.h"
 #include "support/TempDir.h"
-
-#define STB_IMAGE_IMPLEMENTATION
-#define STB_IMAGE_STATIC
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wunused-function"
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-#include <stb/stb_image.h>
-#pragma GCC diagnostic pop
 
 namespace velmora {
 namespace {

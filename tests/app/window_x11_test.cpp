@@ -23,16 +23,9 @@
 
 #include "support/ChildProcess.h"
 #include "support/PrivatePipeWire.h"
+#include "support/StbImage.h"
 #include "support/TempDir.h"
 #include "support/XorgDummy.h"
-
-#define STB_IMAGE_IMPLEMENTATION
-#define STB_IMAGE_STATIC
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wunused-function"
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-#include <stb/stb_image.h>
-#pragma GCC diagnostic pop
 
 // Last: Xlib's macros (None, Bool, Status) must not reach the headers above.
 #include <X11/Xlib.h>
