@@ -52,6 +52,12 @@ TrackingRelay::~TrackingRelay() {
 }
 
 void TrackingRelay::setTargets(const std::vector<std::string>& targets, std::vector<std::uint16_t> ownPorts) {
+  {
+    // From now on datagrams are kept for the new list: they wait in the queue
+    // behind the task that resolves it, so none that arrives meanwhile is lost.
+    std::lock_guard lock(mutex_);
+    relaying_ = !targets.empty();
+  }
   queue_.post([this, targets, ownPorts = std::move(ownPorts)] {
     std::vector<std::unique_ptr<Target>> fresh;
     const double now = uptime();
@@ -134,7 +140,7 @@ void TrackingRelay::markFailed(Target& target, const std::string& reason, double
 
 void TrackingRelay::datagramArrived(std::span<const std::uint8_t> payload, const DatagramEnvelope& /*envelope*/) {
   std::lock_guard lock(mutex_);
-  if (targets_.empty()) return;
+  if (!relaying_) return;
   if (waiting_.size() >= maxWaiting) {
     ++dropped_;
     return;

@@ -76,7 +76,8 @@ class TrackingRelay final : public DatagramTap {
 
   const double retryInterval_;
 
-  mutable std::mutex mutex_;  // guards waiting_, drainPosted_, dropped_ and the targets' status
+  mutable std::mutex mutex_;  // guards relaying_, waiting_, drainPosted_, dropped_ and the targets' status
+  bool relaying_ = false;     // the latest list names a target (set at once, before the queue resolves it)
   std::deque<std::vector<std::uint8_t>> waiting_;
   bool drainPosted_ = false;
   std::uint64_t dropped_ = 0;

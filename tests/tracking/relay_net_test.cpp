@@ -28,10 +28,8 @@ TEST(TrackingRelayNetTest, DeliversEveryDatagramUnchanged) {
   TrackingRelay relay;
   relay.setTargets({"127.0.0.1:" + std::to_string(first.port()), "localhost:" + std::to_string(second.port())},
                    {freeUdpPort()});
-  relay.waitForQueue();
-  ASSERT_EQ(relay.status().size(), 2u);
-  EXPECT_EQ(relay.status()[0].text, "waiting for the first datagram");
-
+  // Datagrams arriving at once, while the relay's queue may still be
+  // resolving the targets (the phone is already sending at start-up), are kept.
   std::vector<std::vector<std::uint8_t>> sent = {
       {'j', 'a', 'w', 'O', 'p', 'e', 'n', '-', '5', '0', '|'},
       {0x00, 0xFF, 0x00, 0x80, 0x7F},  // binary with zeros
