@@ -1,10 +1,13 @@
 // libFuzzer target: datagrams through the tracking receiver's detection and
-// each decoder, with no sockets and no main queue. The first byte picks the
-// entry point; the sink checks every frame's invariants and keeps nothing.
+// each decoder, with no sockets and no main queue. Every input, whole and
+// without its first byte, must decode exactly as the plain reference decoder
+// (ReferenceTrackingDecoder) reads it. The first byte then picks an entry
+// point; the sink checks every frame's invariants and keeps nothing.
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -12,6 +15,7 @@
 #include <string>
 #include <string_view>
 
+#include "ReferenceTrackingDecoder.h"
 #include "osc/OSCParser.h"
 #include "tracking/TrackingDecoders.h"
 #include "tracking/TrackingReceiver.h"
@@ -52,7 +56,9 @@ bool same(const velmora::DecodedFrame& a, const velmora::DecodedFrame& b) {
     if (a.frame.blendshapes->size() != b.frame.blendshapes->size()) return false;
     for (const auto& [name, v] : *a.frame.blendshapes) {
       auto it = b.frame.blendshapes->find(name);
-      if (it == b.frame.blendshapes->end() || !same(v, it->second)) return false;
+      if (it == b.frame.blendshapes->end()) return false;
+      const auto& [otherName, otherValue] = *it;
+      if (!same(v, otherValue)) return false;
     }
   }
   return same(a.frame.rotation, b.frame.rotation) && same(a.frame.position, b.frame.position) &&
@@ -73,13 +79,23 @@ void crossCheck(std::span<const std::uint8_t> body) {
   if (fastJSON && !same(*fastJSON, velmora::decodeJSON(document, kSender))) std::abort();
 }
 
+// Same format, names, value bits, head and set components as the reference.
+void againstReference(std::span<const std::uint8_t> bytes) {
+  const std::string d = velmora::reference::crossCheck(bytes);
+  if (d.empty()) return;
+  std::fprintf(stderr, "decodeDatagram differs from the reference decoder:\n%s", d.c_str());
+  std::abort();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static auto sink = std::make_shared<CheckingSink>();
   static velmora::TrackingReceiver receiver(sink);
+  againstReference({data, size});
   if (size == 0) return 0;
   const std::span<const std::uint8_t> body(data + 1, size - 1);
+  againstReference(body);
   const std::string_view text(reinterpret_cast<const char*>(body.data()), body.size());
   const std::uint64_t before = sink->frames + sink->unknown;
   switch (data[0] % 6) {

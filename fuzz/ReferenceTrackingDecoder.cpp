@@ -1,0 +1,363 @@
+#include "ReferenceTrackingDecoder.h"
+
+// Index of this file:
+//   [SECTION] Text: UTF-8 and numbers
+//   [SECTION] Live Link binary
+//   [SECTION] iFacialMocap text
+//   [SECTION] OSC and VMC
+//   [SECTION] JSON
+//   [SECTION] Detection
+//   [SECTION] Comparison
+
+#include <bit>
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <string_view>
+#include <vector>
+
+#include "osc/OSCParser.h"
+#include "tracking/LiveLinkNames.h"
+
+namespace velmora::reference {
+
+namespace {
+
+constexpr float kDegreesToRadians = 0.017453292f;  // the senders' single-precision factor
+
+bool finite(const float3& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Text: UTF-8 and numbers
+// ---------------------------------------------------------------------------
+
+// Decodes code point by code point: a lead byte, its continuation bytes, and
+// the code point must need that many bytes, lie outside the surrogates and
+// not exceed U+10FFFF.
+bool validUTF8(std::span<const std::uint8_t> bytes) {
+  std::size_t i = 0;
+  while (i < bytes.size()) {
+    const std::uint8_t lead = bytes[i];
+    std::size_t length;
+    std::uint32_t cp;
+    std::uint32_t least;
+    if (lead < 0x80) {
+      ++i;
+      continue;
+    } else if ((lead & 0xE0) == 0xC0) {
+      length = 2, cp = lead & 0x1Fu, least = 0x80;
+    } else if ((lead & 0xF0) == 0xE0) {
+      length = 3, cp = lead & 0x0Fu, least = 0x800;
+    } else if ((lead & 0xF8) == 0xF0) {
+      length = 4, cp = lead & 0x07u, least = 0x10000;
+    } else {
+      return false;
+    }
+    if (bytes.size() - i < length) return false;
+    for (std::size_t k = 1; k < length; ++k) {
+      if ((bytes[i + k] & 0xC0) != 0x80) return false;
+      cp = (cp << 6) | (bytes[i + k] & 0x3Fu);
+    }
+    if (cp < least || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+    i += length;
+  }
+  return true;
+}
+
+// A whole text as a number: an optional sign, then what strtof reads
+// (decimal, exponent, "inf"/"nan", hex after "0x"), nothing before or after,
+// and no second sign. Out-of-range values are strtof's infinity or zero.
+std::optional<float> number(std::string_view text) {
+  if (text.empty() || std::isspace(static_cast<unsigned char>(text.front()))) return std::nullopt;
+  std::string_view body = text;
+  if (body.front() == '+' || body.front() == '-') body.remove_prefix(1);
+  if (body.empty() || body.front() == '+' || body.front() == '-') return std::nullopt;
+  if (body.size() > 2 && body[0] == '0' && (body[1] == 'x' || body[1] == 'X') &&
+      (body[2] == '+' || body[2] == '-')) {
+    return std::nullopt;
+  }
+  const std::string copy(text);
+  char* end = nullptr;
+  const float value = std::strtof(copy.c_str(), &end);
+  if (end != copy.c_str() + copy.size()) return std::nullopt;  // also a zero byte inside
+  return value;
+}
+
+std::vector<std::string_view> split(std::string_view text, char separator) {
+  std::vector<std::string_view> pieces;
+  std::size_t start = 0;
+  for (std::size_t i = 0; i <= text.size(); ++i) {
+    if (i == text.size() || text[i] == separator) {
+      pieces.push_back(text.substr(start, i - start));
+      start = i + 1;
+    }
+  }
+  return pieces;
+}
+
+// ---------------------------------------------------------------------------
+// [SECTION] Live Link binary
+// ---------------------------------------------------------------------------
+
+float bigEndianFloat(const std::uint8_t* p) {
+  std::uint32_t bits = 0;
+  for (int k = 0; k < 4; ++k) bits = (bits << 8) | p[k];
+  return std::bit_cast<float>(bits);
+}
+
+// The last 244 bytes: 52 blendshapes in wire order, then yaw, pitch, roll.
+ReferenceFrame liveLink(std::span<const std::uint8_t> data) {
+  ReferenceFrame f;
+  f.format = TrackingFormat::liveLink;
+  const std::uint8_t* tail = data.data() + data.size() - 244;
+  ReferenceMap map;
+  for (std::size_t i = 0; i < 52; ++i) {
+    const float v = bigEndianFloat(tail + 4 * i);
+    if (std::isnan(v) || std::isinf(v)) continue;
+    // At or below zero reads as (positive) zero, above one as one.
+    map[std::string(unrealARKitNames[i])] = v <= 0.0f ? 0.0f : (v >= 1.0f ? 1.0f : v);
+  }
+  f.blendshapes = std::move(map);
+  const float yaw = bigEndianFloat(tail + 52 * 4);
+  const float pitch = bigEndianFloat(tail + 53 * 4);
+  const float roll = bigEndianFloat(tail + 54 * 4);
+  const float3 rotation(pitch, yaw, roll);
+  if (finite(rotation)) f.rotation = rotation;
+  return f;
+}
+
+// ---------------------------------------------------------------------------
+// [SECTION] iFacialMocap text
+// ---------------------------------------------------------------------------
+
+// "name-percent|...=pitch,yaw,roll,x,y,z": percent / 100, degrees to
+// radians, centimetres / 100. An item needs exactly one dash and a number;
+// a head field that is no number counts as 0; six fields or more give a head.
+ReferenceFrame iFacialMocap(std::string_view text) {
+  ReferenceFrame f;
+  f.format = TrackingFormat::iFacialMocap;
+  const std::size_t equals = text.find('=');
+  ReferenceMap map;
+  for (std::string_view item : split(text.substr(0, equals), '|')) {
+    const auto parts = split(item, '-');
+    if (parts.size() != 2) continue;
+    if (auto v = number(parts[1])) map[std::string(parts[0])] = *v / 100.0f;
+  }
+  f.blendshapes = std::move(map);
+  if (equals != std::string_view::npos) {
+    const auto head = split(split(text.substr(equals + 1), '=').front(), ',');
+    if (head.size() >= 6) {
+      float v[6];
+      for (int k = 0; k < 6; ++k) v[k] = number(head[static_cast<std::size_t>(k)]).value_or(0.0f);
+      const float3 rotation(v[0] * kDegreesToRadians, v[1] * kDegreesToRadians, v[2] * kDegreesToRadians);
+      if (finite(rotation)) f.rotation = rotation;
+      f.position = float3(v[3] / 100.0f, v[4] / 100.0f, v[5] / 100.0f);
+    }
+  }
+  return f;
+}
+
+// ---------------------------------------------------------------------------
+// [SECTION] OSC and VMC
+// ---------------------------------------------------------------------------
+
+// The first argument as a number: float32 as it is, float64 narrowed, int32
+// converted; anything else (or nothing) is none.
+std::optional<float> firstNumber(const OSCMessage& m) {
+  if (m.arguments.empty()) return std::nullopt;
+  const OSCArgument& a = m.arguments.front();
+  if (auto v = a.get<float>()) return *v;
+  if (auto v = a.get<double>()) return static_cast<float>(*v);
+  if (auto v = a.get<std::int32_t>()) return static_cast<float>(*v);
+  return std::nullopt;
+}
+
+bool contains(std::string_view text, std::string_view part) { return text.find(part) != std::string_view::npos; }
+
+ReferenceFrame osc(const std::vector<OSCMessage>& messages) {
+  ReferenceFrame f;
+  f.format = TrackingFormat::osc;
+  f.rotationSet = {false, false, false};
+  f.positionSet = {false, false, false};
+  float3 rotation(0.0f), position(0.0f);
+  ReferenceMap map;
+  for (const OSCMessage& m : messages) {
+    const std::string& a = m.address;
+    const auto v = firstNumber(m);
+    if (a == "/VMC/Ext/Blend/Val") {
+      // Exactly a text then a float32 (more arguments are allowed).
+      if (m.arguments.size() >= 2 && m.arguments[0].is<std::string>() && m.arguments[1].is<float>()) {
+        map[*m.arguments[0].get<std::string>()] = *m.arguments[1].get<float>();
+      }
+    } else if (contains(a, "/BlendShapes/") || contains(a, "/blendshapes/")) {
+      if (v) map[a.substr(a.rfind('/') + 1)] = *v;
+    } else if (contains(a, "/Head/Pitch") || contains(a, "/Head/Yaw") || contains(a, "/Head/Roll")) {
+      const int i = contains(a, "/Head/Pitch") ? 0 : contains(a, "/Head/Yaw") ? 1 : 2;
+      if (v) {
+        rotation[i] = *v * kDegreesToRadians;
+        f.rotationSet[static_cast<std::size_t>(i)] = true;
+      }
+    } else if (contains(a, "/Head/X") || contains(a, "/Head/Y") || contains(a, "/Head/Z")) {
+      const int i = contains(a, "/Head/X") ? 0 : contains(a, "/Head/Y") ? 1 : 2;
+      if (v) {
+        position[i] = *v * 0.01f;
+        f.positionSet[static_cast<std::size_t>(i)] = true;
+      }
+    } else if (a.starts_with("/tracking/")) {
+      if (v) map[a.substr(10)] = *v;
+    }
+  }
+  f.blendshapes = std::move(map);
+  const bool anyRotation = f.rotationSet[0] || f.rotationSet[1] || f.rotationSet[2];
+  const bool anyPosition = f.positionSet[0] || f.positionSet[1] || f.positionSet[2];
+  if (anyRotation && finite(rotation)) f.rotation = rotation;
+  if (anyPosition) f.position = position;
+  return f;
+}
+
+// ---------------------------------------------------------------------------
+// [SECTION] JSON
+// ---------------------------------------------------------------------------
+
+// Numbers and booleans (1/0) are numbers; anything else is not.
+std::optional<float> jsonNumber(const nlohmann::json& v) {
+  if (v.is_number()) return static_cast<float>(v.get<double>());
+  if (v.is_boolean()) return v.get<bool>() ? 1.0f : 0.0f;
+  return std::nullopt;
+}
+
+// An array of at least three elements, every one a number: its first three.
+std::optional<float3> jsonVector(const nlohmann::json& object, const char* key) {
+  if (!object.contains(key)) return std::nullopt;
+  const nlohmann::json& array = object.at(key);
+  if (!array.is_array() || array.size() < 3) return std::nullopt;
+  float3 v(0.0f);
+  for (std::size_t i = 0; i < array.size(); ++i) {
+    auto n = jsonNumber(array[i]);
+    if (!n) return std::nullopt;
+    if (i < 3) v[static_cast<int>(i)] = *n;
+  }
+  return v;
+}
+
+ReferenceFrame json(const nlohmann::json& document) {
+  ReferenceFrame f;
+  f.format = TrackingFormat::json;
+  if (document.contains("blendshapes") && document.at("blendshapes").is_object()) {
+    ReferenceMap map;
+    for (const auto& [name, value] : document.at("blendshapes").items()) {
+      if (auto n = jsonNumber(value)) map[name] = *n;
+    }
+    f.blendshapes = std::move(map);
+  }
+  if (auto r = jsonVector(document, "rotation"); r && finite(*r)) f.rotation = r;
+  f.position = jsonVector(document, "position");
+  return f;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// [SECTION] Detection
+// ---------------------------------------------------------------------------
+
+ReferenceFrame decodeReference(std::span<const std::uint8_t> data) {
+  const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
+  if (text.starts_with("#bundle") || text.starts_with("/")) {
+    const auto messages = OSCParser::parsePacket(data);
+    if (!messages.empty()) return osc(messages);
+  }
+  const bool utf8 = validUTF8(data);
+  if (utf8 && (contains(text, "=") || contains(text, "|"))) return iFacialMocap(text);
+  if (utf8) {
+    const auto document = nlohmann::json::parse(text.begin(), text.end(), nullptr, false);
+    if (document.is_object()) return json(document);
+  }
+  if (data.size() >= 244) return liveLink(data);
+  return ReferenceFrame{};
+}
+
+// ---------------------------------------------------------------------------
+// [SECTION] Comparison
+// ---------------------------------------------------------------------------
+
+namespace {
+
+bool same(float a, float b) {
+  return (std::isnan(a) && std::isnan(b)) || std::bit_cast<std::uint32_t>(a) == std::bit_cast<std::uint32_t>(b);
+}
+
+std::string shown(float v) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.9g (0x%08x)", double(v), std::bit_cast<std::uint32_t>(v));
+  return text;
+}
+
+std::string shown(const std::optional<float3>& v) {
+  if (!v) return "none";
+  return "(" + shown(v->x) + ", " + shown(v->y) + ", " + shown(v->z) + ")";
+}
+
+bool same(const std::optional<float3>& a, const std::optional<float3>& b) {
+  if (a.has_value() != b.has_value()) return false;
+  return !a || (same(a->x, b->x) && same(a->y, b->y) && same(a->z, b->z));
+}
+
+}  // namespace
+
+std::string differences(const ReferenceFrame& expected, const DecodedDatagram& decoded, const std::string& sender) {
+  std::string out;
+  if (expected.format != decoded.format) {
+    out += "format: expected " + std::string(trackingFormatName(expected.format)) + ", decoded " +
+           std::string(trackingFormatName(decoded.format)) + "\n";
+  }
+  const bool frameExpected = expected.format != TrackingFormat::unknown;
+  if (frameExpected != decoded.frame.has_value()) {
+    out += std::string("frame: expected ") + (frameExpected ? "one" : "none") + "\n";
+  }
+  if (!out.empty() || !decoded.frame) return out;
+
+  const FaceFrame& got = decoded.frame->frame;
+  if (expected.blendshapes.has_value() != got.blendshapes.has_value()) {
+    out += std::string("blendshapes: expected ") + (expected.blendshapes ? "a map" : "none") + "\n";
+  } else if (expected.blendshapes) {
+    const ReferenceMap& want = *expected.blendshapes;
+    std::size_t count = 0;
+    for (const auto& [name, value] : *got.blendshapes) {
+      ++count;
+      const auto it = want.find(std::string(name));
+      if (it == want.end()) {
+        out += "blendshape \"" + std::string(name) + "\" not expected\n";
+      } else if (!same(it->second, value)) {
+        out += "blendshape \"" + std::string(name) + "\": expected " + shown(it->second) + ", decoded " +
+               shown(value) + "\n";
+      }
+    }
+    for (const auto& [name, value] : want) {
+      if (got.blendshapes->find(name) == got.blendshapes->end()) out += "blendshape \"" + name + "\" missing\n";
+    }
+    if (count != want.size() || got.blendshapes->size() != want.size()) {
+      out += "blendshapes: expected " + std::to_string(want.size()) + " names, decoded " + std::to_string(count) +
+             " (size() " + std::to_string(got.blendshapes->size()) + ")\n";
+    }
+  }
+  if (!same(expected.rotation, got.rotation)) {
+    out += "rotation: expected " + shown(expected.rotation) + ", decoded " + shown(got.rotation) + "\n";
+  }
+  if (!same(expected.position, got.position)) {
+    out += "position: expected " + shown(expected.position) + ", decoded " + shown(got.position) + "\n";
+  }
+  if (expected.rotationSet != decoded.frame->rotationSet) out += "rotation components set differ\n";
+  if (expected.positionSet != decoded.frame->positionSet) out += "position components set differ\n";
+  if (got.sender != sender) out += "sender: expected " + sender + ", decoded " + got.sender + "\n";
+  return out;
+}
+
+std::string crossCheck(std::span<const std::uint8_t> data) {
+  static const std::string sender = "10.0.0.2:50000";
+  return differences(decodeReference(data), decodeDatagram(data, sender), sender);
+}
+
+}  // namespace velmora::reference
