@@ -26,8 +26,9 @@ struct QLabOSCServer::Impl {
   SerialQueue queue{"com.velmora.qlab"};
   // Queue-only from here on. No address-reuse option: a port someone else
   // holds must fail to bind rather than share datagrams with them.
-  UdpListener listener{queue.context(), UdpListener::Options{.maxDatagramsPerEvent = maxDatagramsPerEvent}};
-  std::array<std::uint8_t, receiveBufferSize> buffer{};
+  UdpListener listener{queue.context(), UdpListener::Options{.maxDatagramsPerEvent = maxDatagramsPerEvent,
+                                                            .datagramsPerRead = datagramsPerRead}};
+  std::array<std::uint8_t, receiveBufferSize * datagramsPerRead> buffer{};
   MainThreadMailbox mailbox;
   SenderFilter filter{kComponent, "OSC"};
   std::uint64_t reportedDrops = 0;

@@ -42,6 +42,9 @@ class QLabOSCServer {
   // Datagrams read per readiness event before the queue runs other work (a
   // stop, a rebind); the wait fires again at once while data is waiting.
   static constexpr std::size_t maxDatagramsPerEvent = 256;
+  // Datagrams taken per receive call (recvmmsg), each in its own slot of
+  // receiveBufferSize bytes.
+  static constexpr std::size_t datagramsPerRead = 16;
 
   // Main thread. `commands` and `mainQueue` must outlive the server.
   QLabOSCServer(CommandContext commands, MainQueue& mainQueue);

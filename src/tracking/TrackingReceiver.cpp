@@ -23,8 +23,10 @@ TrackingReceiver& TrackingReceiver::shared() {
   return receiver;
 }
 
+// Zero-filled memory is mapped lazily: only slots that datagrams reach
+// become resident.
 TrackingReceiver::TrackingReceiver(std::shared_ptr<TrackingSink> sink)
-    : sink_(std::move(sink)), buffer_(receiveBufferSize, 0) {}
+    : sink_(std::move(sink)), buffer_(receiveBufferSize * datagramsPerRead, 0) {}
 
 TrackingReceiver::~TrackingReceiver() {
   queue_.sync([this] { socketSources_.clear(); });
@@ -66,8 +68,12 @@ void TrackingReceiver::removeTap(const DatagramTap* tap) {
     std::erase_if(*taps, [&](const auto& t) { return t.get() == tap; });
     taps_ = std::move(taps);
   }
-  // A datagram being handed out right now may still hold the old list.
-  if (!queue_.isCurrent()) queue_.sync([] {});
+  // A batch being handed out right now may still hold the old list.
+  if (queue_.isCurrent()) {
+    if (batch_.taps) batch_.taps = taps_;
+  } else {
+    queue_.sync([] {});
+  }
 }
 
 void TrackingReceiver::startListening() {
@@ -81,22 +87,27 @@ void TrackingReceiver::startListening() {
 }
 
 void TrackingReceiver::startListening(std::uint16_t port) {
-  auto listener = std::make_unique<UdpListener>(queue_.context(), UdpListener::Options{.reuseAddressAndPort = true});
+  auto listener = std::make_unique<UdpListener>(
+      queue_.context(), UdpListener::Options{.reuseAddressAndPort = true,
+                                             .maxDatagramsPerEvent = maxDatagramsPerEvent,
+                                             .datagramsPerRead = datagramsPerRead});
+  const std::uint32_t bound = bindAddress();
   UdpListener::Callbacks callbacks;
   callbacks.onReadiness = [this] {
     std::lock_guard lock(statsMutex_);
     ++stats_.readinessEvents;
   };
-  callbacks.onDatagram = [this, port](std::span<const std::uint8_t> bytes, const UdpSender& from) {
+  callbacks.onDatagram = [this, port, bound](std::span<const std::uint8_t> bytes, const UdpSender& from) {
     try {
-      datagramArrived(bytes, from, port);
+      datagramArrived(bytes, from, port, bound);
     } catch (const std::exception& e) {
       // A datagram that makes a decoder throw is lost; the socket keeps
       // listening.
       logLine(kComponent, std::string("readPackets: dropped a datagram: ") + e.what());
     }
   };
-  const auto opened = listener->open(port, buffer_, std::move(callbacks), bindAddress());
+  callbacks.onBatch = [this](std::size_t) { batchEnded(); };
+  const auto opened = listener->open(port, buffer_, std::move(callbacks), bound);
   if (opened.failure == UdpListener::Failure::create) {
     logLine(kComponent, "Failed to create socket for port " + std::to_string(port));
     return;
@@ -124,32 +135,63 @@ std::vector<std::uint16_t> TrackingReceiver::listeningPorts() {
   return out;
 }
 
-void TrackingReceiver::datagramArrived(std::span<const std::uint8_t> bytes, const UdpSender& from,
-                                       std::uint16_t port) {
-  if (!senderFilter_.admit(from.address)) return;
-  std::shared_ptr<const Taps> taps;
-  {
-    std::lock_guard lock(tapsMutex_);
-    taps = taps_;
+const std::string& TrackingReceiver::senderText(const UdpSender& from) {
+  const std::uint64_t key = (static_cast<std::uint64_t>(from.address) << 16) | from.port;
+  auto it = senderTexts_.find(key);
+  if (it == senderTexts_.end()) {
+    if (senderTexts_.size() >= senderTextLimit) senderTexts_.clear();
+    it = senderTexts_.emplace(key, from.text()).first;
   }
-  if (!taps->empty()) {
+  return it->second;
+}
+
+void TrackingReceiver::datagramArrived(std::span<const std::uint8_t> bytes, const UdpSender& from,
+                                       std::uint16_t port, std::uint32_t boundAddress) {
+  if (!senderFilter_.admit(from.address)) return;
+  if (batch_.arrived < 0) {
+    // Read off the socket together: one arrival time for the batch, taken
+    // before decoding (the decoders' time is part of the latency).
+    batch_.arrived = uptime();
+    std::lock_guard lock(tapsMutex_);
+    batch_.taps = taps_;
+  }
+  if (!batch_.taps->empty()) {
+    if (batch_.arrivalMicroseconds < 0) {
+      batch_.arrivalMicroseconds =
+          std::chrono::duration_cast<std::chrono::microseconds>(wallNow().time_since_epoch()).count();
+    }
     DatagramEnvelope envelope;
     envelope.sourceAddress = from.address;
     envelope.sourcePort = from.port;
-    const std::uint32_t bound = bindAddress();
-    envelope.destinationAddress = bound ? bound : (from.address >> 24) == 127 ? 0x7F000001 : localAddress_;
+    envelope.destinationAddress =
+        boundAddress ? boundAddress : (from.address >> 24) == 127 ? 0x7F000001 : localAddress_;
     envelope.destinationPort = port;
-    envelope.arrivalMicroseconds =
-        std::chrono::duration_cast<std::chrono::microseconds>(wallNow().time_since_epoch()).count();
-    for (const auto& tap : *taps) tap->datagramArrived(bytes, envelope);
+    envelope.arrivalMicroseconds = batch_.arrivalMicroseconds;
+    for (const auto& tap : *batch_.taps) tap->datagramArrived(bytes, envelope);
   }
-  processData(bytes, from.text());
+  const std::string& sender = senderText(from);
+  const TrackingFormat format = decodeAndDeliver(bytes, sender, batch_.arrived);
+  ++batch_.count;
+  if (batch_.lastSender != sender) batch_.lastSender = sender;
+  batch_.lastFormat = format;
+}
+
+void TrackingReceiver::batchEnded() {
+  if (batch_.count > 0) countPackets(batch_.lastSender, batch_.lastFormat, batch_.count, batch_.arrived);
+  batch_.count = 0;
+  batch_.arrived = -1.0;
+  batch_.arrivalMicroseconds = -1;
+  batch_.taps.reset();
 }
 
 void TrackingReceiver::processData(std::span<const std::uint8_t> data, const std::string& sender) {
-  const double arrived = uptime();  // before decoding: the decoder's time is part of the latency
+  const double arrived = uptime();
+  countPackets(sender, decodeAndDeliver(data, sender, arrived), 1, arrived);
+}
+
+TrackingFormat TrackingReceiver::decodeAndDeliver(std::span<const std::uint8_t> data, const std::string& sender,
+                                                  double arrived) {
   DecodedDatagram decoded = decodeDatagram(data, sender);
-  countPacket(sender, decoded.format);
   if (decoded.frame) {
     decoded.frame->frame.arrivalTime = arrived;
     sink_->deliver(std::move(*decoded.frame));
@@ -157,16 +199,17 @@ void TrackingReceiver::processData(std::span<const std::uint8_t> data, const std
     // Unknown: counted and shown, nothing else changes.
     sink_->deliverUnknown(sender);
   }
+  return decoded.format;
 }
 
-void TrackingReceiver::countPacket(const std::string& sender, TrackingFormat format) {
-  const double now = uptime();
+void TrackingReceiver::countPackets(const std::string& sender, TrackingFormat format, std::uint64_t count,
+                                    double now) {
   std::lock_guard lock(statsMutex_);
-  ++stats_.packetsReceived;
+  stats_.packetsReceived += count;
   if (stats_.lastSender != sender) stats_.lastSender = sender;
   stats_.lastFormat = format;
   if (rateWindowStart_ < 0) rateWindowStart_ = now;
-  ++rateWindowCount_;
+  rateWindowCount_ += count;
   if (now - rateWindowStart_ >= 1.0) {
     stats_.packetsPerSecond = static_cast<double>(rateWindowCount_) / (now - rateWindowStart_);
     rateWindowCount_ = 0;

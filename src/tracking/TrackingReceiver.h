@@ -5,6 +5,13 @@
 // hands the frame to a TrackingSink. The shared receiver's sink posts to
 // FaceTrackingState::shared().ingestPacket on the main thread.
 //
+// Reading: each socket is drained in batches (UdpListener, datagramsPerRead
+// per system call) into one reused buffer, and every datagram is decoded in
+// place from it. Per-datagram bookkeeping (statistics, the taps' list, the
+// arrival time) is settled once per batch, and each sender's "a.b.c.d:port"
+// text is formatted once and kept, so the bytes of a datagram cost no heap
+// allocation before the decoder.
+//
 // Threads: every socket, every read, detection and decoding run on the
 // receiver's serial queue ("com.velmora.tracking"). The public start/stop
 // calls may come from any thread; statistics() from any thread.
@@ -15,6 +22,7 @@
 #include <mutex>
 #include <span>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "base/SerialQueue.h"
@@ -39,7 +47,16 @@ class TrackingReceiver {
     std::uint64_t refused = 0;          // datagrams from senders not in the allow-list
   };
 
+  // Bytes a datagram is cut to.
   static constexpr std::size_t receiveBufferSize = 65535;
+  // Datagrams taken per receive call; the buffer holds this many of
+  // receiveBufferSize bytes (2 MiB of address space, of which only the
+  // bytes datagrams actually fill become resident).
+  static constexpr std::size_t datagramsPerRead = 32;
+  // Datagrams read per readiness event before the queue runs other work:
+  // under a flood the ports take turns, and a stop or rebind waits at most
+  // this long, instead of one port draining forever.
+  static constexpr std::size_t maxDatagramsPerEvent = 1024;
   // Frames waiting for the main thread at most; older ones are dropped.
   static constexpr std::size_t mainThreadCapacity = 256;
 
@@ -96,9 +113,18 @@ class TrackingReceiver {
   const std::shared_ptr<TrackingSink>& sink() const { return sink_; }
 
  private:
-  void countPacket(const std::string& sender, TrackingFormat format);
-  // Receiver's queue: the door, the taps, then processData.
-  void datagramArrived(std::span<const std::uint8_t> bytes, const UdpSender& from, std::uint16_t port);
+  // Decodes and delivers one datagram; returns its format.
+  TrackingFormat decodeAndDeliver(std::span<const std::uint8_t> data, const std::string& sender, double arrived);
+  void countPackets(const std::string& sender, TrackingFormat format, std::uint64_t count, double now);
+  // Receiver's queue: the door, the taps, then decoding; counted in the
+  // current batch.
+  void datagramArrived(std::span<const std::uint8_t> bytes, const UdpSender& from, std::uint16_t port,
+                       std::uint32_t boundAddress);
+  // Receiver's queue: after each receive call, the batch's counts go to the
+  // statistics under one lock.
+  void batchEnded();
+  // Receiver's queue: "a.b.c.d:port", formatted once per sender.
+  const std::string& senderText(const UdpSender& from);
   using Taps = std::vector<std::shared_ptr<DatagramTap>>;
 
   std::shared_ptr<TrackingSink> sink_;
@@ -115,9 +141,23 @@ class TrackingReceiver {
   std::shared_ptr<const Taps> taps_ = std::make_shared<const Taps>();  // replaced whole, under tapsMutex_
 
   // Queue-only state: one listener per open socket, by descriptor, and the
-  // one buffer every drain reuses.
+  // one buffer every drain reuses (datagramsPerRead slots).
   std::map<int, std::unique_ptr<UdpListener>> socketSources_;
   std::vector<std::uint8_t> buffer_;
+  // Queue-only: sender texts by (address << 16 | port). Emptied when it
+  // reaches senderTextLimit, so a spoofed flood cannot grow it.
+  static constexpr std::size_t senderTextLimit = 1024;
+  std::unordered_map<std::uint64_t, std::string> senderTexts_;
+  // Queue-only: the batch being handed out. The arrival time and taps are
+  // taken at its first datagram; the counts reach stats_ in batchEnded().
+  struct Batch {
+    double arrived = -1.0;               // uptime(), < 0 before the first datagram
+    std::int64_t arrivalMicroseconds = -1;  // wall clock, for the taps' envelopes
+    std::shared_ptr<const Taps> taps;
+    std::uint64_t count = 0;
+    std::string lastSender;
+    TrackingFormat lastFormat = TrackingFormat::none;
+  } batch_;
 
   mutable std::mutex statsMutex_;
   Statistics stats_;

@@ -7,7 +7,9 @@
 
 #include <asio/io_context.hpp>
 #include <asio/ip/udp.hpp>
+#include <algorithm>
 #include <exception>
+#include <vector>
 
 namespace velmora {
 
@@ -29,7 +31,13 @@ struct UdpListener::Socket {
   asio::ip::udp::socket socket;
   std::uint16_t port = 0;
   std::span<std::uint8_t> buffer;
+  std::size_t slotSize = 0;  // bytes per datagram slot of `buffer`
   Callbacks callbacks;
+  // One entry per slot, pointing into `buffer` and `senders`; set up once
+  // at open and reused by every receive call.
+  std::vector<mmsghdr> messages;
+  std::vector<iovec> slices;
+  std::vector<sockaddr_in> senders;
 };
 
 UdpListener::UdpListener(asio::io_context& context, Options options) : context_(context), options_(options) {}
@@ -70,6 +78,18 @@ UdpListener::OpenResult UdpListener::open(std::uint16_t port, std::span<std::uin
   }
   socket->port = port;
   socket->buffer = buffer;
+  const std::size_t slots = std::max<std::size_t>(1, std::min(options_.datagramsPerRead, buffer.size()));
+  socket->slotSize = buffer.size() / slots;
+  socket->messages.assign(slots, mmsghdr{});
+  socket->slices.assign(slots, iovec{});
+  socket->senders.assign(slots, sockaddr_in{});
+  for (std::size_t i = 0; i < slots; ++i) {
+    socket->slices[i] = {buffer.data() + i * socket->slotSize, socket->slotSize};
+    msghdr& header = socket->messages[i].msg_hdr;
+    header.msg_name = &socket->senders[i];
+    header.msg_iov = &socket->slices[i];
+    header.msg_iovlen = 1;
+  }
   socket->callbacks = std::move(callbacks);
   socket_ = std::move(socket);
   armWait();
@@ -95,21 +115,45 @@ void UdpListener::armWait() {
     const auto s = weak.lock();
     if (!s || ec || s != socket_) return;  // closed, or replaced by a later open
     if (s->callbacks.onReadiness) s->callbacks.onReadiness();
-    const int fd = s->socket.native_handle();
-    for (std::size_t count = 0; options_.maxDatagramsPerEvent == 0 || count < options_.maxDatagramsPerEvent;
-         ++count) {
-      sockaddr_in from{};
-      socklen_t fromLength = sizeof from;
-      const ssize_t n = ::recvfrom(fd, s->buffer.data(), s->buffer.size(), 0, reinterpret_cast<sockaddr*>(&from),
-                                   &fromLength);
-      if (n < 1) break;  // empty, or an error: wait for the next readiness event
-      const UdpSender sender{ntohl(from.sin_addr.s_addr), ntohs(from.sin_port)};
-      s->callbacks.onDatagram(s->buffer.first(static_cast<std::size_t>(n)), sender);
-      if (s != socket_) return;  // a callback closed or reopened the listener
-    }
+    if (!drain(s)) return;  // a callback closed or reopened the listener
     if (s->callbacks.onDrained) s->callbacks.onDrained();
     if (s == socket_) armWait();
   });
+}
+
+bool UdpListener::drain(const std::shared_ptr<Socket>& s) {
+  const int fd = s->socket.native_handle();
+  const std::size_t limit = options_.maxDatagramsPerEvent;
+  std::size_t read = 0;
+  while (limit == 0 || read < limit) {
+    std::size_t want = s->messages.size();
+    if (limit != 0) want = std::min(want, limit - read);
+    for (std::size_t i = 0; i < want; ++i) {
+      s->messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+      s->messages[i].msg_hdr.msg_flags = 0;
+      s->messages[i].msg_len = 0;
+    }
+    const int n = ::recvmmsg(fd, s->messages.data(), static_cast<unsigned>(want), MSG_DONTWAIT, nullptr);
+    if (n < 1) break;  // empty, or an error: wait for the next readiness event
+    for (int i = 0; i < n; ++i) {
+      const unsigned length = s->messages[i].msg_len;  // already cut to the slot (MSG_TRUNC in msg_flags)
+      if (length == 0) continue;
+      const sockaddr_in& from = s->senders[i];
+      const UdpSender sender{ntohl(from.sin_addr.s_addr), ntohs(from.sin_port)};
+      const std::span<const std::uint8_t> bytes(static_cast<const std::uint8_t*>(s->slices[i].iov_base), length);
+      s->callbacks.onDatagram(bytes, sender);
+      if (s != socket_) return false;
+    }
+    read += static_cast<std::size_t>(n);
+    if (s->callbacks.onBatch) {
+      s->callbacks.onBatch(static_cast<std::size_t>(n));
+      if (s != socket_) return false;
+    }
+    // Fewer than asked: the socket was empty a moment ago. Saves one empty
+    // call; anything arriving since wakes the next readiness wait at once.
+    if (static_cast<std::size_t>(n) < want) break;
+  }
+  return true;
 }
 
 }  // namespace velmora

@@ -5,6 +5,10 @@
 // server both listen through it; each keeps its own socket options and
 // buffer size.
 //
+// Reads are batched: one recvmmsg call takes up to `datagramsPerRead`
+// datagrams into equal slots of the owner's buffer, and each is handed out
+// in place, in arrival order; nothing is copied or allocated per datagram.
+//
 // Threads: every call and every callback runs on the one thread running the
 // io_context given at construction (the owner's SerialQueue). Closing or
 // destroying the listener ends its pending wait; no callback runs after that.
@@ -41,12 +45,20 @@ class UdpListener {
     // (a stop, a rebind); the wait fires again at once while data is
     // waiting. 0 drains the socket until it is empty.
     std::size_t maxDatagramsPerEvent = 0;
+    // Datagrams taken per receive call (recvmmsg). The buffer given to open()
+    // is split into this many equal slots; each datagram is cut to one
+    // slot's size. 1 reads one datagram per call into the whole buffer.
+    std::size_t datagramsPerRead = 1;
   };
 
   struct Callbacks {
-    // One datagram, cut to the buffer's size; the bytes are valid during
-    // the call only.
+    // One datagram, cut to the slot's size; the bytes are valid during the
+    // call only. Empty datagrams are skipped.
     std::function<void(std::span<const std::uint8_t> bytes, const UdpSender& from)> onDatagram;
+    // Optional: after each receive call's datagrams were handed out, with
+    // how many it read (empty ones included), so per-datagram bookkeeping
+    // can be settled once per batch.
+    std::function<void(std::size_t count)> onBatch;
     // Optional: once per readiness event, before its datagrams are read.
     std::function<void()> onReadiness;
     // Optional: once per readiness event, after its datagrams were read.
@@ -68,7 +80,8 @@ class UdpListener {
   // Creates the socket, sets the options, makes it non-blocking, binds it to
   // `bindAddress` (IPv4, host byte order; 0, the default, is every local
   // address) and `port`, and starts waiting for datagrams, which are
-  // received into `buffer` (owned by the caller, alive until close). On
+  // received into `buffer` (owned by the caller, alive until close; split
+  // into Options::datagramsPerRead slots). On
   // failure nothing stays open. A listener already open is closed first.
   OpenResult open(std::uint16_t port, std::span<std::uint8_t> buffer, Callbacks callbacks,
                   std::uint32_t bindAddress = 0);
@@ -83,6 +96,10 @@ class UdpListener {
  private:
   struct Socket;
   void armWait();
+  // One readiness event: batched reads until the socket is empty or the
+  // event's share is used. False when a callback closed or reopened the
+  // listener.
+  bool drain(const std::shared_ptr<Socket>& s);
 
   asio::io_context& context_;
   Options options_;

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <future>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -110,6 +111,105 @@ TEST(TrackingReceiverNetTest, BurstIsDrainedInOneReadinessEvent) {
   for (int i = 0; i < kBurst; ++i) EXPECT_EQ(frames[i].frame.blendshapes->at("jawOpen"), float(i) / 100.0f);
   EXPECT_EQ(receiver.statistics().packetsReceived, std::uint64_t(kBurst));
   EXPECT_EQ(receiver.statistics().lastFormat, TrackingFormat::iFacialMocap);
+}
+
+// A tap that keeps a copy of everything it is shown.
+class CopyingTap final : public DatagramTap {
+ public:
+  struct Seen {
+    std::vector<std::uint8_t> payload;
+    DatagramEnvelope envelope;
+  };
+  void datagramArrived(std::span<const std::uint8_t> payload, const DatagramEnvelope& envelope) override {
+    std::lock_guard lock(mutex_);
+    seen_.push_back({{payload.begin(), payload.end()}, envelope});
+  }
+  std::vector<Seen> seen() const {
+    std::lock_guard lock(mutex_);
+    return seen_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Seen> seen_;
+};
+
+// Several receive calls' worth of datagrams from two senders, and the
+// largest datagram IPv4 can carry among them, all waiting when the queue
+// wakes: everything reaches the taps and the sink whole, in arrival order,
+// with its own sender, in one readiness event.
+TEST(TrackingReceiverNetTest, BatchedBurstArrivesWholeAndInOrder) {
+  const std::uint16_t port = freeUdpPort();
+  auto sink = std::make_shared<test::RecordingSink>();
+  auto tap = std::make_shared<CopyingTap>();
+  TrackingReceiver receiver(sink);
+  receiver.addTap(tap);
+  ASSERT_TRUE(listen(receiver, port));
+
+  std::promise<void> release;
+  auto released = release.get_future().share();
+  receiver.queue().post([released] { released.wait(); });
+  UdpSocket a, b;
+  std::vector<std::vector<std::uint8_t>> sent;
+  std::vector<std::uint16_t> from;
+  auto send = [&](const UdpSocket& phone, std::vector<std::uint8_t> bytes) {
+    phone.sendTo(port, bytes);
+    sent.push_back(std::move(bytes));
+    from.push_back(phone.port());
+  };
+  auto text = [](int i) {
+    const std::string t = "jawOpen-" + std::to_string(i) + "|";
+    return std::vector<std::uint8_t>(t.begin(), t.end());
+  };
+  // More than two receive calls' worth before the large one.
+  const int before = static_cast<int>(TrackingReceiver::datagramsPerRead) * 2 + 5;
+  for (int i = 0; i < before; ++i) send(i % 2 ? b : a, text(i % 100));
+  // IPv4's largest UDP payload: a long iFacialMocap text without jawOpen.
+  std::string large;
+  for (int i = 0; large.size() < 65507; ++i) large += "mouthClose-" + std::to_string(i % 100) + "|";
+  large.resize(65507);
+  send(a, std::vector<std::uint8_t>(large.begin(), large.end()));
+  for (int i = 0; i < 5; ++i) send(b, text(90 + i));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  const auto eventsBefore = receiver.statistics().readinessEvents;
+  release.set_value();
+
+  const std::size_t total = sent.size();
+  ASSERT_TRUE(waitFor([&] { return sink->total() == total; })) << sink->total() << " of " << total;
+  EXPECT_EQ(receiver.statistics().readinessEvents - eventsBefore, 1u);
+  EXPECT_EQ(receiver.statistics().packetsReceived, total);
+  EXPECT_EQ(receiver.statistics().lastSender, "127.0.0.1:" + std::to_string(b.port()));
+
+  const auto seen = tap->seen();
+  ASSERT_EQ(seen.size(), total);
+  for (std::size_t i = 0; i < total; ++i) {
+    EXPECT_EQ(seen[i].payload, sent[i]) << "datagram " << i;
+    EXPECT_EQ(seen[i].envelope.sourcePort, from[i]);
+    EXPECT_EQ(seen[i].envelope.sourceAddress, 0x7F000001u);
+    EXPECT_EQ(seen[i].envelope.destinationPort, port);
+    EXPECT_EQ(seen[i].envelope.destinationAddress, 0x7F000001u);
+    EXPECT_GT(seen[i].envelope.arrivalMicroseconds, 0);
+    if (i > 0) {
+      EXPECT_GE(seen[i].envelope.arrivalMicroseconds, seen[i - 1].envelope.arrivalMicroseconds);
+    }
+  }
+  // The text frames, in order, each with its own sender.
+  const auto frames = sink->frames();
+  ASSERT_EQ(frames.size() + sink->unknown().size(), total);
+  std::vector<float> jaw;
+  std::vector<std::string> senders;
+  for (const auto& f : frames) {
+    if (!f.frame.blendshapes || !f.frame.blendshapes->count("jawOpen")) continue;
+    jaw.push_back(f.frame.blendshapes->at("jawOpen"));
+    senders.push_back(f.frame.sender);
+  }
+  ASSERT_EQ(jaw.size(), std::size_t(before + 5));
+  for (int i = 0; i < before + 5; ++i) {
+    const int value = i < before ? i % 100 : 90 + (i - before);
+    EXPECT_EQ(jaw[i], float(value) / 100.0f) << i;
+    const auto& phone = i < before && i % 2 == 0 ? a : b;
+    EXPECT_EQ(senders[i], "127.0.0.1:" + std::to_string(phone.port())) << i;
+  }
 }
 
 TEST(TrackingReceiverNetTest, FloodStaysBounded) {
