@@ -13,6 +13,7 @@
 // main-thread data.
 
 #include <array>
+#include <cstddef>
 
 #include "stage/FaceFrame.h"
 
@@ -39,6 +40,17 @@ struct DecodedFrame {
     }
     return std::move(frame);
   }
+
+  // Folds an older frame from the same sender into this newer one, for a
+  // frame that replaces one still waiting for the main thread: this frame's
+  // values win per blendshape name and per head component; names and
+  // components only the older one carried are kept (a non-finite newer
+  // value, which ingesting skips, leaves the older finite one). Ingesting
+  // the result publishes what ingesting both in order would. The older
+  // frame's names are added only while the map holds fewer than `maxNames`
+  // (this frame's own names always stay), so repeated merging stays
+  // bounded. The arrival time is the later one.
+  void mergeOlder(DecodedFrame&& older, std::size_t maxNames);
 };
 
 }  // namespace velmora

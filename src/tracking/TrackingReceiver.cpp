@@ -19,7 +19,7 @@ constexpr std::string_view kComponent = "TrackingReceiver";
 }  // namespace
 
 TrackingReceiver& TrackingReceiver::shared() {
-  static TrackingReceiver receiver(std::make_shared<MainThreadTrackingSink>(mainThreadCapacity));
+  static TrackingReceiver receiver(std::make_shared<MainThreadTrackingSink>(maxWaitingSenders));
   return receiver;
 }
 

@@ -42,7 +42,7 @@ class TrackingReceiver {
     double packetsPerSecond = 0.0;  // measured over about one second
     std::string lastSender;         // "a.b.c.d:port", empty before the first
     TrackingFormat lastFormat = TrackingFormat::none;
-    std::uint64_t dropped = 0;         // frames the sink dropped under a flood
+    std::uint64_t dropped = 0;         // frames the sink dropped under a flood (replaced by newer ones)
     std::uint64_t readinessEvents = 0;  // wake-ups; a burst costs one
     std::uint64_t refused = 0;          // datagrams from senders not in the allow-list
   };
@@ -57,8 +57,9 @@ class TrackingReceiver {
   // under a flood the ports take turns, and a stop or rebind waits at most
   // this long, instead of one port draining forever.
   static constexpr std::size_t maxDatagramsPerEvent = 1024;
-  // Frames waiting for the main thread at most; older ones are dropped.
-  static constexpr std::size_t mainThreadCapacity = 256;
+  // Senders whose newest frame may wait for the main thread at once (one
+  // frame each; MainThreadTrackingSink); deliveries from more are dropped.
+  static constexpr std::size_t maxWaitingSenders = 256;
 
   // The application's receiver, sink = MainThreadTrackingSink.
   static TrackingReceiver& shared();

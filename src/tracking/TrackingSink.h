@@ -20,7 +20,8 @@ class TrackingSink {
   virtual void deliver(DecodedFrame frame) = 0;
   // A datagram in no known format, from `sender` ("a.b.c.d:port").
   virtual void deliverUnknown(const std::string& sender) = 0;
-  // Deliveries dropped on the way (flood protection); any thread.
+  // Deliveries dropped on the way (flood protection: replaced by a newer one
+  // before the main thread took them, or refused); any thread.
   virtual std::uint64_t droppedCount() const { return 0; }
 };
 

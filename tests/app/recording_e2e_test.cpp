@@ -17,7 +17,6 @@
 #include "support/ChildProcess.h"
 #include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
-#include "tracking/MainThreadTrackingSink.h"
 #include "tracking/PcapReader.h"
 #include "tracking/SessionRecorder.h"
 #include "tracking/TrackingReceiver.h"
@@ -48,12 +47,30 @@ int runServingMainQueue(TrackingReceiver& receiver, const std::vector<std::strin
   return rc;
 }
 
-// An in-process Velmora's tracking side, wired as the application wires it,
-// keeping every published blendshape map.
+// Ingests every frame on the main thread, one posted call each, in order.
+// The application's sink lets a newer frame from a sender replace one the
+// main thread has not taken yet; comparing two runs frame by frame needs
+// every frame, whenever this busy machine delays the test thread.
+class EveryFrameSink final : public TrackingSink {
+ public:
+  explicit EveryFrameSink(FaceTrackingState& state) : state_(state) {}
+  void deliver(DecodedFrame frame) override {
+    MainQueue::shared().post([&s = state_, frame = std::move(frame)]() mutable {
+      FaceFrame f = std::move(frame).completed(s.rawRotation(), s.rawPosition());
+      s.ingestPacket(f.blendshapes, f.rotation, f.position, f.sender);
+    });
+  }
+  void deliverUnknown(const std::string&) override {}
+
+ private:
+  FaceTrackingState& state_;
+};
+
+// An in-process Velmora's tracking side, keeping every published blendshape
+// map.
 struct TrackingSide {
   explicit TrackingSide(std::uint16_t port)
-      : store(config.path()), state(store),
-        sink(std::make_shared<MainThreadTrackingSink>(4096, MainQueue::shared(), &state)), receiver(sink) {
+      : store(config.path()), state(store), sink(std::make_shared<EveryFrameSink>(state)), receiver(sink) {
     state.observe([this](FaceTrackingState::Property p) {
       if (p == FaceTrackingState::Property::blendshapes) published.push_back(state.blendshapes());
       if (p == FaceTrackingState::Property::rawBlendshapes) raw.push_back(state.rawBlendshapes());
@@ -65,7 +82,7 @@ struct TrackingSide {
   test::TempDir config;
   SettingsStore store;
   FaceTrackingState state;
-  std::shared_ptr<MainThreadTrackingSink> sink;
+  std::shared_ptr<EveryFrameSink> sink;
   TrackingReceiver receiver;
   bool listening = false;
   std::vector<BlendshapeMap> published, raw;

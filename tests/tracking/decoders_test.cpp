@@ -7,7 +7,6 @@
 //   [SECTION] OSC
 //   [SECTION] JSON
 //   [SECTION] Detection order
-//   [SECTION] Main-thread sink
 
 #include <gtest/gtest.h>
 
@@ -27,7 +26,6 @@
 #include "base/Clock.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/LiveLinkNames.h"
-#include "tracking/MainThreadTrackingSink.h"
 #include "tracking/RecordingSink.h"
 #include "tracking/TrackingDecoders.h"
 #include "tracking/TrackingReceiver.h"
@@ -371,44 +369,6 @@ TEST_F(DetectionTest, FirstMatchWins) {
   EXPECT_EQ(unknown.size(), 4u);
   EXPECT_EQ(receiver.statistics().packetsReceived, 13u);
   EXPECT_EQ(receiver.statistics().lastSender, kSender);
-}
-
-// ---------------------------------------------------------------------------
-// [SECTION] Main-thread sink
-// ---------------------------------------------------------------------------
-
-TEST(MainThreadTrackingSinkTest, CompletesPartialHeadAndCountsUnknown) {
-  test::TempDir dir;
-  SettingsStore store(dir.path());
-  FaceTrackingState state(store);
-  MainQueue& main = MainQueue::shared();  // the test thread is the main thread
-  MainThreadTrackingSink sink(8, main, &state);
-
-  DecodedFrame full;
-  full.frame.rotation = float3(0.1f, 0.2f, 0.3f);
-  full.frame.position = float3(1.0f, 2.0f, 3.0f);
-  full.frame.sender = kSender;
-  sink.deliver(full);
-  sink.deliver(decodeOSCMessages({msg("/Head/Yaw", {90.0f}), msg("/Head/Y", {50.0f})}, kSender));
-  main.drain();
-  EXPECT_EQ(state.rawRotation(), float3(0.1f, 90.0f * kDeg, 0.3f));
-  EXPECT_EQ(state.rawPosition(), float3(1.0f, 50.0f * 0.01f, 3.0f));
-  EXPECT_EQ(state.totalPacketsReceived(), 2u);
-  EXPECT_EQ(state.senderIP(), kSender);
-
-  sink.deliverUnknown("10.0.0.9:4000");
-  main.drain();
-  EXPECT_TRUE(state.isConnected());
-  EXPECT_EQ(state.senderIP(), "10.0.0.9:4000 (Unknown format)");
-  EXPECT_EQ(state.totalPacketsReceived(), 3u);
-
-  // A flood beyond capacity drops the oldest and counts them.
-  for (int i = 0; i < 20; ++i) sink.deliverUnknown("10.0.0.9:" + std::to_string(i));
-  EXPECT_EQ(sink.mailbox().pendingCount(), 8u);
-  EXPECT_EQ(sink.droppedCount(), 12u);
-  main.drain();
-  EXPECT_EQ(state.totalPacketsReceived(), 11u);
-  EXPECT_EQ(state.senderIP(), "10.0.0.9:19 (Unknown format)");  // newest survives
 }
 
 }  // namespace

@@ -1,0 +1,203 @@
+// The production sink between the receiver's queue and the main thread:
+// frames ingested in order at normal rates, newest wins per sender while
+// the main thread is busy (merging what partial senders sent), and memory
+// bounded under a flood. Frames come from the real decoders, on the bytes a
+// sender would send; the test thread is the main thread.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "base/MainQueue.h"
+#include "base/SettingsStore.h"
+#include "support/OscBytes.h"
+#include "support/TempDir.h"
+#include "tracking/FaceTrackingState.h"
+#include "tracking/MainThreadTrackingSink.h"
+#include "tracking/TrackingDecoders.h"
+
+namespace velmora {
+namespace {
+
+using test::oscBundle;
+using test::oscElement;
+using test::oscMessage;
+
+const std::string kSender = "192.168.1.20:50000";
+constexpr float kDeg = 0.017453292f;
+
+DecodedFrame decoded(const test::Bytes& bytes, const std::string& sender = kSender) {
+  auto d = decodeDatagram(bytes, sender);
+  EXPECT_TRUE(d.frame) << "not decoded";
+  return d.frame ? std::move(*d.frame) : DecodedFrame{};
+}
+
+DecodedFrame text(const std::string& t, const std::string& sender = kSender) {
+  return decoded(test::Bytes(t.begin(), t.end()), sender);
+}
+
+test::Bytes blend(const std::string& name, float value) {
+  return oscElement(oscMessage("/VMC/Ext/Blend/Val", {name, value}));
+}
+
+// A face tracking state of its own, with the sink that feeds it.
+struct Target {
+  test::TempDir dir;
+  SettingsStore store{dir.path()};
+  FaceTrackingState state{store};
+  MainThreadTrackingSink sink;
+  explicit Target(std::size_t maxSenders = 8) : sink(maxSenders, MainQueue::shared(), &state) {}
+};
+
+// What a sender's packets published: the raw values ingestPacket stores.
+void expectSamePublished(const FaceTrackingState& a, const FaceTrackingState& b) {
+  EXPECT_EQ(a.rawBlendshapes(), b.rawBlendshapes());
+  EXPECT_EQ(a.rawRotation(), b.rawRotation());
+  EXPECT_EQ(a.rawPosition(), b.rawPosition());
+  EXPECT_EQ(a.senderIP(), b.senderIP());
+  EXPECT_EQ(a.isConnected(), b.isConnected());
+}
+
+TEST(MainThreadTrackingSinkTest, AtNormalRatesEveryPacketIsIngestedInOrder) {
+  Target t;
+  MainQueue& main = MainQueue::shared();
+  DecodedFrame full;
+  full.frame.rotation = float3(0.1f, 0.2f, 0.3f);
+  full.frame.position = float3(1.0f, 2.0f, 3.0f);
+  full.frame.sender = kSender;
+  t.sink.deliver(full);
+  main.drain();
+  // A partial head update completes from the pose the previous packet left.
+  t.sink.deliver(decoded(oscBundle({oscElement(oscMessage("/Head/Yaw", {90.0f})),
+                                    oscElement(oscMessage("/Head/Y", {50.0f}))})));
+  main.drain();
+  EXPECT_EQ(t.state.rawRotation(), float3(0.1f, 90.0f * kDeg, 0.3f));
+  EXPECT_EQ(t.state.rawPosition(), float3(1.0f, 50.0f * 0.01f, 3.0f));
+
+  for (int i = 0; i < 5; ++i) {
+    t.sink.deliver(text("jawOpen-" + std::to_string(10 * i) + "|"));
+    main.drain();
+    EXPECT_EQ(t.state.rawBlendshapes().at("jawOpen"), 0.1f * static_cast<float>(i));
+  }
+  t.sink.deliverUnknown("10.0.0.9:4000");
+  main.drain();
+  EXPECT_TRUE(t.state.isConnected());
+  EXPECT_EQ(t.state.senderIP(), "10.0.0.9:4000 (Unknown format)");
+  EXPECT_EQ(t.state.totalPacketsReceived(), 8u);
+  EXPECT_EQ(t.sink.droppedCount(), 0u);
+  EXPECT_EQ(t.sink.waitingSenders(), 0u);
+}
+
+TEST(MainThreadTrackingSinkTest, NewerFrameReplacesTheWaitingOneKeepingWhatOnlyTheOlderCarried) {
+  // The same packets: one by one into `reference`, all at once (the main
+  // thread busy meanwhile) into `coalesced`.
+  const std::vector<test::Bytes> packets = {
+      // Full head and three names.
+      oscBundle({blend("jawOpen", 0.2f), blend("mouthClose", 0.3f), blend("customTwitch", 0.4f),
+                 oscElement(oscMessage("/Head/Pitch", {10.0f})), oscElement(oscMessage("/Head/Yaw", {20.0f})),
+                 oscElement(oscMessage("/Head/Roll", {30.0f}))}),
+      // Yaw alone and a newer jawOpen.
+      oscBundle({oscElement(oscMessage("/Head/Yaw", {-45.0f})), blend("jawOpen", 0.6f)}),
+      // A position component and a name nobody sent before.
+      oscBundle({oscElement(oscMessage("/Head/Z", {7.0f})), blend("eyeBlinkLeft", 0.9f)}),
+      // Roll alone.
+      oscMessage("/Head/Roll", {-5.0f}),
+  };
+  Target reference, coalesced;
+  // Both start from the same earlier pose, which fills what nobody set.
+  for (Target* t : {&reference, &coalesced}) {
+    DecodedFrame start;
+    start.frame.rotation = float3(0.5f, 0.5f, 0.5f);
+    start.frame.position = float3(1.0f, 1.0f, 1.0f);
+    start.frame.sender = kSender;
+    t->sink.deliver(start);
+    MainQueue::shared().drain();
+  }
+
+  for (const auto& p : packets) {
+    reference.sink.deliver(decoded(p));
+    MainQueue::shared().drain();
+  }
+  for (const auto& p : packets) coalesced.sink.deliver(decoded(p));
+  EXPECT_EQ(coalesced.sink.waitingSenders(), 1u);
+  EXPECT_EQ(coalesced.sink.droppedCount(), packets.size() - 1);
+  MainQueue::shared().drain();
+
+  expectSamePublished(reference.state, coalesced.state);
+  EXPECT_EQ(coalesced.state.rawRotation(), float3(10.0f * kDeg, -45.0f * kDeg, -5.0f * kDeg));
+  EXPECT_EQ(coalesced.state.rawPosition(), float3(1.0f, 1.0f, 0.07f));
+  EXPECT_EQ(coalesced.state.rawBlendshapes().at("jawOpen"), 0.6f);
+  EXPECT_EQ(coalesced.state.rawBlendshapes().at("customTwitch"), 0.4f);
+  // Every packet counts as received, merged or not.
+  EXPECT_EQ(coalesced.state.totalPacketsReceived(), reference.state.totalPacketsReceived());
+  EXPECT_EQ(coalesced.state.totalPacketsReceived(), 1 + packets.size());
+  EXPECT_EQ(reference.sink.droppedCount(), 0u);
+}
+
+TEST(MainThreadTrackingSinkTest, UnknownFormatWaitsOncePerSenderInArrivalOrder) {
+  Target t;
+  MainQueue& main = MainQueue::shared();
+  for (int i = 0; i < 100; ++i) t.sink.deliverUnknown(kSender);
+  EXPECT_EQ(t.sink.waitingSenders(), 1u);
+  EXPECT_EQ(t.sink.droppedCount(), 99u);
+  main.drain();
+  EXPECT_EQ(t.state.totalPacketsReceived(), 100u);
+  EXPECT_EQ(t.state.senderIP(), kSender + " (Unknown format)");
+
+  // A frame after an unknown datagram shows the sender plainly; an unknown
+  // one after a frame shows the note, as ingesting them in order would.
+  t.sink.deliverUnknown(kSender);
+  t.sink.deliver(text("jawOpen-50|"));
+  main.drain();
+  EXPECT_EQ(t.state.senderIP(), kSender);
+  EXPECT_EQ(t.state.rawBlendshapes().at("jawOpen"), 0.5f);
+  t.sink.deliver(text("jawOpen-70|"));
+  t.sink.deliverUnknown(kSender);
+  main.drain();
+  EXPECT_EQ(t.state.senderIP(), kSender + " (Unknown format)");
+  EXPECT_EQ(t.state.rawBlendshapes().at("jawOpen"), 0.7f);
+  EXPECT_EQ(t.state.totalPacketsReceived(), 104u);
+  EXPECT_EQ(t.sink.droppedCount(), 99u);
+}
+
+TEST(MainThreadTrackingSinkTest, SendersAreIngestedInTheOrderOfTheirNewestPacket) {
+  Target t;
+  const std::string a = "10.0.0.1:1000", b = "10.0.0.2:2000";
+  t.sink.deliver(text("jawOpen-10|", a));
+  t.sink.deliver(text("jawOpen-20|", b));
+  t.sink.deliver(text("jawOpen-30|", a));  // a's newest came last: a is ingested last
+  MainQueue::shared().drain();
+  EXPECT_EQ(t.state.senderIP(), a);
+  EXPECT_EQ(t.state.rawBlendshapes().at("jawOpen"), 0.3f);
+  EXPECT_EQ(t.sink.droppedCount(), 1u);
+}
+
+TEST(MainThreadTrackingSinkTest, FloodStaysBoundedInSendersAndNames) {
+  Target t(4);
+  // Ten senders while the main thread is busy: four wait, the rest are
+  // dropped and counted.
+  for (int round = 0; round < 3; ++round) {
+    for (int s = 0; s < 10; ++s) t.sink.deliver(text("jawOpen-40|", "10.0.0." + std::to_string(s) + ":5000"));
+  }
+  EXPECT_EQ(t.sink.waitingSenders(), 4u);
+  EXPECT_EQ(t.sink.droppedCount(), 30u - 4u);
+  MainQueue::shared().drain();
+  EXPECT_EQ(t.state.totalPacketsReceived(), 4u * 3u);  // what the four waiting senders sent
+  EXPECT_EQ(t.sink.waitingSenders(), 0u);
+  // Room again once the main thread took them.
+  t.sink.deliver(text("jawOpen-40|", "10.0.0.9:5000"));
+  EXPECT_EQ(t.sink.waitingSenders(), 1u);
+  MainQueue::shared().drain();
+
+  // One sender naming a new blendshape in every packet cannot grow the
+  // waiting frame without bound; the newest packet's names always stay.
+  const std::size_t cap = MainThreadTrackingSink::maxMergedNames;
+  for (std::size_t i = 0; i < 3 * cap; ++i) t.sink.deliver(text("custom" + std::to_string(i) + "-50|"));
+  MainQueue::shared().drain();
+  const auto& raw = t.state.rawBlendshapes();
+  EXPECT_LE(raw.size(), cap + 1);  // + jawOpen from before
+  EXPECT_TRUE(raw.count("custom" + std::to_string(3 * cap - 1)));
+}
+
+}  // namespace
+}  // namespace velmora
