@@ -36,7 +36,7 @@ void valueBars(float raw, float processed, float floor, float ceiling) {
 std::vector<std::string> ExpressionPanel::rowNames(const FaceTrackingState& state) {
   std::vector<std::string> names;
   names.reserve(state.rawBlendshapes().size());
-  for (const auto& [name, value] : state.rawBlendshapes()) names.push_back(name);
+  for (const auto& [name, value] : state.rawBlendshapes()) names.emplace_back(name);
   std::sort(names.begin(), names.end());
   return names;
 }

@@ -30,9 +30,9 @@ constexpr std::array<const char*, 15> kCueSlugs = {
 // Every blendshape at 0 except the given ones: the scene sets the weights
 // of the names it is given and leaves the others as they were, so each shot
 // names them all.
-BlendshapeMap expression(std::initializer_list<std::pair<const std::string, float>> shapes) {
+BlendshapeMap expression(std::initializer_list<std::pair<std::string_view, float>> shapes) {
   BlendshapeMap map;
-  for (ARKitBlendShape shape : allCases<ARKitBlendShape>()) map[std::string(rawValue(shape))] = 0.0f;
+  for (ARKitBlendShape shape : allCases<ARKitBlendShape>()) map.set(shape, 0.0f);
   for (const auto& [name, value] : shapes) map[name] = value;
   return map;
 }

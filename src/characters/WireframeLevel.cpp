@@ -1,6 +1,7 @@
 #include "characters/WireframeLevel.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <unordered_map>
 
@@ -223,7 +224,20 @@ WireframeLevel wireframeForDetail(TrackingDetail detail, const BlendshapeMap& bl
   const auto geometry = G::makeWireframeGeometry();
   const auto morpher = makeWireframeMorpher();
   const auto& map = MaskExpressionTargets::targetNameToIndex();
-  for (const auto& [name, value] : blendshapes) {
+  // The vocabulary's targets, found once; other names by their lower case.
+  static const std::array<int, arkitBlendShapeCount> slotTargets = [&map] {
+    std::array<int, arkitBlendShapeCount> targets{};
+    for (const ARKitBlendShape shape : allCases<ARKitBlendShape>()) {
+      const auto found = map.find(targetKey(std::string(rawValue(shape))));
+      targets[index(shape)] = found == map.end() ? -1 : found->second;
+    }
+    return targets;
+  }();
+  blendshapes.forEachSlot([&](ARKitBlendShape shape, float value) {
+    if (std::isfinite(value) && slotTargets[index(shape)] >= 0)
+      morpher->setWeight(static_cast<std::size_t>(slotTargets[index(shape)]), value);
+  });
+  for (const auto& [name, value] : blendshapes.others()) {
     if (!std::isfinite(value)) continue;
     const auto found = map.find(targetKey(name));
     if (found != map.end()) morpher->setWeight(static_cast<std::size_t>(found->second), value);

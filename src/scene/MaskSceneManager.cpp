@@ -21,9 +21,9 @@ namespace velmora {
 
 namespace {
 
-float valueOf(const BlendshapeMap& map, const char* name) {
-  auto it = map.find(name);
-  return it == map.end() ? 0.0f : it->second;
+float valueOf(const BlendshapeMap& map, ARKitBlendShape shape) {
+  const float* value = map.get(shape);
+  return value ? *value : 0.0f;
 }
 
 }  // namespace
@@ -183,6 +183,15 @@ void MaskSceneManager::switchModel(CharacterModelType model) {
   maskNode_ = build.node;
   morpher_ = build.morpher;
   targetNameToIndex_ = std::move(build.targetNameToIndex);
+  // The vocabulary's targets found once per character, so the per-frame
+  // update needs no string work for them.
+  slotTargets_.fill(-1);
+  for (const ARKitBlendShape shape : allCases<ARKitBlendShape>()) {
+    const auto it = targetNameToIndex_.find(targetKey(std::string(rawValue(shape))));
+    if (it != targetNameToIndex_.end() && morpher_ && it->second >= 0 &&
+        static_cast<std::size_t>(it->second) < morpher_->targetCount())
+      slotTargets_[index(shape)] = it->second;
+  }
   if (maskNode_) scene_->addChild(maskNode_);
   currentModelType_ = model;
 }
@@ -227,23 +236,31 @@ void MaskSceneManager::updateTracking(const FaceTrackingState& state) {
   // by its weight; a channel the live map lacks blends from 0.
   if (out.blendWeight > 0.0f) {
     const float w = out.blendWeight;
-    for (const auto& [name, value] : out.blendshapes) {
-      auto it = blended.find(name);
-      const float live = it == blended.end() ? 0.0f : it->second;
-      blended[name] = w * value + (1.0f - w) * live;
+    out.blendshapes.forEachSlot([&](ARKitBlendShape shape, float value) {
+      const float live = valueOf(blended, shape);
+      blended.set(shape, w * value + (1.0f - w) * live);
+    });
+    for (const auto& [name, value] : out.blendshapes.others()) {
+      const float* live = blended.get(name);
+      const float mixed = w * value + (1.0f - w) * (live ? *live : 0.0f);
+      blended[name] = mixed;
     }
   }
   // 9. Morph weights by lower-cased name; names without a target are skipped.
   // A target that the blended map does not name rests at 0, so nothing a cue
   // or an earlier sender left behind lingers once the map stops naming it.
   if (morpher_) {
-    std::vector<float> weights(morpher_->targetCount(), 0.0f);
-    for (const auto& [name, weight] : blended) {
+    weights_.assign(morpher_->targetCount(), 0.0f);
+    blended.forEachSlot([&](ARKitBlendShape shape, float weight) {
+      const int target = slotTargets_[index(shape)];
+      if (target >= 0) weights_[static_cast<std::size_t>(target)] = weight;
+    });
+    for (const auto& [name, weight] : blended.others()) {  // names outside the vocabulary, in any case
       auto it = targetNameToIndex_.find(targetKey(name));
-      if (it != targetNameToIndex_.end() && static_cast<std::size_t>(it->second) < weights.size())
-        weights[static_cast<std::size_t>(it->second)] = weight;
+      if (it != targetNameToIndex_.end() && it->second >= 0 && static_cast<std::size_t>(it->second) < weights_.size())
+        weights_[static_cast<std::size_t>(it->second)] = weight;
     }
-    for (std::size_t i = 0; i < weights.size(); ++i) morpher_->setWeight(i, weights[i]);
+    for (std::size_t i = 0; i < weights_.size(); ++i) morpher_->setWeight(i, weights_[i]);
   }
   // 10. Ghost eyes.
   if (ghostLeftEyeNode_ && ghostRightEyeNode_) updateGhostEyes(*ghostLeftEyeNode_, *ghostRightEyeNode_, blended);
@@ -255,14 +272,15 @@ void MaskSceneManager::updateTracking(const FaceTrackingState& state) {
 }
 
 void MaskSceneManager::updateGhostEyes(Node& leftEye, Node& rightEye, const BlendshapeMap& b) {
-  leftEye.eulerAngles = float3((valueOf(b, "eyeLookDownLeft") - valueOf(b, "eyeLookUpLeft")) * 0.35f,
-                               (valueOf(b, "eyeLookOutLeft") - valueOf(b, "eyeLookInLeft")) * 0.35f, 0.0f);
+  using S = ARKitBlendShape;
+  leftEye.eulerAngles = float3((valueOf(b, S::eyeLookDownLeft) - valueOf(b, S::eyeLookUpLeft)) * 0.35f,
+                               (valueOf(b, S::eyeLookOutLeft) - valueOf(b, S::eyeLookInLeft)) * 0.35f, 0.0f);
   // Opposite in form to the left eye, so that both turn the same way.
-  rightEye.eulerAngles = float3((valueOf(b, "eyeLookDownRight") - valueOf(b, "eyeLookUpRight")) * 0.35f,
-                                (valueOf(b, "eyeLookInRight") - valueOf(b, "eyeLookOutRight")) * 0.35f, 0.0f);
+  rightEye.eulerAngles = float3((valueOf(b, S::eyeLookDownRight) - valueOf(b, S::eyeLookUpRight)) * 0.35f,
+                                (valueOf(b, S::eyeLookInRight) - valueOf(b, S::eyeLookOutRight)) * 0.35f, 0.0f);
   // A closed eye keeps 8 % of its height.
-  leftEye.scale = float3(1.0f, std::max(1.0f - 0.92f * valueOf(b, "eyeBlinkLeft"), 0.08f), 1.0f);
-  rightEye.scale = float3(1.0f, std::max(1.0f - 0.92f * valueOf(b, "eyeBlinkRight"), 0.08f), 1.0f);
+  leftEye.scale = float3(1.0f, std::max(1.0f - 0.92f * valueOf(b, S::eyeBlinkLeft), 0.08f), 1.0f);
+  rightEye.scale = float3(1.0f, std::max(1.0f - 0.92f * valueOf(b, S::eyeBlinkRight), 0.08f), 1.0f);
 }
 
 void MaskSceneManager::tick() {

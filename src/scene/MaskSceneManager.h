@@ -16,6 +16,7 @@
 // operator's switches, writes their status texts into the state and hands
 // them every finished frame, through the VideoOutput interface.
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -25,6 +26,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "scene/EnvironmentImage.h"
 #include "scene/FrameDescription.h"
@@ -188,6 +190,8 @@ class MaskSceneManager {
   std::shared_ptr<Node> cameraNode_;
   std::shared_ptr<Node> keyLightNode_, fillLightNode_, rimLightNode_;
   std::unordered_map<std::string, int> targetNameToIndex_;
+  std::array<int, arkitBlendShapeCount> slotTargets_{};  // morph target of each vocabulary name, -1: none
+  std::vector<float> weights_;  // the per-frame morph weights, reused
   std::optional<LightingSettings> appliedLighting_;
   std::optional<float> appliedMaster_;
 

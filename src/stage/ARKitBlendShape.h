@@ -1,8 +1,8 @@
 #pragma once
 // The 52 ARKit blendshapes: the expression vocabulary every part of the
 // system speaks. Each is a coefficient from 0 (neutral) to 1 (fully
-// expressed); expression data travels as a name -> value map (see
-// FaceFrame.h), never as a fixed array, so senders may send any subset.
+// expressed); expression data travels as a name -> value map
+// (BlendshapeMap.h), never as a fixed array, so senders may send any subset.
 // "Left" names act on the character's x >= 0 half.
 //
 // The raw value is the name string. The case order (the case index 0..51,
@@ -77,7 +77,8 @@ inline constexpr std::size_t arkitBlendShapeCount = 52;
 // The case index, 0..51.
 constexpr std::size_t index(ARKitBlendShape shape) { return static_cast<std::size_t>(shape); }
 
-// The name, e.g. "jawOpen".
+// The name, e.g. "jawOpen". fromRawValue is exact (case-sensitive) and
+// allocates nothing.
 std::string_view rawValue(ARKitBlendShape shape);
 
 template <>

@@ -4,15 +4,11 @@
 
 #include <optional>
 #include <string>
-#include <unordered_map>
 
 #include "base/Math.h"
+#include "stage/BlendshapeMap.h"
 
 namespace velmora {
-
-// Blendshape name (normally one of the 52 ARKit names, but senders may send
-// others) to coefficient, nominally 0..1.
-using BlendshapeMap = std::unordered_map<std::string, float>;
 
 struct FaceFrame {
   std::optional<BlendshapeMap> blendshapes;  // absent when the packet carried none

@@ -2,8 +2,7 @@
 // Per-blendshape calibration range: the raw (filtered) values from floor to
 // ceiling map onto 0..1. (0, 1) is the neutral range and is never stored.
 
-#include <string>
-#include <unordered_map>
+#include "stage/BlendshapeTable.h"
 
 namespace velmora {
 
@@ -13,6 +12,7 @@ struct BlendshapeRange {
   bool operator==(const BlendshapeRange&) const = default;
 };
 
-using BlendshapeRanges = std::unordered_map<std::string, BlendshapeRange>;
+// Name to range; the vocabulary's names in fixed slots.
+using BlendshapeRanges = BlendshapeTable<BlendshapeRange>;
 
 }  // namespace velmora

@@ -1,5 +1,6 @@
 #include "tracking/FacePipeline.h"
 
+#include <bit>
 #include <cmath>
 
 namespace velmora {
@@ -35,52 +36,80 @@ float3 FacePipeline::rotation(const float3& received, const HeadOptions& options
 
 float3 FacePipeline::position(double now) { return positionFilter_.filter(float3(0.0f), now); }
 
+std::array<FacePipeline::Channel, arkitBlendShapeCount> FacePipeline::makeSlotChannels() {
+  std::array<Channel, arkitBlendShapeCount> channels;
+  for (const ARKitBlendShape shape : allCases<ARKitBlendShape>()) {
+    channels[index(shape)].region = blendshapeRegion(rawValue(shape));
+  }
+  return channels;
+}
+
+float FacePipeline::finish(float filtered, const BlendshapeRange* range, float sensitivity) {
+  float f = filtered;
+  if (!std::isfinite(f)) f = 0.0f;
+  float n = f;
+  if (range) {
+    float span = range->ceiling - range->floor;
+    if (!(span >= minRangeGap)) span = minRangeGap;
+    n = clampUnit((f - range->floor) / span);
+  }
+  return clampUnit(n * sensitivity);
+}
+
 bool FacePipeline::blendshapes(const BlendshapeMap& received, double now, const BlendshapeRanges& ranges,
                                const Sensitivities& sensitivities, BlendshapeOutputs outputs) {
   bool wrote = false;
-  // The blendshape filters normally all saw the previous packet's time, so
-  // the time-only part of their step is worked out once per packet.
+  // The blendshape filters normally all saw the previous packet's time: the
+  // time-only part of their step is worked out once, and the vocabulary's
+  // filters that share it are stepped together. A filter's first sample, or
+  // one whose name missed packets, steps alone; the results are the same.
   std::optional<OneEuroFilter1D::TimeStep> sharedStep;
-  for (const auto& [name, value] : received) {
+  std::array<OneEuroFilter1D*, arkitBlendShapeCount> batchFilters;
+  std::array<float, arkitBlendShapeCount> batchValues, batchOutputs;
+  std::array<ARKitBlendShape, arkitBlendShapeCount> batchShapes;
+  std::size_t batched = 0;
+  // The factor of each region: global, then times the region's own.
+  std::array<float, 4> factor;
+  factor[static_cast<std::size_t>(BlendshapeRegion::mouth)] = sensitivities.global * sensitivities.mouth;
+  factor[static_cast<std::size_t>(BlendshapeRegion::brow)] = sensitivities.global * sensitivities.brow;
+  factor[static_cast<std::size_t>(BlendshapeRegion::eye)] = sensitivities.global * sensitivities.eye;
+  factor[static_cast<std::size_t>(BlendshapeRegion::none)] = sensitivities.global;
+  const auto factorOf = [&factor](BlendshapeRegion region) { return factor[static_cast<std::size_t>(region)]; };
+  received.forEachSlot([&](ARKitBlendShape shape, float value) {
+    if (!std::isfinite(value)) return;
+    const std::size_t i = index(shape);
+    Channel& channel = slotChannels_[i];
+    if (!(slotFilters_ & (std::uint64_t{1} << i))) {
+      channel.filter = OneEuroFilter1D(1.5f, 0.02f, 1.0f);  // a new name's filter: creation parameters
+      slotFilters_ |= std::uint64_t{1} << i;
+    }
+    outputs.raw.set(shape, value);
+    wrote = true;
+    if (!sharedStep && channel.filter.isPrimed())
+      sharedStep = OneEuroFilter1D::timeStep(*channel.filter.previousTime(), now, channel.filter.dCutoff);
+    if (sharedStep && channel.filter.canShare(*sharedStep)) {
+      batchFilters[batched] = &channel.filter;
+      batchValues[batched] = value;
+      batchShapes[batched] = shape;
+      ++batched;
+      return;
+    }
+    outputs.processed.set(shape, finish(channel.filter.filter(value, now), ranges.get(shape), factorOf(channel.region)));
+  });
+  if (batched > 0) {
+    OneEuroFilter1D::filterMany(batchFilters.data(), batchValues.data(), batched, *sharedStep, batchOutputs.data());
+    for (std::size_t k = 0; k < batched; ++k) {
+      const ARKitBlendShape shape = batchShapes[k];
+      outputs.processed.set(shape,
+                            finish(batchOutputs[k], ranges.get(shape), factorOf(slotChannels_[index(shape)].region)));
+    }
+  }
+  for (const auto& [name, value] : received.others()) {
     if (!std::isfinite(value)) continue;
-    auto it = channels_.find(name);
-    if (it == channels_.end()) it = channels_.emplace(name, Channel(blendshapeRegion(name))).first;
-    Channel& channel = it->second;
-    if (channel.slotsGeneration != slotsGeneration_) {
-      channel.raw = &outputs.raw[name];
-      channel.out = &outputs.processed[name];
-      channel.slotsGeneration = slotsGeneration_;
-    }
-    if (channel.rangesGeneration != rangesGeneration_) {
-      const auto range = ranges.find(name);
-      channel.range = range == ranges.end() ? std::nullopt : std::optional(range->second);
-      channel.rangesGeneration = rangesGeneration_;
-    }
-
-    *channel.raw = value;
-    const auto previousTime = channel.filter.previousTime();
-    if (previousTime && (!sharedStep || sharedStep->previousTime != *previousTime ||
-                         sharedStep->dCutoff != channel.filter.dCutoff)) {
-      sharedStep = OneEuroFilter1D::timeStep(*previousTime, now, channel.filter.dCutoff);
-    }
-    float f = sharedStep ? channel.filter.filter(value, now, *sharedStep) : channel.filter.filter(value, now);
-    if (!std::isfinite(f)) f = 0.0f;
-
-    float n = f;
-    if (channel.range) {
-      float span = channel.range->ceiling - channel.range->floor;
-      if (!(span >= minRangeGap)) span = minRangeGap;
-      n = clampUnit((f - channel.range->floor) / span);
-    }
-
-    float s = sensitivities.global;
-    switch (channel.region) {
-      case BlendshapeRegion::mouth: s = s * sensitivities.mouth; break;
-      case BlendshapeRegion::brow: s = s * sensitivities.brow; break;
-      case BlendshapeRegion::eye: s = s * sensitivities.eye; break;
-      case BlendshapeRegion::none: break;
-    }
-    *channel.out = clampUnit(n * s);
+    auto it = otherChannels_.find(name);
+    if (it == otherChannels_.end()) it = otherChannels_.emplace(name, Channel{.region = blendshapeRegion(name)}).first;
+    outputs.raw[name] = value;
+    outputs.processed[name] = finish(it->second.filter.filter(value, now), ranges.get(name), factorOf(it->second.region));
     wrote = true;
   }
   return wrote;
@@ -91,10 +120,12 @@ void FacePipeline::updateFilterParameters(float smoothing) {
   const float beta = atLeast((1.0f - smoothing) * 0.02f, 0.001f);
   rotationFilter_.updateParameters(minCutoff, beta);
   positionFilter_.updateParameters(minCutoff, beta);
-  for (auto& [name, channel] : channels_) {
+  auto update = [&](Channel& channel) {
     channel.filter.minCutoff = minCutoff * 1.2f;
     channel.filter.beta = beta * 1.5f;
-  }
+  };
+  for (std::uint64_t bits = slotFilters_; bits; bits &= bits - 1) update(slotChannels_[std::countr_zero(bits)]);
+  for (auto& [name, channel] : otherChannels_) update(channel);
 }
 
 void FacePipeline::resetHeadFilters() {
@@ -102,10 +133,10 @@ void FacePipeline::resetHeadFilters() {
   positionFilter_.reset();
 }
 
-void FacePipeline::applyRange(BlendshapeRanges& ranges, const std::string& name, std::optional<float> floor,
+void FacePipeline::applyRange(BlendshapeRanges& ranges, std::string_view name, std::optional<float> floor,
                               std::optional<float> ceiling) {
-  const auto it = ranges.find(name);
-  BlendshapeRange current = it == ranges.end() ? BlendshapeRange{} : it->second;
+  const BlendshapeRange* stored = ranges.get(name);
+  BlendshapeRange current = stored ? *stored : BlendshapeRange{};
   if (floor) {
     float f = *floor > 0.0f ? *floor : 0.0f;
     const float highest = current.ceiling - minRangeGap;
@@ -126,9 +157,13 @@ void FacePipeline::applyRange(BlendshapeRanges& ranges, const std::string& name,
   }
 }
 
-const OneEuroFilter1D* FacePipeline::blendshapeFilter(const std::string& name) const {
-  const auto it = channels_.find(name);
-  return it == channels_.end() ? nullptr : &it->second.filter;
+const OneEuroFilter1D* FacePipeline::blendshapeFilter(std::string_view name) const {
+  if (const auto shape = fromRawValue<ARKitBlendShape>(name)) {
+    const std::size_t i = index(*shape);
+    return (slotFilters_ & (std::uint64_t{1} << i)) ? &slotChannels_[i].filter : nullptr;
+  }
+  const auto it = otherChannels_.find(std::string(name));
+  return it == otherChannels_.end() ? nullptr : &it->second.filter;
 }
 
 }  // namespace velmora

@@ -12,9 +12,11 @@
 // Threads: one thread at a time (the main thread in the application).
 // Times are seconds on one monotonic clock.
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "base/Math.h"
@@ -77,43 +79,37 @@ class FacePipeline {
   // Forgets the head filters' history, so the head settles at once.
   void resetHeadFilters();
 
-  // The output maps passed to blendshapes() were replaced (or the ranges
-  // changed): cached slots are looked up again on the next packet.
-  void outputsReplaced() { ++slotsGeneration_; }
-  void rangesChanged() { ++rangesGeneration_; }
-
   // setRange's clamping: floor >= 0 and <= ceiling - minRangeGap, ceiling
   // <= 1 and >= floor + minRangeGap; the neutral range (0, 1) removes the
   // name's entry.
-  static void applyRange(BlendshapeRanges& ranges, const std::string& name, std::optional<float> floor,
+  static void applyRange(BlendshapeRanges& ranges, std::string_view name, std::optional<float> floor,
                          std::optional<float> ceiling);
 
   const OneEuroFilter3D& rotationFilter() const { return rotationFilter_; }
   const OneEuroFilter3D& positionFilter() const { return positionFilter_; }
   // The filter of a blendshape name, or nullptr before its first sample.
-  const OneEuroFilter1D* blendshapeFilter(const std::string& name) const;
+  const OneEuroFilter1D* blendshapeFilter(std::string_view name) const;
 
  private:
-  // Everything blendshapes() needs per name, found with one hash lookup: its
-  // filter, its region, and cached pointers to its slots in the output maps
-  // (unordered_map nodes never move; the generations say when a map was
-  // replaced or the ranges changed).
+  // One name's filter and region. The vocabulary's 52 live in fixed slots
+  // (a bit per slot says whether its filter exists yet); other names, rare,
+  // in a hash map.
   struct Channel {
-    explicit Channel(BlendshapeRegion region) : region(region) {}
     OneEuroFilter1D filter{1.5f, 0.02f, 1.0f};
-    BlendshapeRegion region;
-    float* raw = nullptr;
-    float* out = nullptr;
-    std::uint64_t slotsGeneration = 0;
-    std::optional<BlendshapeRange> range;
-    std::uint64_t rangesGeneration = 0;
+    BlendshapeRegion region = BlendshapeRegion::none;
   };
+
+  // A filtered value through its range and its region's sensitivity factor:
+  // the processed value in [0, 1].
+  static float finish(float filtered, const BlendshapeRange* range, float sensitivity);
 
   OneEuroFilter3D rotationFilter_{1.2f, 0.01f, 1.0f};
   OneEuroFilter3D positionFilter_{1.0f, 0.008f, 1.0f};
-  std::unordered_map<std::string, Channel> channels_;
-  std::uint64_t slotsGeneration_ = 1;
-  std::uint64_t rangesGeneration_ = 1;
+  std::array<Channel, arkitBlendShapeCount> slotChannels_ = makeSlotChannels();
+  std::uint64_t slotFilters_ = 0;  // bit i: slot i's filter has been created by a sample
+  std::unordered_map<std::string, Channel> otherChannels_;
+
+  static std::array<Channel, arkitBlendShapeCount> makeSlotChannels();
 };
 
 }  // namespace velmora

@@ -149,7 +149,6 @@ void FaceTrackingState::setFloorsFromCurrentPose() {
 }
 
 void FaceTrackingState::publishRanges(BlendshapeRanges ranges, bool persist) {
-  pipeline_.rangesChanged();
   write(blendshapeRanges_, std::move(ranges), Property::blendshapeRanges);
   if (persist) settings_.saveRanges(blendshapeRanges_);
 }
@@ -176,13 +175,6 @@ void FaceTrackingState::unobserve(int token) {
 
 void FaceTrackingState::afterWrite(Property property) {
   switch (property) {
-    case Property::blendshapes:
-    case Property::rawBlendshapes:
-      pipeline_.outputsReplaced();  // the pipeline's cached slots point into the old map
-      break;
-    case Property::blendshapeRanges:
-      pipeline_.rangesChanged();
-      break;
     case Property::characterModel:
       handleCharacterModelChange();  // persists and notifies
       return;

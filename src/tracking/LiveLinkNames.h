@@ -6,6 +6,8 @@
 #include <array>
 #include <string_view>
 
+#include "stage/ARKitBlendShape.h"
+
 namespace velmora {
 
 inline constexpr std::array<std::string_view, 52> unrealARKitNames = {
@@ -62,5 +64,12 @@ inline constexpr std::array<std::string_view, 52> unrealARKitNames = {
     "noseSneerRight",  // 50
     "tongueOut",  // 51
 };
+
+// The same order as vocabulary cases: the slot each packet position fills.
+inline const std::array<ARKitBlendShape, 52> unrealARKitSlots = [] {
+  std::array<ARKitBlendShape, 52> slots{};
+  for (std::size_t i = 0; i < slots.size(); ++i) slots[i] = *fromRawValue<ARKitBlendShape>(unrealARKitNames[i]);
+  return slots;
+}();
 
 }  // namespace velmora

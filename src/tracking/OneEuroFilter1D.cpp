@@ -69,6 +69,44 @@ float OneEuroFilter1D::step(float value, float rate, float te, float alphaD) {
   return out;
 }
 
+void OneEuroFilter1D::filterMany(OneEuroFilter1D* const* filters, const float* values, std::size_t count,
+                                 const TimeStep& shared, float* outputs) {
+  // Structure of arrays over a fixed number of lanes (no remainder loop, so
+  // the compiler can use vector instructions); unused lanes hold harmless
+  // numbers and are never read back. The arithmetic is step()'s, in its order.
+  alignas(32) float value[maxBatch] = {}, previous[maxBatch] = {}, derivative[maxBatch] = {};
+  alignas(32) float minCutoffs[maxBatch], betas[maxBatch], out[maxBatch];
+  for (std::size_t k = 0; k < maxBatch; ++k) {
+    minCutoffs[k] = 1.0f;
+    betas[k] = 0.0f;
+  }
+  for (std::size_t k = 0; k < count; ++k) {
+    const OneEuroFilter1D& f = *filters[k];
+    value[k] = values[k];
+    previous[k] = *f.previousOutput_;
+    derivative[k] = f.previousDerivative_;
+    minCutoffs[k] = f.minCutoff;
+    betas[k] = f.beta;
+  }
+  const float rate = shared.rate, te = shared.te, alphaD = shared.alphaD;
+  for (std::size_t k = 0; k < maxBatch; ++k) {
+    const float dx = (value[k] - previous[k]) * rate;
+    const float dxHat = alphaD * dx + (1.0f - alphaD) * derivative[k];
+    derivative[k] = dxHat;
+    const float cutoff = minCutoffs[k] + betas[k] * std::fabs(dxHat);
+    const float tau = 1.0f / (cutoff * twoPi);
+    const float alpha = 1.0f / (1.0f + tau / te);
+    out[k] = alpha * value[k] + (1.0f - alpha) * previous[k];
+  }
+  for (std::size_t k = 0; k < count; ++k) {
+    OneEuroFilter1D& f = *filters[k];
+    f.previousDerivative_ = derivative[k];
+    f.previousOutput_ = out[k];
+    f.previousTime_ = shared.timestamp;
+    outputs[k] = out[k];
+  }
+}
+
 void OneEuroFilter1D::reset() {
   previousOutput_.reset();
   previousDerivative_ = 0.0f;

@@ -8,6 +8,7 @@
 // fixed so every build gives the same bits. Main thread (owned by
 // FaceTrackingState); not thread-safe.
 
+#include <cstddef>
 #include <optional>
 
 namespace velmora {
@@ -36,6 +37,21 @@ class OneEuroFilter1D {
   // As filter(value, timestamp), using `shared` when it was made for this
   // filter's previous time, this timestamp and its dCutoff.
   float filter(float value, double timestamp, const TimeStep& shared);
+
+  // Many primed filters at once, all sharing `shared`, which must have been
+  // made for each one's previous time, this timestamp and its dCutoff
+  // (check with canShare). outputs[k] is, bit for bit, what
+  // filters[k]->filter(values[k], shared.timestamp, shared) returns, and each
+  // filter ends in the same state; the independent steps are laid out side
+  // by side so the processor works on several at once (a face's 52
+  // blendshapes share one step). At most maxBatch filters per call.
+  static constexpr std::size_t maxBatch = 64;
+  static void filterMany(OneEuroFilter1D* const* filters, const float* values, std::size_t count,
+                         const TimeStep& shared, float* outputs);
+  // True when filterMany may step this filter with `shared` for a finite value.
+  bool canShare(const TimeStep& shared) const {
+    return previousOutput_ && previousTime_ && *previousTime_ == shared.previousTime && dCutoff == shared.dCutoff;
+  }
 
   std::optional<double> previousTime() const { return previousTime_; }
 

@@ -104,13 +104,12 @@ std::optional<DecodedFrame> decodeUnrealLiveLinkBinary(std::span<const std::uint
 
   DecodedFrame decoded;
   BlendshapeMap map;
-  map.reserve(unrealARKitNames.size());
   for (std::size_t i = 0; i < unrealARKitNames.size(); ++i) {
     float v = readBigEndianFloat(tail + 4 * i);
     if (!std::isfinite(v)) continue;
     if (!(v > 0.0f)) v = 0.0f;
     else if (v > 1.0f) v = 1.0f;
-    map.emplace(unrealARKitNames[i], v);
+    map.set(unrealARKitSlots[i], v);
   }
   const float yaw = readBigEndianFloat(tail + kLiveLinkYawOffset);
   const float pitch = readBigEndianFloat(tail + kLiveLinkPitchOffset);
@@ -133,7 +132,6 @@ DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender) {
   const std::string_view shapes = text.substr(0, firstEquals);
 
   BlendshapeMap map;
-  map.reserve(64);  // a phone sends 52; no rehash on the way
   forEachPiece(shapes, '|', [&](std::string_view item) {
     const std::size_t dash = item.find('-');
     // Exactly two parts: one dash. A negative number has a second dash and
@@ -141,7 +139,7 @@ DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender) {
     if (dash == std::string_view::npos || item.find('-', dash + 1) != std::string_view::npos) return;
     auto value = parseTrackingNumber(item.substr(dash + 1));
     if (!value) return;
-    map.insert_or_assign(std::string(item.substr(0, dash)), *value / 100.0f);
+    map.insert_or_assign(item.substr(0, dash), *value / 100.0f);
   });
   decoded.frame.blendshapes = std::move(map);
 
@@ -196,7 +194,6 @@ class OSCFrameBuilder {
   OSCFrameBuilder() {
     decoded_.rotationSet = {false, false, false};
     decoded_.positionSet = {false, false, false};
-    map_.reserve(64);  // a phone sends 52; no rehash on the way
   }
 
   template <class Message>
@@ -206,10 +203,10 @@ class OSCFrameBuilder {
     // contains neither "/BlendShapes/" nor "/blendshapes/", so the rules'
     // order is unchanged.
     if (address == "/VMC/Ext/Blend/Val") {
-      if (auto pair = vmcPair(m)) map_.insert_or_assign(std::string(pair->first), pair->second);
+      if (auto pair = vmcPair(m)) map_.insert_or_assign(pair->first, pair->second);
     } else if (address.find("/BlendShapes/") != std::string_view::npos ||
                address.find("/blendshapes/") != std::string_view::npos) {
-      if (auto v = m.floatValue()) map_.insert_or_assign(std::string(address.substr(address.rfind('/') + 1)), *v);
+      if (auto v = m.floatValue()) map_.insert_or_assign(address.substr(address.rfind('/') + 1), *v);
     } else if (address.find("/Head/Pitch") != std::string_view::npos) {
       if (auto v = m.floatValue()) setRotation(0, *v * trackingDegreesToRadians);
     } else if (address.find("/Head/Yaw") != std::string_view::npos) {
@@ -223,7 +220,7 @@ class OSCFrameBuilder {
     } else if (address.find("/Head/Z") != std::string_view::npos) {
       if (auto v = m.floatValue()) setPosition(2, *v * 0.01f);
     } else if (address.starts_with("/tracking/")) {
-      if (auto v = m.floatValue()) map_.insert_or_assign(std::string(address.substr(10)), *v);
+      if (auto v = m.floatValue()) map_.insert_or_assign(address.substr(10), *v);
     }
     // Any other address: ignored.
   }
@@ -338,7 +335,6 @@ DecodedFrame decodeJSON(const nlohmann::json& object, std::string sender) {
     auto shapes = object.find("blendshapes");
     if (shapes != object.end() && shapes->is_object()) {
       BlendshapeMap map;
-      map.reserve(shapes->size());
       for (auto it = shapes->begin(); it != shapes->end(); ++it) {
         if (auto n = jsonNumber(it.value())) map.insert_or_assign(it.key(), static_cast<float>(*n));
       }
@@ -407,12 +403,11 @@ std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, s
         continue;
       }
       BlendshapeMap map;
-      map.reserve(64);  // a phone sends 52; no rehash on the way
       for (const auto shape : shapes) {
         if (auto n = jsonNumber(shape.value)) {
-          map.insert_or_assign(std::string(shape.key), static_cast<float>(*n));
+          map.insert_or_assign(shape.key, static_cast<float>(*n));
         } else {
-          map.erase(std::string(shape.key));
+          map.erase(shape.key);
         }
       }
       decoded.frame.blendshapes = std::move(map);

@@ -64,7 +64,7 @@ std::optional<double> TrackingLossEase::lostSince() const {
 void TrackingLossEase::apply(BlendshapeMap& blendshapes, float3& headRotation) const {
   if (weight_ >= 1.0) return;  // the live face, bit for bit
   const float w = static_cast<float>(weight_);
-  for (auto& [name, value] : blendshapes) value *= w;
+  for (auto&& [name, value] : blendshapes) value *= w;
   headRotation *= w;
 }
 

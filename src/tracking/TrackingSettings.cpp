@@ -149,7 +149,7 @@ BlendshapeRanges TrackingSettings::loadRanges() const {
     const BlendshapeRange range{static_cast<float>(first), static_cast<float>(second)};
     // A range too wide for single precision cannot normalise anything.
     if (!std::isfinite(range.floor) || !std::isfinite(range.ceiling)) continue;
-    ranges.emplace(name, range);
+    ranges.insert_or_assign(name, range);
   }
   return ranges;
 }

@@ -282,7 +282,7 @@ TEST(CharacterAnimationController, EveryCueCompletesAndReturnsToNeutral) {
     for (int i = 0; i < 150; ++i) {
       const AnimationOutput o = c.sample(4.0 + i * 0.01);
       for (const auto& [name, value] : o.blendshapes) {
-        EXPECT_TRUE(allowed.count(name)) << name;
+        EXPECT_TRUE(allowed.count(std::string(name))) << name;
         EXPECT_TRUE(value >= 0 && value <= 1) << name << " " << value;
       }
       EXPECT_TRUE(c.isPlaying());

@@ -111,10 +111,13 @@ TEST_F(SceneManagerTest, SwitchingToTheGhostAndBackRebuildsAndDropsTheEyes) {
 TEST_F(SceneManagerTest, WithoutACueTheMorphWeightsAreTheLiveValues) {
   EXPECT_EQ(scene.targetIndex("JAWOPEN"), scene.targetIndex("jawOpen"));  // any case
   EXPECT_FALSE(scene.targetIndex("tongueOut").has_value());  // the mask has no tongue
-  state.setBlendshapes({{"jawOpen", 0.3f}, {"browInnerUp", 0.7f}, {"tongueOut", 1.0f}, {"notAShape", 0.5f}});
+  // A sender's own spelling of a name still finds its target (any case).
+  state.setBlendshapes({{"jawOpen", 0.3f}, {"browInnerUp", 0.7f}, {"tongueOut", 1.0f}, {"notAShape", 0.5f},
+                        {"BROWDOWNLEFT", 0.4f}});
   scene.updateTracking(state);
   EXPECT_EQ(weightOf("jawOpen"), 0.3f);
   EXPECT_EQ(weightOf("browInnerUp"), 0.7f);
+  EXPECT_EQ(weightOf("browDownLeft"), 0.4f);
   EXPECT_EQ(weightOf("mouthSmileLeft"), 0.0f);
   // Rest pose, full opacity.
   EXPECT_EQ(scene.maskNode()->eulerAngles, float3(0.0f));

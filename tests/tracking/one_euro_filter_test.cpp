@@ -7,6 +7,8 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <random>
+#include <vector>
 
 #include "tracking/OneEuroFilter1D.h"
 #include "tracking/OneEuroFilter3D.h"
@@ -128,6 +130,46 @@ TEST(OneEuroFilter1DTest, SharedTimeStepGivesTheSameBits) {
   EXPECT_EQ(bits(shared.filter(nan, 1.6, OneEuroFilter1D::timeStep(1.5, 1.6, 1.0f))), bits(plain.filter(nan, 1.6)));
   OneEuroFilter1D empty(1.0f, 0.0f, 1.0f);
   EXPECT_EQ(empty.filter(0.33f, 5.0, OneEuroFilter1D::timeStep(4.0, 5.0, 1.0f)), 0.33f);
+}
+
+TEST(OneEuroFilter1DTest, ManyFiltersAtOnceGiveTheSameBitsAsOneByOne) {
+  // Filters with different parameters and histories, fast and slow signals,
+  // huge jumps and denormals: stepped together and one by one, twenty
+  // packets long, for every batch size up to the most one call takes.
+  std::mt19937 random(11);
+  std::uniform_real_distribution<float> unit(-0.5f, 1.5f);
+  for (std::size_t count : {std::size_t{1}, std::size_t{3}, std::size_t{52}, OneEuroFilter1D::maxBatch}) {
+    std::vector<OneEuroFilter1D> together, alone;
+    for (std::size_t k = 0; k < count; ++k) {
+      const float minCutoff = 0.2f + 3.0f * static_cast<float>(k) / static_cast<float>(count);
+      const float beta = k % 4 == 0 ? 0.0f : 0.001f * static_cast<float>(k);
+      together.emplace_back(minCutoff, beta, 1.0f);
+      alone.emplace_back(together.back());
+      together.back().filter(unit(random), 1.0);
+      alone.back() = together.back();
+    }
+    double previous = 1.0;
+    for (int packet = 0; packet < 20; ++packet) {
+      const double now = previous + (packet % 5 == 4 ? 0.00001 : 1.0 / 60.0 + 0.001 * packet);
+      const auto step = OneEuroFilter1D::timeStep(previous, now, 1.0f);
+      std::vector<float> values(count), outputs(count);
+      std::vector<OneEuroFilter1D*> pointers(count);
+      for (std::size_t k = 0; k < count; ++k) {
+        values[k] = packet % 7 == 3 ? 1e30f * unit(random) : (k % 9 == 1 ? 1e-40f : unit(random));
+        pointers[k] = &together[k];
+        ASSERT_TRUE(together[k].canShare(step));
+      }
+      OneEuroFilter1D::filterMany(pointers.data(), values.data(), count, step, outputs.data());
+      for (std::size_t k = 0; k < count; ++k) {
+        ASSERT_EQ(bits(outputs[k]), bits(alone[k].filter(values[k], now))) << "filter " << k << " packet " << packet;
+        ASSERT_EQ(together[k].previousTime(), alone[k].previousTime());
+      }
+      previous = now;
+    }
+    EXPECT_FALSE(together[0].canShare(OneEuroFilter1D::timeStep(0.5, 2.0, 1.0f)));
+    EXPECT_FALSE(together[0].canShare(OneEuroFilter1D::timeStep(previous, 2.0, 2.0f)));
+  }
+  EXPECT_FALSE(OneEuroFilter1D(1.0f, 0.0f, 1.0f).canShare(OneEuroFilter1D::timeStep(0.0, 1.0, 1.0f)));
 }
 
 TEST(OneEuroFilter3DTest, ComponentsFilterIndependentlyWithTheSameTime) {

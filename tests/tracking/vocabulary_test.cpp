@@ -37,7 +37,10 @@ TEST(ARKitBlendShapeTest, RawValueRoundTripAndUnknownNames) {
   for (auto shape : allCases<ARKitBlendShape>()) {
     EXPECT_EQ(fromRawValue<ARKitBlendShape>(rawValue(shape)), shape) << rawValue(shape);
   }
-  for (const char* unknown : {"", "JawOpen", "jawopen", "jawOpen ", "tongueOutX", "aaa", "zzz", "browDown"}) {
+  for (const std::string_view unknown : {std::string_view(""), std::string_view("JawOpen"), std::string_view("jawopen"),
+                                         std::string_view("jawOpen "), std::string_view("jawOpen\0", 8),
+                                         std::string_view("tongueOutX"), std::string_view("aaa"), std::string_view("zzz"),
+                                         std::string_view("browDown"), std::string_view("mouthSmileLeftX")}) {
     EXPECT_FALSE(fromRawValue<ARKitBlendShape>(unknown)) << unknown;
   }
   std::unordered_set<ARKitBlendShape> set(allCases<ARKitBlendShape>().begin(), allCases<ARKitBlendShape>().end());

@@ -1,0 +1,131 @@
+// The blendshape map behaves as a map from name to value whatever a sender
+// sends: vocabulary names (fixed slots) and invented ones (side table) mixed,
+// any subset, erase and re-insert, iteration that visits each entry once and
+// writes through, equality that ignores insertion order, and copies that are
+// independent of their source.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <string>
+#include <unordered_map>
+
+#include "stage/BlendshapeMap.h"
+
+namespace velmora {
+namespace {
+
+std::unordered_map<std::string, float> asStdMap(const BlendshapeMap& map) {
+  std::unordered_map<std::string, float> out;
+  for (const auto& [name, value] : map) {
+    EXPECT_TRUE(out.emplace(std::string(name), value).second) << "visited twice: " << name;
+  }
+  return out;
+}
+
+TEST(BlendshapeMapTest, MatchesAStandardMapUnderRandomOperations) {
+  // Names: the whole vocabulary, near misses of it and free names.
+  std::vector<std::string> names;
+  for (const auto shape : allCases<ARKitBlendShape>()) names.emplace_back(rawValue(shape));
+  for (const char* other : {"JawOpen", "jawopen", "jawOpen ", "", "custom/Smile", "a-very-long-invented-name-over-sso",
+                            "tongueOut2", "eyeBlink"})
+    names.emplace_back(other);
+  std::mt19937 random(7);
+  BlendshapeMap ours;
+  std::unordered_map<std::string, float> reference;
+  for (int step = 0; step < 20000; ++step) {
+    const std::string& name = names[random() % names.size()];
+    const float value = static_cast<float>(random() % 1000) / 100.0f;
+    switch (random() % 5) {
+      case 0:
+        ours[name] = value;
+        reference[name] = value;
+        break;
+      case 1:
+        ours.insert_or_assign(name, value);
+        reference.insert_or_assign(name, value);
+        break;
+      case 2:
+        EXPECT_EQ(ours.erase(name), reference.erase(name)) << name;
+        break;
+      case 3: {
+        const auto it = ours.find(name);
+        const auto expected = reference.find(name);
+        ASSERT_EQ(it == ours.end(), expected == reference.end()) << name;
+        if (it != ours.end()) {
+          EXPECT_EQ(it->first, name);
+          EXPECT_EQ(it->second, expected->second);
+        }
+        EXPECT_EQ(ours.contains(name), reference.contains(name));
+        break;
+      }
+      default:
+        if (random() % 200 == 0) {
+          ours.clear();
+          reference.clear();
+        }
+    }
+    ASSERT_EQ(ours.size(), reference.size());
+    ASSERT_EQ(ours.empty(), reference.empty());
+  }
+  EXPECT_EQ(asStdMap(ours), reference);
+}
+
+TEST(BlendshapeMapTest, IterationOrderWritesThroughAndSlotAccess) {
+  BlendshapeMap map{{"zzInvented", 0.5f}, {"tongueOut", 0.25f}, {"browDownLeft", 1.0f}, {"Another", 0.125f}};
+  std::vector<std::string> order;
+  for (const auto& [name, value] : map) order.emplace_back(name);
+  // The vocabulary in case order first, then the others as first inserted.
+  EXPECT_EQ(order, (std::vector<std::string>{"browDownLeft", "tongueOut", "zzInvented", "Another"}));
+
+  for (auto&& [name, value] : map) value *= 2.0f;
+  EXPECT_EQ(map.at("zzInvented"), 1.0f);
+  EXPECT_EQ(map.at("tongueOut"), 0.5f);
+  EXPECT_EQ(*map.get(ARKitBlendShape::browDownLeft), 2.0f);
+  EXPECT_EQ(map.get(ARKitBlendShape::jawOpen), nullptr);
+  EXPECT_THROW((void)map.at("jawOpen"), std::out_of_range);
+
+  // A slot and its name are the same entry.
+  map.set(ARKitBlendShape::jawOpen, 0.75f);
+  EXPECT_EQ(map.at("jawOpen"), 0.75f);
+  EXPECT_EQ(map.erase("jawOpen"), 1u);
+  EXPECT_FALSE(map.has(ARKitBlendShape::jawOpen));
+  EXPECT_EQ(map.presentSlots(), (std::uint64_t{1} << index(ARKitBlendShape::browDownLeft)) |
+                                    (std::uint64_t{1} << index(ARKitBlendShape::tongueOut)));
+  ASSERT_EQ(map.others().size(), 2u);
+
+  // Erasing an invented name keeps the others' order.
+  map["Third"] = 3.0f;
+  map.erase("zzInvented");
+  order.clear();
+  for (const auto& [name, value] : map.others()) order.push_back(name);
+  EXPECT_EQ(order, (std::vector<std::string>{"Another", "Third"}));
+}
+
+TEST(BlendshapeMapTest, EqualityAndCopies) {
+  BlendshapeMap a{{"jawOpen", 0.5f}, {"x", 1.0f}, {"y", 2.0f}};
+  BlendshapeMap b{{"y", 2.0f}, {"x", 1.0f}, {"jawOpen", 0.5f}};
+  EXPECT_EQ(a, b);  // order of invented names does not matter
+  b["x"] = 1.5f;
+  EXPECT_NE(a, b);
+  b = a;
+  EXPECT_EQ(a, b);
+  b.erase("jawOpen");
+  EXPECT_NE(a, b);
+  // A stale value in an absent slot never counts.
+  BlendshapeMap c = a;
+  c.set(ARKitBlendShape::cheekPuff, 9.0f);
+  c.erase(ARKitBlendShape::cheekPuff);
+  EXPECT_EQ(a, c);
+  // Re-inserting through operator[] starts from zero, not the stale value.
+  EXPECT_EQ(c["cheekPuff"], 0.0f);
+
+  const BlendshapeMap copy = a;
+  a["jawOpen"] = 0.0f;
+  a["x"] = 0.0f;
+  EXPECT_EQ(copy.at("jawOpen"), 0.5f);
+  EXPECT_EQ(copy.at("x"), 1.0f);
+}
+
+}  // namespace
+}  // namespace velmora
