@@ -40,7 +40,7 @@ void DecodedFrame::mergeOlder(DecodedFrame&& older, std::size_t maxNames) {
   for (const auto& [name, value] : *older.frame.blendshapes) {
     const auto it = newer.find(name);
     if (it == newer.end()) {
-      if (newer.size() < maxNames) newer.emplace(name, value);
+      if (newer.size() < maxNames) newer.insert_or_assign(name, value);
     } else if (!std::isfinite(it->second) && std::isfinite(value)) {
       it->second = value;
     }
