@@ -16,6 +16,20 @@ float clampUnit(float v) {
 // max(v, floor) that also maps NaN to the floor.
 float atLeast(float v, float floor) { return v > floor ? v : floor; }
 
+// A filtered value through its range and its region's sensitivity factor:
+// the processed value in [0, 1]. Inlined into the per-name loops.
+inline float finish(float filtered, const BlendshapeRange* range, float sensitivity) {
+  float f = filtered;
+  if (!std::isfinite(f)) f = 0.0f;
+  float n = f;
+  if (range) {
+    float span = range->ceiling - range->floor;
+    if (!(span >= FacePipeline::minRangeGap)) span = FacePipeline::minRangeGap;
+    n = clampUnit((f - range->floor) / span);
+  }
+  return clampUnit(n * sensitivity);
+}
+
 }  // namespace
 
 float3 FacePipeline::rotation(const float3& received, const HeadOptions& options, double now) {
@@ -42,18 +56,6 @@ std::array<FacePipeline::Channel, arkitBlendShapeCount> FacePipeline::makeSlotCh
     channels[index(shape)].region = blendshapeRegion(rawValue(shape));
   }
   return channels;
-}
-
-float FacePipeline::finish(float filtered, const BlendshapeRange* range, float sensitivity) {
-  float f = filtered;
-  if (!std::isfinite(f)) f = 0.0f;
-  float n = f;
-  if (range) {
-    float span = range->ceiling - range->floor;
-    if (!(span >= minRangeGap)) span = minRangeGap;
-    n = clampUnit((f - range->floor) / span);
-  }
-  return clampUnit(n * sensitivity);
 }
 
 bool FacePipeline::blendshapes(const BlendshapeMap& received, double now, const BlendshapeRanges& ranges,

@@ -99,10 +99,6 @@ class FacePipeline {
     BlendshapeRegion region = BlendshapeRegion::none;
   };
 
-  // A filtered value through its range and its region's sensitivity factor:
-  // the processed value in [0, 1].
-  static float finish(float filtered, const BlendshapeRange* range, float sensitivity);
-
   OneEuroFilter3D rotationFilter_{1.2f, 0.01f, 1.0f};
   OneEuroFilter3D positionFilter_{1.0f, 0.008f, 1.0f};
   std::array<Channel, arkitBlendShapeCount> slotChannels_ = makeSlotChannels();
