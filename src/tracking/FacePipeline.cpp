@@ -50,26 +50,15 @@ float3 FacePipeline::rotation(const float3& received, const HeadOptions& options
 
 float3 FacePipeline::position(double now) { return positionFilter_.filter(float3(0.0f), now); }
 
-std::array<FacePipeline::Channel, arkitBlendShapeCount> FacePipeline::makeSlotChannels() {
-  std::array<Channel, arkitBlendShapeCount> channels;
-  for (const ARKitBlendShape shape : allCases<ARKitBlendShape>()) {
-    channels[index(shape)].region = blendshapeRegion(rawValue(shape));
-  }
-  return channels;
-}
+const std::array<BlendshapeRegion, arkitBlendShapeCount> FacePipeline::slotRegions_ = [] {
+  std::array<BlendshapeRegion, arkitBlendShapeCount> regions{};
+  for (const ARKitBlendShape shape : allCases<ARKitBlendShape>()) regions[index(shape)] = blendshapeRegion(rawValue(shape));
+  return regions;
+}();
 
 bool FacePipeline::blendshapes(const BlendshapeMap& received, double now, const BlendshapeRanges& ranges,
                                const Sensitivities& sensitivities, BlendshapeOutputs outputs) {
   bool wrote = false;
-  // The blendshape filters normally all saw the previous packet's time: the
-  // time-only part of their step is worked out once, and the vocabulary's
-  // filters that share it are stepped together. A filter's first sample, or
-  // one whose name missed packets, steps alone; the results are the same.
-  std::optional<OneEuroFilter1D::TimeStep> sharedStep;
-  std::array<OneEuroFilter1D*, arkitBlendShapeCount> batchFilters;
-  std::array<float, arkitBlendShapeCount> batchValues, batchOutputs;
-  std::array<ARKitBlendShape, arkitBlendShapeCount> batchShapes;
-  std::size_t batched = 0;
   // The factor of each region: global, then times the region's own.
   std::array<float, 4> factor;
   factor[static_cast<std::size_t>(BlendshapeRegion::mouth)] = sensitivities.global * sensitivities.mouth;
@@ -77,33 +66,35 @@ bool FacePipeline::blendshapes(const BlendshapeMap& received, double now, const 
   factor[static_cast<std::size_t>(BlendshapeRegion::eye)] = sensitivities.global * sensitivities.eye;
   factor[static_cast<std::size_t>(BlendshapeRegion::none)] = sensitivities.global;
   const auto factorOf = [&factor](BlendshapeRegion region) { return factor[static_cast<std::size_t>(region)]; };
+
+  // The vocabulary's filters normally all saw the previous packet's time:
+  // the time-only part of their step is worked out once and they are
+  // stepped together. A name's first sample, or one that missed packets,
+  // steps alone; the results are the same.
+  std::optional<OneEuroFilter1D::TimeStep> sharedStep;
+  alignas(16) std::array<float, arkitBlendShapeCount> values{}, filtered;
+  std::uint64_t together = 0;
   received.forEachSlot([&](ARKitBlendShape shape, float value) {
     if (!std::isfinite(value)) return;
     const std::size_t i = index(shape);
-    Channel& channel = slotChannels_[i];
-    if (!(slotFilters_ & (std::uint64_t{1} << i))) {
-      channel.filter = OneEuroFilter1D(1.5f, 0.02f, 1.0f);  // a new name's filter: creation parameters
-      slotFilters_ |= std::uint64_t{1} << i;
-    }
+    if (!slotFilters_.exists(i)) slotFilters_.create(i, 1.5f, 0.02f, 1.0f);  // creation parameters
     outputs.raw.set(shape, value);
     wrote = true;
-    if (!sharedStep && channel.filter.isPrimed())
-      sharedStep = OneEuroFilter1D::timeStep(*channel.filter.previousTime(), now, channel.filter.dCutoff);
-    if (sharedStep && channel.filter.canShare(*sharedStep)) {
-      batchFilters[batched] = &channel.filter;
-      batchValues[batched] = value;
-      batchShapes[batched] = shape;
-      ++batched;
+    if (!sharedStep && slotFilters_.isPrimed(i))
+      sharedStep = OneEuroFilter1D::timeStep(slotFilters_.previousTime(i), now, slotFilters_.dCutoff(i));
+    if (sharedStep && slotFilters_.canShare(i, *sharedStep)) {
+      values[i] = value;
+      together |= std::uint64_t{1} << i;
       return;
     }
-    outputs.processed.set(shape, finish(channel.filter.filter(value, now), ranges.get(shape), factorOf(channel.region)));
+    outputs.processed.set(shape, finish(slotFilters_.filter(i, value, now), ranges.get(shape), factorOf(slotRegions_[i])));
   });
-  if (batched > 0) {
-    OneEuroFilter1D::filterMany(batchFilters.data(), batchValues.data(), batched, *sharedStep, batchOutputs.data());
-    for (std::size_t k = 0; k < batched; ++k) {
-      const ARKitBlendShape shape = batchShapes[k];
-      outputs.processed.set(shape,
-                            finish(batchOutputs[k], ranges.get(shape), factorOf(slotChannels_[index(shape)].region)));
+  if (together) {
+    slotFilters_.filterShared(together, values.data(), *sharedStep, filtered.data());
+    for (std::uint64_t bits = together; bits; bits &= bits - 1) {
+      const auto i = static_cast<std::size_t>(std::countr_zero(bits));
+      const auto shape = static_cast<ARKitBlendShape>(i);
+      outputs.processed.set(shape, finish(filtered[i], ranges.get(shape), factorOf(slotRegions_[i])));
     }
   }
   for (const auto& [name, value] : received.others()) {
@@ -122,12 +113,11 @@ void FacePipeline::updateFilterParameters(float smoothing) {
   const float beta = atLeast((1.0f - smoothing) * 0.02f, 0.001f);
   rotationFilter_.updateParameters(minCutoff, beta);
   positionFilter_.updateParameters(minCutoff, beta);
-  auto update = [&](Channel& channel) {
+  slotFilters_.updateParameters(minCutoff * 1.2f, beta * 1.5f);
+  for (auto& [name, channel] : otherChannels_) {
     channel.filter.minCutoff = minCutoff * 1.2f;
     channel.filter.beta = beta * 1.5f;
-  };
-  for (std::uint64_t bits = slotFilters_; bits; bits &= bits - 1) update(slotChannels_[std::countr_zero(bits)]);
-  for (auto& [name, channel] : otherChannels_) update(channel);
+  }
 }
 
 void FacePipeline::resetHeadFilters() {
@@ -159,13 +149,15 @@ void FacePipeline::applyRange(BlendshapeRanges& ranges, std::string_view name, s
   }
 }
 
-const OneEuroFilter1D* FacePipeline::blendshapeFilter(std::string_view name) const {
+std::optional<OneEuroFilter1D> FacePipeline::blendshapeFilter(std::string_view name) const {
   if (const auto shape = fromRawValue<ARKitBlendShape>(name)) {
     const std::size_t i = index(*shape);
-    return (slotFilters_ & (std::uint64_t{1} << i)) ? &slotChannels_[i].filter : nullptr;
+    if (!slotFilters_.exists(i)) return std::nullopt;
+    return slotFilters_.filterAt(i);
   }
   const auto it = otherChannels_.find(std::string(name));
-  return it == otherChannels_.end() ? nullptr : &it->second.filter;
+  if (it == otherChannels_.end()) return std::nullopt;
+  return it->second.filter;
 }
 
 }  // namespace velmora

@@ -24,6 +24,7 @@
 #include "tracking/BlendshapeRange.h"
 #include "tracking/BlendshapeRegion.h"
 #include "tracking/OneEuroFilter1D.h"
+#include "tracking/OneEuroFilterBank.h"
 #include "tracking/OneEuroFilter3D.h"
 
 namespace velmora {
@@ -87,13 +88,11 @@ class FacePipeline {
 
   const OneEuroFilter3D& rotationFilter() const { return rotationFilter_; }
   const OneEuroFilter3D& positionFilter() const { return positionFilter_; }
-  // The filter of a blendshape name, or nullptr before its first sample.
-  const OneEuroFilter1D* blendshapeFilter(std::string_view name) const;
+  // A copy of a blendshape name's filter, none before its first sample.
+  std::optional<OneEuroFilter1D> blendshapeFilter(std::string_view name) const;
 
  private:
-  // One name's filter and region. The vocabulary's 52 live in fixed slots
-  // (a bit per slot says whether its filter exists yet); other names, rare,
-  // in a hash map.
+  // A name outside the vocabulary: its filter and region.
   struct Channel {
     OneEuroFilter1D filter{1.5f, 0.02f, 1.0f};
     BlendshapeRegion region = BlendshapeRegion::none;
@@ -101,11 +100,11 @@ class FacePipeline {
 
   OneEuroFilter3D rotationFilter_{1.2f, 0.01f, 1.0f};
   OneEuroFilter3D positionFilter_{1.0f, 0.008f, 1.0f};
-  std::array<Channel, arkitBlendShapeCount> slotChannels_ = makeSlotChannels();
-  std::uint64_t slotFilters_ = 0;  // bit i: slot i's filter has been created by a sample
+  // The vocabulary's filters side by side, by case index, and their regions.
+  OneEuroFilterBank slotFilters_;
+  static const std::array<BlendshapeRegion, arkitBlendShapeCount> slotRegions_;
+  // Names outside the vocabulary (rare).
   std::unordered_map<std::string, Channel> otherChannels_;
-
-  static std::array<Channel, arkitBlendShapeCount> makeSlotChannels();
 };
 
 }  // namespace velmora

@@ -217,7 +217,7 @@ class FaceTrackingState {
   const OneEuroFilter3D& rotationFilter() const { return pipeline_.rotationFilter(); }
   const OneEuroFilter3D& positionFilter() const { return pipeline_.positionFilter(); }
   // The filter of a blendshape name, or nullptr before its first sample.
-  const OneEuroFilter1D* blendshapeFilter(std::string_view name) const { return pipeline_.blendshapeFilter(name); }
+  std::optional<OneEuroFilter1D> blendshapeFilter(std::string_view name) const { return pipeline_.blendshapeFilter(name); }
   TrackingSettings& settings() { return settings_; }
 
  private:

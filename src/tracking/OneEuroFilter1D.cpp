@@ -2,13 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 
 namespace velmora {
 
 namespace {
-// 2 pi as a single-precision float.
-constexpr float twoPi = 6.283185f;
 // Shortest time step; equal or reversed timestamps count as this long.
 constexpr double minimumStep = 0.0001;
 constexpr float minimumRate = 0.0001f;
@@ -68,53 +65,6 @@ float OneEuroFilter1D::step(float value, float rate, float te, float alphaD) {
   const float out = alpha * value + (1.0f - alpha) * previous;
   previousOutput_ = out;
   return out;
-}
-
-void OneEuroFilter1D::filterMany(OneEuroFilter1D* const* filters, const float* values, std::size_t count,
-                                 const TimeStep& shared, float* outputs) {
-  // Four filters per vector register (GCC vector extensions: each lane's
-  // arithmetic is the scalar IEEE operation, so the bits are step()'s, in
-  // its order). The lanes past `count` in the last group hold harmless
-  // numbers and are never read back.
-  using Lanes = float __attribute__((vector_size(16)));
-  using LaneBits = std::uint32_t __attribute__((vector_size(16)));
-  constexpr std::size_t width = 4;
-  constexpr std::size_t groups = (maxBatch + width - 1) / width;
-  Lanes value[groups], previous[groups], derivative[groups], minCutoffs[groups], betas[groups], out[groups];
-  const std::size_t used = (count + width - 1) / width;
-  for (std::size_t g = 0; g < used; ++g) {
-    value[g] = previous[g] = derivative[g] = betas[g] = Lanes{};
-    minCutoffs[g] = Lanes{1.0f, 1.0f, 1.0f, 1.0f};
-  }
-  for (std::size_t k = 0; k < count; ++k) {
-    const OneEuroFilter1D& f = *filters[k];
-    const std::size_t g = k / width, lane = k % width;
-    value[g][lane] = values[k];
-    previous[g][lane] = *f.previousOutput_;
-    derivative[g][lane] = f.previousDerivative_;
-    minCutoffs[g][lane] = f.minCutoff;
-    betas[g][lane] = f.beta;
-  }
-  const float rate = shared.rate, te = shared.te, alphaD = shared.alphaD;
-  const float keepD = 1.0f - alphaD;
-  for (std::size_t g = 0; g < used; ++g) {
-    const Lanes dx = (value[g] - previous[g]) * rate;
-    const Lanes dxHat = alphaD * dx + keepD * derivative[g];
-    derivative[g] = dxHat;
-    const Lanes speed = reinterpret_cast<Lanes>(reinterpret_cast<LaneBits>(dxHat) & 0x7FFFFFFFu);  // fabs
-    const Lanes cutoff = minCutoffs[g] + betas[g] * speed;
-    const Lanes tau = 1.0f / (cutoff * twoPi);
-    const Lanes alpha = 1.0f / (1.0f + tau / te);
-    out[g] = alpha * value[g] + (1.0f - alpha) * previous[g];
-  }
-  for (std::size_t k = 0; k < count; ++k) {
-    OneEuroFilter1D& f = *filters[k];
-    const std::size_t g = k / width, lane = k % width;
-    f.previousDerivative_ = derivative[g][lane];
-    f.previousOutput_ = out[g][lane];
-    f.previousTime_ = shared.timestamp;
-    outputs[k] = out[g][lane];
-  }
 }
 
 void OneEuroFilter1D::reset() {

@@ -8,7 +8,6 @@
 // fixed so every build gives the same bits. Main thread (owned by
 // FaceTrackingState); not thread-safe.
 
-#include <cstddef>
 #include <optional>
 
 namespace velmora {
@@ -16,6 +15,9 @@ namespace velmora {
 class OneEuroFilter1D {
  public:
   OneEuroFilter1D(float minCutoff, float beta, float dCutoff);
+
+  // 2 pi as a single-precision float: tau = 1 / (cutoff * twoPi).
+  static constexpr float twoPi = 6.283185f;
 
   // Filters one sample. A non-finite sample returns the previous output
   // (0 when empty) and changes nothing. The first finite sample after
@@ -38,21 +40,6 @@ class OneEuroFilter1D {
   // filter's previous time, this timestamp and its dCutoff.
   float filter(float value, double timestamp, const TimeStep& shared);
 
-  // Many primed filters at once, all sharing `shared`, which must have been
-  // made for each one's previous time, this timestamp and its dCutoff
-  // (check with canShare). outputs[k] is, bit for bit, what
-  // filters[k]->filter(values[k], shared.timestamp, shared) returns, and each
-  // filter ends in the same state; the independent steps are laid out side
-  // by side so the processor works on several at once (a face's 52
-  // blendshapes share one step). At most maxBatch filters per call.
-  static constexpr std::size_t maxBatch = 64;
-  static void filterMany(OneEuroFilter1D* const* filters, const float* values, std::size_t count,
-                         const TimeStep& shared, float* outputs);
-  // True when filterMany may step this filter with `shared` for a finite value.
-  bool canShare(const TimeStep& shared) const {
-    return previousOutput_ && previousTime_ && *previousTime_ == shared.previousTime && dCutoff == shared.dCutoff;
-  }
-
   std::optional<double> previousTime() const { return previousTime_; }
 
   // Back to empty; the parameters are kept.
@@ -65,6 +52,7 @@ class OneEuroFilter1D {
   float dCutoff;    // Hz, cut-off of the derivative estimate
 
  private:
+  friend class OneEuroFilterBank;  // keeps the same state side by side
   float step(float value, float rate, float te, float alphaD);
 
   std::optional<float> previousOutput_;

@@ -7,11 +7,13 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <random>
 #include <vector>
 
 #include "tracking/OneEuroFilter1D.h"
 #include "tracking/OneEuroFilter3D.h"
+#include "tracking/OneEuroFilterBank.h"
 
 namespace velmora {
 namespace {
@@ -132,44 +134,62 @@ TEST(OneEuroFilter1DTest, SharedTimeStepGivesTheSameBits) {
   EXPECT_EQ(empty.filter(0.33f, 5.0, OneEuroFilter1D::timeStep(4.0, 5.0, 1.0f)), 0.33f);
 }
 
-TEST(OneEuroFilter1DTest, ManyFiltersAtOnceGiveTheSameBitsAsOneByOne) {
-  // Filters with different parameters and histories, fast and slow signals,
-  // huge jumps and denormals: stepped together and one by one, twenty
-  // packets long, for every batch size up to the most one call takes.
+TEST(OneEuroFilterBankTest, EveryLaneIsBitForBitItsOwnFilter) {
+  // 52 lanes against 52 standalone filters: different parameters, names
+  // that start late or skip packets (their own time step), fast and slow
+  // signals, huge jumps, denormals and non-finite samples, and a parameter
+  // change half-way. The bank steps the lanes that share the packet's step
+  // together and the others alone, as the face pipeline does.
   std::mt19937 random(11);
   std::uniform_real_distribution<float> unit(-0.5f, 1.5f);
-  for (std::size_t count : {std::size_t{1}, std::size_t{3}, std::size_t{52}, OneEuroFilter1D::maxBatch}) {
-    std::vector<OneEuroFilter1D> together, alone;
-    for (std::size_t k = 0; k < count; ++k) {
-      const float minCutoff = 0.2f + 3.0f * static_cast<float>(k) / static_cast<float>(count);
-      const float beta = k % 4 == 0 ? 0.0f : 0.001f * static_cast<float>(k);
-      together.emplace_back(minCutoff, beta, 1.0f);
-      alone.emplace_back(together.back());
-      together.back().filter(unit(random), 1.0);
-      alone.back() = together.back();
+  OneEuroFilterBank bank;
+  std::vector<std::optional<OneEuroFilter1D>> alone(OneEuroFilterBank::laneCount);
+  double now = 1.0;
+  for (int packet = 0; packet < 60; ++packet) {
+    now += packet % 11 == 10 ? 0.00001 : 1.0 / 60.0 + 0.001 * (packet % 3);
+    if (packet == 30) {
+      bank.updateParameters(0.24f, 0.0015f);
+      for (auto& f : alone)
+        if (f) f->minCutoff = 0.24f, f->beta = 0.0015f;
     }
-    double previous = 1.0;
-    for (int packet = 0; packet < 20; ++packet) {
-      const double now = previous + (packet % 5 == 4 ? 0.00001 : 1.0 / 60.0 + 0.001 * packet);
-      const auto step = OneEuroFilter1D::timeStep(previous, now, 1.0f);
-      std::vector<float> values(count), outputs(count);
-      std::vector<OneEuroFilter1D*> pointers(count);
-      for (std::size_t k = 0; k < count; ++k) {
-        values[k] = packet % 7 == 3 ? 1e30f * unit(random) : (k % 9 == 1 ? 1e-40f : unit(random));
-        pointers[k] = &together[k];
-        ASSERT_TRUE(together[k].canShare(step));
+    std::optional<OneEuroFilter1D::TimeStep> step;
+    alignas(16) float values[OneEuroFilterBank::laneCount] = {}, outputs[OneEuroFilterBank::laneCount];
+    std::uint64_t together = 0;
+    std::vector<std::pair<std::size_t, float>> expected;
+    for (std::size_t lane = 0; lane < OneEuroFilterBank::laneCount; ++lane) {
+      if (packet < static_cast<int>(lane % 7) || (lane % 5 == 2 && packet % 4 == 1)) continue;  // late, or skipping
+      float value = packet % 7 == 3 ? 1e30f * unit(random) : (lane % 9 == 1 ? 1e-40f : unit(random));
+      if (lane == 13 && packet % 10 == 5) value = std::numeric_limits<float>::quiet_NaN();
+      if (!bank.exists(lane)) {
+        const float minCutoff = 0.2f + 0.05f * static_cast<float>(lane);
+        const float beta = lane % 4 == 0 ? 0.0f : 0.001f * static_cast<float>(lane);
+        bank.create(lane, minCutoff, beta, 1.0f);
+        alone[lane].emplace(minCutoff, beta, 1.0f);
       }
-      OneEuroFilter1D::filterMany(pointers.data(), values.data(), count, step, outputs.data());
-      for (std::size_t k = 0; k < count; ++k) {
-        ASSERT_EQ(bits(outputs[k]), bits(alone[k].filter(values[k], now))) << "filter " << k << " packet " << packet;
-        ASSERT_EQ(together[k].previousTime(), alone[k].previousTime());
+      const float reference = alone[lane]->filter(value, now);
+      if (!step && bank.isPrimed(lane))
+        step = OneEuroFilter1D::timeStep(bank.previousTime(lane), now, bank.dCutoff(lane));
+      if (std::isfinite(value) && step && bank.canShare(lane, *step)) {
+        values[lane] = value;
+        together |= std::uint64_t{1} << lane;
+        expected.emplace_back(lane, reference);
+      } else {
+        ASSERT_EQ(bits(bank.filter(lane, value, now)), bits(reference)) << "lane " << lane << " packet " << packet;
       }
-      previous = now;
     }
-    EXPECT_FALSE(together[0].canShare(OneEuroFilter1D::timeStep(0.5, 2.0, 1.0f)));
-    EXPECT_FALSE(together[0].canShare(OneEuroFilter1D::timeStep(previous, 2.0, 2.0f)));
+    if (together) bank.filterShared(together, values, *step, outputs);
+    for (const auto& [lane, reference] : expected)
+      ASSERT_EQ(bits(outputs[lane]), bits(reference)) << "lane " << lane << " packet " << packet;
   }
-  EXPECT_FALSE(OneEuroFilter1D(1.0f, 0.0f, 1.0f).canShare(OneEuroFilter1D::timeStep(0.0, 1.0, 1.0f)));
+  for (std::size_t lane = 0; lane < OneEuroFilterBank::laneCount; ++lane) {
+    const OneEuroFilter1D copy = bank.filterAt(lane);
+    EXPECT_EQ(copy.previousTime(), alone[lane]->previousTime());
+    EXPECT_EQ(copy.minCutoff, alone[lane]->minCutoff);
+    EXPECT_EQ(copy.isPrimed(), alone[lane]->isPrimed());
+  }
+  EXPECT_FALSE(bank.canShare(0, OneEuroFilter1D::timeStep(0.5, 2.0, 1.0f)));
+  OneEuroFilterBank empty;
+  EXPECT_FALSE(empty.canShare(0, OneEuroFilter1D::timeStep(0.0, 1.0, 0.0f)));
 }
 
 TEST(OneEuroFilter3DTest, ComponentsFilterIndependentlyWithTheSameTime) {
