@@ -23,10 +23,12 @@ TrackingReceiver& TrackingReceiver::shared() {
   return receiver;
 }
 
-// Zero-filled memory is mapped lazily: only slots that datagrams reach
-// become resident.
+// Left uninitialised (every byte handed out was written by the receive call
+// first): the pages of a large allocation become resident only where
+// datagrams reach, not all 2 MiB up front.
 TrackingReceiver::TrackingReceiver(std::shared_ptr<TrackingSink> sink)
-    : sink_(std::move(sink)), buffer_(receiveBufferSize * datagramsPerRead, 0) {}
+    : sink_(std::move(sink)),
+      buffer_(std::make_unique_for_overwrite<std::uint8_t[]>(receiveBufferSize * datagramsPerRead)) {}
 
 TrackingReceiver::~TrackingReceiver() {
   queue_.sync([this] { socketSources_.clear(); });
@@ -107,7 +109,8 @@ void TrackingReceiver::startListening(std::uint16_t port) {
     }
   };
   callbacks.onBatch = [this](std::size_t) { batchEnded(); };
-  const auto opened = listener->open(port, buffer_, std::move(callbacks), bound);
+  const auto opened = listener->open(port, std::span<std::uint8_t>(buffer_.get(), receiveBufferSize * datagramsPerRead),
+                                     std::move(callbacks), bound);
   if (opened.failure == UdpListener::Failure::create) {
     logLine(kComponent, "Failed to create socket for port " + std::to_string(port));
     return;

@@ -144,7 +144,7 @@ class TrackingReceiver {
   // Queue-only state: one listener per open socket, by descriptor, and the
   // one buffer every drain reuses (datagramsPerRead slots).
   std::map<int, std::unique_ptr<UdpListener>> socketSources_;
-  std::vector<std::uint8_t> buffer_;
+  std::unique_ptr<std::uint8_t[]> buffer_;  // datagramsPerRead * receiveBufferSize bytes
   // Queue-only: sender texts by (address << 16 | port). Emptied when it
   // reaches senderTextLimit, so a spoofed flood cannot grow it.
   static constexpr std::size_t senderTextLimit = 1024;
