@@ -31,9 +31,29 @@ endfunction()
 # *_e2e_test.cpp -> e2e (the built executable), *_pipewire_test.cpp ->
 # pipewire (a private PipeWire daemon), *_x11_test.cpp -> x11 (the built
 # executable against a private Xorg with dummy monitors), anything else -> unit.
+# SERIAL <files...>: each of these files becomes an executable of its own,
+# <subsystem>_<file stem>, whose tests run with no other test beside them
+# (they load the whole machine, which would upset others' timing).
 function(velmora_tests subsystem)
-  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "DEPS;SERIAL" ${ARGN})
   file(GLOB all CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  foreach(serial IN LISTS ARG_SERIAL)
+    set(f ${CMAKE_CURRENT_SOURCE_DIR}/${serial})
+    list(REMOVE_ITEM all ${f})
+    get_filename_component(stem ${serial} NAME_WE)
+    string(REGEX MATCH "_(net|gl|e2e|pipewire|x11)_test$" suffix ${stem})
+    set(l unit)
+    if(suffix)
+      set(l ${CMAKE_MATCH_1})
+    endif()
+    set(exe ${subsystem}_${stem}s)
+    add_executable(${exe} ${f} ${PROJECT_SOURCE_DIR}/tests/support/TestMain.cpp)
+    target_include_directories(${exe} PRIVATE ${PROJECT_SOURCE_DIR}/tests ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${exe} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gmock)
+    target_compile_definitions(${exe} PRIVATE VELMORA_BINARY_DIR="${PROJECT_BINARY_DIR}"
+      VELMORA_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+    gtest_discover_tests(${exe} PROPERTIES LABELS ${l} RUN_SERIAL TRUE DISCOVERY_TIMEOUT 60)
+  endforeach()
   foreach(label unit net gl e2e pipewire x11)
     set(files "")
     foreach(f IN LISTS all)

@@ -60,6 +60,8 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   bool started() const { return pid_ > 0; }
+  // The child's process id (for /proc/<pid>), -1 when it did not start.
+  pid_t pid() const { return pid_; }
 
   // Consumes output lines in order until one satisfies pred; false at the
   // timeout or the end of output. Lines already read but not yet consumed

@@ -36,6 +36,7 @@ class UdpSocket {
   UdpSocket& operator=(const UdpSocket&) = delete;
 
   bool bound() const { return bound_; }
+  int descriptor() const { return fd_; }
   std::uint16_t port() const { return port_; }
   void sendTo(std::uint16_t port, const void* data, std::size_t size) const {
     sockaddr_in to{};
