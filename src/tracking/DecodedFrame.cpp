@@ -37,12 +37,23 @@ void DecodedFrame::mergeOlder(DecodedFrame&& older, std::size_t maxNames) {
     return;
   }
   BlendshapeMap& newer = *frame.blendshapes;
-  for (const auto& [name, value] : *older.frame.blendshapes) {
-    const auto it = newer.find(name);
-    if (it == newer.end()) {
-      if (newer.size() < maxNames) newer.insert_or_assign(name, value);
-    } else if (!std::isfinite(it->second) && std::isfinite(value)) {
-      it->second = value;
+  const auto keepOlder = [&](float* mine, float value) {
+    // Present in both: ingesting skips a non-finite newer value, so the
+    // older finite one is what both in order would leave.
+    if (!std::isfinite(*mine) && std::isfinite(value)) *mine = value;
+  };
+  older.frame.blendshapes->forEachSlot([&](ARKitBlendShape shape, float value) {
+    if (float* mine = newer.get(shape)) {
+      keepOlder(mine, value);
+    } else if (newer.size() < maxNames) {
+      newer.set(shape, value);
+    }
+  });
+  for (const auto& [name, value] : older.frame.blendshapes->others()) {
+    if (float* mine = newer.get(name)) {
+      keepOlder(mine, value);
+    } else if (newer.size() < maxNames) {
+      newer.insert_or_assign(name, value);
     }
   }
 }
