@@ -92,7 +92,8 @@ void TrackingReceiver::startListening(std::uint16_t port) {
   auto listener = std::make_unique<UdpListener>(
       queue_.context(), UdpListener::Options{.reuseAddressAndPort = true,
                                              .maxDatagramsPerEvent = maxDatagramsPerEvent,
-                                             .datagramsPerRead = datagramsPerRead});
+                                             .datagramsPerRead = datagramsPerRead,
+                                             .receiveBufferBytes = socketReceiveBufferBytes});
   const std::uint32_t bound = bindAddress();
   UdpListener::Callbacks callbacks;
   callbacks.onReadiness = [this] {

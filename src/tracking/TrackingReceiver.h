@@ -57,6 +57,12 @@ class TrackingReceiver {
   // under a flood the ports take turns, and a stop or rebind waits at most
   // this long, instead of one port draining forever.
   static constexpr std::size_t maxDatagramsPerEvent = 1024;
+  // Kernel memory per socket for datagrams waiting to be read: at the
+  // default (about 200 KiB, some 160 Live Link datagrams) a flood overflows
+  // whenever the queue's thread is off the CPU for a millisecond; 4 MiB
+  // holds thousands. Kernel memory, used only while datagrams wait; not
+  // part of the process's resident memory.
+  static constexpr int socketReceiveBufferBytes = 4 * 1024 * 1024;
   // Senders whose newest frame may wait for the main thread at once (one
   // frame each; MainThreadTrackingSink); deliveries from more are dropped.
   static constexpr std::size_t maxWaitingSenders = 256;

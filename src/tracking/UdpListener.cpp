@@ -66,6 +66,9 @@ UdpListener::OpenResult UdpListener::open(std::uint16_t port, std::span<std::uin
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &yes, sizeof yes);
   }
+  if (options_.receiveBufferBytes > 0) {
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &options_.receiveBufferBytes, sizeof options_.receiveBufferBytes);
+  }
   // Non-blocking, so a drain ends when the socket is empty.
   const int flags = ::fcntl(fd, F_GETFL, 0);
   ::fcntl(fd, F_SETFL, (flags < 0 ? 0 : flags) | O_NONBLOCK);

@@ -49,6 +49,10 @@ class UdpListener {
     // is split into this many equal slots; each datagram is cut to one
     // slot's size. 1 reads one datagram per call into the whole buffer.
     std::size_t datagramsPerRead = 1;
+    // The socket's receive buffer in bytes (SO_RCVBUF; the kernel caps it at
+    // net.core.rmem_max); 0 keeps the system default. What it holds rides
+    // out the moments the queue's thread is not running.
+    int receiveBufferBytes = 0;
   };
 
   struct Callbacks {

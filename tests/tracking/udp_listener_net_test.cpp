@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
 #include <future>
 #include <mutex>
 #include <string>
@@ -142,6 +143,35 @@ TEST(UdpListenerNetTest, ClosingFromACallbackStopsTheBatch) {
   EXPECT_TRUE(seen.batches.empty());  // the batch ended with the close
   EXPECT_EQ(seen.drained, 0);
   EXPECT_FALSE(listener.isOpen());
+}
+
+// A burst far beyond the default receive buffer (about 160 small datagrams)
+// waits whole in a larger one while the queue is busy.
+TEST(UdpListenerNetTest, ALargerReceiveBufferKeepsALongBurst) {
+  constexpr int kBuffer = 2 * 1024 * 1024;
+  long rmemMax = 0;
+  std::ifstream("/proc/sys/net/core/rmem_max") >> rmemMax;
+  if (rmemMax < kBuffer) GTEST_SKIP() << "net.core.rmem_max is " << rmemMax << ", below " << kBuffer;
+  SerialQueue queue("test.listener");
+  UdpListener listener(queue.context(), {.datagramsPerRead = 32, .receiveBufferBytes = kBuffer});
+  std::vector<std::uint8_t> buffer(32 * 64);
+  Seen seen;
+  const std::uint16_t port = freeUdpPort();
+  bool opened = false;
+  queue.sync([&] { opened = bool(listener.open(port, buffer, recordInto(seen), 0x7F000001)); });
+  ASSERT_TRUE(opened);
+
+  auto release = holdQueue(queue);
+  UdpSocket phone;
+  constexpr int kBurst = 1500;
+  for (int i = 0; i < kBurst; ++i) phone.sendTo(port, std::to_string(i));
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  release.set_value();
+
+  ASSERT_TRUE(waitFor([&] { return seen.count() == kBurst; })) << seen.count() << " of " << kBurst;
+  queue.sync([&] { listener.close(); });
+  std::lock_guard lock(seen.mutex);
+  for (int i = 0; i < kBurst; ++i) ASSERT_EQ(seen.datagrams[i], std::to_string(i));
 }
 
 }  // namespace
