@@ -97,6 +97,7 @@ void TrackingReceiver::startListening(std::uint16_t port) {
   const std::uint32_t bound = bindAddress();
   UdpListener::Callbacks callbacks;
   callbacks.onReadiness = [this] {
+    batchEnded();  // settles a batch another listener's event left open, if any
     std::lock_guard lock(statsMutex_);
     ++stats_.readinessEvents;
   };
