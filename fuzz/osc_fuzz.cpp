@@ -1,12 +1,40 @@
 // libFuzzer target: any datagram through the OSC decoder. It must never
-// crash or read out of bounds, and what it returns must be self-consistent.
+// crash or read out of bounds, and what it returns must be self-consistent:
+// the in-place reader (forEachMessage) hands out exactly the messages
+// parsePacket copies, and texts are read as the plain byte-by-byte reader
+// reads them.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <span>
+#include <string>
+#include <type_traits>
+#include <variant>
 
+#include "ReferenceOSCString.h"
 #include "base/Utf8.h"
 #include "osc/OSCParser.h"
+
+namespace {
+
+// An in-place argument equals its owned copy (same kind, same value bits).
+bool same(const velmora::OSCArgumentView& view, const velmora::OSCArgument& owned) {
+  return std::visit(
+      [&](const auto& v) {
+        using T = std::decay_t<decltype(v)>;
+        if constexpr (std::is_same_v<T, std::string_view>) {
+          const auto* s = owned.get<std::string>();
+          return s && *s == v;
+        } else {
+          const auto* o = owned.get<T>();
+          return o && std::memcmp(o, &v, sizeof v) == 0;
+        }
+      },
+      view);
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::span<const std::uint8_t> bytes(data, size);
@@ -20,10 +48,23 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     (void)m.stringValue();
     (void)m.printedArguments();
   }
-  // readString from every offset up to one past the end.
+  std::size_t index = 0;
+  const std::size_t count = velmora::OSCParser::forEachMessage(bytes, [&](const velmora::OSCMessageView& view) {
+    if (index >= messages.size()) std::abort();
+    const auto& owned = messages[index++];
+    if (view.address != owned.address || view.arguments.size() != owned.arguments.size()) std::abort();
+    for (std::size_t i = 0; i < view.arguments.size(); ++i) {
+      if (!same(view.arguments[i], owned.arguments[i])) std::abort();
+    }
+  });
+  if (count != messages.size() || index != count) std::abort();
+  // readString from every offset up to one past the end, as the plain reader.
   for (std::size_t start = 0; start <= size + 1 && start < 64; ++start) {
     std::size_t offset = start;
     auto s = velmora::OSCParser::readString(bytes, offset);
+    std::size_t plainOffset = start;
+    const auto plain = velmora::reference::readOSCString(bytes, plainOffset);
+    if (s != plain || offset != plainOffset) std::abort();
     if (s && offset > size) std::abort();
     if (s && start <= size && offset < start + s->size()) std::abort();
   }

@@ -13,7 +13,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -21,6 +20,7 @@
 
 #include "osc/OSCMessage.h"
 #include "osc/OSCMessageView.h"
+#include "osc/OSCPacketWalk.h"
 
 namespace velmora {
 
@@ -42,9 +42,19 @@ class OSCParser {
   static std::optional<std::string> readString(std::span<const std::uint8_t> data, std::size_t& offset);
 
   // The messages parsePacket would return, in the same order, handed one at
-  // a time as views into `data` without copying any text. Returns how many.
-  static std::size_t forEachMessage(std::span<const std::uint8_t> data,
-                                    const std::function<void(const OSCMessageView&)>& onMessage);
+  // a time as views into `data` without copying any text or allocating
+  // (messages of up to 16 arguments). `onMessage` is any callable taking
+  // const OSCMessageView&. Returns how many.
+  template <class F>
+  static std::size_t forEachMessage(std::span<const std::uint8_t> data, F&& onMessage) {
+    std::size_t count = 0;
+    auto forward = [&](std::string_view address, std::span<const OSCArgumentView> arguments) {
+      ++count;
+      onMessage(OSCMessageView{address, arguments});
+    };
+    oscwalk::walkPacket(data, forward);
+    return count;
+  }
 };
 
 }  // namespace velmora
