@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -76,7 +77,11 @@ std::optional<float> parseTrackingNumber(std::string_view text) {
   if (body.size() > 2 && body[0] == '0' && (body[1] == 'x' || body[1] == 'X')) {
     body.remove_prefix(2);
     format = std::chars_format::hex;
-    if (body.empty() || body.front() == '+' || body.front() == '-') return std::nullopt;
+    // Hex digits or the point must follow: from_chars would also take
+    // "inf" or "nan" here, and "0xnan" is no number.
+    if (body.empty() || !(std::isxdigit(static_cast<unsigned char>(body.front())) || body.front() == '.')) {
+      return std::nullopt;
+    }
   }
   const char* first = body.data();
   const char* last = body.data() + body.size();
@@ -283,14 +288,16 @@ std::optional<double> jsonNumber(const nlohmann::json& v) {
   return std::nullopt;
 }
 
-std::optional<double> jsonNumber(simdjson::dom::element v) {
-  switch (v.type()) {
-    case simdjson::dom::element_type::INT64: return static_cast<double>(v.get_int64().value_unsafe());
-    case simdjson::dom::element_type::UINT64: return static_cast<double>(v.get_uint64().value_unsafe());
-    case simdjson::dom::element_type::DOUBLE: return v.get_double().value_unsafe();
-    case simdjson::dom::element_type::BOOL: return v.get_bool().value_unsafe() ? 1.0 : 0.0;
-    default: return std::nullopt;
-  }
+// get_double reads integers too (converted as static_cast<double> does);
+// its common case, a real, is one type test. Inlined: returned through
+// memory, the optional's value and flag are two stores read back as one
+// load, a stall per name that cost more than the name's lookup.
+[[gnu::always_inline]] inline std::optional<double> jsonNumber(simdjson::dom::element v) {
+  double number = 0;
+  if (v.get_double().get(number) == simdjson::SUCCESS) return number;
+  bool flag = false;
+  if (v.get_bool().get(flag) == simdjson::SUCCESS) return flag ? 1.0 : 0.0;
+  return std::nullopt;
 }
 
 // "an array of at least three numbers": every element must be a number.
@@ -391,9 +398,11 @@ std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, s
   simdjson::dom::object object;
   if (error || root.get_object().get(object)) return std::nullopt;
 
+  // Built in the returned optional itself (no move of the frame on return).
+  std::optional<DecodedFrame> result(std::in_place);
+  DecodedFrame& decoded = *result;
   // Fields in document order; a repeated key replaces what the earlier one
   // gave, as in a document where the last one wins.
-  DecodedFrame decoded;
   std::optional<float3> rotation;
   for (const auto field : object) {
     if (field.key == "blendshapes") {
@@ -402,7 +411,8 @@ std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, s
         decoded.frame.blendshapes.reset();
         continue;
       }
-      BlendshapeMap map;
+      // Built in place: a map is a few hundred bytes, not worth a copy.
+      BlendshapeMap& map = decoded.frame.blendshapes.emplace();
       for (const auto shape : shapes) {
         if (auto n = jsonNumber(shape.value)) {
           map.insert_or_assign(shape.key, static_cast<float>(*n));
@@ -410,7 +420,6 @@ std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, s
           map.erase(shape.key);
         }
       }
-      decoded.frame.blendshapes = std::move(map);
     } else if (field.key == "rotation") {
       rotation = jsonVector(field.value);
     } else if (field.key == "position") {
@@ -419,7 +428,7 @@ std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, s
   }
   if (rotation && allFinite(*rotation)) decoded.frame.rotation = rotation;
   decoded.frame.sender = std::move(sender);
-  return decoded;
+  return result;
 }
 
 // ---------------------------------------------------------------------------

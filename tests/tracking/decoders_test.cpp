@@ -163,7 +163,7 @@ TEST(TrackingNumberTest, WholeStringOnly) {
   EXPECT_EQ(parseTrackingNumber("-1e400"), -std::numeric_limits<float>::infinity());
   EXPECT_EQ(parseTrackingNumber("1e-60"), 0.0f);
   EXPECT_TRUE(std::isnan(*parseTrackingNumber("nan")));
-  for (const char* bad : {"", " 5", "5 ", "5x", "+", "-", "+-5", "--5", "head#5", "0x", "1,5"}) {
+  for (const char* bad : {"", " 5", "5 ", "5x", "+", "-", "+-5", "--5", "head#5", "0x", "1,5", "0xnan", "0xinf", "0x-1"}) {
     EXPECT_EQ(parseTrackingNumber(bad), std::nullopt) << bad;
   }
 }

@@ -98,6 +98,8 @@ TEST(ReferenceDecoderTest, TextEdges) {
            "a--5|b5| c-5|d- 5|e-|f-x|g-1e1|h-+7|i-2.5||-3|j-0x1p3|k-0X10|l-0x|m-0x-1",
            "n-inf|o-nan|p-infinity|q-1e50|r-1e-50|s-7e-46|t--0|u-+-1|v-1e|w-.5|x-5.|y-1,5",
            "a-1|a-2|a-x",
+           "z-0xinf|y-0xnan|x-0x.8|w-0X1P-2|v--0x1|u-0xg",
+           "=0xnan,0xinf,0x1p3,1,2,3",
            "x-1=head#10,20,30,1,2,3|rightEye#4",
            "=1,2,3,4,5,6=7,8,9,10,11,12",
            "=nan,0,0,1,2,3",
