@@ -197,10 +197,12 @@ class BlendshapeTable {
       const auto i = static_cast<std::size_t>(std::countr_zero(bits));
       if (!(slots_[i] == other.slots_[i])) return false;
     }
-    for (const auto& [name, value] : others_) {
+    for (const auto& entry : others_) {
+      // Not a structured binding: clang before 16 cannot capture one.
+      const std::string& name = entry.first;
       const auto it = std::find_if(other.others_.begin(), other.others_.end(),
                                    [&](const auto& o) { return o.first == name; });
-      if (it == other.others_.end() || !(it->second == value)) return false;
+      if (it == other.others_.end() || !(it->second == entry.second)) return false;
     }
     return true;
   }
