@@ -224,7 +224,7 @@ void walkBundle(std::span<const std::uint8_t> data, ArgumentStore& store, F& onM
 }
 
 template <class F>
-void walkPacket(std::span<const std::uint8_t> data, F& onMessage) {
+[[gnu::always_inline]] inline void walkPacket(std::span<const std::uint8_t> data, F& onMessage) {
   if (data.size() < 4) return;
   ArgumentStore store;
   if (beginsWithBundleTag(data)) {

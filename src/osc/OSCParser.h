@@ -46,7 +46,7 @@ class OSCParser {
   // (messages of up to 16 arguments). `onMessage` is any callable taking
   // const OSCMessageView&. Returns how many.
   template <class F>
-  static std::size_t forEachMessage(std::span<const std::uint8_t> data, F&& onMessage) {
+  [[gnu::always_inline]] static std::size_t forEachMessage(std::span<const std::uint8_t> data, F&& onMessage) {
     std::size_t count = 0;
     auto forward = [&](std::string_view address, std::span<const OSCArgumentView> arguments) {
       ++count;
