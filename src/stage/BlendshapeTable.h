@@ -9,7 +9,9 @@
 // values copies a few hundred bytes.
 //
 // Iteration visits the present vocabulary names in case order (alphabetical),
-// then the other names in the order they were first inserted. Iterators yield
+// then the other names in no particular order. The other names are hashed,
+// so a sender that invents thousands of names costs linear time, not
+// quadratic. Iterators yield
 // proxy pairs {first: name, second: value&}: write
 //   for (const auto& [name, value] : table)   // read
 //   for (auto&& [name, value] : table) value = 0;   // write through
@@ -17,20 +19,19 @@
 //
 // Any thread; no internal locking (a value type like std::unordered_map).
 
-#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <functional>
 #include <iterator>
 #include <optional>
-#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
+#include <unordered_map>
 
 #include "stage/ARKitBlendShape.h"
 
@@ -48,10 +49,19 @@ class BlendshapeTable {
     const T& second;
   };
 
+  // Hash and equality over any string-like key, so lookups by
+  // std::string_view build no string.
+  struct NameHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view name) const { return std::hash<std::string_view>{}(name); }
+  };
+  using Others = std::unordered_map<std::string, T, NameHash, std::equal_to<>>;
+
   template <bool Const>
   class Iterator {
    public:
     using Table = std::conditional_t<Const, const BlendshapeTable, BlendshapeTable>;
+    using OthersIterator = std::conditional_t<Const, typename Others::const_iterator, typename Others::iterator>;
     using value_type = std::conditional_t<Const, ConstEntry, Entry>;
     using reference = value_type;
     using difference_type = std::ptrdiff_t;
@@ -62,21 +72,22 @@ class BlendshapeTable {
     };
 
     Iterator() = default;
-    // Position: a slot index 0..51 (present) or arkitBlendShapeCount + k for
-    // the side table's entry k; end is arkitBlendShapeCount + others' size.
-    Iterator(Table* table, std::size_t position) : table_(table), position_(position) {}
-    operator Iterator<true>() const requires(!Const) { return {table_, position_}; }
+    // A present slot 0..51, or arkitBlendShapeCount with `other` walking the
+    // side table (its end is the table's end).
+    Iterator(Table* table, std::size_t slot, OthersIterator other) : table_(table), slot_(slot), other_(other) {}
+    operator Iterator<true>() const requires(!Const) { return {table_, slot_, other_}; }
 
     value_type operator*() const {
-      if (position_ < arkitBlendShapeCount) {
-        return {rawValue(static_cast<ARKitBlendShape>(position_)), table_->slots_[position_]};
-      }
-      auto& other = table_->others_[position_ - arkitBlendShapeCount];
-      return {other.first, other.second};
+      if (slot_ < arkitBlendShapeCount) return {rawValue(static_cast<ARKitBlendShape>(slot_)), table_->slots_[slot_]};
+      return {other_->first, other_->second};
     }
     Arrow operator->() const { return {**this}; }
     Iterator& operator++() {
-      position_ = table_->nextPosition(position_ + 1);
+      if (slot_ < arkitBlendShapeCount) {
+        slot_ = table_->nextSlot(slot_ + 1);
+      } else {
+        ++other_;
+      }
       return *this;
     }
     Iterator operator++(int) {
@@ -84,12 +95,15 @@ class BlendshapeTable {
       ++*this;
       return copy;
     }
-    bool operator==(const Iterator& other) const { return position_ == other.position_; }
+    bool operator==(const Iterator& other) const {
+      return slot_ == other.slot_ && (slot_ < arkitBlendShapeCount || other_ == other.other_);
+    }
 
    private:
     friend class BlendshapeTable;
     Table* table_ = nullptr;
-    std::size_t position_ = 0;
+    std::size_t slot_ = arkitBlendShapeCount;
+    OthersIterator other_{};
   };
   using iterator = Iterator<false>;
   using const_iterator = Iterator<true>;
@@ -104,9 +118,8 @@ class BlendshapeTable {
   // --- by name ---------------------------------------------------------
   const T* get(std::string_view name) const {
     if (const auto shape = fromRawValue<ARKitBlendShape>(name)) return get(*shape);
-    for (const auto& other : others_)
-      if (other.first == name) return &other.second;
-    return nullptr;
+    const auto it = others_.find(name);
+    return it == others_.end() ? nullptr : &it->second;
   }
   T* get(std::string_view name) { return const_cast<T*>(std::as_const(*this).get(name)); }
   bool contains(std::string_view name) const { return get(name) != nullptr; }
@@ -126,21 +139,26 @@ class BlendshapeTable {
       }
       return slots_[i];
     }
-    for (auto& other : others_)
-      if (other.first == name) return other.second;
-    return others_.emplace_back(std::string(name), T{}).second;
+    if (const auto it = others_.find(name); it != others_.end()) return it->second;
+    return others_.emplace(std::string(name), T{}).first->second;
   }
   void insert_or_assign(std::string_view name, T value) { (*this)[name] = std::move(value); }
   // 1 when the name was there.
   std::size_t erase(std::string_view name) {
     if (const auto shape = fromRawValue<ARKitBlendShape>(name)) return erase(*shape);
-    const auto it = std::find_if(others_.begin(), others_.end(), [&](const auto& o) { return o.first == name; });
+    const auto it = others_.find(name);
     if (it == others_.end()) return 0;
-    others_.erase(it);  // keeps the others' insertion order
+    others_.erase(it);
     return 1;
   }
-  const_iterator find(std::string_view name) const { return {this, positionOf(name)}; }
-  iterator find(std::string_view name) { return {this, positionOf(name)}; }
+  const_iterator find(std::string_view name) const {
+    if (const auto shape = fromRawValue<ARKitBlendShape>(name)) return has(*shape) ? slotIterator(index(*shape)) : end();
+    return {this, arkitBlendShapeCount, others_.find(name)};
+  }
+  iterator find(std::string_view name) {
+    if (const auto shape = fromRawValue<ARKitBlendShape>(name)) return has(*shape) ? slotIterator(index(*shape)) : end();
+    return {this, arkitBlendShapeCount, others_.find(name)};
+  }
 
   // --- by vocabulary slot ----------------------------------------------
   bool has(ARKitBlendShape shape) const { return present_ & bit(index(shape)); }
@@ -174,9 +192,9 @@ class BlendshapeTable {
       f(static_cast<ARKitBlendShape>(i), slots_[i]);
     }
   }
-  // The names outside the vocabulary, in insertion order.
-  std::span<const std::pair<std::string, T>> others() const { return others_; }
-  std::span<std::pair<std::string, T>> others() { return others_; }
+  // The names outside the vocabulary.
+  const Others& others() const { return others_; }
+  Others& others() { return others_; }
 
   // --- whole table -----------------------------------------------------
   std::size_t size() const { return static_cast<std::size_t>(std::popcount(present_)) + others_.size(); }
@@ -185,52 +203,36 @@ class BlendshapeTable {
     present_ = 0;
     others_.clear();
   }
-  iterator begin() { return {this, nextPosition(0)}; }
-  iterator end() { return {this, endPosition()}; }
-  const_iterator begin() const { return {this, nextPosition(0)}; }
-  const_iterator end() const { return {this, endPosition()}; }
+  iterator begin() { return slotIterator(nextSlot(0)); }
+  iterator end() { return {this, arkitBlendShapeCount, others_.end()}; }
+  const_iterator begin() const { return slotIterator(nextSlot(0)); }
+  const_iterator end() const { return {this, arkitBlendShapeCount, others_.end()}; }
 
-  // Same names with equal values; the side table's order does not matter.
+  // Same names with equal values.
   bool operator==(const BlendshapeTable& other) const {
-    if (present_ != other.present_ || others_.size() != other.others_.size()) return false;
+    if (present_ != other.present_) return false;
     for (std::uint64_t bits = present_; bits; bits &= bits - 1) {
       const auto i = static_cast<std::size_t>(std::countr_zero(bits));
       if (!(slots_[i] == other.slots_[i])) return false;
     }
-    for (const auto& entry : others_) {
-      // Not a structured binding: clang before 16 cannot capture one.
-      const std::string& name = entry.first;
-      const auto it = std::find_if(other.others_.begin(), other.others_.end(),
-                                   [&](const auto& o) { return o.first == name; });
-      if (it == other.others_.end() || !(it->second == entry.second)) return false;
-    }
-    return true;
+    return others_ == other.others_;
   }
 
  private:
   static constexpr std::uint64_t bit(std::size_t i) { return std::uint64_t{1} << i; }
-  std::size_t endPosition() const { return arkitBlendShapeCount + others_.size(); }
-  // The first valid position at or after p.
-  std::size_t nextPosition(std::size_t p) const {
-    if (p < arkitBlendShapeCount) {
-      const std::uint64_t rest = present_ & ~(bit(p) - 1);
-      if (rest) return static_cast<std::size_t>(std::countr_zero(rest));
-      return arkitBlendShapeCount;
-    }
-    return std::min(p, endPosition());
+  // The first present slot at or after i; arkitBlendShapeCount when none.
+  std::size_t nextSlot(std::size_t i) const {
+    if (i >= arkitBlendShapeCount) return arkitBlendShapeCount;
+    const std::uint64_t rest = present_ & ~(bit(i) - 1);
+    return rest ? static_cast<std::size_t>(std::countr_zero(rest)) : arkitBlendShapeCount;
   }
-  std::size_t positionOf(std::string_view name) const {
-    if (const auto shape = fromRawValue<ARKitBlendShape>(name)) {
-      return has(*shape) ? index(*shape) : endPosition();
-    }
-    for (std::size_t k = 0; k < others_.size(); ++k)
-      if (others_[k].first == name) return arkitBlendShapeCount + k;
-    return endPosition();
-  }
+  // An iterator at slot i (present), or at the side table's start for 52.
+  iterator slotIterator(std::size_t i) { return {this, i, others_.begin()}; }
+  const_iterator slotIterator(std::size_t i) const { return {this, i, others_.begin()}; }
 
   std::array<T, arkitBlendShapeCount> slots_{};
   std::uint64_t present_ = 0;
-  std::vector<std::pair<std::string, T>> others_;
+  Others others_;
 };
 
 }  // namespace velmora
