@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "IntakeDatagrams.h"
 #include "osc/OSCParser.h"
 #include "tracking/LiveLinkNames.h"
 #include "tracking/TrackingDecoders.h"
@@ -17,8 +18,12 @@
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-const std::string kSender = "192.168.1.20:50000";
+using intake::Bytes;
+using intake::json;
+using intake::kSender;
+using intake::liveLink;
+using intake::oscBundle;
+using intake::oscMessage;
 
 // Keeps the last frame alive long enough that the decoder's work is not
 // optimised away, and nothing more.
@@ -30,28 +35,6 @@ class DiscardingSink final : public velmora::TrackingSink {
   void deliverUnknown(const std::string&) override {}
 };
 
-void putU32(Bytes& b, std::uint32_t v) {
-  for (int s = 24; s >= 0; s -= 8) b.push_back(std::uint8_t(v >> s));
-}
-void putString(Bytes& b, const std::string& s) {
-  b.insert(b.end(), s.begin(), s.end());
-  b.push_back(0);
-  while (b.size() % 4) b.push_back(0);
-}
-float value(std::size_t i) { return 0.013f * float(i % 70) + 0.01f; }
-
-Bytes liveLink() {
-  Bytes b{6};
-  putU32(b, 6);
-  for (char c : std::string("device")) b.push_back(std::uint8_t(c));
-  putU32(b, 6);
-  for (char c : std::string("iPhone")) b.push_back(std::uint8_t(c));
-  for (int i = 0; i < 4; ++i) putU32(b, 1);
-  b.push_back(61);
-  for (std::size_t i = 0; i < 61; ++i) putU32(b, std::bit_cast<std::uint32_t>(value(i)));
-  return b;
-}
-
 Bytes iFacialMocap() {
   std::string t;
   for (std::size_t i = 0; i < 52; ++i) {
@@ -59,35 +42,6 @@ Bytes iFacialMocap() {
     t += std::string(velmora::unrealARKitNames[i]) + "-" + std::to_string(i * 13 % 100);
   }
   t += "=-12.5,20.25,3.5,1.2,-0.4,31.0";
-  return Bytes(t.begin(), t.end());
-}
-
-Bytes oscMessage(const std::string& address, float v) {
-  Bytes m;
-  putString(m, address);
-  putString(m, ",f");
-  putU32(m, std::bit_cast<std::uint32_t>(v));
-  return m;
-}
-
-Bytes oscBundle() {
-  Bytes b{'#', 'b', 'u', 'n', 'd', 'l', 'e', 0, 0, 0, 0, 0, 0, 0, 0, 1};
-  for (std::size_t i = 0; i < 52; ++i) {
-    Bytes m;
-    putString(m, "/VMC/Ext/Blend/Val");
-    putString(m, ",sf");
-    putString(m, std::string(velmora::unrealARKitNames[i]));
-    putU32(m, std::bit_cast<std::uint32_t>(value(i)));
-    putU32(b, static_cast<std::uint32_t>(m.size()));
-    b.insert(b.end(), m.begin(), m.end());
-  }
-  return b;
-}
-
-Bytes json() {
-  nlohmann::json shapes = nlohmann::json::object();
-  for (std::size_t i = 0; i < 52; ++i) shapes[std::string(velmora::unrealARKitNames[i])] = value(i);
-  const std::string t = nlohmann::json{{"blendshapes", shapes}, {"rotation", {0.1, 0.2, 0.3}}, {"position", {0, 0, 0.3}}}.dump();
   return Bytes(t.begin(), t.end());
 }
 

@@ -43,6 +43,7 @@
 #include <string_view>
 #include <vector>
 
+#include "IntakeDatagrams.h"
 #include "osc/OSCParser.h"
 #include "stage/FaceFrame.h"
 #include "tracking/LiveLinkNames.h"
@@ -54,7 +55,7 @@ namespace {
 // [SECTION] The same bytes for everyone
 // ---------------------------------------------------------------------------
 
-using Bytes = std::vector<std::uint8_t>;
+using Bytes = intake::Bytes;
 using Map = velmora::BlendshapeMap;
 
 // name -> v by a view where the map takes one (no string built), else by a
@@ -73,61 +74,12 @@ template <class M>
 void reserveFor(M& map, std::size_t n) {
   if constexpr (requires { map.reserve(n); }) map.reserve(n);
 }
-const std::string kSender = "192.168.1.20:50000";
+using intake::kSender;
+using intake::liveLink;
+using intake::oscBundle;
 
-void putU32(Bytes& b, std::uint32_t v) {
-  for (int s = 24; s >= 0; s -= 8) b.push_back(std::uint8_t(v >> s));
-}
-void putString(Bytes& b, const std::string& s) {
-  b.insert(b.end(), s.begin(), s.end());
-  b.push_back(0);
-  while (b.size() % 4) b.push_back(0);
-}
-float value(std::size_t i) { return 0.013f * float(i % 70) + 0.01f; }
-
-// #bundle, time tag "immediately", 52 elements of /VMC/Ext/Blend/Val ,sf name value.
-Bytes oscBundle() {
-  Bytes b{'#', 'b', 'u', 'n', 'd', 'l', 'e', 0, 0, 0, 0, 0, 0, 0, 0, 1};
-  for (std::size_t i = 0; i < 52; ++i) {
-    Bytes m;
-    putString(m, "/VMC/Ext/Blend/Val");
-    putString(m, ",sf");
-    putString(m, std::string(velmora::unrealARKitNames[i]));
-    putU32(m, std::bit_cast<std::uint32_t>(value(i)));
-    putU32(b, static_cast<std::uint32_t>(m.size()));
-    b.insert(b.end(), m.begin(), m.end());
-  }
-  return b;
-}
-
-Bytes oscMessage() {
-  Bytes m;
-  putString(m, "/velmora/sensitivity");
-  putString(m, ",f");
-  putU32(m, std::bit_cast<std::uint32_t>(2.5f));
-  return m;
-}
-
-Bytes jsonText() {
-  nlohmann::json shapes = nlohmann::json::object();
-  for (std::size_t i = 0; i < 52; ++i) shapes[std::string(velmora::unrealARKitNames[i])] = value(i);
-  const std::string t =
-      nlohmann::json{{"blendshapes", shapes}, {"rotation", {0.1, 0.2, 0.3}}, {"position", {0, 0, 0.3}}}.dump();
-  return Bytes(t.begin(), t.end());
-}
-
-// A 45-byte header (subject and device names, frame time), then 61 floats.
-Bytes liveLink() {
-  Bytes b{6};
-  putU32(b, 6);
-  for (char c : std::string("device")) b.push_back(std::uint8_t(c));
-  putU32(b, 6);
-  for (char c : std::string("iPhone")) b.push_back(std::uint8_t(c));
-  for (int i = 0; i < 4; ++i) putU32(b, 1);
-  b.push_back(61);
-  for (std::size_t i = 0; i < 61; ++i) putU32(b, std::bit_cast<std::uint32_t>(value(i)));
-  return b;
-}
+Bytes oscMessage() { return intake::oscMessage("/velmora/sensitivity", 2.5f); }
+Bytes jsonText() { return intake::json(); }
 
 void countBytes(benchmark::State& state, const Bytes& bytes) {
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes.size()));
