@@ -42,7 +42,7 @@
 #include "osc/OSCWriter.h"
 #include "tracking/LiveLinkNames.h"
 #include "tracking/LiveLinkWriter.h"
-#include "tracking/PcapReader.h"
+#include "net/PcapReader.h"
 
 namespace {
 

@@ -29,7 +29,7 @@
 #include "scene/MaskSceneManager.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/TrackingReceiver.h"
-#include "tracking/TrackingRelay.h"
+#include "net/DatagramRelay.h"
 
 namespace velmora {
 
@@ -123,7 +123,7 @@ int Application::runInteractive(const CommandLine& commandLine) {
   QLabOSCServer cueServer(commands, mainQueue);
   const CueServerSwitch cueServerSwitch(state, cueServer);  // the isOSCEnabled switch starts and stops it
   // Bind addresses, allow-lists and relay targets, before either listener opens.
-  auto relay = std::make_shared<TrackingRelay>();
+  auto relay = std::make_shared<DatagramRelay>();
   tracking.configurePorts();
   NetworkSafety networkSafety(state, TrackingReceiver::shared(), cueServer, relay);
   tracking.start();

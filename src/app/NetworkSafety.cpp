@@ -2,10 +2,10 @@
 
 #include "base/Log.h"
 #include "control/QLabOSCServer.h"
-#include "tracking/DatagramEnvelope.h"
-#include "tracking/SenderAllowList.h"
+#include "net/DatagramEnvelope.h"
+#include "net/SenderAllowList.h"
 #include "tracking/TrackingReceiver.h"
-#include "tracking/TrackingRelay.h"
+#include "net/DatagramRelay.h"
 
 namespace velmora {
 
@@ -31,7 +31,7 @@ SenderAllowList parsedList(const std::vector<std::string>& entries, const std::s
 }  // namespace
 
 NetworkSafety::NetworkSafety(FaceTrackingState& state, TrackingReceiver& receiver, QLabOSCServer& cueServer,
-                             std::shared_ptr<TrackingRelay> relay)
+                             std::shared_ptr<DatagramRelay> relay)
     : state_(state), receiver_(receiver), cueServer_(cueServer), relay_(std::move(relay)) {
   applyTrackingAllowList();
   applyOscAllowList();

@@ -22,14 +22,14 @@ namespace velmora {
 
 class QLabOSCServer;
 class TrackingReceiver;
-class TrackingRelay;
+class DatagramRelay;
 
 class NetworkSafety {
  public:
   // Applies everything once (call before the listeners start) and observes
   // the state from then on. The relay becomes one of the receiver's taps.
   NetworkSafety(FaceTrackingState& state, TrackingReceiver& receiver, QLabOSCServer& cueServer,
-                std::shared_ptr<TrackingRelay> relay);
+                std::shared_ptr<DatagramRelay> relay);
   ~NetworkSafety();
   NetworkSafety(const NetworkSafety&) = delete;
   NetworkSafety& operator=(const NetworkSafety&) = delete;
@@ -54,7 +54,7 @@ class NetworkSafety {
   FaceTrackingState& state_;
   TrackingReceiver& receiver_;
   QLabOSCServer& cueServer_;
-  std::shared_ptr<TrackingRelay> relay_;
+  std::shared_ptr<DatagramRelay> relay_;
   int observer_ = 0;
 };
 

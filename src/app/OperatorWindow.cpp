@@ -19,7 +19,7 @@
 #include "tracking/FaceTrackingState.h"
 #include "app/SessionRecording.h"
 #include "tracking/TrackingReceiver.h"
-#include "tracking/TrackingRelay.h"
+#include "net/DatagramRelay.h"
 
 namespace velmora {
 
@@ -58,7 +58,7 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
     context_->isRecording = [recording] { return recording->isRecording(); };
     context_->recordingStatus = [recording] { return recording->statusText(); };
   }
-  if (TrackingRelay* relay = services_.relay) {
+  if (DatagramRelay* relay = services_.relay) {
     context_->relayStatus = [relay] {
       std::vector<std::string> lines;
       for (const auto& target : relay->status()) lines.push_back(target.target + ": " + target.text);

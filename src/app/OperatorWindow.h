@@ -22,7 +22,7 @@ class ProjectorWindowController;
 class QLabOSCServer;
 class TrackingReceiver;
 class SessionRecording;
-class TrackingRelay;
+class DatagramRelay;
 class MainWindow;
 class Dashboard;
 class PreviewFrames;
@@ -40,7 +40,7 @@ class OperatorWindow {
     TrackingReceiver& receiver;
     // Optional: the record button and the relay's status need them.
     SessionRecording* recording = nullptr;
-    TrackingRelay* relay = nullptr;
+    DatagramRelay* relay = nullptr;
   };
 
   static CreateResult<OperatorWindow> create(const Services& services);

@@ -9,7 +9,7 @@
 #include "app/NetworkSafety.h"
 #include "app/SessionRecording.h"
 #include "tracking/FaceTrackingState.h"
-#include "tracking/SenderAllowList.h"
+#include "net/SenderAllowList.h"
 
 namespace velmora {
 

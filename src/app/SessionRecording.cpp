@@ -3,7 +3,7 @@
 #include <ctime>
 
 #include "base/Log.h"
-#include "tracking/SessionRecorder.h"
+#include "net/SessionRecorder.h"
 #include "tracking/TrackingReceiver.h"
 
 namespace velmora {

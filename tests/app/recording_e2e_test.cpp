@@ -17,8 +17,8 @@
 #include "support/ChildProcess.h"
 #include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
-#include "tracking/PcapReader.h"
-#include "tracking/SessionRecorder.h"
+#include "net/PcapReader.h"
+#include "net/SessionRecorder.h"
 #include "tracking/TrackingReceiver.h"
 
 namespace velmora {

@@ -8,8 +8,8 @@
 
 #include "support/PcapBytes.h"
 #include "support/TempDir.h"
-#include "tracking/PcapReader.h"
-#include "tracking/PcapWriter.h"
+#include "net/PcapReader.h"
+#include "net/PcapWriter.h"
 
 namespace velmora {
 namespace {

@@ -1,4 +1,4 @@
-#include "tracking/PcapWriter.h"
+#include "net/PcapWriter.h"
 
 #include <pcap/pcap.h>
 #include <stdio_ext.h>

@@ -1,7 +1,7 @@
-#include "tracking/SenderFilter.h"
+#include "net/SenderFilter.h"
 
 #include "base/Log.h"
-#include "tracking/DatagramEnvelope.h"
+#include "net/DatagramEnvelope.h"
 
 namespace velmora {
 

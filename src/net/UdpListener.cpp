@@ -1,4 +1,4 @@
-#include "tracking/UdpListener.h"
+#include "net/UdpListener.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

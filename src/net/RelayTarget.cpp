@@ -1,4 +1,4 @@
-#include "tracking/RelayTarget.h"
+#include "net/RelayTarget.h"
 
 #include <algorithm>
 #include <charconv>

@@ -15,7 +15,7 @@
 #include <string>
 #include <unordered_set>
 
-#include "tracking/SenderAllowList.h"
+#include "net/SenderAllowList.h"
 
 namespace velmora {
 

@@ -12,7 +12,7 @@
 
 #include "base/SerialQueue.h"
 #include "support/UdpSocket.h"
-#include "tracking/UdpListener.h"
+#include "net/UdpListener.h"
 
 namespace velmora {
 namespace {

@@ -22,8 +22,8 @@
 
 #include "base/CreateResult.h"
 #include "base/SerialQueue.h"
-#include "tracking/DatagramTap.h"
-#include "tracking/RecordedDatagram.h"
+#include "net/DatagramTap.h"
+#include "net/RecordedDatagram.h"
 
 namespace velmora {
 

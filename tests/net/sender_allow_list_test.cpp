@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "support/LogCapture.h"
-#include "tracking/SenderAllowList.h"
-#include "tracking/SenderFilter.h"
+#include "net/SenderAllowList.h"
+#include "net/SenderFilter.h"
 
 namespace velmora {
 namespace {

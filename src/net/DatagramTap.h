@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <span>
 
-#include "tracking/DatagramEnvelope.h"
+#include "net/DatagramEnvelope.h"
 
 namespace velmora {
 

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "tracking/RecordedDatagram.h"
+#include "net/RecordedDatagram.h"
 
 struct pcap;
 

@@ -1,4 +1,4 @@
-#include "tracking/LocalAddress.h"
+#include "net/LocalAddress.h"
 
 #include <ifaddrs.h>
 #include <net/if.h>

@@ -1,4 +1,4 @@
-#include "tracking/PcapReader.h"
+#include "net/PcapReader.h"
 
 #include <pcap/pcap.h>
 

@@ -24,11 +24,11 @@
 #include <vector>
 
 #include "base/SerialQueue.h"
-#include "tracking/DatagramTap.h"
+#include "net/DatagramTap.h"
 
 namespace velmora {
 
-class TrackingRelay final : public DatagramTap {
+class DatagramRelay final : public DatagramTap {
  public:
   // Datagrams that may wait for the relay's queue; more are dropped and counted.
   static constexpr std::size_t maxWaiting = 1024;
@@ -46,10 +46,10 @@ class TrackingRelay final : public DatagramTap {
   };
 
   // Tests shorten the retry interval.
-  explicit TrackingRelay(double retryInterval = defaultRetryInterval);
-  ~TrackingRelay() override;
-  TrackingRelay(const TrackingRelay&) = delete;
-  TrackingRelay& operator=(const TrackingRelay&) = delete;
+  explicit DatagramRelay(double retryInterval = defaultRetryInterval);
+  ~DatagramRelay() override;
+  DatagramRelay(const DatagramRelay&) = delete;
+  DatagramRelay& operator=(const DatagramRelay&) = delete;
 
   // Any thread. Replaces the targets. `ownPorts` are the ports this process
   // listens on (tracking and cues): a target on this machine at one of them

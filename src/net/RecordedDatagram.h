@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "tracking/DatagramEnvelope.h"
+#include "net/DatagramEnvelope.h"
 
 namespace velmora {
 

@@ -1,4 +1,4 @@
-#include "tracking/TrackingRelay.h"
+#include "net/DatagramRelay.h"
 
 #include <netdb.h>
 #include <netinet/in.h>
@@ -11,18 +11,19 @@
 
 #include "base/Clock.h"
 #include "base/Log.h"
-#include "tracking/LocalAddress.h"
-#include "tracking/RelayTarget.h"
+#include "net/LocalAddress.h"
+#include "net/RelayTarget.h"
 
 namespace velmora {
 
 namespace {
 
+// The component name in its log lines, which operators and their log filters know.
 constexpr std::string_view kComponent = "TrackingRelay";
 
 }  // namespace
 
-struct TrackingRelay::Target {
+struct DatagramRelay::Target {
   std::string text;                   // as the operator wrote it
   std::optional<RelayTarget> parsed;  // none when malformed
   std::vector<std::uint16_t> ownPorts;
@@ -35,15 +36,15 @@ struct TrackingRelay::Target {
   TargetStatus status;  // published copy, under the relay's mutex
 };
 
-TrackingRelay::TrackingRelay(double retryInterval) : retryInterval_(retryInterval) {}
+DatagramRelay::DatagramRelay(double retryInterval) : retryInterval_(retryInterval) {}
 
-std::string TrackingRelay::retryNote() const {
+std::string DatagramRelay::retryNote() const {
   char seconds[32];
   std::snprintf(seconds, sizeof seconds, "%g", retryInterval_);
   return std::string(" (retrying every ") + seconds + " s)";
 }
 
-TrackingRelay::~TrackingRelay() {
+DatagramRelay::~DatagramRelay() {
   queue_.sync([this] {
     std::lock_guard lock(mutex_);
     targets_.clear();  // closes the sockets while their context still runs
@@ -51,7 +52,7 @@ TrackingRelay::~TrackingRelay() {
   queue_.stop();
 }
 
-void TrackingRelay::setTargets(const std::vector<std::string>& targets, std::vector<std::uint16_t> ownPorts) {
+void DatagramRelay::setTargets(const std::vector<std::string>& targets, std::vector<std::uint16_t> ownPorts) {
   {
     // From now on datagrams are kept for the new list: they wait in the queue
     // behind the task that resolves it, so none that arrives meanwhile is lost.
@@ -82,7 +83,7 @@ void TrackingRelay::setTargets(const std::vector<std::string>& targets, std::vec
   });
 }
 
-void TrackingRelay::connect(Target& target, double now) {
+void DatagramRelay::connect(Target& target, double now) {
   target.socket.reset();
   addrinfo hints{};
   hints.ai_family = AF_INET;
@@ -126,7 +127,7 @@ void TrackingRelay::connect(Target& target, double now) {
   }
 }
 
-void TrackingRelay::markFailed(Target& target, const std::string& reason, double now) {
+void DatagramRelay::markFailed(Target& target, const std::string& reason, double now) {
   if (target.error.empty()) {
     logLine(kComponent, "Relay target " + target.text + ": " + reason + retryNote());
   }
@@ -138,7 +139,7 @@ void TrackingRelay::markFailed(Target& target, const std::string& reason, double
   target.status.ok = false;
 }
 
-void TrackingRelay::datagramArrived(std::span<const std::uint8_t> payload, const DatagramEnvelope& /*envelope*/) {
+void DatagramRelay::datagramArrived(std::span<const std::uint8_t> payload, const DatagramEnvelope& /*envelope*/) {
   std::lock_guard lock(mutex_);
   if (!relaying_) return;
   if (waiting_.size() >= maxWaiting) {
@@ -152,7 +153,7 @@ void TrackingRelay::datagramArrived(std::span<const std::uint8_t> payload, const
   }
 }
 
-void TrackingRelay::drain() {
+void DatagramRelay::drain() {
   std::deque<std::vector<std::uint8_t>> batch;
   {
     std::lock_guard lock(mutex_);
@@ -173,7 +174,7 @@ void TrackingRelay::drain() {
   }
 }
 
-void TrackingRelay::sendTo(Target& target, const std::vector<std::uint8_t>& payload, double now) {
+void DatagramRelay::sendTo(Target& target, const std::vector<std::uint8_t>& payload, double now) {
   if (target.refused) return;
   if (!target.error.empty() && now < target.retryAt) return;  // failing: wait for the next attempt
   if (!target.socket) {
@@ -199,18 +200,18 @@ void TrackingRelay::sendTo(Target& target, const std::vector<std::uint8_t>& payl
   }
 }
 
-std::vector<TrackingRelay::TargetStatus> TrackingRelay::status() const {
+std::vector<DatagramRelay::TargetStatus> DatagramRelay::status() const {
   std::lock_guard lock(mutex_);
   std::vector<TargetStatus> out;
   for (const auto& target : targets_) out.push_back(target->status);
   return out;
 }
 
-std::uint64_t TrackingRelay::droppedCount() const {
+std::uint64_t DatagramRelay::droppedCount() const {
   std::lock_guard lock(mutex_);
   return dropped_;
 }
 
-void TrackingRelay::waitForQueue() { queue_.sync([] {}); }
+void DatagramRelay::waitForQueue() { queue_.sync([] {}); }
 
 }  // namespace velmora

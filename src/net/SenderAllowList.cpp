@@ -1,4 +1,4 @@
-#include "tracking/SenderAllowList.h"
+#include "net/SenderAllowList.h"
 
 #include <charconv>
 

@@ -8,7 +8,7 @@
 #include <deque>
 #include <string>
 
-#include "tracking/LocalAddress.h"
+#include "net/LocalAddress.h"
 
 namespace velmora {
 namespace {

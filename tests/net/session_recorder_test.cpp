@@ -12,8 +12,8 @@
 
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
-#include "tracking/PcapReader.h"
-#include "tracking/SessionRecorder.h"
+#include "net/PcapReader.h"
+#include "net/SessionRecorder.h"
 
 namespace velmora {
 namespace {

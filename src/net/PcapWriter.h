@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "base/CreateResult.h"
-#include "tracking/DatagramEnvelope.h"
+#include "net/DatagramEnvelope.h"
 
 struct pcap;
 struct pcap_dumper;

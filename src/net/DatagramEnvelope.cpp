@@ -1,4 +1,4 @@
-#include "tracking/DatagramEnvelope.h"
+#include "net/DatagramEnvelope.h"
 
 namespace velmora {
 

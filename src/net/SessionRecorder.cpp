@@ -1,10 +1,10 @@
-#include "tracking/SessionRecorder.h"
+#include "net/SessionRecorder.h"
 
 #include <asio/steady_timer.hpp>
 #include <chrono>
 
 #include "base/Log.h"
-#include "tracking/PcapWriter.h"
+#include "net/PcapWriter.h"
 
 namespace velmora {
 

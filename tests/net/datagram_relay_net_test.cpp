@@ -9,8 +9,8 @@
 
 #include "support/LogCapture.h"
 #include "support/UdpSocket.h"
-#include "tracking/LocalAddress.h"
-#include "tracking/TrackingRelay.h"
+#include "net/LocalAddress.h"
+#include "net/DatagramRelay.h"
 
 namespace velmora {
 namespace {
@@ -19,13 +19,13 @@ using test::freeUdpPort;
 using test::UdpSocket;
 
 
-void arrive(TrackingRelay& relay, const std::vector<std::uint8_t>& payload) {
+void arrive(DatagramRelay& relay, const std::vector<std::uint8_t>& payload) {
   relay.datagramArrived(payload, DatagramEnvelope{});
 }
 
-TEST(TrackingRelayNetTest, DeliversEveryDatagramUnchanged) {
+TEST(DatagramRelayNetTest, DeliversEveryDatagramUnchanged) {
   UdpSocket first, second;
-  TrackingRelay relay;
+  DatagramRelay relay;
   relay.setTargets({"127.0.0.1:" + std::to_string(first.port()), "localhost:" + std::to_string(second.port())},
                    {freeUdpPort()});
   // Datagrams arriving at once, while the relay's queue may still be
@@ -52,11 +52,11 @@ TEST(TrackingRelayNetTest, DeliversEveryDatagramUnchanged) {
   EXPECT_EQ(relay.droppedCount(), 0u);
 }
 
-TEST(TrackingRelayNetTest, RefusesLoopsAndMalformedTargets) {
+TEST(DatagramRelayNetTest, RefusesLoopsAndMalformedTargets) {
   test::LogCapture log;
   const std::uint16_t tracking = freeUdpPort(), cues = freeUdpPort();
   const std::string lan = detectLocalIP();
-  TrackingRelay relay;
+  DatagramRelay relay;
   std::vector<std::string> targets = {"127.0.0.1:" + std::to_string(tracking), "localhost:" + std::to_string(cues),
                                       "0.0.0.0:" + std::to_string(tracking), "127.0.0.2:" + std::to_string(tracking),
                                       lan + ":" + std::to_string(cues),
@@ -85,11 +85,11 @@ TEST(TrackingRelayNetTest, RefusesLoopsAndMalformedTargets) {
   EXPECT_FALSE(own.receive(0.2));
 }
 
-TEST(TrackingRelayNetTest, AFailingTargetShowsItsErrorAndIsRetried) {
+TEST(DatagramRelayNetTest, AFailingTargetShowsItsErrorAndIsRetried) {
   test::LogCapture log;
   const std::uint16_t port = freeUdpPort();  // nobody listens here yet
   const std::string target = "127.0.0.1:" + std::to_string(port);
-  TrackingRelay relay(0.3);
+  DatagramRelay relay(0.3);
   relay.setTargets({target}, {freeUdpPort()});
   // The phone keeps streaming at 100 datagrams/s.
   auto stream = [&](double seconds) {
