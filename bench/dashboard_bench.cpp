@@ -15,11 +15,11 @@
 #include <memory>
 
 #include "animation/CharacterAnimationController.h"
-#include "app/Dashboard.h"
-#include "app/DashboardContext.h"
-#include "app/PreviewFrames.h"
-#include "app/UiFonts.h"
-#include "app/WireframeTracker.h"
+#include "ui/Dashboard.h"
+#include "ui/DashboardContext.h"
+#include "ui/PreviewFrames.h"
+#include "ui/UiFonts.h"
+#include "ui/WireframeTracker.h"
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
 #include "render/EglContext.h"

@@ -11,8 +11,8 @@
 #include <filesystem>
 #include <string>
 
-#include "app/CharacterExport.h"
-#include "app/GltfExporter.h"
+#include "export/CharacterExport.h"
+#include "export/GltfExporter.h"
 #include "base/Log.h"
 #include "characters/CharacterBuild.h"
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "app/TrackingIntake.h"
+#include "tracking/TrackingLossEase.h"
 #include "base/Log.h"
 #include "base/SettingsStore.h"
 #include "support/TempDir.h"
@@ -87,8 +88,8 @@ TEST(TrackingIntakeTest, TrackingLostLineWhileThePhoneIsGone) {
   setLogSink([&](const std::string& l) {
     if (l.rfind("[Velmora] Tracking lost", 0) == 0) lines.push_back(l);
   });
-  EXPECT_EQ(TrackingIntake::trackingLostText(1.04), "Tracking lost (no data for 1.0 s)");
-  EXPECT_EQ(TrackingIntake::trackingLostText(12.35), "Tracking lost (no data for 12.3 s)");
+  EXPECT_EQ(TrackingLossEase::lostText(1.04), "Tracking lost (no data for 1.0 s)");
+  EXPECT_EQ(TrackingLossEase::lostText(12.35), "Tracking lost (no data for 12.3 s)");
 
   state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}}, std::nullopt, std::nullopt, "127.0.0.1:50000");
   clock = 100.4;
