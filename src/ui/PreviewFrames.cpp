@@ -1,40 +1,12 @@
 #include "ui/PreviewFrames.h"
 
+#include "scene/FrameDownscale.h"
+
 namespace velmora {
 
 std::shared_ptr<RenderedFrame> PreviewFrames::shrink(const RenderedFrame& frame, int factor) {
-  auto out = std::make_shared<RenderedFrame>();
   if (factor < 1) factor = 1;
-  out->width = frame.width / factor;
-  out->height = frame.height / factor;
-  out->time = frame.time;
-  out->sequence = frame.sequence;
-  out->pixels.assign(static_cast<std::size_t>(out->width) * out->height * 4, 0);
-  if (frame.pixels.size() < static_cast<std::size_t>(frame.width) * frame.height * 4) return out;
-  const int n = factor * factor;
-  for (int y = 0; y < out->height; ++y) {
-    for (int x = 0; x < out->width; ++x) {
-      // Colour weighted by alpha: a transparent pixel's (0,0,0) must not
-      // darken the edge it sits beside.
-      std::uint32_t b = 0, g = 0, r = 0, a = 0;
-      for (int dy = 0; dy < factor; ++dy) {
-        const std::uint8_t* p = frame.pixel(x * factor, y * factor + dy);
-        for (int dx = 0; dx < factor; ++dx, p += 4) {
-          b += p[0] * p[3];
-          g += p[1] * p[3];
-          r += p[2] * p[3];
-          a += p[3];
-        }
-      }
-      std::uint8_t* q = out->pixels.data() + (static_cast<std::size_t>(y) * out->width + x) * 4;
-      if (a == 0) continue;
-      q[0] = static_cast<std::uint8_t>(b / a);
-      q[1] = static_cast<std::uint8_t>(g / a);
-      q[2] = static_cast<std::uint8_t>(r / a);
-      q[3] = static_cast<std::uint8_t>((a + n / 2) / n);
-    }
-  }
-  return out;
+  return std::make_shared<RenderedFrame>(FrameDownscale::shrink(frame, frame.width / factor, frame.height / factor));
 }
 
 void PreviewFrames::consume(const RenderedFrame& frame) {

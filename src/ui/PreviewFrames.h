@@ -1,7 +1,8 @@
 #pragma once
 // The dashboard preview's supply of frames: a frame consumer of the scene
-// that shrinks every finished output frame on the render thread (an
-// integer box filter, alpha-weighted so edges keep their colour) and keeps
+// that shrinks every finished output frame on the render thread (by an
+// integer factor through FrameDownscale: linear light, alpha-weighted so
+// edges keep their colour) and keeps
 // the newest one for the main thread. The main thread never waits: it
 // takes the newest frame when there is one it has not seen.
 //

@@ -3,16 +3,17 @@
 #include <imgui.h>
 
 #include <algorithm>
+#include <cstdint>
 
+#include "render/FrameTexture.h"
+#include "tracking/FaceTrackingState.h"
 #include "ui/DashboardContext.h"
 #include "ui/PreviewFrames.h"
-#include "ui/PreviewTexture.h"
-#include "tracking/FaceTrackingState.h"
 
 namespace velmora {
 
 PreviewPanel::PreviewPanel(DashboardContext& context, const PreviewFrames& frames, bool withGl)
-    : context_(context), frames_(frames), texture_(withGl ? std::make_unique<PreviewTexture>() : nullptr) {}
+    : context_(context), frames_(frames), texture_(withGl ? std::make_unique<FrameTexture>() : nullptr) {}
 
 PreviewPanel::~PreviewPanel() = default;
 
@@ -37,7 +38,8 @@ void PreviewPanel::draw() {
     }
   }
   if (texture_ && texture_->width() > 0) {
-    draw->AddImage(texture_->imguiTexture(), origin, end);
+    // ImGui's texture id for the OpenGL backend is the texture name.
+    draw->AddImage(reinterpret_cast<ImTextureID>(static_cast<std::uintptr_t>(texture_->name())), origin, end);
   } else {
     const FaceTrackingState& state = context_.state;
     const char* why = (!state.isSyphonActive() && !state.isNDIActive())

@@ -11,7 +11,7 @@ namespace velmora {
 
 struct DashboardContext;
 class PreviewFrames;
-class PreviewTexture;
+class FrameTexture;
 
 class PreviewPanel {
  public:
@@ -27,7 +27,7 @@ class PreviewPanel {
  private:
   DashboardContext& context_;
   const PreviewFrames& frames_;
-  std::unique_ptr<PreviewTexture> texture_;
+  std::unique_ptr<FrameTexture> texture_;
   std::uint64_t seen_ = 0;
 };
 

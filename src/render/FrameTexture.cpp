@@ -1,14 +1,14 @@
-#include "ui/PreviewTexture.h"
+#include "render/FrameTexture.h"
 
 #include <epoxy/gl.h>
 
 namespace velmora {
 
-PreviewTexture::~PreviewTexture() {
+FrameTexture::~FrameTexture() {
   if (texture_) glDeleteTextures(1, &texture_);
 }
 
-void PreviewTexture::upload(const RenderedFrame& frame) {
+void FrameTexture::upload(const RenderedFrame& frame) {
   if (frame.width <= 0 || frame.height <= 0) return;
   if (!texture_) {
     glGenTextures(1, &texture_);
@@ -31,10 +31,6 @@ void PreviewTexture::upload(const RenderedFrame& frame) {
                     frame.pixels.data());
   }
   glBindTexture(GL_TEXTURE_2D, 0);
-}
-
-void* PreviewTexture::imguiTexture() const {
-  return reinterpret_cast<void*>(static_cast<std::uintptr_t>(texture_));
 }
 
 }  // namespace velmora
