@@ -39,7 +39,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using test::Bytes;
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
+const std::string kVelmora = test::builtProgram("velmora");
 
 constexpr double kFloodSeconds = 10.0;
 constexpr auto kCueInterval = std::chrono::milliseconds(100);

@@ -8,7 +8,7 @@
 #include "tracking/TrackingLossEase.h"
 #include "base/Log.h"
 #include "base/SettingsStore.h"
-#include "support/TempDir.h"
+#include "support/StateFixture.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/TrackingReceiver.h"
 
@@ -32,9 +32,8 @@ TEST(TrackingIntakeTest, ParsePorts) {
 }
 
 TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
-  test::TempDir dir;
-  SettingsStore store(dir.path());
-  FaceTrackingState state(store);
+  test::StateFixture f;
+  FaceTrackingState& state = f.state;
   TrackingReceiver receiver(std::make_shared<NullSink>());
   TrackingIntake intake(receiver, state);
   std::vector<std::string> lines;
@@ -78,10 +77,9 @@ TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
 }
 
 TEST(TrackingIntakeTest, TrackingLostLineWhileThePhoneIsGone) {
-  test::TempDir dir;
-  SettingsStore store(dir.path());
-  double clock = 100.0;
-  FaceTrackingState state(store, [&] { return clock; });
+  test::StateFixture f(true);
+  double& clock = f.now;
+  FaceTrackingState& state = f.state;
   TrackingReceiver receiver(std::make_shared<NullSink>());
   TrackingIntake intake(receiver, state);
   std::vector<std::string> lines;

@@ -26,18 +26,14 @@
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
 #include "control/OSCCommandCatalog.h"
-#include "support/TempDir.h"
+#include "support/StateFixture.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
 namespace {
 
-struct Fixture {
-  test::TempDir dir;
-  SettingsStore store{dir.path()};
-  FaceTrackingState state{store};
+struct Fixture : test::StateFixture {
   CharacterAnimationController animation;
-  double now = 100.0;
   DashboardContext context{state, animation, [this] { return now; }};
 };
 

@@ -10,16 +10,13 @@
 #include "ui/DashboardContext.h"
 #include "ui/MenuCommands.h"
 #include "base/SettingsStore.h"
-#include "support/TempDir.h"
+#include "support/StateFixture.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
 namespace {
 
-struct Fixture {
-  test::TempDir dir;
-  SettingsStore store{dir.path()};
-  FaceTrackingState state{store};
+struct Fixture : test::StateFixture {
   CharacterAnimationController animation;
   DashboardContext context{state, animation, [] { return 10.0; }};
 };
