@@ -28,6 +28,8 @@ struct DashboardContext {
   std::function<void()> toggleProjector;
   // The monitor the open projector covers ("" when closed or unknown).
   std::function<std::string()> projectorMonitor;
+  // True when the projector goes over the dashboard's own (only) monitor.
+  std::function<bool()> projectorCoversDashboard;
   // (Re)starts the OSC cue server with the state's current port and switch.
   std::function<void()> restartCueServer;
   // The UDP ports the tracking receiver listens on.

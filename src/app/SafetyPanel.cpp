@@ -8,6 +8,7 @@
 #include "app/DashboardContext.h"
 #include "app/NetworkSafety.h"
 #include "app/SessionRecording.h"
+#include "app/StatusText.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/SenderAllowList.h"
 
@@ -93,7 +94,7 @@ void SafetyPanel::drawRecording() {
   }
   const std::string status = context_.recordingStatus ? context_.recordingStatus() : "";
   if (status.rfind("Recording stopped", 0) == 0 || status.rfind("Not recording:", 0) == 0) {
-    ImGui::TextColored(kWarning, "%s", status.c_str());
+    StatusText::coloured(kWarning, status);
   } else {
     ImGui::TextWrapped("%s", status.c_str());
   }
@@ -124,9 +125,9 @@ void SafetyPanel::drawRelay() {
       const bool bad = line.find(": error:") != std::string::npos || line.find(": refused:") != std::string::npos ||
                        line.find(": malformed:") != std::string::npos;
       if (bad) {
-        ImGui::TextColored(kWarning, "%s", line.c_str());
+        StatusText::coloured(kWarning, line);
       } else {
-        ImGui::TextUnformatted(line.c_str());
+        ImGui::TextWrapped("%s", line.c_str());
       }
     }
   }

@@ -19,6 +19,7 @@
 #include "app/LightingPanel.h"
 #include "app/OSCCommandsText.h"
 #include "app/OSCCommandsWindow.h"
+#include "app/OutputsPanel.h"
 #include "app/OscPortField.h"
 #include "app/PreviewFrames.h"
 #include "app/RemoteControlPanel.h"
@@ -279,6 +280,35 @@ TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrame) {
     EXPECT_FALSE(ImGui::FindWindowByName(OSCCommandsWindow::title)->Active);
   }
   ImGui::DestroyContext();
+}
+
+// A long error in a narrow column wraps inside it: nothing is drawn past
+// the column's right edge, and the text takes more than one line.
+TEST(DashboardTest, StatusTextsWrapInsteadOfBeingCutOff) {
+  Fixture f;
+  f.state.setSyphonStatus("Syphon: PipeWire video source could not be created (is PipeWire running?)");
+  f.state.setNdiStatus("NDI: NDI runtime refused to initialize (unsupported CPU?) (next try in 2 s)");
+  ImGui::CreateContext();
+  ImGuiIO& io = ImGui::GetIO();
+  io.IniFilename = nullptr;
+  io.DisplaySize = ImVec2(1366, 768);
+  unsigned char* pixels = nullptr;
+  int w = 0, h = 0;
+  io.Fonts->GetTexDataAsRGBA32(&pixels, &w, &h);
+  OutputsPanel panel(f.context);
+  ImGui::NewFrame();
+  ImGui::SetNextWindowSize(ImVec2(260, 400));
+  ImGui::Begin("Outputs");
+  const float lineHeight = ImGui::GetTextLineHeightWithSpacing();
+  panel.draw();
+  const ImGuiWindow* window = ImGui::GetCurrentWindow();
+  const float rightmost = window->DC.CursorMaxPos.x, right = window->WorkRect.Max.x;
+  const float height = window->DC.CursorMaxPos.y - window->DC.CursorStartPos.y;
+  ImGui::End();
+  ImGui::Render();
+  ImGui::DestroyContext();
+  EXPECT_LE(rightmost, right + 1.0f);
+  EXPECT_GT(height, 8 * lineHeight) << "two checkboxes, two wrapped statuses, the projector lines";
 }
 
 TEST(DashboardTest, SafetyListsAreEditedOneEntryPerLineAndKept) {
