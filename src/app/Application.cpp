@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <cstdio>
 #include <thread>
 
 #include "animation/CharacterAnimationController.h"
@@ -71,6 +72,15 @@ int Application::main(const std::vector<std::string>& args) {
   MainQueue::shared().bindToCurrentThread();
   const CommandLine cl = CommandLine::parse(args);
   switch (cl.mode) {
+    case CommandLine::Mode::help:
+      std::fputs(CommandLine::helpText().c_str(), stdout);
+      return 0;
+    case CommandLine::Mode::version:
+      std::puts(CommandLine::versionText().c_str());
+      return 0;
+    case CommandLine::Mode::usageError:
+      std::fprintf(stderr, "%s\n", CommandLine::usageErrorText(cl.unknownOption).c_str());
+      return 2;
     case CommandLine::Mode::runTests:
       SelfTestRunner().run();  // the outcome is in its printed lines
       return 0;

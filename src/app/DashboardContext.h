@@ -34,6 +34,8 @@ struct DashboardContext {
   std::function<void()> restartCueServer;
   // The UDP ports the tracking receiver listens on.
   std::function<std::vector<std::uint16_t>()> trackingPorts;
+  // Ends the run as closing the main window does; none: nothing to close.
+  std::function<void()> quit;
   // Puts text on the clipboard.
   std::function<void(const std::string&)> setClipboard;
 

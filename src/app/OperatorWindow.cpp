@@ -46,6 +46,7 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
   };
   context_->projectorMonitor = [&projector] { return projector.monitorName(); };
   context_->projectorCoversDashboard = [] { return ProjectorWindowController::coversOperatorMonitor(); };
+  context_->quit = [&mainWindow] { mainWindow.requestClose(); };
   QLabOSCServer& cueServer = services_.cueServer;
   context_->restartCueServer = [&cueServer] { cueServer.startListening(); };
   TrackingReceiver& receiver = services_.receiver;
