@@ -150,9 +150,15 @@ int Application::runInteractive(const CommandLine& commandLine) {
     const auto latency = scene.outputLatency().summary(uptime());
     return std::make_pair(latency.tickWaitP50, latency.renderP50);
   });
-  const int statusObserver = state.observe([&state](FaceTrackingState::Property property) {
+  std::string loggedNdiStatus;
+  const int statusObserver = state.observe([&state, &loggedNdiStatus](FaceTrackingState::Property property) {
     if (property == FaceTrackingState::Property::syphonStatus) logLine("Velmora", state.syphonStatus());
-    if (property == FaceTrackingState::Property::ndiStatus) logLine("Velmora", state.ndiStatus());
+    // Not at each tick of a retry's countdown: once per failure, with the time of its first retry.
+    if (property == FaceTrackingState::Property::ndiStatus &&
+        MaskSceneManager::withoutRetryNote(state.ndiStatus()) != loggedNdiStatus) {
+      loggedNdiStatus = MaskSceneManager::withoutRetryNote(state.ndiStatus());
+      logLine("Velmora", state.ndiStatus());
+    }
   });
 
   // The main window with the dashboard when there is a display; headless otherwise.

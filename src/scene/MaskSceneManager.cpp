@@ -373,7 +373,7 @@ std::string MaskSceneManager::ndiStatusText(bool active, const VideoOutput* outp
     std::string text = "NDI: " + error.value_or("unavailable");
     // Whole seconds, rounded up: the text changes at most once a second.
     if (const auto wait = output ? output->retryIn() : std::nullopt)
-      text += " (next try in " + std::to_string(static_cast<int>(std::ceil(*wait))) + " s)";
+      text += retryNote + std::to_string(static_cast<int>(std::ceil(*wait))) + " s)";
     return text;
   }
   const int n = output->clientCount();

@@ -141,6 +141,7 @@ TEST_F(NDIOutputSyncTest, FailuresShowInTheStatusUntilTheOutputComesUp) {
     EXPECT_EQ(runtime.framesSent(), 0);
     now += 0.6;
     EXPECT_EQ(syncedStatus(), c.status + " (next try in 1 s)");
+    EXPECT_EQ(MaskSceneManager::withoutRetryNote(state.ndiStatus()), c.status) << "what the log compares";
 
     c.variable.set(c.cureValue);
     now += NDIPublisher::retryInterval;  // past the next try
