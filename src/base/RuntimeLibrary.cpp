@@ -66,7 +66,7 @@ std::unique_ptr<RuntimeLibrary> RuntimeLibrary::loadFirst(std::string_view compo
       continue;
     }
     if (accept && !accept(*opened.value)) {
-      logOnce(component, place, "not usable (" + opened.value->path() + ")");
+      logOnce(component, place, bySystemLoader ? "not usable (" + opened.value->path() + ")" : "not usable");
       continue;
     }
     logOnce(component, place, bySystemLoader ? "loaded (" + opened.value->path() + ")" : "loaded");
