@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <cstdio>
 #include <thread>
 
 #include "animation/CharacterAnimationController.h"
@@ -69,6 +70,15 @@ int Application::main(const std::vector<std::string>& args) {
   MainQueue::shared().bindToCurrentThread();
   const CommandLine cl = CommandLine::parse(args);
   switch (cl.mode) {
+    case CommandLine::Mode::help:
+      std::fputs(CommandLine::helpText().c_str(), stdout);
+      return 0;
+    case CommandLine::Mode::version:
+      std::puts(CommandLine::versionText().c_str());
+      return 0;
+    case CommandLine::Mode::usageError:
+      std::fprintf(stderr, "%s\n", CommandLine::usageErrorText(cl.unknownOption).c_str());
+      return 2;
     case CommandLine::Mode::runTests:
       SelfTestRunner().run();  // the outcome is in its printed lines
       return 0;
@@ -138,9 +148,15 @@ int Application::runInteractive(const CommandLine& commandLine) {
     const auto latency = scene.outputLatency().summary(uptime());
     return std::make_pair(latency.tickWaitP50, latency.renderP50);
   });
-  const int statusObserver = state.observe([&state](FaceTrackingState::Property property) {
+  std::string loggedNdiStatus;
+  const int statusObserver = state.observe([&state, &loggedNdiStatus](FaceTrackingState::Property property) {
     if (property == FaceTrackingState::Property::syphonStatus) logLine("Velmora", state.syphonStatus());
-    if (property == FaceTrackingState::Property::ndiStatus) logLine("Velmora", state.ndiStatus());
+    // Not at each tick of a retry's countdown: once per failure, with the time of its first retry.
+    if (property == FaceTrackingState::Property::ndiStatus &&
+        MaskSceneManager::withoutRetryNote(state.ndiStatus()) != loggedNdiStatus) {
+      loggedNdiStatus = MaskSceneManager::withoutRetryNote(state.ndiStatus());
+      logLine("Velmora", state.ndiStatus());
+    }
   });
 
   // The main window with the dashboard when there is a display; headless otherwise.

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "ui/DashboardContext.h"
+#include "ui/StatusText.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/TrackingLossEase.h"
 
@@ -58,7 +59,7 @@ void ConnectionPanel::draw(ImFont* largeFont) {
       // The character is easing to neutral until packets come back.
       const auto since = state.trackingLostSince().value_or(now);
       const std::string lost = TrackingLossEase::lostText(std::chrono::duration<double>(now - since).count());
-      ImGui::TextColored(ImVec4(1.0f, 0.45f, 0.35f, 1.0f), "%s", lost.c_str());
+      StatusText::coloured(ImVec4(1.0f, 0.45f, 0.35f, 1.0f), lost);
     } else if (silent) {
       ImGui::TextColored(ImVec4(1.0f, 0.45f, 0.35f, 1.0f), "Last packet %s (phone silent)", age.c_str());
     } else {

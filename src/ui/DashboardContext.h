@@ -30,10 +30,14 @@ struct DashboardContext {
   std::function<void()> toggleProjector;
   // The monitor the open projector covers ("" when closed or unknown).
   std::function<std::string()> projectorMonitor;
+  // True when the projector goes over the dashboard's own (only) monitor.
+  std::function<bool()> projectorCoversDashboard;
   // (Re)starts the OSC cue server with the state's current port and switch.
   std::function<void()> restartCueServer;
   // The UDP ports the tracking receiver listens on.
   std::function<std::vector<std::uint16_t>()> trackingPorts;
+  // Ends the run as closing the main window does; none: nothing to close.
+  std::function<void()> quit;
   // Puts text on the clipboard.
   std::function<void(const std::string&)> setClipboard;
 

@@ -110,6 +110,8 @@ void MainWindow::endFrame() {
 
 bool MainWindow::closeRequested() const { return glfwWindowShouldClose(window_); }
 
+void MainWindow::requestClose() { glfwSetWindowShouldClose(window_, GLFW_TRUE); }
+
 void MainWindow::bringToFront() {
   glfwShowWindow(window_);
   glfwFocusWindow(window_);

@@ -43,6 +43,8 @@ class MainWindow {
   void endFrame();
   // The operator closed the window.
   bool closeRequested() const;
+  // Asks for the close the window manager's close button asks for (Ctrl+Q).
+  void requestClose();
 
   // Raises the window and gives it the focus (at launch).
   void bringToFront();

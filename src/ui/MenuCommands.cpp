@@ -19,6 +19,7 @@ const std::vector<Menu>& MenuCommands::menus() {
            {"Toggle Syphon Output", "", MenuCommand::toggleSyphon},
            {"Toggle NDI Output", "", MenuCommand::toggleNDI},
            {"Toggle OSC Cues", "", MenuCommand::toggleOSCCues},
+           {"Quit", "Ctrl+Q", MenuCommand::quit, true},
        }},
       {"Window", {{"OSC Commands & Cues", "Ctrl+O", MenuCommand::toggleOSCCommandsWindow}}},
   };
@@ -33,6 +34,7 @@ std::optional<MenuCommand> MenuCommands::forShortcut(int key, int mods) {
     case GLFW_KEY_R: return MenuCommand::recentreNeutralPose;
     case GLFW_KEY_P: return MenuCommand::toggleProjector;
     case GLFW_KEY_O: return MenuCommand::toggleOSCCommandsWindow;
+    case GLFW_KEY_Q: return MenuCommand::quit;
     default: return std::nullopt;
   }
 }
@@ -55,6 +57,9 @@ void MenuCommands::perform(MenuCommand command, DashboardContext& context) {
     case MenuCommand::toggleNDI: state.setIsNDIActive(!state.isNDIActive()); break;
     case MenuCommand::toggleOSCCues: state.setIsOSCEnabled(!state.isOSCEnabled()); break;
     case MenuCommand::toggleOSCCommandsWindow: context.showOSCCommands = !context.showOSCCommands; break;
+    case MenuCommand::quit:
+      if (context.quit) context.quit();
+      break;
   }
 }
 

@@ -21,6 +21,7 @@ enum class MenuCommand {
   toggleNDI,
   toggleOSCCues,
   toggleOSCCommandsWindow,
+  quit,
 };
 
 struct MenuEntry {
@@ -41,7 +42,7 @@ class MenuCommands {
 
   static const std::vector<Menu>& menus();
   // The command of a key press (GLFW key code and modifier bits): Ctrl with
-  // R, P or O; none for anything else (no other modifier may be held).
+  // R, P, O or Q; none for anything else (no other modifier may be held).
   static std::optional<MenuCommand> forShortcut(int key, int mods);
   // Runs the entry's action and logs "[Dashboard] <menu> > <entry>".
   static void perform(MenuCommand command, DashboardContext& context);

@@ -43,6 +43,8 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
     if (!projector.isOpen()) mainWindow.bringToFront();
   };
   context_->projectorMonitor = [&projector] { return projector.monitorName(); };
+  context_->projectorCoversDashboard = [] { return ProjectorWindowController::coversOperatorMonitor(); };
+  context_->quit = [&mainWindow] { mainWindow.requestClose(); };
   QLabOSCServer& cueServer = services_.cueServer;
   context_->restartCueServer = [&cueServer] { cueServer.startListening(); };
   TrackingReceiver& receiver = services_.receiver;
@@ -61,6 +63,14 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
   };
   window_->setKeyHandler(keys);
   projector.setKeyHandler(keys);
+  // Esc and the window manager's close request on the projector take the
+  // Ctrl+P path (the dashboard comes back to the front), once the window
+  // system's event handling is over; a second request finds it closed.
+  projector.setCloseRequestHandler([this] {
+    MainQueue::shared().post([this] {
+      if (services_.projector.isOpen()) MenuCommands::perform(MenuCommand::toggleProjector, *context_);
+    });
+  });
   MaskSceneManager& scene = services_.scene;
   projector.setFrameSource([&scene](int width, int height) { return scene.makeFrameDescription(width, height); });
 
@@ -78,6 +88,7 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
 OperatorWindow::~OperatorWindow() {
   services_.projector.shutdown();
   services_.projector.setKeyHandler(nullptr);
+  services_.projector.setCloseRequestHandler(nullptr);
   services_.projector.setFrameSource(nullptr);
   services_.scene.removeFrameConsumer(consumerToken_);
   services_.scene.setTrackerUpdate(nullptr);

@@ -3,6 +3,8 @@
 #include <imgui.h>
 
 #include "ui/DashboardContext.h"
+#include "outputs/ProjectorWindowController.h"
+#include "ui/StatusText.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
@@ -11,10 +13,10 @@ void OutputsPanel::draw() {
   FaceTrackingState& state = context_.state;
   bool syphon = state.isSyphonActive();
   if (ImGui::Checkbox("Syphon (PipeWire \"Velmora\")", &syphon)) state.setIsSyphonActive(syphon);
-  ImGui::TextDisabled("  %s", state.syphonStatus().c_str());
+  StatusText::dimmed(state.syphonStatus());
   bool ndi = state.isNDIActive();
   if (ImGui::Checkbox("NDI", &ndi)) state.setIsNDIActive(ndi);
-  ImGui::TextDisabled("  %s", state.ndiStatus().c_str());
+  StatusText::dimmed(state.ndiStatus());
 
   bool projector = state.isProjectorFullscreen();
   const bool available = static_cast<bool>(context_.toggleProjector);
@@ -27,6 +29,9 @@ void OutputsPanel::draw() {
   } else {
     ImGui::TextDisabled("  closed");
   }
+  // Said before it opens: once open, the projector hides this very text.
+  if (available && context_.projectorCoversDashboard && context_.projectorCoversDashboard())
+    StatusText::dimmed(ProjectorWindowController::singleMonitorHint);
 }
 
 }  // namespace velmora

@@ -9,6 +9,7 @@
 #include "tracking/TrackingLossEase.h"
 #include "ui/DashboardContext.h"
 #include "ui/ShowSafetyControls.h"
+#include "ui/StatusText.h"
 
 namespace velmora {
 
@@ -93,7 +94,7 @@ void SafetyPanel::drawRecording() {
   }
   const std::string status = safety->recordingStatus();
   if (status.rfind("Recording stopped", 0) == 0 || status.rfind("Not recording:", 0) == 0) {
-    ImGui::TextColored(kWarning, "%s", status.c_str());
+    StatusText::coloured(kWarning, status);
   } else {
     ImGui::TextWrapped("%s", status.c_str());
   }
@@ -122,9 +123,9 @@ void SafetyPanel::drawRelay() {
       const bool bad = line.find(": error:") != std::string::npos || line.find(": refused:") != std::string::npos ||
                        line.find(": malformed:") != std::string::npos;
       if (bad) {
-        ImGui::TextColored(kWarning, "%s", line.c_str());
+        StatusText::coloured(kWarning, line);
       } else {
-        ImGui::TextUnformatted(line.c_str());
+        ImGui::TextWrapped("%s", line.c_str());
       }
     }
   }

@@ -23,6 +23,7 @@
 #include "ui/PreviewFrames.h"
 #include "ui/RemoteControlPanel.h"
 #include "ui/WireframeTracker.h"
+#include "ui/OutputsPanel.h"
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
 #include "control/OSCCommandCatalog.h"
@@ -235,6 +236,21 @@ TEST(DashboardTest, WireframeFollowsTheDetailAndTheHead) {
   EXPECT_NEAR(tilted.x, -1.0f, 1e-6f);  // rolled a quarter turn: up becomes left
 }
 
+// An ImGui context with a laptop-sized display and its font atlas built,
+// for the life of a test; no GL.
+struct HeadlessImGui {
+  HeadlessImGui() {
+    ImGui::CreateContext();
+    ImGuiIO& io = ImGui::GetIO();
+    io.IniFilename = nullptr;
+    io.DisplaySize = ImVec2(1366, 768);
+    unsigned char* pixels = nullptr;
+    int w = 0, h = 0;
+    io.Fonts->GetTexDataAsRGBA32(&pixels, &w, &h);
+  }
+  ~HeadlessImGui() { ImGui::DestroyContext(); }
+};
+
 // Every panel and the commands window draw in a headless ImGui frame (no
 // GL: the preview shows its reason), and the windows are where the operator
 // expects them.
@@ -246,13 +262,8 @@ TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrame) {
   WireframeTracker tracker;
   tracker.update(f.state);
   f.context.showOSCCommands = true;
-  ImGui::CreateContext();
+  HeadlessImGui imgui;
   ImGuiIO& io = ImGui::GetIO();
-  io.IniFilename = nullptr;
-  io.DisplaySize = ImVec2(1366, 768);
-  unsigned char* pixels = nullptr;
-  int w = 0, h = 0;
-  io.Fonts->GetTexDataAsRGBA32(&pixels, &w, &h);
   {
     Dashboard dashboard(f.context, frames, tracker, false);
     for (int frame = 0; frame < 3; ++frame) {
@@ -274,7 +285,28 @@ TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrame) {
     ImGui::Render();
     EXPECT_FALSE(ImGui::FindWindowByName(OSCCommandsWindow::title)->Active);
   }
-  ImGui::DestroyContext();
+}
+
+// A long error in a narrow column wraps inside it: nothing is drawn past
+// the column's right edge, and the text takes more than one line.
+TEST(DashboardTest, StatusTextsWrapInsteadOfBeingCutOff) {
+  Fixture f;
+  f.state.setSyphonStatus("Syphon: PipeWire video source could not be created (is PipeWire running?)");
+  f.state.setNdiStatus("NDI: NDI runtime refused to initialize (unsupported CPU?) (next try in 2 s)");
+  HeadlessImGui imgui;
+  OutputsPanel panel(f.context);
+  ImGui::NewFrame();
+  ImGui::SetNextWindowSize(ImVec2(260, 400));
+  ImGui::Begin("Outputs");
+  const float lineHeight = ImGui::GetTextLineHeightWithSpacing();
+  panel.draw();
+  const ImGuiWindow* window = ImGui::GetCurrentWindow();
+  const float rightmost = window->DC.CursorMaxPos.x, right = window->WorkRect.Max.x;
+  const float height = window->DC.CursorMaxPos.y - window->DC.CursorStartPos.y;
+  ImGui::End();
+  ImGui::Render();
+  EXPECT_LE(rightmost, right + 1.0f);
+  EXPECT_GT(height, 8 * lineHeight) << "two checkboxes, two wrapped statuses, the projector lines";
 }
 
 TEST(DashboardTest, SafetyListsAreEditedOneEntryPerLineAndKept) {

@@ -31,7 +31,7 @@ TEST(MenuCommandsTest, MenusListTheStageEntriesWithTheirShortcutsAndOneSeparator
   }
   EXPECT_EQ(seen, (std::vector<std::string>{"Recentre Neutral Pose [Ctrl+R]", "Reset Calibration",
                                             "--- Toggle Fullscreen Projector [Ctrl+P]", "Toggle Syphon Output",
-                                            "Toggle NDI Output", "Toggle OSC Cues"}));
+                                            "Toggle NDI Output", "Toggle OSC Cues", "--- Quit [Ctrl+Q]"}));
   EXPECT_EQ(menus[1].title, "Window");
   ASSERT_EQ(menus[1].entries.size(), 1u);
   EXPECT_EQ(menus[1].entries[0].label, "OSC Commands & Cues");
@@ -48,7 +48,8 @@ TEST(MenuCommandsTest, ShortcutsNeedControlAloneAndIgnoreTheLockKeys) {
   EXPECT_FALSE(MenuCommands::forShortcut(GLFW_KEY_O, GLFW_MOD_CONTROL | GLFW_MOD_ALT));
   EXPECT_FALSE(MenuCommands::forShortcut(GLFW_KEY_S, GLFW_MOD_CONTROL));
   // Every shortcut shown in a menu is one the keyboard reaches, and runs that entry.
-  const std::map<std::string, int> keys = {{"Ctrl+R", GLFW_KEY_R}, {"Ctrl+P", GLFW_KEY_P}, {"Ctrl+O", GLFW_KEY_O}};
+  const std::map<std::string, int> keys = {{"Ctrl+R", GLFW_KEY_R}, {"Ctrl+P", GLFW_KEY_P}, {"Ctrl+O", GLFW_KEY_O},
+                                           {"Ctrl+Q", GLFW_KEY_Q}};
   for (const auto& menu : MenuCommands::menus()) {
     for (const auto& entry : menu.entries) {
       if (entry.shortcut.empty()) continue;
@@ -87,6 +88,10 @@ TEST(MenuCommandsTest, EntriesActOnTheStateThroughItsSetters) {
   EXPECT_TRUE(f.context.showOSCCommands);
   MenuCommands::perform(MenuCommand::toggleOSCCommandsWindow, f.context);
   EXPECT_FALSE(f.context.showOSCCommands);
+  int quits = 0;
+  f.context.quit = [&] { ++quits; };
+  MenuCommands::perform(MenuCommand::quit, f.context);
+  EXPECT_EQ(quits, 1);
 }
 
 }  // namespace
