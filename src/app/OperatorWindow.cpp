@@ -78,7 +78,11 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
   window_->setKeyHandler(keys);
   projector.setKeyHandler(keys);
   MaskSceneManager& scene = services_.scene;
-  projector.setFrameSource([&scene](int width, int height) { return scene.makeFrameDescription(width, height); });
+  // The projector is a live view of the scene's one renderer, not a renderer of its own.
+  projector.setFrameFeed({[&scene](int width, int height, ProjectorWindowController::FrameConsumer consumer) {
+                            return scene.addView(width, height, std::move(consumer));
+                          },
+                          [&scene](int token) { scene.removeFrameConsumer(token); }});
 
   // The frame loop's second step, and the preview's frames from the render thread.
   WireframeTracker& tracker = *tracker_;
@@ -94,7 +98,7 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
 OperatorWindow::~OperatorWindow() {
   services_.projector.shutdown();
   services_.projector.setKeyHandler(nullptr);
-  services_.projector.setFrameSource(nullptr);
+  services_.projector.setFrameFeed({});
   services_.scene.removeFrameConsumer(consumerToken_);
   services_.scene.setTrackerUpdate(nullptr);
   dashboard_.reset();
