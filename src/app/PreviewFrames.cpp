@@ -4,16 +4,22 @@ namespace velmora {
 
 std::shared_ptr<RenderedFrame> PreviewFrames::shrink(const RenderedFrame& frame, int factor) {
   auto out = std::make_shared<RenderedFrame>();
+  shrinkInto(frame, factor, *out);
+  return out;
+}
+
+void PreviewFrames::shrinkInto(const RenderedFrame& frame, int factor, RenderedFrame& out) {
   if (factor < 1) factor = 1;
-  out->width = frame.width / factor;
-  out->height = frame.height / factor;
-  out->time = frame.time;
-  out->sequence = frame.sequence;
-  out->pixels.assign(static_cast<std::size_t>(out->width) * out->height * 4, 0);
-  if (frame.pixels.size() < static_cast<std::size_t>(frame.width) * frame.height * 4) return out;
+  out.width = frame.width / factor;
+  out.height = frame.height / factor;
+  out.time = frame.time;
+  out.sequence = frame.sequence;
+  out.newestArrival = frame.newestArrival;
+  out.pixels.assign(static_cast<std::size_t>(out.width) * out.height * 4, 0);  // no allocation once sized
+  if (frame.pixels.size() < static_cast<std::size_t>(frame.width) * frame.height * 4) return;
   const int n = factor * factor;
-  for (int y = 0; y < out->height; ++y) {
-    for (int x = 0; x < out->width; ++x) {
+  for (int y = 0; y < out.height; ++y) {
+    for (int x = 0; x < out.width; ++x) {
       // Colour weighted by alpha: a transparent pixel's (0,0,0) must not
       // darken the edge it sits beside.
       std::uint32_t b = 0, g = 0, r = 0, a = 0;
@@ -26,7 +32,7 @@ std::shared_ptr<RenderedFrame> PreviewFrames::shrink(const RenderedFrame& frame,
           a += p[3];
         }
       }
-      std::uint8_t* q = out->pixels.data() + (static_cast<std::size_t>(y) * out->width + x) * 4;
+      std::uint8_t* q = out.pixels.data() + (static_cast<std::size_t>(y) * out.width + x) * 4;
       if (a == 0) continue;
       q[0] = static_cast<std::uint8_t>(b / a);
       q[1] = static_cast<std::uint8_t>(g / a);
@@ -34,13 +40,13 @@ std::shared_ptr<RenderedFrame> PreviewFrames::shrink(const RenderedFrame& frame,
       q[3] = static_cast<std::uint8_t>((a + n / 2) / n);
     }
   }
-  return out;
 }
 
 void PreviewFrames::consume(const RenderedFrame& frame) {
   if (frame.width <= 0 || frame.height <= 0) return;
   const int factor = (frame.width + maximumWidth - 1) / maximumWidth;
-  std::shared_ptr<const RenderedFrame> small = shrink(frame, factor);
+  std::shared_ptr<RenderedFrame> small = pool_.acquire(frame.width / factor, frame.height / factor);
+  shrinkInto(frame, factor, *small);
   std::lock_guard lock(mutex_);
   latest_ = std::move(small);
 }
