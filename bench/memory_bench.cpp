@@ -18,7 +18,9 @@
 // headless with both outputs < 300 MB.
 //
 // VELMORA_MEMORY_BENCH_PROGRAM=<path> measures another build of velmora
-// (a copy of an older one, to compare).
+// (a copy of an older one, to compare); VELMORA_MEMORY_BENCH_SMAPS=<folder>
+// keeps each configuration's smaps there (<configuration>.smaps), to look
+// at mapping by mapping.
 //
 // Everything started here (PipeWire, wireplumber, the consumer, Xorg, the
 // phone simulator, velmora) is stopped before the run ends, also on failure.
@@ -180,6 +182,10 @@ void BM_ResidentMemory(benchmark::State& st) {
     }
     drain(velmora, kSettleSeconds);
     const auto kb = residentByCause(velmora.pid());
+    if (const char* keep = getenv("VELMORA_MEMORY_BENCH_SMAPS")) {
+      std::ifstream in("/proc/" + std::to_string(velmora.pid()) + "/smaps");
+      std::ofstream(std::string(keep) + "/" + c.name + ".smaps") << in.rdbuf();
+    }
     stopAll();
     for (const auto& [cause, value] : kb) st.counters[cause + " MB"] = value / 1024.0;
   }

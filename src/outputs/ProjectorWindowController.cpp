@@ -61,6 +61,10 @@ void ProjectorWindowController::openProjector() {
   glfwWindowHint(GLFW_OPENGL_PROFILE, GLFW_OPENGL_CORE_PROFILE);
   glfwWindowHint(GLFW_OPENGL_FORWARD_COMPAT, GLFW_TRUE);
   glfwWindowHint(GLFW_SAMPLES, 0);  // the scene is multisampled offscreen, then shown
+  // One textured triangle over black: no depth or stencil buffer (8.3 MB at
+  // 1080p, in main memory on software GL).
+  glfwWindowHint(GLFW_DEPTH_BITS, 0);
+  glfwWindowHint(GLFW_STENCIL_BITS, 0);
   // Windowed at the monitor's origin and native size rather than an
   // exclusive full-screen mode: no mode switch, and the operator's display
   // is never touched.
