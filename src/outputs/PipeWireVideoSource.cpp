@@ -100,8 +100,8 @@ constexpr std::size_t kCirculatingBuffers = 3;
 // process can map too. The count is a range because the link takes what both
 // ends allow and fails when the ranges do not meet: gst's pipewiresrc asks
 // for at least 8 (its min-buffers), a consumer without a wish gets 3 (the
-// circulating ones). Buffers beyond 3 are parked unused (dequeueCirculating),
-// so however many the consumer asks for, 3 frames of memory are resident.
+// circulating ones). Buffers beyond 3 are parked unused (onAddBuffer), so
+// however many the consumer asks for, 3 frames of memory are resident.
 void onParamChanged(void* data, std::uint32_t id, const spa_pod* param) {
   auto* impl = static_cast<Impl*>(data);
   if (!param || id != SPA_PARAM_Format) return;
@@ -114,7 +114,8 @@ void onParamChanged(void* data, std::uint32_t id, const spa_pod* param) {
   const spa_pod* params[2];
   params[0] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
       &b, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_buffers,
-      SPA_POD_CHOICE_RANGE_Int(static_cast<int>(kCirculatingBuffers), 2, 8), SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1), SPA_PARAM_BUFFERS_size,
+      SPA_POD_CHOICE_RANGE_Int(static_cast<int>(kCirculatingBuffers), 2, 8), SPA_PARAM_BUFFERS_blocks,
+      SPA_POD_Int(1), SPA_PARAM_BUFFERS_size,
       SPA_POD_Int(size), SPA_PARAM_BUFFERS_stride, SPA_POD_Int(stride), SPA_PARAM_BUFFERS_dataType,
       SPA_POD_CHOICE_FLAGS_Int((1 << SPA_DATA_MemFd) | (1 << SPA_DATA_MemPtr))));
   params[1] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
@@ -139,29 +140,33 @@ void releasePages(const spa_data& d) {
   ::madvise(reinterpret_cast<void*>(from), to - from, MADV_REMOVE);
 }
 
-// A free buffer among the circulating ones, or null. A buffer seen for the
-// first time joins them while there are fewer than kCirculatingBuffers;
-// otherwise it stays dequeued here for good: never written, never handed to
-// the consumer, and its memory released (8.3 MB a 1080p frame). Output buffers come back in the order they were queued, so every
-// buffer is seen within one round.
-pw_buffer* dequeueCirculating(Impl& impl) {
-  while (pw_buffer* buffer = impl.api->streamDequeueBuffer(impl.stream)) {
-    if (std::find(impl.circulating.begin(), impl.circulating.end(), buffer) != impl.circulating.end()) return buffer;
-    if (impl.circulating.size() < kCirculatingBuffers) {
-      impl.circulating.push_back(buffer);
-      return buffer;
-    }
-    impl.parked.push_back(buffer);
-    releasePages(buffer->buffer->datas[0]);
+// A new buffer (a consumer linked or renegotiated, after PipeWire mapped and
+// locked it): the first kCirculatingBuffers carry frames, the others are
+// parked at once, their memory released (8.3 MB a 1080p frame).
+void onAddBuffer(void* data, pw_buffer* buffer) {
+  auto* impl = static_cast<Impl*>(data);
+  if (impl->circulating.size() < kCirculatingBuffers) {
+    impl->circulating.push_back(buffer);
+    return;
   }
-  return nullptr;
+  impl->parked.push_back(buffer);
+  releasePages(buffer->buffer->datas[0]);
 }
 
-// Buffers go when the consumer leaves or renegotiates; new ones start unseen.
+// Buffers go when the consumer leaves or renegotiates.
 void onRemoveBuffer(void* data, pw_buffer* buffer) {
   auto* impl = static_cast<Impl*>(data);
   std::erase(impl->circulating, buffer);
   std::erase(impl->parked, buffer);
+}
+
+// A free circulating buffer, or null. A parked one that comes up stays
+// dequeued here for good: never written, never handed to the consumer.
+pw_buffer* dequeueCirculating(Impl& impl) {
+  while (pw_buffer* buffer = impl.api->streamDequeueBuffer(impl.stream)) {
+    if (std::find(impl.circulating.begin(), impl.circulating.end(), buffer) != impl.circulating.end()) return buffer;
+  }
+  return nullptr;
 }
 
 // The graph asks for a frame: copy the newest one, if any, into a free buffer.
@@ -257,6 +262,7 @@ CreateResult<PipeWireVideoSource> PipeWireVideoSource::create(std::shared_ptr<co
   impl->events.state_changed = onStateChanged;
   impl->events.param_changed = onParamChanged;
   impl->events.process = onProcess;
+  impl->events.add_buffer = onAddBuffer;
   impl->events.remove_buffer = onRemoveBuffer;
 
   impl->threadLoop = api->threadLoopNew("velmora-pipewire", nullptr);
