@@ -48,8 +48,8 @@ namespace velmora {
 namespace {
 
 const std::string kVelmora = getenv("VELMORA_MEMORY_BENCH_PROGRAM") ? getenv("VELMORA_MEMORY_BENCH_PROGRAM")
-                                                                     : VELMORA_BINARY_DIR "/bin/velmora";
-const std::string kPhoneSim = VELMORA_BINARY_DIR "/bin/velmora-phone-sim";
+                                                                     : test::builtProgram("velmora");
+const std::string kPhoneSim = test::builtProgram("velmora-phone-sim");
 constexpr double kSettleSeconds = 20.0;
 
 struct Configuration {
