@@ -72,7 +72,11 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
     });
   });
   MaskSceneManager& scene = services_.scene;
-  projector.setFrameSource([&scene](int width, int height) { return scene.makeFrameDescription(width, height); });
+  // The projector is a live view of the scene's one renderer, not a renderer of its own.
+  projector.setFrameFeed({[&scene](int width, int height, ProjectorWindowController::FrameConsumer consumer) {
+                            return scene.addView(width, height, std::move(consumer));
+                          },
+                          [&scene](int token) { scene.removeFrameConsumer(token); }});
 
   // The frame loop's second step, and the preview's frames from the render thread.
   WireframeTracker& tracker = *tracker_;
@@ -89,7 +93,7 @@ OperatorWindow::~OperatorWindow() {
   services_.projector.shutdown();
   services_.projector.setKeyHandler(nullptr);
   services_.projector.setCloseRequestHandler(nullptr);
-  services_.projector.setFrameSource(nullptr);
+  services_.projector.setFrameFeed({});
   services_.scene.removeFrameConsumer(consumerToken_);
   services_.scene.setTrackerUpdate(nullptr);
   dashboard_.reset();
