@@ -8,6 +8,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -39,17 +40,24 @@ nlohmann::json readSettings(const std::filesystem::path& folder) {
   return nlohmann::json::parse(in, nullptr, false);
 }
 
+// A headless run listening for cues on `port`, its settings in `config`;
+// the tracking receiver listens on a free port too, never the fixed ones.
+std::unique_ptr<test::ChildProcess> headlessOnCuePort(const test::TempDir& config, std::uint16_t port) {
+  std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", port}}.dump();
+  auto run = std::make_unique<test::ChildProcess>(
+      std::vector<std::string>{kVelmora}, std::vector<std::string>{"VELMORA_CONFIG_DIR=" + config.path().string(),
+                                                                   "VELMORA_TRACKING_PORTS=" +
+                                                                       std::to_string(test::freeUdpPort())});
+  EXPECT_TRUE(run->started());
+  return run;
+}
+
 TEST(VelmoraE2E, HeadlessRunTakesRemoteCuesFromOscsend) {
   if (::access("/usr/bin/oscsend", X_OK) != 0) GTEST_SKIP() << "oscsend (liblo-tools) is not installed";
   test::TempDir config;
   const std::uint16_t port = test::freeUdpPort();
-  {
-    std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", port}}.dump();
-  }
-  // The tracking receiver listens on a free port too, never the fixed ones.
-  test::ChildProcess velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string(),
-                             "VELMORA_TRACKING_PORTS=" + std::to_string(test::freeUdpPort())});
-  ASSERT_TRUE(velmora.started());
+  auto run = headlessOnCuePort(config, port);
+  test::ChildProcess& velmora = *run;
   const std::string p = std::to_string(port);
   ASSERT_TRUE(velmora.waitForLine("[QLabOSCServer] QLab Remote Cue listener active on UDP port " + p, 20))
       << velmora.output();
@@ -101,10 +109,8 @@ TEST(VelmoraE2E, ZeroArgumentsArriveAndAControllerIsAnsweredAndFollowed) {
   if (::access("/usr/bin/oscsend", X_OK) != 0) GTEST_SKIP() << "oscsend (liblo-tools) is not installed";
   test::TempDir config;
   const std::uint16_t port = test::freeUdpPort();
-  std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", port}}.dump();
-  test::ChildProcess velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string(),
-                             "VELMORA_TRACKING_PORTS=" + std::to_string(test::freeUdpPort())});
-  ASSERT_TRUE(velmora.started());
+  auto run = headlessOnCuePort(config, port);
+  test::ChildProcess& velmora = *run;
   const std::string p = std::to_string(port);
   ASSERT_TRUE(velmora.waitForLine("[QLabOSCServer] QLab Remote Cue listener active on UDP port " + p, 20))
       << velmora.output();
