@@ -85,7 +85,9 @@ void BM_EventFanOutBuild32(benchmark::State& st) {
 BENCHMARK(BM_EventFanOutBuild32);
 
 // The queue's part of one change: two datagrams to each of 32 subscribers,
-// sent from a bound UDP socket to 32 bound loopback sockets.
+// sent from a bound UDP socket to 32 bound loopback sockets. Nobody reads
+// them (a full receive buffer drops on the receiver's side), so this is
+// the sender's cost only.
 void BM_EventFanOutSend32(benchmark::State& st) {
   asio::io_context io;
   UdpListener cue(io, {});
@@ -99,9 +101,7 @@ void BM_EventFanOutSend32(benchmark::State& st) {
   std::vector<UdpSender> targets;
   for (std::size_t i = 0; i < RemotePeers::maxSubscribers; ++i) {
     subscribers.push_back(std::make_unique<UdpListener>(io, UdpListener::Options{}));
-    UdpListener::Callbacks drop;
-    drop.onDatagram = [](std::span<const std::uint8_t>, const UdpSender&) {};
-    subscribers.back()->open(0, buffers[i], std::move(drop), kLoopback);
+    subscribers.back()->open(0, buffers[i], {}, kLoopback);
     targets.push_back({kLoopback, subscribers.back()->port()});
   }
   const auto setting = OSCWriter::message("/velmora/event/setting").s("sensitivity").f(2.0f).bytes();
@@ -110,7 +110,6 @@ void BM_EventFanOutSend32(benchmark::State& st) {
   for (auto _ : st) {
     for (const auto& target : targets) refused += !cue.sendTo(setting, target);
     for (const auto& target : targets) refused += !cue.sendTo(echo, target);
-    io.poll();  // the subscribers drain, so their buffers never fill
   }
   st.counters["refused"] = double(refused);
 }
