@@ -82,6 +82,8 @@ void QLabOSCServer::setEnabled(bool enabled) {
   enabled_ = enabled;
   if (enabled) {
     startListening();
+  } else if (handlingMessage_) {
+    stopAfterReply_ = true;  // "/velmora/osc 0" is answered before the socket closes
   } else {
     stopListening();
   }
@@ -166,7 +168,13 @@ void QLabOSCServer::handleQLabMessage(const OSCMessage& message, const UdpSender
   VELMORA_ASSERT_MAIN_THREAD();
   CommandContext context = commands_;
   context.remote = replies_.get();
+  handlingMessage_ = true;
   replies_->handle(message, from, context, context.clock(), [&] { return dispatchAndRecord(message, context); });
+  handlingMessage_ = false;
+  if (stopAfterReply_) {
+    stopAfterReply_ = false;
+    if (!enabled_) stopListening();  // queued after the reply
+  }
 }
 
 void QLabOSCServer::tick() {

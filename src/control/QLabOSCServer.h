@@ -127,6 +127,10 @@ class QLabOSCServer {
   // The state's isOSCEnabled as last read on the main thread, for the
   // queue's second look (the state itself is main-thread only).
   std::atomic<bool> enabled_{true};
+  // Main thread: a network message is being handled, and it switched remote
+  // control off (the close waits until its reply is on the queue).
+  bool handlingMessage_ = false;
+  bool stopAfterReply_ = false;
   std::atomic<int> listeningPort_{-1};
   std::atomic<std::uint32_t> bindAddress_{0};
 };

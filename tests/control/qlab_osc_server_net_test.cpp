@@ -329,6 +329,12 @@ TEST_F(QLabServerTest, EveryMessageIsAnsweredExceptReplies) {
   EXPECT_EQ(replyTo(nextReply(server(), listener), "/velmora/thump")["data"], "thump");
   sender.sendTo(port, oscMessage("/velmora/replyport", {0.0f}));
   replyTo(nextReply(server(), sender), "/velmora/replyport");
+
+  // Switching remote control off from the network is answered, then closes.
+  sender.sendTo(port, oscMessage("/velmora/osc", {0.0f}));
+  EXPECT_EQ(replyTo(nextReply(server(), sender), "/velmora/osc")["data"], false);
+  server().waitForQueue();
+  EXPECT_FALSE(server().listeningPort());
 }
 
 TEST_F(QLabServerTest, SubscriberFollowsCuesAndSettingsWhoeverChangesThem) {
