@@ -48,8 +48,10 @@ void RemotePeers::setReplyPort(const UdpSender& sender, std::uint16_t port, doub
   std::erase_if(replyPorts_, [&](const ReplyPort& r) { return r.address == sender.address; });
   if (port == 0) return;
   if (replyPorts_.size() >= maxReplyPorts) {
-    replyPorts_.erase(std::min_element(replyPorts_.begin(), replyPorts_.end(),
-                                       [](const ReplyPort& a, const ReplyPort& b) { return a.lastHeard < b.lastHeard; }));
+    const auto oldest = std::min_element(replyPorts_.begin(), replyPorts_.end(), [](const auto& a, const auto& b) {
+      return a.lastHeard < b.lastHeard;
+    });
+    replyPorts_.erase(oldest);
   }
   replyPorts_.push_back({sender.address, port, now});
 }

@@ -70,7 +70,8 @@ RemoteReplies::Bytes RemoteReplies::replyMessage(const std::string& address, boo
 
 std::string RemoteReplies::governedValue(const std::string& canonicalAddress, const CommandContext& context,
                                          double now) {
-  const bool cueCommand = canonicalAddress.starts_with("/velmora/ghost/") || canonicalAddress.starts_with("/velmora/mask/");
+  const bool cueCommand =
+      canonicalAddress.starts_with("/velmora/ghost/") || canonicalAddress.starts_with("/velmora/mask/");
   if (cueCommand && !governed().contains(canonicalAddress)) {
     const auto& cues = context.cues;
     if (!cues.activeCue()) return "null";
