@@ -4,22 +4,20 @@
 // thread's part (change detection and the datagrams) and the cue queue's
 // part (the sends from the cue socket on loopback).
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 #include <asio/io_context.hpp>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "animation/CharacterAnimationController.h"
 #include "base/MainQueue.h"
-#include "base/SettingsStore.h"
 #include "control/CommandContext.h"
 #include "control/OSCCommandCatalog.h"
 #include "control/RemoteReplies.h"
+#include "net/UdpListener.h"
 #include "osc/OSCWriter.h"
+#include "support/StateFixture.h"
 #include "tracking/FaceTrackingState.h"
-#include "tracking/UdpListener.h"
 
 namespace velmora {
 namespace {
@@ -28,12 +26,8 @@ constexpr std::uint32_t kLoopback = 0x7F000001;
 
 // A state over a settings store in a fresh temporary folder.
 struct Stage {
-  std::filesystem::path dir = [] {
-    char pattern[] = "/tmp/velmora-bench-XXXXXX";
-    return std::filesystem::path(::mkdtemp(pattern));
-  }();
-  SettingsStore store{dir};
-  FaceTrackingState state{store};
+  test::StateFixture fixture;
+  FaceTrackingState& state = fixture.state;
   CharacterAnimationController cues;
   double now = 0;
   CommandContext context{state, cues, [this] { return now; }};
@@ -45,7 +39,6 @@ struct Stage {
     MainQueue::shared().bindToCurrentThread();
     context.remote = &replies;
   }
-  ~Stage() { std::filesystem::remove_all(dir); }
   void handle(const OSCMessage& m, const UdpSender& from) {
     replies.handle(m, from, context, now, [&] { return OSCCommandCatalog::dispatch(m, context); });
   }

@@ -28,7 +28,7 @@
 #include "control/CommandContext.h"
 #include "control/RemoteReplies.h"
 #include "osc/OSCMessage.h"
-#include "tracking/SenderFilter.h"
+#include "net/SenderFilter.h"
 
 namespace velmora {
 

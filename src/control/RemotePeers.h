@@ -23,7 +23,7 @@
 #include <string>
 #include <vector>
 
-#include "tracking/UdpListener.h"
+#include "net/UdpListener.h"
 
 namespace velmora {
 

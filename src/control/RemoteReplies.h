@@ -29,7 +29,7 @@
 #include "control/ChangeFeed.h"
 #include "control/RemotePeers.h"
 #include "osc/OSCMessage.h"
-#include "tracking/UdpListener.h"
+#include "net/UdpListener.h"
 
 namespace velmora {
 

@@ -78,6 +78,12 @@ Message& Message::f(float value) {
   return *this;
 }
 
+Message& Message::d(double value) {
+  addTag('d');
+  appendBigEndian(std::bit_cast<std::uint64_t>(value), 8);
+  return *this;
+}
+
 Message& Message::s(std::string_view text) {
   addTag('s');
   appendString(text);

@@ -16,7 +16,7 @@
 // buffer's tail: finish one element before opening the next.
 //
 // Encoding: strings zero-terminated and padded with zeros to a multiple of 4
-// bytes; int32 and float32 big-endian (float as its IEEE-754 bits); a blob is
+// bytes; int32, float32 and float64 big-endian (floats as their IEEE-754 bits); a blob is
 // its int32 size, the bytes, zero padding; true/false (T/F) carry no bytes;
 // a bundle is "#bundle\0", a 64-bit NTP time tag, then elements, each an
 // int32 size followed by a message or bundle.
@@ -71,6 +71,8 @@ class OSCWriter {
    public:
     Message& i(std::int32_t value);
     Message& f(float value);
+    // float64, tag 'd'.
+    Message& d(double value);
     Message& s(std::string_view text);
     Message& b(std::span<const std::uint8_t> blob);
     // T or F.

@@ -11,11 +11,9 @@
 #include <vector>
 
 #include "base/MainQueue.h"
-#include "base/SettingsStore.h"
 #include "osc/OSCWriter.h"
-#include "support/TempDir.h"
-#include "tracking/FaceTrackingState.h"
 #include "support/LogCapture.h"
+#include "support/StateFixture.h"
 #include "support/UdpSocket.h"
 #include "tracking/MainThreadTrackingSink.h"
 #include "tracking/RecordingSink.h"
@@ -278,9 +276,8 @@ TEST(TrackingReceiverNetTest, OscsendVmcBlendshape) {
 
 TEST(TrackingReceiverNetTest, VmcStreamOfExactZerosRelaxesTheJaw) {
   // The whole road into the state: socket, decoder, main-thread sink, filters.
-  test::TempDir dir;
-  SettingsStore store{dir.path()};
-  FaceTrackingState state{store};
+  test::StateFixture fixture;
+  FaceTrackingState& state = fixture.state;
   auto sink = std::make_shared<MainThreadTrackingSink>(8, MainQueue::shared(), &state);
   TrackingReceiver receiver(sink);
   const std::uint16_t port = freeUdpPort();
