@@ -47,6 +47,8 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
   context_->quit = [&mainWindow] { mainWindow.requestClose(); };
   QLabOSCServer& cueServer = services_.cueServer;
   context_->restartCueServer = [&cueServer] { cueServer.startListening(); };
+  context_->oscSubscribers = [&cueServer] { return cueServer.replies().subscriberLines(uptime()); };
+  context_->lastOscReply = [&cueServer] { return cueServer.replies().lastReply(); };
   TrackingReceiver& receiver = services_.receiver;
   context_->trackingPorts = [&receiver] { return receiver.ports(); };
   context_->setClipboard = [handle](const std::string& text) { glfwSetClipboardString(handle, text.c_str()); };
