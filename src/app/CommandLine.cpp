@@ -29,6 +29,13 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args) {
       result.recordWithoutFile = true;
     }
   }
+  if (auto it = std::find(args.begin(), args.end(), "--phone"); it != args.end()) {
+    if (it + 1 != args.end()) {
+      result.phoneHost = *(it + 1);
+    } else {
+      result.phoneWithoutHost = true;
+    }
+  }
   return result;
 }
 

@@ -4,8 +4,9 @@
 // FOLDER", "--export-gltf FOLDER"), exact whole-argument matches; the first that matches wins. A
 // folder switch with nothing after it is ignored.
 //
-// "--record FILE" is looked at only after all of them, for an interactive run: it
-// records the session's tracking datagrams to FILE. It never changes which
+// "--record FILE" and "--phone HOST" are looked at only after all of them,
+// for an interactive run: the first records the session's tracking datagrams
+// to FILE, the second asks the phone HOST for data. Neither changes which
 // run starts.
 
 #include <string>
@@ -20,6 +21,10 @@ struct CommandLine {
   std::string folder;  // for the switches that take a folder
   std::string recordFile;          // interactive runs: "--record FILE"; empty: not recording
   bool recordWithoutFile = false;  // "--record" was the last argument
+  // Interactive runs: "--phone HOST" asks that phone for data (and keeps it
+  // as the phoneAddress setting); empty: the stored setting stands.
+  std::string phoneHost;
+  bool phoneWithoutHost = false;  // "--phone" was the last argument
 
   // args excludes the program name.
   static CommandLine parse(const std::vector<std::string>& args);
