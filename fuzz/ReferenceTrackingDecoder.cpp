@@ -198,7 +198,7 @@ std::optional<float3> radians(float3 degrees) {
 }
 
 // "name-percent|...=pitch,yaw,roll,x,y,z": percent / 100, degrees to
-// radians, centimetres / 100. An item with a "&" is "name&percent" instead.
+// radians, centimetres / 100. An item without a "-" is "name&percent" instead.
 // An item needs exactly one separator and a number. After the "=", pieces
 // between "|": the first is the head ("head#" skipped; a field that is no
 // number counts as 0; six fields or more give a head), then "rightEye#" and
@@ -210,7 +210,7 @@ ReferenceFrame iFacialMocap(std::string_view text) {
   const std::size_t equals = text.find('=');
   ReferenceMap map;
   for (std::string_view item : split(text.substr(0, equals), '|')) {
-    const auto parts = split(item, contains(item, "&") ? '&' : '-');
+    const auto parts = split(item, contains(item, "-") ? '-' : '&');
     if (parts.size() != 2) continue;
     if (auto v = number(parts[1])) map[std::string(parts[0])] = *v / 100.0f;
   }

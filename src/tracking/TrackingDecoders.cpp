@@ -227,10 +227,15 @@ DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender) {
 
   BlendshapeCollector map;
   forEachPiece(shapes, '|', [&](std::string_view item) {
-    // "name&value" (newer app versions) or "name-value": exactly two parts.
-    // A negative number has a second dash and is skipped with its item.
-    const char separator = item.find('&') != std::string_view::npos ? '&' : '-';
-    const std::size_t at = item.find(separator);
+    // "name-value", or "name&value" (newer app versions) in an item without
+    // a dash: exactly two parts. A negative number has a second dash and is
+    // skipped with its item. (The usual item costs no search for "&".)
+    char separator = '-';
+    std::size_t at = item.find('-');
+    if (at == std::string_view::npos) {
+      separator = '&';
+      at = item.find('&');
+    }
     if (at == std::string_view::npos || item.find(separator, at + 1) != std::string_view::npos) return;
     auto value = parseTrackingNumber(item.substr(at + 1));
     if (!value) return;
@@ -572,6 +577,35 @@ BlendshapeMap vtubeStudioBlendshapes(simdjson::dom::array list) {
   return std::move(map).take();
 }
 
+// VTube Studio's keys over simdjson, kept out of line: folded into the
+// decoder's loop they cost the lower-case path its inlined number reads.
+[[gnu::noinline]] void vtubeStudioField(VTubeStudioParts& vts, std::optional<simdjson::dom::element>& shapes,
+                                        std::string_view key, simdjson::dom::element value) {
+  if (key == "BlendShapes") {
+    vts.seen = true;
+    shapes = value;
+  } else if (key == "Rotation") {
+    vts.rotation = jsonXYZ(value);
+  } else if (key == "Position") {
+    vts.position = jsonXYZ(value);
+  } else if (key == "EyeLeft") {
+    vts.leftEye = jsonXYZ(value);
+  } else if (key == "EyeRight") {
+    vts.rightEye = jsonXYZ(value);
+  } else if (key == "FaceFound") {
+    vts.seen = true;
+    bool found = true;
+    vts.faceFound = value.get_bool().get(found) == simdjson::SUCCESS ? found : true;
+  }
+}
+
+[[gnu::noinline]] void finishVTubeStudio(VTubeStudioParts& vts, const std::optional<simdjson::dom::element>& shapes,
+                                         DecodedFrame& decoded) {
+  simdjson::dom::array list;
+  if (shapes && shapes->get_array().get(list) == simdjson::SUCCESS) vts.blendshapes = vtubeStudioBlendshapes(list);
+  vts.applyTo(decoded, decoded.frame.rotation.has_value());
+}
+
 // One thread's simdjson parser and its padded input buffer, reused for every
 // datagram: after the first few datagrams nothing here allocates.
 struct JSONParser {
@@ -674,28 +708,13 @@ std::optional<DecodedFrame> decodeJSONText(std::span<const std::uint8_t> data, s
       rotation = jsonVector(field.value);
     } else if (field.key == "position") {
       decoded.frame.position = jsonVector(field.value);
-    } else if (field.key == "BlendShapes") {
-      vts.seen = true;
-      vtsShapes = field.value;
-    } else if (field.key == "Rotation") {
-      vts.rotation = jsonXYZ(field.value);
-    } else if (field.key == "Position") {
-      vts.position = jsonXYZ(field.value);
-    } else if (field.key == "EyeLeft") {
-      vts.leftEye = jsonXYZ(field.value);
-    } else if (field.key == "EyeRight") {
-      vts.rightEye = jsonXYZ(field.value);
-    } else if (field.key == "FaceFound") {
-      vts.seen = true;
-      bool found = true;
-      vts.faceFound = field.value.get_bool().get(found) == simdjson::SUCCESS ? found : true;
+    } else {
+      vtubeStudioField(vts, vtsShapes, field.key, field.value);
     }
   }
   if (decoded.frame.blendshapes) foldSpellings(*decoded.frame.blendshapes);
   if (rotation && allFinite(*rotation)) decoded.frame.rotation = rotation;
-  simdjson::dom::array list;
-  if (vtsShapes && vtsShapes->get_array().get(list) == simdjson::SUCCESS) vts.blendshapes = vtubeStudioBlendshapes(list);
-  vts.applyTo(decoded, decoded.frame.rotation.has_value());
+  finishVTubeStudio(vts, vtsShapes, decoded);
   decoded.frame.sender = std::move(sender);
   return result;
 }

@@ -56,8 +56,8 @@ std::optional<DecodedFrame> decodeUnrealLiveLinkBinary(std::span<const std::uint
 // spelling repeated: its last value.
 
 // iFacialMocap text: "name-percent|name-percent|...=pitch,yaw,roll,x,y,z"
-// (degrees, centimetres). An item written "name&percent" (the app's newer
-// versions) reads as "name-percent". The app itself labels the head and
+// (degrees, centimetres). An item without a "-" written "name&percent"
+// (the app's newer versions) reads as "name-percent". The app itself labels the head and
 // adds the eyes, each field ended by "|":
 //   "...|=head#pitch,yaw,roll,x,y,z|rightEye#pitch,yaw,roll|leftEye#pitch,yaw,roll|"
 // The "head#" label is skipped and the head's sixth field ends at the "|";
