@@ -75,6 +75,7 @@ function(velmora_tests subsystem)
       target_compile_definitions(${exe} PRIVATE
         VELMORA_BINARY_DIR="${PROJECT_BINARY_DIR}"
         VELMORA_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+        VELMORA_VERSION="${PROJECT_VERSION}"
         # The NDI runtime double's folder (tests/outputs builds it).
         VELMORA_NDI_DOUBLE_DIR="${PROJECT_BINARY_DIR}/tests/ndi-runtime")
       gtest_discover_tests(${exe} PROPERTIES LABELS ${label} DISCOVERY_TIMEOUT 60)

@@ -40,8 +40,10 @@
 #include <thread>
 #include <vector>
 
+#include "osc/OSCWriter.h"
 #include "tracking/LiveLinkNames.h"
-#include "tracking/PcapReader.h"
+#include "tracking/LiveLinkWriter.h"
+#include "net/PcapReader.h"
 
 namespace {
 
@@ -195,46 +197,17 @@ float degrees(float radians) { return static_cast<float>(radians * 180.0 / kPi);
 
 // [SECTION] encoders
 
-void putU32(std::vector<std::uint8_t>& out, std::uint32_t v) {
-  out.push_back(std::uint8_t(v >> 24));
-  out.push_back(std::uint8_t(v >> 16));
-  out.push_back(std::uint8_t(v >> 8));
-  out.push_back(std::uint8_t(v));
-}
-
-void putFloat(std::vector<std::uint8_t>& out, float v) { putU32(out, std::bit_cast<std::uint32_t>(v)); }
-
-// The packet the Live Link Face app sends: version, device id and subject
-// name (each a big-endian length and the bytes), frame time (frame,
-// subframe, rate numerator and denominator), the value count 61, then 61
-// big-endian floats: 52 blendshapes, head yaw/pitch/roll, both eyes'
-// yaw/pitch/roll.
+// The packet the Live Link Face app sends; its layout is described in
+// LiveLinkWriter. Eye yaw follows the head a little, eye pitch and roll stay 0.
 std::vector<std::uint8_t> encodeLiveLink(const Face& f, std::uint32_t frame, double rate) {
-  std::vector<std::uint8_t> out;
-  out.reserve(300);
-  out.push_back(6);
-  const std::string device = "velmora-phone-sim";
-  const std::string subject = "iPhone";
-  putU32(out, static_cast<std::uint32_t>(device.size()));
-  out.insert(out.end(), device.begin(), device.end());
-  putU32(out, static_cast<std::uint32_t>(subject.size()));
-  out.insert(out.end(), subject.begin(), subject.end());
-  putU32(out, frame);
-  putFloat(out, 0.0f);
-  putU32(out, static_cast<std::uint32_t>(std::lround(rate)));
-  putU32(out, 1);
-  out.push_back(61);
-  for (float v : f.shapes) putFloat(out, v);
-  putFloat(out, f.yaw);
-  putFloat(out, f.pitch);
-  putFloat(out, f.roll);
-  const float eyeYaw = 0.3f * f.yaw;
-  for (int eye = 0; eye < 2; ++eye) {
-    putFloat(out, eyeYaw);
-    putFloat(out, 0.0f);
-    putFloat(out, 0.0f);
-  }
-  return out;
+  std::array<float, velmora::LiveLinkWriter::kValueCount> values{};
+  std::copy(f.shapes.begin(), f.shapes.end(), values.begin());
+  values[52] = f.yaw;
+  values[53] = f.pitch;
+  values[54] = f.roll;
+  values[55] = values[58] = 0.3f * f.yaw;
+  const velmora::LiveLinkWriter::FrameTime time{frame, 0.0f, static_cast<std::uint32_t>(std::lround(rate)), 1};
+  return velmora::LiveLinkWriter::packet("velmora-phone-sim", "iPhone", time, values);
 }
 
 std::string fixed(double v, int decimals) {
@@ -317,73 +290,23 @@ std::vector<std::uint8_t> encodeVTubeStudio(const Face& f) {
   return std::vector<std::uint8_t>(text.begin(), text.end());
 }
 
-// A minimal OSC 1.0 encoder: strings zero-terminated and padded to 4 bytes,
-// big-endian floats, bundles of size-prefixed elements.
-class OscWriter {
- public:
-  static void putString(std::vector<std::uint8_t>& out, std::string_view s) {
-    out.insert(out.end(), s.begin(), s.end());
-    out.push_back(0);
-    while (out.size() % 4) out.push_back(0);
-  }
-  // Velmora's decoder treats a zero-led 4-byte group right after a string
-  // as padding, so an exact 0.0 (00 00 00 00) would vanish; -0.0
-  // (80 00 00 00) carries the same value and survives.
-  static float wireSafe(float v) { return v == 0.0f ? -0.0f : v; }
-
-  static std::vector<std::uint8_t> message(std::string_view address, float value) {
-    std::vector<std::uint8_t> out;
-    putString(out, address);
-    putString(out, ",f");
-    putFloat(out, wireSafe(value));
-    return out;
-  }
-  static std::vector<std::uint8_t> message(std::string_view address, std::string_view text, float value) {
-    std::vector<std::uint8_t> out;
-    putString(out, address);
-    putString(out, ",sf");
-    putString(out, text);
-    putFloat(out, wireSafe(value));
-    return out;
-  }
-  // A VMC bone: its name, position x, y, z and rotation quaternion x, y, z, w.
-  static std::vector<std::uint8_t> bone(std::string_view address, std::string_view name, const float (&v)[7]) {
-    std::vector<std::uint8_t> out;
-    putString(out, address);
-    putString(out, ",sfffffff");
-    putString(out, name);
-    for (float f : v) putFloat(out, wireSafe(f));
-    return out;
-  }
-  static std::vector<std::uint8_t> message(std::string_view address) {
-    std::vector<std::uint8_t> out;
-    putString(out, address);
-    putString(out, ",");
-    return out;
-  }
-
-  void add(const std::vector<std::uint8_t>& element) {
-    putU32(bundle_, static_cast<std::uint32_t>(element.size()));
-    bundle_.insert(bundle_.end(), element.begin(), element.end());
-  }
-  std::vector<std::uint8_t> finish() { return std::move(bundle_); }
-
- private:
-  std::vector<std::uint8_t> bundle_ = {'#', 'b', 'u', 'n', 'd', 'l', 'e', 0, 0, 0, 0, 0, 0, 0, 0, 1};
-};
+// Velmora's decoder treats a zero-led 4-byte group right after a string as
+// padding, so an exact 0.0 (00 00 00 00) would vanish; -0.0 (80 00 00 00)
+// carries the same value and survives.
+float wireSafe(float v) { return v == 0.0f ? -0.0f : v; }
 
 std::vector<std::uint8_t> encodeOSC(const Face& f) {
-  OscWriter w;
+  auto bundle = velmora::OSCWriter::bundle();
   for (std::size_t i = 0; i < f.shapes.size(); ++i) {
-    w.add(OscWriter::message("/BlendShapes/" + std::string(velmora::unrealARKitNames[i]), f.shapes[i]));
+    bundle.message("/BlendShapes/" + std::string(velmora::unrealARKitNames[i])).f(wireSafe(f.shapes[i]));
   }
-  w.add(OscWriter::message("/Head/Pitch", degrees(f.pitch)));
-  w.add(OscWriter::message("/Head/Yaw", degrees(f.yaw)));
-  w.add(OscWriter::message("/Head/Roll", degrees(f.roll)));
-  w.add(OscWriter::message("/Head/X", f.x * 100.0f));
-  w.add(OscWriter::message("/Head/Y", f.y * 100.0f));
-  w.add(OscWriter::message("/Head/Z", f.z * 100.0f));
-  return w.finish();
+  bundle.message("/Head/Pitch").f(wireSafe(degrees(f.pitch)));
+  bundle.message("/Head/Yaw").f(wireSafe(degrees(f.yaw)));
+  bundle.message("/Head/Roll").f(wireSafe(degrees(f.roll)));
+  bundle.message("/Head/X").f(wireSafe(f.x * 100.0f));
+  bundle.message("/Head/Y").f(wireSafe(f.y * 100.0f));
+  bundle.message("/Head/Z").f(wireSafe(f.z * 100.0f));
+  return bundle.bytes();
 }
 
 // The head as a VMC sender (a Unity program) writes its Head bone: the
@@ -391,7 +314,7 @@ std::vector<std::uint8_t> encodeOSC(const Face& f) {
 // Unity's (x -> -x: the quaternion (x, y, z, w) becomes (x, -y, -z, w), the
 // position (x, y, z) becomes (-x, y, z)).
 std::vector<std::uint8_t> encodeVMC(const Face& f) {
-  OscWriter w;
+  auto bundle = velmora::OSCWriter::bundle();
   const auto axis = [](double angle, int i) {
     double q[4] = {0, 0, 0, std::cos(angle / 2)};
     q[i] = std::sin(angle / 2);
@@ -404,15 +327,14 @@ std::vector<std::uint8_t> encodeVMC(const Face& f) {
                                  a[3] * b[3] - a[0] * b[0] - a[1] * b[1] - a[2] * b[2]};
   };
   const auto q = times(times(axis(f.yaw, 1), axis(f.pitch, 0)), axis(f.roll, 2));
-  const float root[7] = {0, 0, 0, 0, 0, 0, 1};
-  w.add(OscWriter::bone("/VMC/Ext/Root/Pos", "root", root));
-  const float head[7] = {-f.x, 1.5f + f.y, f.z, float(q[0]), float(-q[1]), float(-q[2]), float(q[3])};
-  w.add(OscWriter::bone("/VMC/Ext/Bone/Pos", "Head", head));
+  bundle.message("/VMC/Ext/Root/Pos").s("root").f(0.0f).f(0.0f).f(0.0f).f(0.0f).f(0.0f).f(0.0f).f(1.0f);
+  bundle.message("/VMC/Ext/Bone/Pos").s("Head").f(-f.x).f(1.5f + f.y).f(f.z)
+      .f(float(q[0])).f(float(-q[1])).f(float(-q[2])).f(float(q[3]));
   for (std::size_t i = 0; i < f.shapes.size(); ++i) {
-    w.add(OscWriter::message("/VMC/Ext/Blend/Val", velmora::unrealARKitNames[i], f.shapes[i]));
+    bundle.message("/VMC/Ext/Blend/Val").s(velmora::unrealARKitNames[i]).f(wireSafe(f.shapes[i]));
   }
-  w.add(OscWriter::message("/VMC/Ext/Blend/Apply"));
-  return w.finish();
+  bundle.message("/VMC/Ext/Blend/Apply");
+  return bundle.bytes();
 }
 
 std::vector<std::uint8_t> encodeJSON(const Face& f) {

@@ -3,16 +3,16 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <cstdio>
 #include <thread>
 
 #include "animation/CharacterAnimationController.h"
-#include "app/CharacterExport.h"
+#include "export/CharacterExport.h"
 #include "app/CommandLine.h"
 #include "app/CueServerSwitch.h"
 #include "app/MaskSnapshot.h"
-#include "app/OperatorWindow.h"
-#include "app/NetworkSafety.h"
-#include "app/SessionRecording.h"
+#include "ui/OperatorWindow.h"
+#include "app/ShowSafety.h"
 #include "app/SelfTestRunner.h"
 #include "app/TrackingIntake.h"
 #include "base/Clock.h"
@@ -30,7 +30,6 @@
 #include "tracking/FaceTrackingState.h"
 #include "tracking/PhoneConnection.h"
 #include "tracking/TrackingReceiver.h"
-#include "tracking/TrackingRelay.h"
 
 namespace velmora {
 
@@ -72,6 +71,15 @@ int Application::main(const std::vector<std::string>& args) {
   MainQueue::shared().bindToCurrentThread();
   const CommandLine cl = CommandLine::parse(args);
   switch (cl.mode) {
+    case CommandLine::Mode::help:
+      std::fputs(CommandLine::helpText().c_str(), stdout);
+      return 0;
+    case CommandLine::Mode::version:
+      std::puts(CommandLine::versionText().c_str());
+      return 0;
+    case CommandLine::Mode::usageError:
+      std::fprintf(stderr, "%s\n", CommandLine::usageErrorText(cl.unknownOption).c_str());
+      return 2;
     case CommandLine::Mode::runTests:
       SelfTestRunner().run();  // the outcome is in its printed lines
       return 0;
@@ -116,17 +124,17 @@ int Application::runInteractive(const CommandLine& commandLine) {
 
   // --- services started on the main loop ---
   TrackingIntake tracking(TrackingReceiver::shared(), state);
-  SessionRecording recording(TrackingReceiver::shared());
-  if (commandLine.recordWithoutFile) logLine("Velmora", "--record needs a file name after it; not recording");
-  if (!commandLine.recordFile.empty()) recording.start(commandLine.recordFile);  // before the first datagram
   // Remote cues act on the state and the cue player, at the clock the frame update samples cues with.
   CommandContext commands{state, CharacterAnimationController::shared(), [] { return uptime(); }};
   QLabOSCServer cueServer(commands, mainQueue);
   const CueServerSwitch cueServerSwitch(state, cueServer);  // the isOSCEnabled switch starts and stops it
+  // The relay, the recorder, allow-lists and bind addresses: one owner.
+  ShowSafety safety(state, TrackingReceiver::shared(), cueServer);
+  if (commandLine.recordWithoutFile) logLine("Velmora", "--record needs a file name after it; not recording");
+  if (!commandLine.recordFile.empty()) safety.startRecording(commandLine.recordFile);  // before the first datagram
   // Bind addresses, allow-lists and relay targets, before either listener opens.
-  auto relay = std::make_shared<TrackingRelay>();
   tracking.configurePorts();
-  NetworkSafety networkSafety(state, TrackingReceiver::shared(), cueServer, relay);
+  safety.start();
   tracking.start();
   cueServer.startListening();  // shows "OSC cues: disabled" when switched off
   // Apps that stream only when asked: the phone set here or stored, asked from the tracking ports.
@@ -145,15 +153,21 @@ int Application::runInteractive(const CommandLine& commandLine) {
     const auto latency = scene.outputLatency().summary(uptime());
     return std::make_pair(latency.tickWaitP50, latency.renderP50);
   });
-  const int statusObserver = state.observe([&state](FaceTrackingState::Property property) {
+  std::string loggedNdiStatus;
+  const int statusObserver = state.observe([&state, &loggedNdiStatus](FaceTrackingState::Property property) {
     if (property == FaceTrackingState::Property::syphonStatus) logLine("Velmora", state.syphonStatus());
-    if (property == FaceTrackingState::Property::ndiStatus) logLine("Velmora", state.ndiStatus());
+    // Not at each tick of a retry's countdown: once per failure, with the time of its first retry.
+    if (property == FaceTrackingState::Property::ndiStatus &&
+        MaskSceneManager::withoutRetryNote(state.ndiStatus()) != loggedNdiStatus) {
+      loggedNdiStatus = MaskSceneManager::withoutRetryNote(state.ndiStatus());
+      logLine("Velmora", state.ndiStatus());
+    }
   });
 
   // The main window with the dashboard when there is a display; headless otherwise.
   auto window = OperatorWindow::create({state, CharacterAnimationController::shared(), scene,
                                         ProjectorWindowController::shared(), cueServer,
-                                        TrackingReceiver::shared(), &recording, relay.get()});
+                                        TrackingReceiver::shared(), &safety});
   if (window) {
     logLine("Velmora", "Main window open; close it (or press Ctrl-C) to stop");
   } else {
@@ -184,7 +198,7 @@ int Application::runInteractive(const CommandLine& commandLine) {
   state.unobserve(statusObserver);
   cueServer.shutdown();
   tracking.stop();
-  recording.stop();  // after the sockets: every datagram that arrived is in the file
+  safety.stopRecording();  // after the sockets: every datagram that arrived is in the file
 
   mainQueue.setTick(nullptr, 0);
   mainQueue.drain();  // whatever the stopping services posted last

@@ -12,7 +12,8 @@ struct CommandLine;
 
 class Application {
  public:
-  // Returns the process exit status (0 for every batch run, whatever its outcome).
+  // Returns the process exit status: 0 for every batch run, whatever its outcome,
+  // and for --help and --version; 2 for an unrecognized option.
   static int main(const std::vector<std::string>& args);
 
  private:

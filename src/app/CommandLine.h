@@ -4,18 +4,30 @@
 // FOLDER", "--export-gltf FOLDER"), exact whole-argument matches; the first that matches wins. A
 // folder switch with nothing after it is ignored.
 //
-// "--record FILE" and "--phone HOST" are looked at only after all of them,
-// for an interactive run: the first records the session's tracking datagrams
-// to FILE, the second asks the phone HOST for data. Neither changes which
-// run starts.
+// After them: "--help" and "--version" print and end the run; any other
+// argument starting with "--" that is not a switch of the table below is a
+// usage error (exit status 2). Options of an interactive run ("--record
+// FILE", "--phone HOST") are looked at last and never change which run starts.
+//
+// Every switch has one row in switches(): what it is called, what follows
+// it and what it does. The help text and the manual page are built from it.
 
+#include <span>
 #include <string>
 #include <vector>
 
 namespace velmora {
 
 struct CommandLine {
-  enum class Mode { interactive, runTests, snapshot, outputSelfTest, exportGltf };
+  enum class Mode { interactive, runTests, snapshot, outputSelfTest, exportGltf, help, version, usageError };
+
+  // One switch as --help lists it; `argument` is empty for a switch that takes none.
+  struct Switch {
+    const char* name;
+    const char* argument;
+    const char* description;
+  };
+  static std::span<const Switch> switches();
 
   Mode mode = Mode::interactive;
   std::string folder;  // for the switches that take a folder
@@ -25,9 +37,17 @@ struct CommandLine {
   // as the phoneAddress setting); empty: the stored setting stands.
   std::string phoneHost;
   bool phoneWithoutHost = false;  // "--phone" was the last argument
+  std::string unknownOption;       // usageError: the first argument no switch matched
 
   // args excludes the program name.
   static CommandLine parse(const std::vector<std::string>& args);
+
+  // "velmora 0.1.0"
+  static std::string versionText();
+  // Usage, every switch, the environment variables and where settings live.
+  static std::string helpText();
+  // "velmora: unrecognized option '--x'" and a hint to --help, one line.
+  static std::string usageErrorText(const std::string& option);
 };
 
 }  // namespace velmora

@@ -1,6 +1,7 @@
 #include "base/RuntimeLibrary.h"
 
 #include <dlfcn.h>
+#include <link.h>
 
 #include <filesystem>
 #include <mutex>
@@ -38,31 +39,44 @@ CreateResult<RuntimeLibrary> RuntimeLibrary::open(const std::string& path) {
     const char* why = ::dlerror();
     return CreateResult<RuntimeLibrary>::failure(why ? why : "cannot be opened");
   }
-  return CreateResult<RuntimeLibrary>::success(std::unique_ptr<RuntimeLibrary>(new RuntimeLibrary(handle, path)));
+  // A bare name was found by the system loader: keep the file it chose.
+  std::string opened = path;
+  link_map* map = nullptr;
+  if (!isSystemLoaderName(path) || ::dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0) map = nullptr;
+  if (map && map->l_name && *map->l_name) opened = map->l_name;
+  return CreateResult<RuntimeLibrary>::success(
+      std::unique_ptr<RuntimeLibrary>(new RuntimeLibrary(handle, std::move(opened))));
 }
 
 std::unique_ptr<RuntimeLibrary> RuntimeLibrary::loadFirst(std::string_view component,
                                                           const std::vector<std::string>& candidates,
                                                           const std::function<bool(RuntimeLibrary&)>& accept) {
   for (const auto& path : candidates) {
+    const bool bySystemLoader = isSystemLoaderName(path);
+    const std::string place = bySystemLoader ? path + " through the system loader" : path;
     std::error_code ec;
-    if (!std::filesystem::exists(path, ec)) {
-      logOnce(component, path, "not there");
+    if (!bySystemLoader && !std::filesystem::exists(path, ec)) {
+      logOnce(component, place, "not there");
       continue;
     }
     auto opened = open(path);
     if (!opened) {
-      logOnce(component, path, "cannot be opened (" + opened.reason + ")");
+      logOnce(component, place, bySystemLoader ? "not found (" + opened.reason + ")"
+                                                : "cannot be opened (" + opened.reason + ")");
       continue;
     }
     if (accept && !accept(*opened.value)) {
-      logOnce(component, path, "not usable");
+      logOnce(component, place, bySystemLoader ? "not usable (" + opened.value->path() + ")" : "not usable");
       continue;
     }
-    logOnce(component, path, "loaded");
+    logOnce(component, place, bySystemLoader ? "loaded (" + opened.value->path() + ")" : "loaded");
     return std::move(opened.value);
   }
   return nullptr;
+}
+
+bool RuntimeLibrary::isSystemLoaderName(const std::string& path) {
+  return !path.empty() && path.find('/') == std::string::npos;
 }
 
 void* RuntimeLibrary::symbol(const char* name) const { return handle_ ? ::dlsym(handle_, name) : nullptr; }

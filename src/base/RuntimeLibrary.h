@@ -26,12 +26,18 @@ class RuntimeLibrary {
   RuntimeLibrary& operator=(const RuntimeLibrary&) = delete;
 
   // Opens the file with immediate binding and local symbols
-  // (RTLD_NOW | RTLD_LOCAL); the reason is the loader's own message.
+  // (RTLD_NOW | RTLD_LOCAL); the reason is the loader's own message. A bare
+  // file name without a folder ("libpipewire-0.3.so.0") asks the system
+  // loader (its cache, LD_LIBRARY_PATH, /usr/lib64...); path() is then the
+  // file it chose.
   static CreateResult<RuntimeLibrary> open(const std::string& path);
+  static bool isSystemLoaderName(const std::string& path);
 
   // Tries each candidate path in order: a path where no file exists is
   // skipped; the first that opens and that `accept` takes (it may look up
   // symbols and initialise the library; a refusal closes it) is returned.
+  // A bare file name is asked of the system loader, logged as
+  // "Looked for NAME through the system loader: loaded (/its/path)".
   // Null when none worked.
   static std::unique_ptr<RuntimeLibrary> loadFirst(std::string_view component,
                                                    const std::vector<std::string>& candidates,

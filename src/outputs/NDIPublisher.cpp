@@ -1,11 +1,16 @@
 #include "outputs/NDIPublisher.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cassert>
+#include <cctype>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 
+#include "base/Clock.h"
 #include "base/Log.h"
 #include "base/RuntimeLibrary.h"
 
@@ -37,7 +42,8 @@ std::vector<std::string> NDIPublisher::defaultFolders() {
   return folders;
 }
 
-NDIPublisher::NDIPublisher(std::vector<std::string> fixedFolders) : fixedFolders_(std::move(fixedFolders)) {}
+NDIPublisher::NDIPublisher(std::vector<std::string> fixedFolders, std::function<double()> clock)
+    : fixedFolders_(std::move(fixedFolders)), clock_(clock ? std::move(clock) : std::function<double()>(uptime)) {}
 
 NDIPublisher::~NDIPublisher() { stop(); }
 
@@ -53,6 +59,15 @@ std::vector<std::string> NDIPublisher::candidateRuntimePaths() const {
   for (const auto& folder : folders)
     for (const char* file : kRuntimeFiles) paths.push_back((std::filesystem::path(folder) / file).string());
   return paths;
+}
+
+std::string NDIPublisher::networkSourceName() const {
+  char host[256] = {};
+  if (::gethostname(host, sizeof host - 1) != 0 || !host[0]) std::strcpy(host, "localhost");
+  std::string machine(host);
+  machine = machine.substr(0, machine.find('.'));
+  std::transform(machine.begin(), machine.end(), machine.begin(), [](unsigned char c) { return std::toupper(c); });
+  return machine + " (" + sourceName_ + ")";
 }
 
 bool NDIPublisher::isRunning() const {
@@ -111,6 +126,9 @@ bool NDIPublisher::loadRuntime() {
 
 bool NDIPublisher::start() {
   if (isRunning()) return true;
+  const double now = clock_();
+  if (nextAttempt_ && now < *nextAttempt_) return false;
+  nextAttempt_ = now + retryInterval;  // cleared below once a sender exists
   if (!loadRuntime()) return false;
 
   const ndi::SendCreate settings{sourceName_.c_str(), nullptr, false, false};
@@ -123,9 +141,16 @@ bool NDIPublisher::start() {
     std::lock_guard lock(mutex_);
     sender_ = sender;
   }
+  nextAttempt_.reset();
   lastError_.reset();
   logLine(kComponent, "Sending '" + sourceName_ + "' using " + runtimePath_.value_or("?"));
   return true;
+}
+
+std::optional<double> NDIPublisher::retryIn() const {
+  if (!nextAttempt_ || isRunning()) return std::nullopt;
+  const double left = *nextAttempt_ - clock_();
+  return left > 0 ? std::optional<double>(left) : std::nullopt;
 }
 
 void NDIPublisher::stop() {

@@ -5,8 +5,11 @@
 // linked, so Velmora runs without it.
 //
 // Life: runtime not loaded, then loaded (kept open for the rest of the
-// process); within loaded, stopped or sending. A failed search is repeated at
-// the next start(): nothing is remembered about a failure.
+// process); within loaded, stopped or sending. A start that fails (no usable
+// runtime, a runtime refusing to initialise, no sender) is tried again, the
+// whole search included, but not before retryInterval seconds have passed:
+// the output sync asks every frame, and each attempt opens, initialises and
+// closes a library on the main thread.
 //
 // Frames: publish() takes the finished frame (already in main memory) and
 // sends it from that memory on the serial queue "com.velmora.ndi", holding
@@ -18,6 +21,7 @@
 // output synchronisation, the self-test); publish() on the render thread,
 // never blocking (a lock held for a few instructions guards the busy flag).
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -35,6 +39,9 @@ class RuntimeLibrary;
 
 class NDIPublisher : public VideoOutput {
  public:
+  // Seconds between two start attempts after a failed one.
+  static constexpr double retryInterval = 2.0;
+
   // Over defaultFolders().
   static NDIPublisher& shared();
 
@@ -43,8 +50,10 @@ class NDIPublisher : public VideoOutput {
   static std::vector<std::string> defaultFolders();
 
   // `fixedFolders` follow the folders named by $NDI_RUNTIME_DIR_V6 and
-  // $NDI_RUNTIME_DIR_V5 in the search; tests pass their own.
-  explicit NDIPublisher(std::vector<std::string> fixedFolders = defaultFolders());
+  // $NDI_RUNTIME_DIR_V5 in the search; the clock (seconds, monotonic; uptime
+  // when empty) paces the retries. Tests pass their own.
+  explicit NDIPublisher(std::vector<std::string> fixedFolders = defaultFolders(),
+                        std::function<double()> clock = {});
   ~NDIPublisher() override;  // stop(), then the queue finishes
   NDIPublisher(const NDIPublisher&) = delete;
   NDIPublisher& operator=(const NDIPublisher&) = delete;
@@ -55,6 +64,9 @@ class NDIPublisher : public VideoOutput {
   std::vector<std::string> candidateRuntimePaths() const;
 
   const std::string& sourceName() const { return sourceName_; }
+  // How receivers see this machine's source: "HOSTNAME (Velmora)", the host
+  // name up to its first dot, upper-cased as the runtime announces it.
+  std::string networkSourceName() const;
   // The runtime file that was opened.
   const std::optional<std::string>& runtimePath() const { return runtimePath_; }
   std::optional<std::string> lastError() const override { return lastError_; }
@@ -68,7 +80,10 @@ class NDIPublisher : public VideoOutput {
   // Creates the sender (source name, default groups, no clocking, so frames
   // go out as fast as they are offered) and prints
   // "[NDI] Sending 'Velmora' using <runtimePath>". Starting twice is harmless.
+  // Within retryInterval of a failed start it fails at once, trying nothing.
   bool start() override;
+  // Seconds until a start may try again after a failure; empty when it may now.
+  std::optional<double> retryIn() const override;
   // Destroys the sender once a send in progress has returned and prints
   // "[NDI] Sender stopped"; without a sender it does nothing. The runtime
   // stays open.
@@ -106,6 +121,8 @@ class NDIPublisher : public VideoOutput {
 
   const std::string sourceName_ = "Velmora";
   const std::vector<std::string> fixedFolders_;
+  const std::function<double()> clock_;
+  std::optional<double> nextAttempt_;  // clock time before which start() tries nothing
   std::optional<std::string> runtimePath_;
   std::optional<std::string> lastError_;
   std::unique_ptr<RuntimeLibrary> library_;

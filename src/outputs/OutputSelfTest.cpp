@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <filesystem>
 
 #include "base/Log.h"
@@ -18,6 +20,15 @@ namespace velmora {
 namespace {
 
 void say(const std::string& text) { logLine("selftest", text); }
+
+// NDI writes the machine part in its own case (upper on Linux): compared
+// without case, so only this machine's source of our name counts, never a
+// second Velmora elsewhere on the show network.
+bool sameSourceName(const std::string& a, const std::string& b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](unsigned char x, unsigned char y) {
+           return std::tolower(x) == std::tolower(y);
+         });
+}
 
 }  // namespace
 
@@ -40,6 +51,9 @@ void OutputSelfTest::run(const std::string& outputDirectory) {
   std::error_code ec;
   std::filesystem::create_directories(outputDirectory, ec);
   if (ec) say("Cannot create the folder " + outputDirectory + ": " + ec.message());
+  // The switches are the operator's (NDI's persists): put back as found at the end.
+  const bool syphonWasActive = c_.state.isSyphonActive();
+  const bool ndiWasActive = c_.state.isNDIActive();
   c_.state.setIsSyphonActive(true);
   c_.state.setIsNDIActive(true);
   c_.state.setBlendshapes({{"jawOpen", 0.4f}});
@@ -60,7 +74,8 @@ void OutputSelfTest::run(const std::string& outputDirectory) {
   c_.scene.removeFrameConsumer(token);
   c_.syphon.stop();
   c_.ndi.stop();
-  c_.state.setIsNDIActive(false);
+  c_.state.setIsSyphonActive(syphonWasActive);
+  c_.state.setIsNDIActive(ndiWasActive);
 }
 
 void OutputSelfTest::testSyphonClient(const std::string& outputDirectory) {
@@ -131,7 +146,7 @@ void OutputSelfTest::testNDIDiscovery() {
   bool found = false;
   for (const auto& name : *sources) {
     names += (names.empty() ? "" : ", ") + name;
-    found = found || name.find(c_.ndi.sourceName()) != std::string::npos;
+    found = found || sameSourceName(name, c_.ndi.networkSourceName());
   }
   say("NDI discovery sees: " + names);
   say(std::string("RESULT NDI: ") + (found ? "OK, source is discoverable" : "source NOT discovered"));

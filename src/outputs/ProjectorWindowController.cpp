@@ -25,9 +25,31 @@ void ProjectorWindowController::setFrameSource(FrameSource source) { source_ = s
 
 void ProjectorWindowController::setKeyHandler(KeyHandler handler) { keyHandler_ = std::move(handler); }
 
+void ProjectorWindowController::setCloseRequestHandler(std::function<void()> handler) {
+  closeRequestHandler_ = std::move(handler);
+}
+
+bool ProjectorWindowController::coversOperatorMonitor() {
+  int count = 0;
+  return !glfwGetMonitors(&count) || count < 2;
+}
+
 void ProjectorWindowController::keyCallback(GLFWwindow* window, int key, int, int action, int mods) {
   auto* self = static_cast<ProjectorWindowController*>(glfwGetWindowUserPointer(window));
-  if (self && action == GLFW_PRESS && self->keyHandler_) self->keyHandler_(key, mods);
+  if (!self || action != GLFW_PRESS) return;
+  if (key == GLFW_KEY_ESCAPE && mods == 0) {
+    if (self->closeRequestHandler_) self->closeRequestHandler_();
+    return;
+  }
+  if (self->keyHandler_) self->keyHandler_(key, mods);
+}
+
+void ProjectorWindowController::closeCallback(GLFWwindow* window) {
+  // The window stays until the handler's close destroys it; without a
+  // handler the request is refused rather than leaving a dead window.
+  glfwSetWindowShouldClose(window, GLFW_FALSE);
+  auto* self = static_cast<ProjectorWindowController*>(glfwGetWindowUserPointer(window));
+  if (self && self->closeRequestHandler_) self->closeRequestHandler_();
 }
 
 void ProjectorWindowController::openProjector() {
@@ -47,8 +69,6 @@ void ProjectorWindowController::openProjector() {
   }
   if (window_) retire();
 
-  int x = 0, y = 0;
-  glfwGetMonitorPos(monitor, &x, &y);
   glfwDefaultWindowHints();
   glfwWindowHint(GLFW_DECORATED, GLFW_FALSE);
   glfwWindowHint(GLFW_FLOATING, GLFW_TRUE);
@@ -61,10 +81,14 @@ void ProjectorWindowController::openProjector() {
   glfwWindowHint(GLFW_OPENGL_PROFILE, GLFW_OPENGL_CORE_PROFILE);
   glfwWindowHint(GLFW_OPENGL_FORWARD_COMPAT, GLFW_TRUE);
   glfwWindowHint(GLFW_SAMPLES, 0);  // the scene is multisampled offscreen, then shown
-  // Windowed at the monitor's origin and native size rather than an
-  // exclusive full-screen mode: no mode switch, and the operator's display
-  // is never touched.
-  GLFWwindow* window = glfwCreateWindow(mode->width, mode->height, "Velmora Projector", nullptr, nullptr);
+  // Full screen on that monitor at its current mode, so GLFW switches no
+  // mode and the window manager keeps the window over the monitor on every
+  // workspace (a plain window would stay behind on the workspace it opened on).
+  glfwWindowHint(GLFW_REFRESH_RATE, mode->refreshRate);
+  glfwWindowHint(GLFW_RED_BITS, mode->redBits);
+  glfwWindowHint(GLFW_GREEN_BITS, mode->greenBits);
+  glfwWindowHint(GLFW_BLUE_BITS, mode->blueBits);
+  GLFWwindow* window = glfwCreateWindow(mode->width, mode->height, "Velmora Projector", monitor, nullptr);
   glfwDefaultWindowHints();
   if (!window) {
     const char* description = nullptr;
@@ -73,9 +97,9 @@ void ProjectorWindowController::openProjector() {
             std::string("Could not open the projector window: ") + (description ? description : "unknown error"));
     return;
   }
-  glfwSetWindowPos(window, x, y);
   glfwSetWindowUserPointer(window, this);
   glfwSetKeyCallback(window, &ProjectorWindowController::keyCallback);
+  glfwSetWindowCloseCallback(window, &ProjectorWindowController::closeCallback);
   glfwShowWindow(window);
   glfwFocusWindow(window);
 
@@ -86,6 +110,7 @@ void ProjectorWindowController::openProjector() {
   view_ = std::make_unique<ProjectorView>(window);
   state_.setIsProjectorFullscreen(true);
   logLine("ProjectorWindowController", "Opened fullscreen projector window on '" + monitorName_ + "'");
+  if (coversOperatorMonitor()) logLine("ProjectorWindowController", singleMonitorHint);
   tick();  // the first frame now, not a tick later
 }
 

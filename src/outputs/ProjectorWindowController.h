@@ -6,9 +6,17 @@
 // redrawn every tick. FaceTrackingState::isProjectorFullscreen mirrors
 // whether it is open.
 //
+// The window is full screen in GLFW's monitor mode at the monitor's current
+// video mode (no mode switch): the window manager keeps it over that whole
+// monitor (_NET_WM_STATE_FULLSCREEN), on every workspace the monitor shows.
+// Esc and the window manager's close request (Alt+F4) ask the application
+// to close it (setCloseRequestHandler), as Ctrl+P does.
+//
 // Log lines: "[ProjectorWindowController] Opened fullscreen projector
 // window on '<monitor name>'" and "[ProjectorWindowController] Closed
-// projector window." (also when nothing was open).
+// projector window." (also when nothing was open); with one monitor the
+// opening line is followed by singleMonitorHint, since the projector then
+// covers the dashboard.
 //
 // Threads: main thread only (GLFW must already be initialised by the
 // application's main window). The scene is drawn on the view's own render
@@ -42,6 +50,12 @@ class ProjectorWindowController {
   using KeyHandler = std::function<void(int key, int mods)>;
 
   static constexpr int sampleCount = 4;
+  // How an operator with one monitor gets the dashboard back.
+  static constexpr const char* singleMonitorHint =
+      "One monitor: the projector covers the dashboard. Press Esc or Ctrl+P on it to close it.";
+  // True when the projector would open over the operator's own monitor (one
+  // monitor or none listed). GLFW must be initialised.
+  static bool coversOperatorMonitor();
 
   // Over FaceTrackingState::shared(), created on first use.
   static ProjectorWindowController& shared();
@@ -52,6 +66,9 @@ class ProjectorWindowController {
 
   void setFrameSource(FrameSource source);
   void setKeyHandler(KeyHandler handler);
+  // Called (main thread, inside GLFW's event handling) when Esc is pressed
+  // in the projector or the window manager asks to close it.
+  void setCloseRequestHandler(std::function<void()> handler);
 
   // Opens a window on the chosen monitor; with no monitor, nothing happens
   // (one log line says so). Opening while open replaces the open window
@@ -76,12 +93,14 @@ class ProjectorWindowController {
 
  private:
   static void keyCallback(GLFWwindow* window, int key, int scancode, int action, int mods);
+  static void closeCallback(GLFWwindow* window);
   // Destroys the open window; its render thread stops in the background.
   void retire();
 
   FaceTrackingState& state_;
   FrameSource source_;
   KeyHandler keyHandler_;
+  std::function<void()> closeRequestHandler_;
   GLFWwindow* window_ = nullptr;
   std::unique_ptr<ProjectorView> view_;
   std::string monitorName_;

@@ -14,9 +14,11 @@ SyphonPublisher& SyphonPublisher::shared() {
   return instance;
 }
 
-SyphonPublisher::SyphonPublisher(std::vector<std::string> candidateFolders, std::function<double()> clock)
+SyphonPublisher::SyphonPublisher(std::vector<std::string> candidateFolders, std::function<double()> clock,
+                                 bool askSystemLoader)
     : candidateFolders_(std::move(candidateFolders)),
-      clock_(clock ? std::move(clock) : std::function<double()>(uptime)) {}
+      clock_(clock ? std::move(clock) : std::function<double()>(uptime)),
+      askSystemLoader_(askSystemLoader) {}
 
 SyphonPublisher::~SyphonPublisher() { stop(); }
 
@@ -36,10 +38,13 @@ bool SyphonPublisher::loadFramework() {
   std::vector<std::string> paths;
   for (const auto& folder : candidateFolders_)
     paths.push_back((std::filesystem::path(folder) / PipeWireApi::libraryName).string());
+  // Systems that keep 64-bit libraries elsewhere (/usr/lib64) are found by soname.
+  if (askSystemLoader_) paths.push_back(PipeWireApi::libraryName);
   api_ = PipeWireApi::load(paths);
   if (!api_) {
     std::string folders;
     for (const auto& folder : candidateFolders_) folders += (folders.empty() ? "" : ", ") + folder;
+    if (askSystemLoader_) folders += (folders.empty() ? "" : ", ") + std::string("the system loader");
     lastError_ = "PipeWire not found (looked in " + folders + ")";
     return false;
   }

@@ -39,9 +39,11 @@ class SyphonPublisher : public VideoOutput {
   // Over candidateFrameworkPaths() and the uptime clock.
   static SyphonPublisher& shared();
 
-  // Folders are searched in order for libpipewire-0.3.so.0; the clock
-  // (seconds, monotonic) paces the retries. Tests pass their own.
-  explicit SyphonPublisher(std::vector<std::string> candidateFolders, std::function<double()> clock = {});
+  // Folders are searched in order for libpipewire-0.3.so.0, then (unless
+  // askSystemLoader is false) the system loader is asked for it by soname;
+  // the clock (seconds, monotonic) paces the retries. Tests pass their own.
+  explicit SyphonPublisher(std::vector<std::string> candidateFolders, std::function<double()> clock = {},
+                           bool askSystemLoader = true);
   ~SyphonPublisher() override;  // stop()
   SyphonPublisher(const SyphonPublisher&) = delete;
   SyphonPublisher& operator=(const SyphonPublisher&) = delete;
@@ -57,8 +59,9 @@ class SyphonPublisher : public VideoOutput {
   // A video source exists and its connection to the daemon holds.
   bool isRunning() const override;
 
-  // Opens libpipewire from the first candidate folder that has a usable one.
-  // Only the first call searches; later calls repeat its answer.
+  // Opens libpipewire from the first candidate folder that has a usable one,
+  // else wherever the system loader finds it. Only the first call searches;
+  // later calls repeat its answer.
   bool loadFramework();
   bool start() override;
   // Prints "[Syphon] Server stopped" when a server was running.
@@ -84,6 +87,7 @@ class SyphonPublisher : public VideoOutput {
   const std::string serverName_ = "Velmora";
   std::vector<std::string> candidateFolders_;
   std::function<double()> clock_;
+  bool askSystemLoader_ = true;
   std::optional<std::string> frameworkPath_;
   std::optional<std::string> lastError_;
   std::shared_ptr<const PipeWireApi> api_;

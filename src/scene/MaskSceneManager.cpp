@@ -370,7 +370,11 @@ std::string MaskSceneManager::ndiStatusText(bool active, const VideoOutput* outp
   if (!active) return "NDI: off";
   if (!output || !output->isRunning()) {
     const auto error = output ? output->lastError() : std::nullopt;
-    return "NDI: " + error.value_or("unavailable");
+    std::string text = "NDI: " + error.value_or("unavailable");
+    // Whole seconds, rounded up: the text changes at most once a second.
+    if (const auto wait = output ? output->retryIn() : std::nullopt)
+      text += retryNote + std::to_string(static_cast<int>(std::ceil(*wait))) + " s)";
+    return text;
   }
   const int n = output->clientCount();
   if (n < 1) return "NDI: ready, waiting for a receiver";

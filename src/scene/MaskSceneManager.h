@@ -127,6 +127,12 @@ class MaskSceneManager {
   // server and no error).
   static std::string syphonStatusText(bool active, const VideoOutput* output);
   static std::string ndiStatusText(bool active, const VideoOutput* output);
+  // How a status text ends while a failed output waits to try again:
+  // " (next try in 2 s)", counting down once a second.
+  static constexpr const char* retryNote = " (next try in ";
+  // The status without that countdown, so a log line is written when the
+  // failure changes, not every second.
+  static std::string withoutRetryNote(const std::string& status) { return status.substr(0, status.find(retryNote)); }
   std::optional<double> lastStatusCheck() const { return lastStatusCheck_; }
   // Arrival-to-hand-off latency of the frames handed to the outputs; the
   // status refresh publishes its last second as state.outputLatencyP50/P99.

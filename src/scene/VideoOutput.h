@@ -30,6 +30,9 @@ class VideoOutput {
   virtual std::optional<std::string> lastError() const = 0;
   // Clients or receivers taking frames now (0 when none or unknown).
   virtual int clientCount() const = 0;
+  // After a failed start, the seconds until start() tries again (it fails at
+  // once before then); empty when the next start() tries.
+  virtual std::optional<double> retryIn() const { return std::nullopt; }
   // False when a frame rendered now would go nowhere, so the scene may skip
   // rendering for this output.
   virtual bool wantsFrames() const { return isRunning(); }

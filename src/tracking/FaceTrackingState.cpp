@@ -4,8 +4,8 @@
 
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
+#include "net/LocalAddress.h"
 #include "tracking/EyeGaze.h"
-#include "tracking/LocalAddress.h"
 
 namespace velmora {
 

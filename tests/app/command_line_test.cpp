@@ -34,10 +34,28 @@ TEST(CommandLine, AFolderSwitchWithNothingAfterItIsIgnored) {
   EXPECT_EQ(r.folder, "o");
 }
 
-TEST(CommandLine, MatchesAreExactAndCaseSensitive) {
-  EXPECT_EQ(CommandLine::parse({"--Run-Tests"}).mode, Mode::interactive);
-  EXPECT_EQ(CommandLine::parse({"--run-tests=1"}).mode, Mode::interactive);
-  EXPECT_EQ(CommandLine::parse({"--snapshot=out"}).mode, Mode::interactive);
+// A near miss is no switch: it is named back to the user (exit status 2),
+// unless a batch switch, --help or --version wins first.
+TEST(CommandLine, MatchesAreExactAndAnythingElseIsAnUnknownOption) {
+  for (const char* option : {"--Run-Tests", "--run-tests=1", "--snapshot=out", "--recordings"}) {
+    const auto r = CommandLine::parse({"-v", option, "x"});
+    EXPECT_EQ(r.mode, Mode::usageError) << option;
+    EXPECT_EQ(r.unknownOption, option);
+  }
+  EXPECT_EQ(CommandLine::parse({"--bogus", "--snapshot", "out"}).mode, Mode::snapshot);
+  EXPECT_EQ(CommandLine::parse({"--bogus", "--help"}).mode, Mode::help);
+  EXPECT_EQ(CommandLine::parse({"--version", "--help"}).mode, Mode::help);
+  // A switch's own argument is not an option.
+  auto r = CommandLine::parse({"--record", "--odd-name.pcap"});
+  EXPECT_EQ(r.mode, Mode::interactive);
+  EXPECT_EQ(r.recordFile, "--odd-name.pcap");
+  // Every switch --help lists is understood.
+  for (const auto& s : CommandLine::switches()) {
+    std::vector<std::string> args{s.name};
+    if (*s.argument) args.push_back("x");
+    EXPECT_NE(CommandLine::parse(args).mode, Mode::usageError) << s.name;
+    EXPECT_NE(CommandLine::helpText().find(std::string("  ") + s.name), std::string::npos) << s.name;
+  }
 }
 
 TEST(CommandLine, RecordIsLookedAtOnlyForAnInteractiveRun) {

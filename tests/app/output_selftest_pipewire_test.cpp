@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -17,14 +19,16 @@
 namespace velmora {
 namespace {
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
+const std::string kVelmora = test::builtProgram("velmora");
 
-// Runs the self-test to its end in the session's environment; the lines it printed.
+// Runs the self-test to its end in the session's environment; the lines it
+// printed. Settings live in `configDir` when given, else in a fresh folder.
 std::vector<std::string> selfTest(const test::PrivatePipeWire& session, const std::filesystem::path& out,
-                                  std::vector<std::string> env, int* status) {
+                                  std::vector<std::string> env, int* status,
+                                  const std::filesystem::path& configDir = {}) {
   test::TempDir config;
   for (const auto& e : session.env()) env.push_back(e);
-  env.push_back("VELMORA_CONFIG_DIR=" + config.path().string());
+  env.push_back("VELMORA_CONFIG_DIR=" + (configDir.empty() ? config.path() : configDir).string());
   test::ChildProcess velmora({kVelmora, "--output-selftest", out.string()}, env);
   *status = velmora.wait(120);
   return velmora.lines();
@@ -107,6 +111,22 @@ TEST(OutputSelfTestPipeWire, WithoutDaemonOrRuntimeEachPartSaysWhy) {
   EXPECT_TRUE(has(lines, "[selftest] RESULT Syphon: our server is NOT visible to other apps")) << joined(lines);
   EXPECT_TRUE(has(lines, "[selftest] RESULT NDI: runtime not loaded, nothing to check")) << joined(lines);
   EXPECT_FALSE(std::filesystem::exists(out.path() / "syphon_received.png"));
+
+  // The operator's NDI switch, on before the check, is on after it; and a
+  // source of the same name on another machine is not ours (our sender
+  // never starts here).
+  test::TempDir config;
+  std::ofstream(config.path() / "settings.json") << R"({"ndiOutputEnabled": true})";
+  lines = selfTest(session, out.path(),
+                   {"NDI_RUNTIME_DIR_V6=" VELMORA_NDI_DOUBLE_DIR, "NDI_DOUBLE_FAIL_CREATE=1",
+                    "NDI_DOUBLE_REMOTE_SOURCES=STAGE-LEFT (Velmora)"},
+                   &status, config.path());
+  EXPECT_TRUE(has(lines, "[selftest] NDI discovery sees: STAGE-LEFT (Velmora)")) << joined(lines);
+  EXPECT_TRUE(has(lines, "[selftest] RESULT NDI: source NOT discovered")) << joined(lines);
+  std::ifstream settingsFile(config.path() / "settings.json");
+  std::string settings(std::istreambuf_iterator<char>(settingsFile), {});
+  std::erase_if(settings, [](char c) { return c == ' ' || c == '\n'; });
+  EXPECT_NE(settings.find(R"("ndiOutputEnabled":true)"), std::string::npos) << settings;
 
   // A runtime whose discovery cannot start.
   lines = selfTest(session, out.path(), {"NDI_RUNTIME_DIR_V6=" VELMORA_NDI_DOUBLE_DIR, "NDI_DOUBLE_FAIL_FIND=1"},

@@ -4,7 +4,8 @@
 // Ctrl+P puts the projector (black, the character in the middle) on the
 // second monitor and Ctrl+P again takes it away; Ctrl+R and Ctrl+O reach
 // their menu entries; closing the main window ends the run with status 0.
-// With one monitor the projector covers that one. Screenshots stay in
+// With one monitor the projector covers that one, full screen, and Esc or
+// the close request gives the dashboard back. Screenshots stay in
 // <build>/screenshots for people (and the README's pictures).
 #include <gtest/gtest.h>
 
@@ -33,8 +34,8 @@
 namespace velmora {
 namespace {
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
-const std::string kPhoneSim = VELMORA_BINARY_DIR "/bin/velmora-phone-sim";
+const std::string kVelmora = test::builtProgram("velmora");
+const std::string kPhoneSim = test::builtProgram("velmora-phone-sim");
 const std::filesystem::path kShots = VELMORA_BINARY_DIR "/screenshots";
 
 // Runs a command against the display; its standard output, trailing newline removed.
@@ -92,6 +93,18 @@ void requestClose(const std::string& display, const std::string& window) {
   XSendEvent(d, e.xclient.window, False, NoEventMask, &e);
   XFlush(d);
   XCloseDisplay(d);
+}
+
+// A full-screen window in GLFW's monitor mode: with no window manager to
+// ask for _NET_WM_STATE_FULLSCREEN, GLFW takes the monitor itself
+// (override-redirect), which a plain borderless window never is.
+bool isMonitorFullScreen(const std::string& display, const std::string& window) {
+  ::Display* d = XOpenDisplay(display.c_str());
+  if (!d) return false;
+  XWindowAttributes attributes{};
+  const bool got = XGetWindowAttributes(d, std::stoul(window), &attributes) != 0;
+  XCloseDisplay(d);
+  return got && attributes.override_redirect;
 }
 
 // Presses a key combination in a window (focused first: no window manager gives focus).
@@ -249,6 +262,26 @@ TEST(WindowX11Test, WithOneMonitorTheProjectorCoversItAndSigtermEndsTheRun) {
   EXPECT_NE(geometry.find("Geometry: 1920x1080"), std::string::npos) << geometry;
   EXPECT_TRUE(eventually(
       [&] { return showsCharacterOnBlack(screenshot(s.xorg.display(), 0, "projector-one-monitor.png")); }, 90.0));
+  EXPECT_TRUE(isMonitorFullScreen(s.xorg.display(), projector));
+  // It covers the dashboard: the log says how to come back, and Esc, or the
+  // window manager's close request, brings the dashboard back as Ctrl+P does.
+  EXPECT_TRUE(s.logged("[ProjectorWindowController] One monitor: the projector covers the dashboard. "
+                       "Press Esc or Ctrl+P on it to close it."))
+      << s.velmora->output();
+  for (const char* how : {"Esc", "close request"}) {
+    SCOPED_TRACE(how);
+    if (std::string(how) == "Esc") {
+      press(s.xorg.display(), projector, "Escape");
+    } else {
+      press(s.xorg.display(), main, "ctrl+p");
+      ASSERT_TRUE(eventually([&] { return !(projector = s.window("Velmora Projector")).empty(); }, 10.0));
+      requestClose(s.xorg.display(), projector);
+    }
+    ASSERT_TRUE(s.logged("[ProjectorWindowController] Closed projector window.")) << s.velmora->output();
+    EXPECT_TRUE(eventually([&] { return s.window("Velmora Projector").empty(); }, 10.0));
+    EXPECT_TRUE(eventually([&] { return run(s.xorg.display(), "xdotool getwindowfocus") == main; }, 10.0));
+  }
+  press(s.xorg.display(), main, "ctrl+p");  // open at exit: SIGTERM closes it
 
   EXPECT_EQ(s.velmora->stop(SIGTERM, 60), 0) << s.velmora->output();
   const std::string out = s.velmora->output();

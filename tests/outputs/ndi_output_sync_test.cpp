@@ -15,6 +15,7 @@
 #include "scene/MaskSceneManager.h"
 #include "support/LogCapture.h"
 #include "support/ScopedEnv.h"
+#include "support/StateFixture.h"
 #include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
 
@@ -48,7 +49,7 @@ class InstantRenderer : public FrameRenderer {
   FrameHandler handler_;
 };
 
-class NDIOutputSyncTest : public ::testing::Test {
+class NDIOutputSyncTest : public ::testing::Test, protected test::StateFixture {
  protected:
   NDIOutputSyncTest() {
     scene.setRenderer(std::make_unique<InstantRenderer>());
@@ -70,13 +71,10 @@ class NDIOutputSyncTest : public ::testing::Test {
   test::ScopedEnv refuse{"NDI_DOUBLE_REFUSE_INIT", nullptr};
   test::ScopedEnv failCreate{"NDI_DOUBLE_FAIL_CREATE", nullptr};
   test::NDIRuntimeDoubleHandle runtime;
-  test::TempDir dir, noRuntime;
-  SettingsStore store{dir.path()};
-  FaceTrackingState state{store};
+  test::TempDir noRuntime;
   CharacterAnimationController animation;
-  double now = 100.0;
   MaskSceneManager scene{state, animation, [this] { return now; }};
-  NDIPublisher publisher{{noRuntime.path().string()}};
+  NDIPublisher publisher{{noRuntime.path().string()}, [this] { return now; }};
 };
 
 TEST_F(NDIOutputSyncTest, TheSwitchStartsAndStopsTheSenderAndTheStatusCountsReceivers) {
@@ -111,8 +109,9 @@ TEST_F(NDIOutputSyncTest, TheSwitchStartsAndStopsTheSenderAndTheStatusCountsRece
   EXPECT_EQ(runtime.violations(), "");
 }
 
-// Each failure shows as "NDI: " and the publisher's text, and the output
-// comes up by itself once the cause is gone, with the switch left on.
+// Each failure shows as "NDI: ", the publisher's text and when it tries
+// next, and the output comes up by itself once the cause is gone, with the
+// switch left on.
 TEST_F(NDIOutputSyncTest, FailuresShowInTheStatusUntilTheOutputComesUp) {
   ASSERT_TRUE(runtime.loaded());
   struct Case {
@@ -131,15 +130,19 @@ TEST_F(NDIOutputSyncTest, FailuresShowInTheStatusUntilTheOutputComesUp) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     // A fresh publisher each time: a runtime once loaded stays loaded.
-    NDIPublisher fresh{{noRuntime.path().string()}};
+    NDIPublisher fresh{{noRuntime.path().string()}, [this] { return now; }};
     scene.setOutputs(nullptr, &fresh);
     c.variable.set(c.causeValue);
     state.setIsNDIActive(true);
-    EXPECT_EQ(syncedStatus(), c.status);
+    EXPECT_EQ(syncedStatus(), c.status + " (next try in 2 s)");
     scene.renderOffscreenFrame();  // nothing to send to: no frame goes anywhere
     EXPECT_EQ(runtime.framesSent(), 0);
+    now += 0.6;
+    EXPECT_EQ(syncedStatus(), c.status + " (next try in 1 s)");
+    EXPECT_EQ(MaskSceneManager::withoutRetryNote(state.ndiStatus()), c.status) << "what the log compares";
 
     c.variable.set(c.cureValue);
+    now += NDIPublisher::retryInterval;  // past the next try
     EXPECT_EQ(syncedStatus(), "NDI: ready, waiting for a receiver");
     state.setIsNDIActive(false);
     EXPECT_EQ(syncedStatus(), "NDI: off");

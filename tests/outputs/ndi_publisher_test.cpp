@@ -10,7 +10,6 @@
 //   [SECTION] Finding the runtime, and failing to
 //   [SECTION] Discovery
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -61,14 +60,6 @@ std::uint64_t checksum(const RenderedFrame& f) {
   return h;
 }
 
-std::string machineName() {
-  char host[256] = {};
-  ::gethostname(host, sizeof host - 1);
-  std::string name(host);
-  for (char& c : name) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  return name;
-}
-
 class NDIPublisherTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(runtime.loaded()) << "build ndi_runtime_double first"; }
@@ -76,8 +67,11 @@ class NDIPublisherTest : public ::testing::Test {
 
   // The fixed folders hold nothing, so only the environment finds a runtime.
   std::unique_ptr<NDIPublisher> makePublisher() {
-    return std::make_unique<NDIPublisher>(std::vector<std::string>{noRuntime.path().string()});
+    return std::make_unique<NDIPublisher>(std::vector<std::string>{noRuntime.path().string()},
+                                          [this] { return now; });
   }
+
+  double now = 50.0;  // the publishers' clock, seconds
 
   test::TempDir noRuntime;
   test::ScopedEnv v6{"NDI_RUNTIME_DIR_V6", test::ndiDoubleDir.c_str()};
@@ -294,10 +288,13 @@ TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
     EXPECT_FALSE(log.hasPrefix("[NDI] Sending"));
     publisher->publish(patternFrame(16, 8, 1));
     EXPECT_EQ(publisher->connectionCount(), 0);
+    now += NDIPublisher::retryInterval;
     EXPECT_FALSE(publisher->start());  // tried again, same answer
     EXPECT_EQ(publisher->lastError(), c.error);
 
     c.cure();
+    EXPECT_FALSE(publisher->start()) << "not tried again before " << NDIPublisher::retryInterval << " s";
+    now += NDIPublisher::retryInterval;
     EXPECT_TRUE(publisher->start()) << publisher->lastError().value_or("");
     EXPECT_FALSE(publisher->lastError());
     EXPECT_EQ(publisher->runtimePath(), test::ndiDoubleDir + "/libndi.so.6");
@@ -310,16 +307,22 @@ TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
 TEST_F(NDIPublisherTest, RefusedAndIncompleteRuntimesAreClosedAndExplained) {
   refuse.set("1");
   {
+    // The output sync asks every frame: the runtime is opened and asked to
+    // initialise again only once the retry interval has passed.
     auto publisher = makePublisher();
+    for (int frame = 0; frame < 30; ++frame, now += 1.0 / 60) EXPECT_FALSE(publisher->start());
+    EXPECT_EQ(runtime.initializeCalls(), 1);
+    EXPECT_NEAR(publisher->retryIn().value_or(0), 1.5, 1e-9);
+    now = 50.0 + NDIPublisher::retryInterval;
     EXPECT_FALSE(publisher->start());
-    EXPECT_FALSE(publisher->start());
-    EXPECT_EQ(runtime.initializeCalls(), 2);  // asked again at each start
+    EXPECT_EQ(runtime.initializeCalls(), 2);
   }
   refuse.set(nullptr);
   v6.set(test::ndiIncompleteDoubleDir.c_str());
   test::LogCapture log;
   auto publisher = makePublisher();
   EXPECT_FALSE(publisher->start());
+  now += NDIPublisher::retryInterval;
   EXPECT_FALSE(publisher->start());
   const std::string line =
       "[NDI] " + test::ndiIncompleteDoubleDir + "/libndi.so.6 lacks NDIlib_send_get_no_connections; skipped";
@@ -373,7 +376,8 @@ TEST_F(NDIPublisherTest, DiscoveryFindsOurSourceUnderTheMachineName) {
   ASSERT_TRUE(publisher->start());
   const auto found = publisher->findSources(0.5);
   ASSERT_TRUE(found);
-  EXPECT_EQ(*found, std::vector<std::string>{machineName() + " (Velmora)"});
+  EXPECT_EQ(*found, std::vector<std::string>{publisher->networkSourceName()});
+  EXPECT_TRUE(publisher->networkSourceName().ends_with(" (Velmora)"));
 
   publisher->stop();
   const auto after = publisher->findSources(0.05);

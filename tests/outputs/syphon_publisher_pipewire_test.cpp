@@ -82,13 +82,23 @@ TEST(SyphonPublisherPipeWire, LibraryAndDaemonAbsentThenDaemonStarts) {
   TempDir empty;
   double now = 100.0;
   {
-    SyphonPublisher publisher({empty.path().string(), "/nonexistent/lib"}, [&] { return now; });
+    SyphonPublisher publisher({empty.path().string(), "/nonexistent/lib"}, [&] { return now; }, false);
     EXPECT_FALSE(publisher.hasClients());
     EXPECT_FALSE(publisher.start());
     EXPECT_EQ(publisher.lastError(), "PipeWire not found (looked in " + empty.path().string() + ", /nonexistent/lib)");
     EXPECT_FALSE(publisher.frameworkPath());
     EXPECT_FALSE(publisher.loadFramework());  // never a second search
     EXPECT_FALSE(publisher.isRunning());
+  }
+  {
+    // Installed where no listed folder is (as in /usr/lib64): the system
+    // loader finds it by soname, and that place is logged like the others.
+    LogCapture log;
+    SyphonPublisher publisher({empty.path().string()}, [&] { return now; });
+    ASSERT_TRUE(publisher.loadFramework()) << publisher.lastError().value_or("");
+    const std::string path = publisher.frameworkPath().value_or("");
+    EXPECT_TRUE(path.starts_with("/") && path.ends_with("/libpipewire-0.3.so.0")) << path;
+    EXPECT_TRUE(log.has("[Syphon] Looked for libpipewire-0.3.so.0 through the system loader: loaded (" + path + ")"));
   }
 
   PrivatePipeWire session;  // this process now looks for its daemon in an empty folder

@@ -11,6 +11,7 @@
 //   NDI_DOUBLE_SEND_DELAY_MS=<ms>  each send of a sender created now takes that long
 //   NDI_DOUBLE_CONNECTIONS=<n>     receivers reported per sender (default 0)
 //   NDI_DOUBLE_FAIL_FIND=1         NDIlib_find_create_v2 returns no finder
+//   NDI_DOUBLE_REMOTE_SOURCES=a,b  sources on other machines, listed after the local ones
 //   NDI_DOUBLE_UNREAD_SENDS=1      senders created now leave the pixels unread
 //                                  (benchmarks: the caller's cost alone)
 // Built with NDI_DOUBLE_WITHOUT_GET_NO_CONNECTIONS it lacks
@@ -172,6 +173,7 @@ std::string machineName() {
   char host[256] = {};
   if (::gethostname(host, sizeof host - 1) != 0 || !host[0]) std::strcpy(host, "localhost");
   std::string name(host);
+  name = name.substr(0, name.find('.'));  // the machine's short name, as the runtime announces it
   std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::toupper(c); });
   return name;
 }
@@ -336,6 +338,17 @@ NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(NDIlib_find_in
         finder->names.push_back(machine + " (" + sender->name + ")");
         finder->urls.push_back("127.0.0.1:" + std::to_string(5961 + finder->urls.size()));
       }
+    }
+  }
+  if (const char* remote = std::getenv("NDI_DOUBLE_REMOTE_SOURCES")) {
+    std::string list(remote);
+    for (std::size_t start = 0; start < list.size();) {
+      const std::size_t comma = std::min(list.find(',', start), list.size());
+      if (comma > start) {
+        finder->names.push_back(list.substr(start, comma - start));
+        finder->urls.push_back("192.0.2.1:" + std::to_string(5961 + finder->urls.size()));
+      }
+      start = comma + 1;
     }
   }
   for (std::size_t i = 0; i < finder->names.size(); ++i) {
