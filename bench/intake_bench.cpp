@@ -63,6 +63,13 @@ void BM_DatagramIFacialMocap52(benchmark::State& s) {
 }
 void BM_DatagramOSCBundle52(benchmark::State& s) { decodeDatagram(s, oscBundle(), velmora::TrackingFormat::osc); }
 void BM_DatagramJSON52(benchmark::State& s) { decodeDatagram(s, json(), velmora::TrackingFormat::json); }
+// The apps' own spellings: every name through the spelling table.
+void BM_DatagramIFacialMocapApp52(benchmark::State& s) {
+  decodeDatagram(s, intake::iFacialMocapApp(), velmora::TrackingFormat::iFacialMocap);
+}
+void BM_DatagramVTubeStudio52(benchmark::State& s) {
+  decodeDatagram(s, intake::vtubeStudio(), velmora::TrackingFormat::json);
+}
 
 void BM_ParsePacketOneMessage(benchmark::State& state) {
   const Bytes m = oscMessage("/velmora/sensitivity", 2.5f);
@@ -85,6 +92,8 @@ BENCHMARK(BM_DatagramLiveLink);
 BENCHMARK(BM_DatagramIFacialMocap52);
 BENCHMARK(BM_DatagramOSCBundle52);
 BENCHMARK(BM_DatagramJSON52);
+BENCHMARK(BM_DatagramIFacialMocapApp52);
+BENCHMARK(BM_DatagramVTubeStudio52);
 BENCHMARK(BM_ParsePacketOneMessage);
 BENCHMARK(BM_ParsePacketBundle52PerMessage);
 

@@ -1,6 +1,7 @@
 #include "ReferenceTrackingDecoder.h"
 
 // Index of this file:
+//   [SECTION] Names
 //   [SECTION] Text: UTF-8 and numbers
 //   [SECTION] Live Link binary
 //   [SECTION] iFacialMocap text
@@ -14,7 +15,9 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string_view>
 #include <vector>
 
@@ -28,6 +31,60 @@ namespace {
 constexpr float kDegreesToRadians = 0.017453292f;  // the senders' single-precision factor
 
 bool finite(const float3& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
+
+bool contains(std::string_view text, std::string_view part) { return text.find(part) != std::string_view::npos; }
+
+// ---------------------------------------------------------------------------
+// [SECTION] Names
+// ---------------------------------------------------------------------------
+
+// A spelling's key: lower case, no underscores, a last "_l"/"_r" written out.
+std::string spellingKey(std::string name) {
+  std::string side;
+  if (name.size() >= 2 && name[name.size() - 2] == '_') {
+    const char last = static_cast<char>(std::tolower(static_cast<unsigned char>(name.back())));
+    if (last == 'l' || last == 'r') {
+      side = last == 'l' ? "left" : "right";
+      name.resize(name.size() - 2);
+    }
+  }
+  std::string key;
+  for (const char c : name) {
+    if (c != '_') key += (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+  }
+  return key + side;
+}
+
+// The blendshape a name spells, or "" (the 52 taken from the Live Link table).
+std::string spelled(const std::string& name) {
+  static const auto keys = [] {
+    std::map<std::string, std::string> out;
+    for (const auto n : unrealARKitNames) out[spellingKey(std::string(n))] = std::string(n);
+    return out;
+  }();
+  const auto it = keys.find(spellingKey(name));
+  return it == keys.end() ? std::string() : it->second;
+}
+
+// Names as received (the last value of each) to names as stored: the exact
+// names first; then each other spelling, in byte order, where its
+// blendshape is still free; names that spell nothing as they are.
+ReferenceMap folded(const ReferenceMap& received) {
+  const std::map<std::string, float> sorted(received.begin(), received.end());
+  ReferenceMap out;
+  for (const auto& [name, value] : sorted) {
+    if (spelled(name) == name) out[name] = value;
+  }
+  for (const auto& [name, value] : sorted) {
+    const std::string shape = spelled(name);
+    if (shape.empty()) {
+      out[name] = value;
+    } else if (shape != name && !out.count(shape)) {
+      out[shape] = value;
+    }
+  }
+  return out;
+}
 
 // ---------------------------------------------------------------------------
 // [SECTION] Text: UTF-8 and numbers
@@ -120,6 +177,7 @@ ReferenceFrame liveLink(std::span<const std::uint8_t> data) {
     map[std::string(unrealARKitNames[i])] = v <= 0.0f ? 0.0f : (v >= 1.0f ? 1.0f : v);
   }
   f.blendshapes = std::move(map);
+  f.app = TrackingApp::liveLinkFace;
   const float yaw = bigEndianFloat(tail + 52 * 4);
   const float pitch = bigEndianFloat(tail + 53 * 4);
   const float roll = bigEndianFloat(tail + 54 * 4);
@@ -132,28 +190,52 @@ ReferenceFrame liveLink(std::span<const std::uint8_t> data) {
 // [SECTION] iFacialMocap text
 // ---------------------------------------------------------------------------
 
+// Degrees to radians; none when not finite.
+std::optional<float3> radians(float3 degrees) {
+  const float3 r(degrees.x * kDegreesToRadians, degrees.y * kDegreesToRadians, degrees.z * kDegreesToRadians);
+  if (!finite(r)) return std::nullopt;
+  return r;
+}
+
 // "name-percent|...=pitch,yaw,roll,x,y,z": percent / 100, degrees to
-// radians, centimetres / 100. An item needs exactly one dash and a number;
-// a head field that is no number counts as 0; six fields or more give a head.
+// radians, centimetres / 100. An item without a "-" is "name&percent" instead.
+// An item needs exactly one separator and a number. After the "=", pieces
+// between "|": the first is the head ("head#" skipped; a field that is no
+// number counts as 0; six fields or more give a head), then "rightEye#" and
+// "leftEye#" with three fields or more.
 ReferenceFrame iFacialMocap(std::string_view text) {
   ReferenceFrame f;
   f.format = TrackingFormat::iFacialMocap;
+  f.app = TrackingApp::iFacialMocap;
   const std::size_t equals = text.find('=');
   ReferenceMap map;
   for (std::string_view item : split(text.substr(0, equals), '|')) {
-    const auto parts = split(item, '-');
+    const auto parts = split(item, contains(item, "-") ? '-' : '&');
     if (parts.size() != 2) continue;
     if (auto v = number(parts[1])) map[std::string(parts[0])] = *v / 100.0f;
   }
-  f.blendshapes = std::move(map);
+  f.blendshapes = folded(map);
   if (equals != std::string_view::npos) {
-    const auto head = split(split(text.substr(equals + 1), '=').front(), ',');
+    const auto pieces = split(split(text.substr(equals + 1), '=').front(), '|');
+    std::string_view headText = pieces.front();
+    if (headText.starts_with("head#")) headText.remove_prefix(5);
+    const auto head = split(headText, ',');
     if (head.size() >= 6) {
       float v[6];
       for (int k = 0; k < 6; ++k) v[k] = number(head[static_cast<std::size_t>(k)]).value_or(0.0f);
-      const float3 rotation(v[0] * kDegreesToRadians, v[1] * kDegreesToRadians, v[2] * kDegreesToRadians);
-      if (finite(rotation)) f.rotation = rotation;
+      f.rotation = radians(float3(v[0], v[1], v[2]));
       f.position = float3(v[3] / 100.0f, v[4] / 100.0f, v[5] / 100.0f);
+    }
+    for (std::size_t p = 1; p < pieces.size(); ++p) {
+      for (const auto& [label, eye] : {std::pair{std::string_view("rightEye#"), &f.rightEye},
+                                       std::pair{std::string_view("leftEye#"), &f.leftEye}}) {
+        if (!pieces[p].starts_with(label)) continue;
+        const auto fields = split(pieces[p].substr(label.size()), ',');
+        if (fields.size() < 3) continue;
+        float v[3];
+        for (int k = 0; k < 3; ++k) v[k] = number(fields[static_cast<std::size_t>(k)]).value_or(0.0f);
+        *eye = radians(float3(v[0], v[1], v[2]));
+      }
     }
   }
   return f;
@@ -174,8 +256,6 @@ std::optional<float> firstNumber(const OSCMessage& m) {
   return std::nullopt;
 }
 
-bool contains(std::string_view text, std::string_view part) { return text.find(part) != std::string_view::npos; }
-
 ReferenceFrame osc(const std::vector<OSCMessage>& messages) {
   ReferenceFrame f;
   f.format = TrackingFormat::osc;
@@ -183,10 +263,33 @@ ReferenceFrame osc(const std::vector<OSCMessage>& messages) {
   f.positionSet = {false, false, false};
   float3 rotation(0.0f), position(0.0f);
   ReferenceMap map;
+  f.app = TrackingApp::osc;
   for (const OSCMessage& m : messages) {
     const std::string& a = m.address;
     const auto v = firstNumber(m);
-    if (a == "/VMC/Ext/Blend/Val") {
+    if (a.starts_with("/VMC/")) f.app = TrackingApp::vmc;
+    if (a == "/VMC/Ext/Bone/Pos") {
+      // The bone "Head": a text, then seven float32. The axis conversion is
+      // the decoder's own function (checked by its own test); what is
+      // checked here is which messages reach it.
+      if (m.arguments.size() < 8 || !m.arguments[0].is<std::string>() || *m.arguments[0].get<std::string>() != "Head")
+        continue;
+      float b[7];
+      bool floats = true;
+      for (std::size_t k = 0; k < 7; ++k) {
+        floats = floats && m.arguments[k + 1].is<float>();
+        if (floats) b[k] = *m.arguments[k + 1].get<float>();
+      }
+      if (!floats) continue;
+      const float3 r = unityHeadRotation(b[3], b[4], b[5], b[6]);
+      const float3 p = unityPosition(b[0], b[1], b[2]);
+      for (int i = 0; i < 3; ++i) {
+        rotation[i] = r[i];
+        position[i] = p[i];
+        f.rotationSet[static_cast<std::size_t>(i)] = true;
+        f.positionSet[static_cast<std::size_t>(i)] = true;
+      }
+    } else if (a == "/VMC/Ext/Blend/Val") {
       // Exactly a text then a float32 (more arguments are allowed).
       if (m.arguments.size() >= 2 && m.arguments[0].is<std::string>() && m.arguments[1].is<float>()) {
         map[*m.arguments[0].get<std::string>()] = *m.arguments[1].get<float>();
@@ -209,7 +312,7 @@ ReferenceFrame osc(const std::vector<OSCMessage>& messages) {
       if (v) map[a.substr(10)] = *v;
     }
   }
-  f.blendshapes = std::move(map);
+  f.blendshapes = folded(map);
   const bool anyRotation = f.rotationSet[0] || f.rotationSet[1] || f.rotationSet[2];
   const bool anyPosition = f.positionSet[0] || f.positionSet[1] || f.positionSet[2];
   if (anyRotation && finite(rotation)) f.rotation = rotation;
@@ -242,18 +345,49 @@ std::optional<float3> jsonVector(const nlohmann::json& object, const char* key) 
   return v;
 }
 
+// {"x", "y", "z"}, all numbers.
+std::optional<float3> jsonXYZ(const nlohmann::json& object, const char* key) {
+  if (!object.contains(key) || !object.at(key).is_object()) return std::nullopt;
+  const nlohmann::json& o = object.at(key);
+  if (!o.contains("x") || !o.contains("y") || !o.contains("z")) return std::nullopt;
+  const auto x = jsonNumber(o.at("x")), y = jsonNumber(o.at("y")), z = jsonNumber(o.at("z"));
+  if (!x || !y || !z) return std::nullopt;
+  return float3(*x, *y, *z);
+}
+
+// The lower-case keys; where they give nothing, VTube Studio's.
 ReferenceFrame json(const nlohmann::json& document) {
   ReferenceFrame f;
   f.format = TrackingFormat::json;
+  f.app = document.contains("BlendShapes") || document.contains("FaceFound") ? TrackingApp::vtubeStudio
+                                                                               : TrackingApp::json;
   if (document.contains("blendshapes") && document.at("blendshapes").is_object()) {
     ReferenceMap map;
     for (const auto& [name, value] : document.at("blendshapes").items()) {
       if (auto n = jsonNumber(value)) map[name] = *n;
     }
-    f.blendshapes = std::move(map);
+    f.blendshapes = folded(map);
+  } else if (document.contains("BlendShapes") && document.at("BlendShapes").is_array()) {
+    ReferenceMap map;
+    for (const auto& element : document.at("BlendShapes")) {
+      if (!element.is_object() || !element.contains("k") || !element.contains("v")) continue;
+      if (!element.at("k").is_string()) continue;
+      if (auto n = jsonNumber(element.at("v"))) map[element.at("k").get<std::string>()] = *n;
+    }
+    f.blendshapes = folded(map);
   }
-  if (auto r = jsonVector(document, "rotation"); r && finite(*r)) f.rotation = r;
+  if (auto r = jsonVector(document, "rotation"); r && finite(*r)) {
+    f.rotation = r;
+  } else if (auto degrees = jsonXYZ(document, "Rotation")) {
+    f.rotation = radians(*degrees);
+  }
   f.position = jsonVector(document, "position");
+  if (!f.position) f.position = jsonXYZ(document, "Position");
+  if (auto eye = jsonXYZ(document, "EyeLeft")) f.leftEye = radians(*eye);
+  if (auto eye = jsonXYZ(document, "EyeRight")) f.rightEye = radians(*eye);
+  if (document.contains("FaceFound") && document.at("FaceFound").is_boolean()) {
+    f.faceFound = document.at("FaceFound").get<bool>();
+  }
   return f;
 }
 
@@ -348,6 +482,17 @@ std::string differences(const ReferenceFrame& expected, const DecodedDatagram& d
   }
   if (!same(expected.position, got.position)) {
     out += "position: expected " + shown(expected.position) + ", decoded " + shown(got.position) + "\n";
+  }
+  if (!same(expected.leftEye, got.leftEyeRotation)) {
+    out += "left eye: expected " + shown(expected.leftEye) + ", decoded " + shown(got.leftEyeRotation) + "\n";
+  }
+  if (!same(expected.rightEye, got.rightEyeRotation)) {
+    out += "right eye: expected " + shown(expected.rightEye) + ", decoded " + shown(got.rightEyeRotation) + "\n";
+  }
+  if (expected.faceFound != got.faceFound) out += "faceFound differs\n";
+  if (expected.app != decoded.frame->app) {
+    out += "app: expected \"" + std::string(trackingAppName(expected.app)) + "\", decoded \"" +
+           std::string(trackingAppName(decoded.frame->app)) + "\"\n";
   }
   if (expected.rotationSet != decoded.frame->rotationSet) out += "rotation components set differ\n";
   if (expected.positionSet != decoded.frame->positionSet) out += "position components set differ\n";

@@ -34,6 +34,9 @@ struct ReferenceFrame {
   // single ones; unset components hold 0).
   std::array<bool, 3> rotationSet{true, true, true};
   std::array<bool, 3> positionSet{true, true, true};
+  TrackingApp app = TrackingApp::none;
+  std::optional<float3> leftEye, rightEye;  // radians
+  bool faceFound = true;
 };
 
 ReferenceFrame decodeReference(std::span<const std::uint8_t> data);

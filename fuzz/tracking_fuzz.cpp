@@ -62,7 +62,10 @@ bool same(const velmora::DecodedFrame& a, const velmora::DecodedFrame& b) {
     }
   }
   return same(a.frame.rotation, b.frame.rotation) && same(a.frame.position, b.frame.position) &&
-         a.rotationSet == b.rotationSet && a.positionSet == b.positionSet && a.frame.sender == b.frame.sender;
+         same(a.frame.leftEyeRotation, b.frame.leftEyeRotation) &&
+         same(a.frame.rightEyeRotation, b.frame.rightEyeRotation) && a.frame.faceFound == b.frame.faceFound &&
+         a.app == b.app && a.rotationSet == b.rotationSet && a.positionSet == b.positionSet &&
+         a.frame.sender == b.frame.sender;
 }
 
 // The receiver decodes OSC and JSON straight from the datagram; those fast

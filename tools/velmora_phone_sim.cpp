@@ -15,6 +15,7 @@
 // Run `velmora-phone-sim --help` for the options.
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -56,14 +57,24 @@ const char* const kUsage =
     "Streams an animated face to Velmora over UDP, as a phone's tracking app would.\n"
     "\n"
     "Options:\n"
-    "  --format FORMAT   livelink (default), ifacialmocap, osc, vmc or json\n"
+    "  --format FORMAT   livelink (default), ifacialmocap, ifacialmocap-app, ifacialmocap-v2,\n"
+    "                    osc, vmc, json or vtubestudio\n"
     "                      livelink      Unreal Live Link face packet (binary, 61 big-endian floats)\n"
     "                      ifacialmocap  text: name-percent|...=pitch,yaw,roll,x,y,z (degrees, cm)\n"
+    "                      ifacialmocap-app  the iFacialMocap app's own line: its names (eyeBlink_L),\n"
+    "                                    ...|=head#pitch,yaw,roll,x,y,z|rightEye#p,y,r|leftEye#p,y,r|\n"
+    "                      ifacialmocap-v2   the same with name&percent items and the full names\n"
     "                      osc           one OSC bundle per frame: /BlendShapes/<name> f,\n"
     "                                    /Head/Pitch|Yaw|Roll f (degrees), /Head/X|Y|Z f (cm)\n"
-    "                      vmc           one OSC bundle per frame: /VMC/Ext/Blend/Val s f per\n"
-    "                                    blendshape, then /VMC/Ext/Blend/Apply\n"
+    "                      vmc           one OSC bundle per frame as a VMC sender: /VMC/Ext/Root/Pos,\n"
+    "                                    /VMC/Ext/Bone/Pos \"Head\" (position, Unity quaternion),\n"
+    "                                    /VMC/Ext/Blend/Val s f per blendshape, /VMC/Ext/Blend/Apply\n"
     "                      json          {\"blendshapes\": {...}, \"rotation\": [p, y, r], \"position\": [x, y, z]}\n"
+    "                      vtubestudio   VTube Studio's phone app: waits on --listen-port for the\n"
+    "                                    computer's request, then streams its JSON (BlendShapes list,\n"
+    "                                    Rotation in degrees, FaceFound) to the ports the request\n"
+    "                                    lists, for the seconds it asks, from the --listen-port\n"
+    "  --listen-port P   vtubestudio: the port it waits for requests on (default 21412)\n"
     "  --host HOST       where Velmora runs (default 127.0.0.1)\n"
     "  --port PORT       its tracking port (default 11111; Velmora also listens on 49983 and 39539)\n"
     "  --rate N          packets per second (default 60)\n"
@@ -76,13 +87,17 @@ const char* const kUsage =
     "  --help            this text\n"
     "\n"
     "Examples: velmora-phone-sim --format osc --port 39539 --duration 10\n"
+    "          velmora-phone-sim --format vtubestudio   (then: velmora --phone 127.0.0.1)\n"
     "          velmora-phone-sim --replay show.pcap --speed 2 --loop\n";
 
-enum class Format { liveLink, iFacialMocap, osc, vmc, json };
+enum class Format { liveLink, iFacialMocap, iFacialMocapApp, iFacialMocapV2, osc, vmc, json, vtubeStudio };
 
 std::optional<Format> formatNamed(std::string_view name) {
   if (name == "livelink") return Format::liveLink;
   if (name == "ifacialmocap") return Format::iFacialMocap;
+  if (name == "ifacialmocap-app") return Format::iFacialMocapApp;
+  if (name == "ifacialmocap-v2") return Format::iFacialMocapV2;
+  if (name == "vtubestudio") return Format::vtubeStudio;
   if (name == "osc") return Format::osc;
   if (name == "vmc") return Format::vmc;
   if (name == "json") return Format::json;
@@ -100,6 +115,7 @@ struct Options {
   double speed = 1.0;
   bool loop = false;
   bool streamOptionGiven = false;  // --format, --port or --rate
+  std::uint16_t listenPort = 21412;  // vtubestudio: where requests come
 };
 
 // [SECTION] the face
@@ -217,6 +233,63 @@ std::vector<std::uint8_t> encodeIFacialMocap(const Face& f) {
   return std::vector<std::uint8_t>(text.begin(), text.end());
 }
 
+// The iFacialMocap app's spelling: a side suffix "_L"/"_R" instead of
+// "Left"/"Right", except for the four whose side is the movement itself.
+std::string appSpelling(std::string_view name) {
+  if (name == "jawLeft" || name == "jawRight" || name == "mouthLeft" || name == "mouthRight") return std::string(name);
+  if (name.ends_with("Left")) return std::string(name.substr(0, name.size() - 4)) + "_L";
+  if (name.ends_with("Right")) return std::string(name.substr(0, name.size() - 5)) + "_R";
+  return std::string(name);
+}
+
+// The eyes lead the head's turn a little (degrees): pitch, yaw, roll.
+std::string eyeFields(const Face& f) {
+  return fixed(degrees(f.pitch) * 0.2, 3) + "," + fixed(degrees(f.yaw) * 0.3, 3) + ",0.000";
+}
+
+// The app's own line: every item ended by "|" (name-percent, or
+// name&percent in the newer versions), then "=head#" and the six head
+// fields, "|rightEye#" and "|leftEye#" with three each, and a last "|".
+std::vector<std::uint8_t> encodeIFacialMocapApp(const Face& f, bool v2) {
+  std::string text;
+  text.reserve(1400);
+  for (std::size_t i = 0; i < f.shapes.size(); ++i) {
+    const std::string_view name = velmora::unrealARKitNames[i];
+    text += v2 ? std::string(name) : appSpelling(name);
+    text += v2 ? '&' : '-';
+    text += std::to_string(std::lround(f.shapes[i] * 100.0f));
+    text += '|';
+  }
+  text += "=head#" + fixed(degrees(f.pitch), 6) + "," + fixed(degrees(f.yaw), 6) + "," + fixed(degrees(f.roll), 6) +
+          "," + fixed(f.x * 100.0, 6) + "," + fixed(f.y * 100.0, 6) + "," + fixed(f.z * 100.0, 6) + "|";
+  text += "rightEye#" + eyeFields(f) + "|leftEye#" + eyeFields(f) + "|";
+  return std::vector<std::uint8_t>(text.begin(), text.end());
+}
+
+// VTube Studio's phone JSON: capitalised ARKit names in a list of {k, v},
+// rotation and eyes in degrees.
+std::vector<std::uint8_t> encodeVTubeStudio(const Face& f) {
+  nlohmann::json shapes = nlohmann::json::array();
+  for (std::size_t i = 0; i < f.shapes.size(); ++i) {
+    std::string name(velmora::unrealARKitNames[i]);
+    name[0] = static_cast<char>(name[0] - 'a' + 'A');
+    shapes.push_back({{"k", name}, {"v", f.shapes[i]}});
+  }
+  const auto xyz = [](double x, double y, double z) { return nlohmann::json{{"x", x}, {"y", y}, {"z", z}}; };
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::system_clock::now().time_since_epoch()).count();
+  const nlohmann::json doc = {
+      {"Timestamp", ms}, {"Hotkey", -1}, {"FaceFound", true},
+      {"Rotation", xyz(degrees(f.pitch), degrees(f.yaw), degrees(f.roll))},
+      {"Position", xyz(f.x * 100.0, f.y * 100.0, f.z * 100.0)},
+      {"EyeLeft", xyz(degrees(f.pitch) * 0.2, degrees(f.yaw) * 0.3, 0.0)},
+      {"EyeRight", xyz(degrees(f.pitch) * 0.2, degrees(f.yaw) * 0.3, 0.0)},
+      {"BlendShapes", shapes},
+  };
+  const std::string text = doc.dump();
+  return std::vector<std::uint8_t>(text.begin(), text.end());
+}
+
 // Velmora's decoder treats a zero-led 4-byte group right after a string as
 // padding, so an exact 0.0 (00 00 00 00) would vanish; -0.0 (80 00 00 00)
 // carries the same value and survives.
@@ -236,8 +309,27 @@ std::vector<std::uint8_t> encodeOSC(const Face& f) {
   return bundle.bytes();
 }
 
+// The head as a VMC sender (a Unity program) writes its Head bone: the
+// rotation R = Ry(yaw) Rx(pitch) Rz(roll) in Velmora's axes, mirrored into
+// Unity's (x -> -x: the quaternion (x, y, z, w) becomes (x, -y, -z, w), the
+// position (x, y, z) becomes (-x, y, z)).
 std::vector<std::uint8_t> encodeVMC(const Face& f) {
   auto bundle = velmora::OSCWriter::bundle();
+  const auto axis = [](double angle, int i) {
+    double q[4] = {0, 0, 0, std::cos(angle / 2)};
+    q[i] = std::sin(angle / 2);
+    return std::array<double, 4>{q[0], q[1], q[2], q[3]};
+  };
+  const auto times = [](const std::array<double, 4>& a, const std::array<double, 4>& b) {
+    return std::array<double, 4>{a[3] * b[0] + a[0] * b[3] + a[1] * b[2] - a[2] * b[1],
+                                 a[3] * b[1] - a[0] * b[2] + a[1] * b[3] + a[2] * b[0],
+                                 a[3] * b[2] + a[0] * b[1] - a[1] * b[0] + a[2] * b[3],
+                                 a[3] * b[3] - a[0] * b[0] - a[1] * b[1] - a[2] * b[2]};
+  };
+  const auto q = times(times(axis(f.yaw, 1), axis(f.pitch, 0)), axis(f.roll, 2));
+  bundle.message("/VMC/Ext/Root/Pos").s("root").f(0.0f).f(0.0f).f(0.0f).f(0.0f).f(0.0f).f(0.0f).f(1.0f);
+  bundle.message("/VMC/Ext/Bone/Pos").s("Head").f(-f.x).f(1.5f + f.y).f(f.z)
+      .f(float(q[0])).f(float(-q[1])).f(float(-q[2])).f(float(q[3]));
   for (std::size_t i = 0; i < f.shapes.size(); ++i) {
     bundle.message("/VMC/Ext/Blend/Val").s(velmora::unrealARKitNames[i]).f(wireSafe(f.shapes[i]));
   }
@@ -326,6 +418,83 @@ int replay(const Options& options, sockaddr_in target, int fd) {
   return 0;
 }
 
+// [SECTION] VTube Studio
+
+// As VTube Studio's phone app: waits on its port for a request
+// {"messageType": "iOSTrackingDataRequest", "time": seconds (0.5..10),
+// "sentBy": name, "ports": [...]}, then streams its JSON to each listed port
+// of the requesting address until the request's time runs out; each new
+// request sets a new end. Malformed requests are reported and ignored.
+int streamVTubeStudio(const Options& options) {
+  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_port = htons(options.listenPort);
+  local.sin_addr.s_addr = htonl(INADDR_ANY);
+  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) < 0) {
+    std::fprintf(stderr, "velmora-phone-sim: cannot listen on UDP port %u: %s\n", unsigned(options.listenPort),
+                 std::strerror(errno));
+    if (fd >= 0) ::close(fd);
+    return 1;
+  }
+  timeval wait{0, 2000};  // receive waits at most 2 ms, so the frames keep their pace
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  std::printf("[phone-sim] vtubestudio: waiting for a request on UDP port %u\n", unsigned(options.listenPort));
+  std::fflush(stdout);
+
+  using Clock = std::chrono::steady_clock;
+  const auto start = Clock::now();
+  const auto period = std::chrono::duration<double>(1.0 / options.rate);
+  std::vector<sockaddr_in> targets;
+  double until = -1.0;  // seconds since start the current request lasts to
+  std::uint64_t sent = 0, requests = 0;
+  for (std::uint32_t frame = 0; !interrupted; ++frame) {
+    const double t = std::chrono::duration<double>(Clock::now() - start).count();
+    if (options.duration > 0 && t >= options.duration) break;
+    char buffer[2048];
+    sockaddr_in from{};
+    socklen_t fromLength = sizeof from;
+    const ssize_t n = ::recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
+    if (n > 0) {
+      const auto request = nlohmann::json::parse(buffer, buffer + n, nullptr, false);
+      char address[INET_ADDRSTRLEN] = {0};
+      ::inet_ntop(AF_INET, &from.sin_addr, address, sizeof address);
+      if (!request.is_object() || request.value("messageType", "") != "iOSTrackingDataRequest" ||
+          !request.contains("ports") || !request["ports"].is_array() || request["ports"].empty()) {
+        std::printf("[phone-sim] ignored a datagram from %s that is no tracking data request\n", address);
+      } else {
+        targets.clear();
+        std::string ports;
+        for (const auto& port : request["ports"]) {
+          if (!port.is_number_integer() || port.get<int>() < 1 || port.get<int>() > 65535) continue;
+          sockaddr_in to = from;
+          to.sin_port = htons(static_cast<std::uint16_t>(port.get<int>()));
+          targets.push_back(to);
+          ports += (ports.empty() ? "" : ", ") + std::to_string(port.get<int>());
+        }
+        const double seconds = std::clamp(request.value("time", 5.0), 0.5, 10.0);
+        until = t + seconds;
+        if (requests++ == 0 || targets.size() != 1) {
+          std::printf("[phone-sim] request from %s (%s): streaming to port %s for %.1f s\n", address,
+                      request.value("sentBy", std::string("?")).c_str(), ports.c_str(), seconds);
+          std::fflush(stdout);
+        }
+      }
+    }
+    if (t < until) {
+      const auto packet = encodeVTubeStudio(faceAt(t));
+      for (const auto& to : targets) {
+        if (::sendto(fd, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to) >= 0) ++sent;
+      }
+    }
+    std::this_thread::sleep_until(start + std::chrono::duration_cast<Clock::duration>(period * (frame + 1)));
+  }
+  ::close(fd);
+  std::printf("[phone-sim] %llu requests, sent %llu packets\n", static_cast<unsigned long long>(requests),
+              static_cast<unsigned long long>(sent));
+  return 0;
+}
+
 // [SECTION] main
 
 void onSignal(int) { interrupted = true; }
@@ -362,7 +531,7 @@ int main(int argc, char** argv) {
       continue;
     }
     const bool takesValue = arg == "--format" || arg == "--host" || arg == "--port" || arg == "--rate" ||
-                            arg == "--duration" || arg == "--replay" || arg == "--speed";
+                            arg == "--duration" || arg == "--replay" || arg == "--speed" || arg == "--listen-port";
     if (!takesValue) return usageError("unknown option " + arg);
     if (!hasValue) {
       if (i + 1 >= argc) return usageError(arg + " needs a value");
@@ -380,6 +549,10 @@ int main(int argc, char** argv) {
       if (!parseNumber(value, number) || number < 1 || number > 65535 || number != std::floor(number))
         return usageError("--port must be a whole number from 1 to 65535");
       options.port = static_cast<std::uint16_t>(number);
+    } else if (arg == "--listen-port") {
+      if (!parseNumber(value, number) || number < 1 || number > 65535 || number != std::floor(number))
+        return usageError("--listen-port must be a whole number from 1 to 65535");
+      options.listenPort = static_cast<std::uint16_t>(number);
     } else if (arg == "--rate") {
       if (!parseNumber(value, number) || !(number > 0) || number > 10000)
         return usageError("--rate must be a number of packets per second above 0 (at most 10000)");
@@ -432,6 +605,10 @@ int main(int argc, char** argv) {
     ::close(fd);
     return rc;
   }
+  if (options.format == Format::vtubeStudio) {
+    ::close(fd);
+    return streamVTubeStudio(options);
+  }
 
   char address[INET_ADDRSTRLEN] = {0};
   ::inet_ntop(AF_INET, &target.sin_addr, address, sizeof address);
@@ -454,6 +631,9 @@ int main(int argc, char** argv) {
     switch (options.format) {
       case Format::liveLink: packet = encodeLiveLink(face, frame, options.rate); break;
       case Format::iFacialMocap: packet = encodeIFacialMocap(face); break;
+      case Format::iFacialMocapApp: packet = encodeIFacialMocapApp(face, false); break;
+      case Format::iFacialMocapV2: packet = encodeIFacialMocapApp(face, true); break;
+      case Format::vtubeStudio: break;  // streamVTubeStudio
       case Format::osc: packet = encodeOSC(face); break;
       case Format::vmc: packet = encodeVMC(face); break;
       case Format::json: packet = encodeJSON(face); break;

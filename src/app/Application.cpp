@@ -28,6 +28,7 @@
 #include "render/RenderThread.h"
 #include "scene/MaskSceneManager.h"
 #include "tracking/FaceTrackingState.h"
+#include "tracking/PhoneConnection.h"
 #include "tracking/TrackingReceiver.h"
 
 namespace velmora {
@@ -136,6 +137,10 @@ int Application::runInteractive(const CommandLine& commandLine) {
   safety.start();
   tracking.start();
   cueServer.startListening();  // shows "OSC cues: disabled" when switched off
+  // Apps that stream only when asked: the phone set here or stored, asked from the tracking ports.
+  if (commandLine.phoneWithoutHost) logLine("Velmora", "--phone needs the phone's address after it; not changed");
+  if (!commandLine.phoneHost.empty()) state.setPhoneAddress(commandLine.phoneHost);
+  PhoneConnection phone(TrackingReceiver::shared(), state, mainQueue);
 
   // The GL render thread behind the scene; its context opens with the first frame.
   MaskSceneManager& scene = MaskSceneManager::shared();
@@ -172,6 +177,7 @@ int Application::runInteractive(const CommandLine& commandLine) {
   mainQueue.setTick([&] {
     // --- per-tick work (60 Hz) ---
     tracking.tick(uptime());
+    phone.tick(uptime());
     state.updateTrackingLoss();  // before the scene shows the face
     scene.tick();  // face and cues onto the character, the wireframe tracker, a frame when an output is on
     cueServer.tick();  // after the cue sample: a cue that ended this tick is announced finished

@@ -18,6 +18,7 @@ constexpr CommandLine::Switch kSwitches[] = {
      "check that the PipeWire and NDI outputs reach other programs, save the received frame into FOLDER, then exit"},
     {"--export-gltf", "FOLDER", "write both characters as glTF (GLB) files into FOLDER, then exit"},
     {"--record", "FILE", "record the session's tracking datagrams to FILE (pcap) while running"},
+    {"--phone", "HOST", "ask the phone at HOST (the stored app: iFacialMocap or VTube Studio) for tracking data"},
     {"--help", "", "print this help, then exit"},
     {"--version", "", "print the version, then exit"},
 };
@@ -73,6 +74,13 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args) {
       result.recordFile = *(it + 1);
     } else {
       result.recordWithoutFile = true;
+    }
+  }
+  if (auto it = std::find(args.begin(), args.end(), "--phone"); it != args.end()) {
+    if (it + 1 != args.end()) {
+      result.phoneHost = *(it + 1);
+    } else {
+      result.phoneWithoutHost = true;
     }
   }
   return result;

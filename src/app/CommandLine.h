@@ -7,7 +7,7 @@
 // After them: "--help" and "--version" print and end the run; any other
 // argument starting with "--" that is not a switch of the table below is a
 // usage error (exit status 2). Options of an interactive run ("--record
-// FILE") are looked at last and never change which run starts.
+// FILE", "--phone HOST") are looked at last and never change which run starts.
 //
 // Every switch has one row in switches(): what it is called, what follows
 // it and what it does. The help text and the manual page are built from it.
@@ -33,6 +33,10 @@ struct CommandLine {
   std::string folder;  // for the switches that take a folder
   std::string recordFile;          // interactive runs: "--record FILE"; empty: not recording
   bool recordWithoutFile = false;  // "--record" was the last argument
+  // Interactive runs: "--phone HOST" asks that phone for data (and keeps it
+  // as the phoneAddress setting); empty: the stored setting stands.
+  std::string phoneHost;
+  bool phoneWithoutHost = false;  // "--phone" was the last argument
   std::string unknownOption;       // usageError: the first argument no switch matched
 
   // args excludes the program name.

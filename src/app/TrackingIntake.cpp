@@ -57,9 +57,17 @@ std::string TrackingIntake::statusLine() const {
   char rate[32];
   std::snprintf(rate, sizeof rate, "%.1f", stats.packetsPerSecond);
   // The state's sender text already carries " (Unknown format)" for a
-  // datagram in no known format.
-  std::string line = std::string("tracking: ") + rate + " packets/s from " + state_.senderIP() + ", " +
-                     std::to_string(state_.totalPacketsReceived()) + " received";
+  // datagram in no known format; a known one names its app.
+  std::string line = std::string("tracking: ") + rate + " packets/s from " + state_.senderIP();
+  if (!state_.senderApp().empty()) line += " (" + state_.senderApp() + ")";
+  line += ", " + std::to_string(state_.totalPacketsReceived()) + " received";
+  if (!state_.senderApp().empty()) {
+    // The published head (after recentring, the sign rules and smoothing), in degrees.
+    const float3 head = glm::degrees(state_.headRotation()) + float3(0.0f);  // + 0: no "-0.0"
+    char text[96];
+    std::snprintf(text, sizeof text, ", head pitch %.1f yaw %.1f roll %.1f deg", head.x, head.y, head.z);
+    line += text;
+  }
   if (stats.dropped > 0) line += ", " + std::to_string(stats.dropped) + " dropped under load";
   if (stats.refused > 0) line += ", " + std::to_string(stats.refused) + " refused (not in the allowed senders)";
   if (state_.outputLatencyP99() > 0.0) {

@@ -29,8 +29,10 @@ class TrackingIntake {
   void configurePorts();
   // configurePorts(), then starts listening.
   void start();
-  // Every tick: "[Velmora] tracking: 60.0 packets/s from 127.0.0.1:50000,
-  // 1234 received" at most every statusInterval seconds, and only when
+  // Every tick: "[Velmora] tracking: 60.0 packets/s from 127.0.0.1:50000
+  // (iFacialMocap), 1234 received, head pitch 3.1 yaw -20.0 roll 1.0 deg"
+  // (the sender's app as the state names it, and the published head
+  // rotation in degrees, both once a known app sent) at most every statusInterval seconds, and only when
   // packets arrived since the last line; while the state says tracking is
   // lost, "[Velmora] Tracking lost (no data for N.N s)" as well, as often.
   // `now` in seconds of uptime. While frames reach the outputs the line goes

@@ -126,6 +126,14 @@ std::uint16_t UdpListener::port() const { return socket_ ? socket_->port : 0; }
 
 int UdpListener::descriptor() const { return socket_ ? socket_->socket.native_handle() : -1; }
 
+std::error_code UdpListener::sendTo(std::span<const std::uint8_t> bytes, std::uint32_t address, std::uint16_t port) {
+  if (!socket_) return std::make_error_code(std::errc::not_connected);
+  std::error_code error;
+  socket_->socket.send_to(asio::buffer(bytes.data(), bytes.size()),
+                          asio::ip::udp::endpoint(asio::ip::address_v4(address), port), 0, error);
+  return error;
+}
+
 void UdpListener::armWait() {
   std::weak_ptr<Socket> weak = socket_;
   socket_->socket.async_wait(asio::socket_base::wait_read, [this, weak](const std::error_code& ec) {

@@ -103,6 +103,10 @@ class UdpListener {
   std::uint16_t port() const;
   // The socket's descriptor, -1 when closed.
   int descriptor() const;
+  // Sends one datagram from this socket (so its source port is the port
+  // listened on) to `address`:`port` (IPv4, host byte order). Non-blocking:
+  // a full send buffer is an error like any other. The error, or none.
+  std::error_code sendTo(std::span<const std::uint8_t> bytes, std::uint32_t address, std::uint16_t port);
 
  private:
   struct Socket;

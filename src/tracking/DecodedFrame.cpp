@@ -30,6 +30,8 @@ void DecodedFrame::mergeOlder(DecodedFrame&& older, std::size_t maxNames) {
   mergeHead(frame.rotation, rotationSet, older.frame.rotation, older.rotationSet);
   mergeHead(frame.position, positionSet, older.frame.position, older.positionSet);
   frame.arrivalTime = std::max(frame.arrivalTime, older.frame.arrivalTime);
+  if (!frame.leftEyeRotation) frame.leftEyeRotation = older.frame.leftEyeRotation;
+  if (!frame.rightEyeRotation) frame.rightEyeRotation = older.frame.rightEyeRotation;
 
   if (!older.frame.blendshapes || older.frame.blendshapes->empty()) return;
   if (!frame.blendshapes) {

@@ -16,6 +16,7 @@
 #include <cstddef>
 
 #include "stage/FaceFrame.h"
+#include "tracking/TrackingFormat.h"
 
 namespace velmora {
 
@@ -25,6 +26,8 @@ struct DecodedFrame {
   // Unset components hold 0 until completed() fills them.
   std::array<bool, 3> rotationSet{true, true, true};
   std::array<bool, 3> positionSet{true, true, true};
+  // The app the datagram came from.
+  TrackingApp app = TrackingApp::none;
 
   // Main thread (or any thread that owns the given raw values): the face
   // frame with every component the packet did not set taken from
@@ -49,7 +52,8 @@ struct DecodedFrame {
   // the result publishes what ingesting both in order would. The older
   // frame's names are added only while the map holds fewer than `maxNames`
   // (this frame's own names always stay), so repeated merging stays
-  // bounded. The arrival time is the later one.
+  // bounded. The arrival time, the app and faceFound are the newer frame's;
+  // an eye rotation only the older frame carried is kept.
   void mergeOlder(DecodedFrame&& older, std::size_t maxNames);
 };
 

@@ -5,6 +5,7 @@
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
 #include "net/LocalAddress.h"
+#include "tracking/EyeGaze.h"
 
 namespace velmora {
 
@@ -40,6 +41,8 @@ void FaceTrackingState::loadPersisted() {
   oscBindAddress_ = settings_.string(TrackingSettings::oscBindAddressKey);
   trackingAllowedSenders_ = settings_.stringList(TrackingSettings::trackingAllowedSendersKey);
   oscAllowedSenders_ = settings_.stringList(TrackingSettings::oscAllowedSendersKey);
+  phoneAddress_ = settings_.string(TrackingSettings::phoneAddressKey);
+  if (auto app = settings_.string(TrackingSettings::phoneAppKey); !app.empty()) phoneApp_ = std::move(app);
 }
 
 // ---------------------------------------------------------------------------
@@ -49,9 +52,34 @@ void FaceTrackingState::loadPersisted() {
 void FaceTrackingState::ingestPacket(const std::optional<BlendshapeMap>& blendshapes,
                                      const std::optional<float3>& rotation, const std::optional<float3>& position,
                                      const std::string& sender) {
+  ingest(blendshapes, rotation, position, sender, true);
+}
+
+void FaceTrackingState::ingestFrame(const FaceFrame& frame, TrackingApp app) {
+  VELMORA_ASSERT_MAIN_THREAD();
+  const std::string_view name = trackingAppName(app);
+  if (senderApp_ != name) senderApp_ = name;
+  observers_.notify(Property::senderApp);
+  if ((frame.leftEyeRotation || frame.rightEyeRotation) && !(frame.blendshapes && hasEyeLook(*frame.blendshapes))) {
+    // Only senders that measure the eyes apart pay for this copy.
+    BlendshapeMap withGaze = frame.blendshapes.value_or(BlendshapeMap{});
+    addGazeFromEyeRotations(withGaze, frame.leftEyeRotation, frame.rightEyeRotation);
+    ingest(withGaze, frame.rotation, frame.position, frame.sender, frame.faceFound);
+  } else {
+    ingest(frame.blendshapes, frame.rotation, frame.position, frame.sender, frame.faceFound);
+  }
+}
+
+void FaceTrackingState::ingest(const std::optional<BlendshapeMap>& blendshapes, const std::optional<float3>& rotation,
+                               const std::optional<float3>& position, const std::string& sender, bool faceFound) {
   VELMORA_ASSERT_MAIN_THREAD();
   const double now = clock_();
-  trackingLoss_.packetArrived(now);
+  trackingLoss_.packetArrived(now, faceFound);
+  if (faceFound) {
+    faceLostSince_.reset();
+  } else if (!faceLostSince_) {
+    faceLostSince_ = wallNow();
+  }
 
   ++totalPacketsReceived_;
   observers_.notify(Property::totalPacketsReceived);
@@ -209,6 +237,12 @@ void FaceTrackingState::afterWrite(Property property) {
     case Property::oscAllowedSenders:
       settings_.saveStringList(TrackingSettings::oscAllowedSendersKey, oscAllowedSenders_);
       break;
+    case Property::phoneAddress:
+      settings_.saveString(TrackingSettings::phoneAddressKey, phoneAddress_);
+      break;
+    case Property::phoneApp:
+      settings_.saveString(TrackingSettings::phoneAppKey, phoneApp_);
+      break;
     case Property::isOSCEnabled:
       // Stored, and the status written, before observers hear of the switch:
       // the one that starts and stops the cue server relies on both.
@@ -226,7 +260,7 @@ void FaceTrackingState::updateTrackingLoss() {
   VELMORA_ASSERT_MAIN_THREAD();
   if (!trackingLoss_.update(clock_())) return;
   std::optional<WallTime> since;
-  if (trackingLoss_.isLost()) since = lastPacketTimestamp_;
+  if (trackingLoss_.isLost()) since = faceLostSince_ ? faceLostSince_ : lastPacketTimestamp_;
   write(trackingLostSince_, since, Property::trackingLostSince);
   write(isTrackingLost_, trackingLoss_.isLost(), Property::isTrackingLost);
 }

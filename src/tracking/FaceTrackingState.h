@@ -22,8 +22,14 @@
 // (trackingTimeout, relayTargets, the two bind addresses and the two sender
 // allow-lists). Everything else starts from its default on every launch.
 //
-// Tracking loss: after trackingTimeout seconds without a packet the live
-// face eases to neutral (TrackingLossEase, one stage after the published
+// senderApp: the app of the last frame ("iFacialMocap", "VTube Studio",
+// "VMC", "Live Link Face", "OSC", "JSON"; empty before the first and after
+// a datagram in no known format). phoneAddress and phoneApp (persisted):
+// the phone Velmora asks for data (PhoneConnection) and its app;
+// phoneStatus what came of asking.
+//
+// Tracking loss: after trackingTimeout seconds without a packet (at once
+// when a frame says the sender sees no face) the live face eases to neutral (TrackingLossEase, one stage after the published
 // values: blendshapes and headRotation stay as ingestPacket leaves them;
 // the scene applies trackingLoss() to what it shows). isTrackingLost and
 // trackingLostSince (the wall-clock time of the last packet) say so.
@@ -45,6 +51,7 @@
 #include "stage/TrackingDetail.h"
 #include "tracking/BlendshapeRange.h"
 #include "tracking/FacePipeline.h"
+#include "tracking/TrackingFormat.h"
 #include "tracking/TrackingLossEase.h"
 #include "tracking/TrackingSettings.h"
 
@@ -110,7 +117,11 @@ class SettingsStore;
   X(trackingBindAddress, setTrackingBindAddress, std::string, {})                            \
   X(oscBindAddress, setOscBindAddress, std::string, {})                                      \
   X(trackingAllowedSenders, setTrackingAllowedSenders, std::vector<std::string>, {})         \
-  X(oscAllowedSenders, setOscAllowedSenders, std::vector<std::string>, {})
+  X(oscAllowedSenders, setOscAllowedSenders, std::vector<std::string>, {})                   \
+  X(senderApp, setSenderApp, std::string, {})                                                \
+  X(phoneAddress, setPhoneAddress, std::string, {})                                          \
+  X(phoneApp, setPhoneApp, std::string, "iFacialMocap")                                      \
+  X(phoneStatus, setPhoneStatus, std::string, "Phone: none set")
 
 class FaceTrackingState {
  public:
@@ -143,6 +154,12 @@ class FaceTrackingState {
   // sender is "a.b.c.d:port". Non-finite blendshape values are skipped.
   void ingestPacket(const std::optional<BlendshapeMap>& blendshapes, const std::optional<float3>& rotation,
                     const std::optional<float3>& position, const std::string& sender);
+
+  // A decoded frame from `app`: ingestPacket with its values, and what only
+  // some apps send: the app's name becomes senderApp; eye rotations become
+  // eyeLook* gaze when the frame has no eyeLook* of its own (EyeGaze); a
+  // frame without a face starts the tracking-loss ease at once.
+  void ingestFrame(const FaceFrame& frame, TrackingApp app);
 
   // The arrival time (uptime seconds) of the frame just ingested; the
   // newest one is kept for the frame descriptions, which measure output
@@ -229,6 +246,9 @@ class FaceTrackingState {
   }
   // A setter's side effect and notification, after its field was written.
   void afterWrite(Property property);
+  // ingestPacket, with whether the sender saw a face.
+  void ingest(const std::optional<BlendshapeMap>& blendshapes, const std::optional<float3>& rotation,
+              const std::optional<float3>& position, const std::string& sender, bool faceFound);
   void publishRanges(BlendshapeRanges ranges, bool persist);
   void loadPersisted();
 
@@ -241,6 +261,7 @@ class FaceTrackingState {
   VELMORA_FACE_TRACKING_PROPERTIES(VELMORA_PROPERTY_FIELD)
 #undef VELMORA_PROPERTY_FIELD
   double newestArrivalTime_ = 0.0;
+  std::optional<WallTime> faceLostSince_;  // the first of the latest frames without a face
 
   std::uint64_t packetCountSinceLastSecond_ = 0;
   double lastFPSCheckTime_ = 0.0;

@@ -85,14 +85,16 @@ struct MainThreadTrackingSink::State {
   static void ingest(FaceTrackingState& s, DecodedFrame&& frame, std::uint64_t packets) {
     // Partial OSC head updates are completed here, from the state's raw pose
     // as it is now.
+    const TrackingApp app = frame.app;
     FaceFrame f = std::move(frame).completed(s.rawRotation(), s.rawPosition());
-    s.ingestPacket(f.blendshapes, f.rotation, f.position, f.sender);
+    s.ingestFrame(f, app);
     s.noteArrival(f.arrivalTime);
     if (packets > 1) s.setTotalPacketsReceived(s.totalPacketsReceived() + (packets - 1));
   }
 
   static void ingestUnknown(FaceTrackingState& s, const std::string& sender, std::uint64_t packets) {
     s.setIsConnected(true);
+    s.setSenderApp({});
     s.setSenderIP(sender + " (Unknown format)");
     s.setTotalPacketsReceived(s.totalPacketsReceived() + packets);
   }

@@ -48,14 +48,58 @@ inline constexpr float trackingDegreesToRadians = 0.017453292f;
 // the rotation.
 std::optional<DecodedFrame> decodeUnrealLiveLinkBinary(std::span<const std::uint8_t> data, std::string sender);
 
+// Blendshape names, in every format: a name spelled another way than the
+// 52 ("JawOpen", "eyeBlink_L", "mouth_smile_right") is stored under the
+// blendshape it spells (blendShapeFromSpelling); a name that spells none is
+// kept as it stands. Several spellings of one blendshape in one datagram:
+// the exact name wins, else the spelling first in byte order; the same
+// spelling repeated: its last value.
+
 // iFacialMocap text: "name-percent|name-percent|...=pitch,yaw,roll,x,y,z"
-// (degrees, centimetres). Always yields a frame with a (possibly empty) map.
+// (degrees, centimetres). An item without a "-" written "name&percent"
+// (the app's newer versions) reads as "name-percent". The app itself labels the head and
+// adds the eyes, each field ended by "|":
+//   "...|=head#pitch,yaw,roll,x,y,z|rightEye#pitch,yaw,roll|leftEye#pitch,yaw,roll|"
+// The "head#" label is skipped and the head's sixth field ends at the "|";
+// "rightEye#"/"leftEye#" give the eye rotations (degrees, at least three
+// fields, one that does not parse counts as 0). Any other label joined to a
+// head field makes that field count as 0. Always yields a frame with a
+// (possibly empty) map.
 DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender);
 
 // OSC / VMC tracking messages. Always yields a frame with a (possibly empty)
 // map; head components a packet does not send are marked unset (see
-// DecodedFrame).
+// DecodedFrame). A VMC sender's head is the bone "Head" of
+// "/VMC/Ext/Bone/Pos" (a text, then seven float32: position x, y, z in
+// metres, rotation quaternion x, y, z, w, Unity's axes; see
+// unityHeadRotation); the root and other bones are ignored, and so is
+// "/VMC/Ext/Blend/Apply", which only ends a set of blendshapes. The app is
+// VMC when an address begins with "/VMC/", OSC otherwise.
 DecodedFrame decodeOSCMessages(const std::vector<OSCMessage>& messages, std::string sender);
+
+// A VMC bone rotation as Velmora's (pitch, yaw, roll) in radians, and a VMC
+// position as Velmora's (x, y, z).
+//
+// VMC senders are Unity programs: left-handed axes, x right, y up, z forward,
+// with the avatar facing +z, so its own right hand is at +x. Velmora's axes
+// are right-handed, x right, y up, z towards the camera, with the character
+// facing the camera, so its own right hand is at -x. The one change of
+// basis between them is the mirror x -> -x (y and z stay). A mirror turns a
+// rotation about an axis a by angle t into the rotation about (a.x, -a.y,
+// -a.z) by the same angle, so the quaternion (x, y, z, w) becomes
+// (x, -y, -z, w), and a position (x, y, z) becomes (-x, y, z).
+//
+// The angles are then read as yaw about y, pitch about the turned x, roll
+// about the turned z (R = Ry(yaw) Rx(pitch) Rz(roll)), the order a head
+// moves in. In these axes a positive pitch turns the face (+z) towards -y:
+// the head tilts down, as Velmora's pitch does. So, for example, a Head
+// bone turned +30 degrees about Unity's x (nodding down) gives pitch +30
+// degrees, +30 about Unity's y (turning to its own right) gives yaw -30,
+// and +30 about Unity's z (tilting to its own left) gives roll -30. The
+// quaternion need not be normalised; a zero or non-finite one gives
+// non-finite angles (the frame then carries no rotation).
+float3 unityHeadRotation(float qx, float qy, float qz, float qw);
+float3 unityPosition(float x, float y, float z);
 
 // An OSC datagram (message or bundle) decoded as parsing it with
 // OSCParser::parsePacket and then decodeOSCMessages would, without
@@ -64,6 +108,20 @@ std::optional<DecodedFrame> decodeOSCPacket(std::span<const std::uint8_t> data, 
 
 // A JSON object {"blendshapes": {name: number}, "rotation": [p, y, r],
 // "position": [x, y, z]}; absent or malformed parts are left out.
+//
+// VTube Studio's phone app (and the Android apps that copy it) sends
+//   {"Timestamp": ms, "Hotkey": n, "FaceFound": bool,
+//    "Rotation": {"x": pitch, "y": yaw, "z": roll},   degrees
+//    "Position": {"x": .., "y": .., "z": ..},
+//    "EyeLeft": {"x", "y", "z"}, "EyeRight": {...},   degrees
+//    "BlendShapes": [{"k": "EyeBlinkLeft", "v": 0.25}, ...]}
+// Where the lower-case keys give nothing, these give the blendshapes (each
+// element an object with a text "k" and a number "v"; others skipped),
+// the rotation in radians and the position as sent; the eyes give the eye
+// rotations in radians, and "FaceFound" false marks the frame faceless.
+// Each of the three objects needs all of x, y and z as numbers. The app is
+// VTube Studio when the object has "BlendShapes" or "FaceFound", JSON
+// otherwise.
 DecodedFrame decodeJSON(const nlohmann::json& object, std::string sender);
 
 // A JSON datagram, parsed with simdjson, giving the frame that

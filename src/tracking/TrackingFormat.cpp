@@ -14,4 +14,17 @@ std::string_view trackingFormatName(TrackingFormat format) {
   return "unknown";
 }
 
+std::string_view trackingAppName(TrackingApp app) {
+  switch (app) {
+    case TrackingApp::none: return "";
+    case TrackingApp::iFacialMocap: return "iFacialMocap";
+    case TrackingApp::vtubeStudio: return "VTube Studio";
+    case TrackingApp::vmc: return "VMC";
+    case TrackingApp::liveLinkFace: return "Live Link Face";
+    case TrackingApp::osc: return "OSC";
+    case TrackingApp::json: return "JSON";
+  }
+  return "";
+}
+
 }  // namespace velmora

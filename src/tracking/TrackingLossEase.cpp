@@ -20,7 +20,14 @@ double TrackingLossEase::quintic(double u) {
 
 void TrackingLossEase::setTimeout(double seconds) { timeout_ = std::isfinite(seconds) && seconds > 0.0 ? seconds : 0.0; }
 
-void TrackingLossEase::packetArrived(double now) { lastPacket_ = now; }
+void TrackingLossEase::packetArrived(double now, bool faceFound) {
+  lastPacket_ = now;
+  if (faceFound) {
+    faceLostAt_.reset();
+  } else if (!faceLostAt_) {
+    faceLostAt_ = now;
+  }
+}
 
 double TrackingLossEase::weightAt(double t) const {
   switch (phase_) {
@@ -36,12 +43,12 @@ double TrackingLossEase::weightAt(double t) const {
 
 bool TrackingLossEase::update(double now) {
   const bool wasLost = lost_;
-  const bool lostNow = timeout_ > 0.0 && lastPacket_ && now - *lastPacket_ >= timeout_;
+  const bool lostNow = timeout_ > 0.0 && lastPacket_ && (faceLostAt_ || now - *lastPacket_ >= timeout_);
   if (lostNow && !lost_) {
-    // The ease starts when the timeout ran out, not at the tick that saw it,
-    // so its course does not depend on the tick rate; it starts from where
-    // the face was at that moment.
-    const double start = *lastPacket_ + timeout_;
+    // The ease starts when the timeout ran out (or the face was lost), not
+    // at the tick that saw it, so its course does not depend on the tick
+    // rate; it starts from where the face was at that moment.
+    const double start = faceLostAt_ ? std::min(*faceLostAt_, now) : *lastPacket_ + timeout_;
     phaseFrom_ = weightAt(start);
     phaseStart_ = start;
     phase_ = Phase::easingOut;
@@ -65,7 +72,7 @@ bool TrackingLossEase::update(double now) {
 
 std::optional<double> TrackingLossEase::lostSince() const {
   if (!lost_) return std::nullopt;
-  return lastPacket_;
+  return faceLostAt_ ? faceLostAt_ : lastPacket_;
 }
 
 void TrackingLossEase::apply(BlendshapeMap& blendshapes, float3& headRotation) const {

@@ -39,16 +39,21 @@ class TrackingLossEase {
   void setTimeout(double seconds);
   double timeout() const { return timeout_; }
 
-  // A packet arrived at `now`.
-  void packetArrived(double now);
+  // A packet arrived at `now`. With faceFound false the sender says it sees
+  // no face (its values are stale): the face counts as lost at once, from
+  // the first such packet on, instead of after the timeout, until a packet
+  // with a face arrives.
+  void packetArrived(double now, bool faceFound = true);
   // Moves the ease to `now` (call once per tick, before apply()). Returns
   // true when isLost() changed.
   bool update(double now);
 
-  // The phone counts as gone: no packet for `timeout` seconds (and at least
-  // one packet arrived before; never-connected is not lost).
+  // The phone counts as gone: no packet for `timeout` seconds, or its
+  // packets say no face is seen (and at least one packet arrived before;
+  // never-connected is not lost).
   bool isLost() const { return lost_; }
-  // When the last packet arrived, while lost; none otherwise.
+  // While lost: when the last packet arrived, or when the packets began to
+  // say no face is seen; none otherwise.
   std::optional<double> lostSince() const;
   // 1: the live face; 0: neutral.
   double weight() const { return weight_; }
@@ -63,6 +68,7 @@ class TrackingLossEase {
 
   double timeout_ = defaultTimeout;
   std::optional<double> lastPacket_;
+  std::optional<double> faceLostAt_;  // the first packet of a run without a face
   bool lost_ = false;
   Phase phase_ = Phase::live;
   double phaseStart_ = 0.0;  // when the current ease began

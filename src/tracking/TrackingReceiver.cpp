@@ -140,6 +140,24 @@ std::vector<std::uint16_t> TrackingReceiver::listeningPorts() {
   return out;
 }
 
+void TrackingReceiver::sendFromListeningPort(std::function<std::vector<std::uint8_t>(std::uint16_t)> datagram,
+                                             std::uint32_t address, std::uint16_t port, std::uint16_t preferredPort,
+                                             std::function<void(std::uint16_t, std::string)> done) {
+  queue_.post([this, datagram = std::move(datagram), address, port, preferredPort, done = std::move(done)] {
+    UdpListener* from = nullptr;
+    for (const auto& [descriptor, listener] : socketSources_) {
+      if (!from || listener->port() == preferredPort || (from->port() != preferredPort && listener->port() < from->port()))
+        from = listener.get();
+    }
+    if (!from) {
+      done(0, "not listening on any tracking port");
+      return;
+    }
+    const std::error_code error = from->sendTo(datagram(from->port()), address, port);
+    done(from->port(), error ? error.message() : std::string());
+  });
+}
+
 const std::string& TrackingReceiver::senderText(const UdpSender& from) {
   const std::uint64_t key = (static_cast<std::uint64_t>(from.address) << 16) | from.port;
   auto it = senderTexts_.find(key);

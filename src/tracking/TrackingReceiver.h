@@ -17,6 +17,7 @@
 // calls may come from any thread; statistics() from any thread.
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -110,6 +111,16 @@ class TrackingReceiver {
   void stopListening();
   // Any thread; waits for the queue. Ports with an open socket, ascending.
   std::vector<std::uint16_t> listeningPorts();
+
+  // Any thread: on the queue, sends `datagram(fromPort)` to `address`:`port`
+  // (IPv4, host byte order) from the socket listening on `preferredPort`,
+  // or else from the lowest port listened on, so that a phone answering to
+  // the request's source address reaches this receiver. Then
+  // `done(fromPort, error)` on the queue: the port it was sent from (0 when
+  // none is open) and the error text, empty on success.
+  void sendFromListeningPort(std::function<std::vector<std::uint8_t>(std::uint16_t fromPort)> datagram,
+                             std::uint32_t address, std::uint16_t port, std::uint16_t preferredPort,
+                             std::function<void(std::uint16_t fromPort, std::string error)> done);
 
   // Receiver's queue (or the one thread driving a test/fuzzer): counts the
   // datagram, decodes it with decodeDatagram and delivers the frame, or the

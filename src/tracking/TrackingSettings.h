@@ -13,7 +13,9 @@
 // 0 turns the ease to neutral off), "relayTargets" ("host:port" strings),
 // "trackingBindAddress" and "oscBindAddress" (an IPv4 address; absent or ""
 // binds every interface), "trackingAllowedSenders" and "oscAllowedSenders"
-// (IPv4 addresses and CIDR blocks; absent or [] admits everyone).
+// (IPv4 addresses and CIDR blocks; absent or [] admits everyone). The phone
+// asked for data: "phoneAddress" (a host name or IPv4 address; "" asks none)
+// and "phoneApp" ("iFacialMocap" or "VTube Studio").
 //
 // Threads: whichever thread owns the store's user (the main thread).
 
@@ -75,6 +77,8 @@ class TrackingSettings {
   void saveString(const char* key, const std::string& value);
 
   static constexpr const char* relayTargetsKey = "relayTargets";
+  static constexpr const char* phoneAddressKey = "phoneAddress";  // the phone asked for data, host or address
+  static constexpr const char* phoneAppKey = "phoneApp";  // its app: "iFacialMocap" or "VTube Studio"
   static constexpr const char* trackingBindAddressKey = "trackingBindAddress";
   static constexpr const char* oscBindAddressKey = "oscBindAddress";
   static constexpr const char* trackingAllowedSendersKey = "trackingAllowedSenders";

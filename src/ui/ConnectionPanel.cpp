@@ -51,7 +51,11 @@ void ConnectionPanel::draw(ImFont* largeFont) {
     const auto now = wallNow();
     const bool silent = state.lastPacketTimestamp() &&
                         std::chrono::duration<double>(now - *state.lastPacketTimestamp()).count() > silentAfterSeconds;
-    ImGui::Text("Sender: %s", state.senderIP().c_str());
+    if (state.senderApp().empty()) {
+      ImGui::Text("Sender: %s", state.senderIP().c_str());
+    } else {
+      ImGui::Text("Sender: %s (%s)", state.senderIP().c_str(), state.senderApp().c_str());
+    }
     ImGui::Text("%.1f packets/s, %llu received", state.incomingFPS(),
                 static_cast<unsigned long long>(state.totalPacketsReceived()));
     const std::string age = ageText(state.lastPacketTimestamp(), now);
@@ -66,12 +70,37 @@ void ConnectionPanel::draw(ImFont* largeFont) {
       ImGui::Text("Last packet %s", age.c_str());
     }
   }
+  drawPhone();
   // The outputs publish it once frames holding tracked data reach them (0 until then).
   if (state.outputLatencyP50() > 0.0) {
     ImGui::Text("Latency to output: %.0f ms (p99 %.0f ms)", state.outputLatencyP50(), state.outputLatencyP99());
   } else {
     ImGui::TextDisabled("Latency to output: not measured yet");
   }
+}
+
+void ConnectionPanel::drawPhone() {
+  FaceTrackingState& state = context_.state;
+  static constexpr const char* apps[] = {"iFacialMocap", "VTube Studio"};
+  if (!phoneFieldsLoaded_) {
+    std::snprintf(phoneAddress_, sizeof phoneAddress_, "%s", state.phoneAddress().c_str());
+    phoneApp_ = state.phoneApp() == apps[1] ? 1 : 0;
+    phoneFieldsLoaded_ = true;
+  }
+  ImGui::Separator();
+  ImGui::TextDisabled("Apps that send only when asked: the phone's address");
+  ImGui::SetNextItemWidth(160.0f);
+  const bool entered =
+      ImGui::InputText("##phone", phoneAddress_, sizeof phoneAddress_, ImGuiInputTextFlags_EnterReturnsTrue);
+  ImGui::SameLine();
+  ImGui::SetNextItemWidth(120.0f);
+  ImGui::Combo("##phoneapp", &phoneApp_, apps, 2);
+  ImGui::SameLine();
+  if (ImGui::SmallButton("Connect##phone") || entered) {
+    state.setPhoneApp(apps[phoneApp_]);
+    state.setPhoneAddress(phoneAddress_);
+  }
+  ImGui::TextUnformatted(state.phoneStatus().c_str());
 }
 
 }  // namespace velmora

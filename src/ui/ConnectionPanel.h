@@ -4,7 +4,10 @@
 // sender, packets per second and in total, how long ago the last packet
 // came ("Waiting for iPhone..." until the first; "Tracking lost" while the
 // character eases to neutral for want of packets), and the input-to-output
-// latency once the outputs measure it. Main thread.
+// latency once the outputs measure it. Below that, the phone to ask for
+// data (apps that stream only when asked): its address and app, applied
+// with "Connect" (the state's phoneAddress and phoneApp, persisted), and
+// what came of asking, including which app answered. Main thread.
 
 #include <optional>
 #include <string>
@@ -29,7 +32,12 @@ class ConnectionPanel {
   static std::string ageText(std::optional<WallTime> last, WallTime now);
 
  private:
+  void drawPhone();
+
   DashboardContext& context_;
+  char phoneAddress_[256] = {};  // the field, filled from the state while not being edited
+  int phoneApp_ = 0;             // 0: iFacialMocap, 1: VTube Studio
+  bool phoneFieldsLoaded_ = false;
 };
 
 }  // namespace velmora

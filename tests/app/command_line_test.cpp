@@ -79,6 +79,11 @@ TEST(CommandLine, RecordIsLookedAtOnlyForAnInteractiveRun) {
   EXPECT_EQ(missing.mode, Mode::interactive);
   EXPECT_TRUE(missing.recordFile.empty());
   EXPECT_TRUE(missing.recordWithoutFile);
+  // "--phone HOST" alongside, in either order; without a host it is noted.
+  auto phone = CommandLine::parse({"--phone", "192.168.1.7", "--record", "f.pcap"});
+  EXPECT_EQ(phone.phoneHost, "192.168.1.7");
+  EXPECT_EQ(phone.recordFile, "f.pcap");
+  EXPECT_TRUE(CommandLine::parse({"--phone"}).phoneWithoutHost);
 }
 
 }  // namespace

@@ -37,6 +37,7 @@ TEST(TrackingEndToEndTest, EveryFormatFromThePhoneSimulatorReachesTheState) {
   const std::regex status(R"(\[Velmora\] tracking: ([0-9]+\.[0-9]) packets/s from (.*), ([0-9]+) received.*)");
   unsigned long long received = 0;
   const std::vector<std::string> formats{"livelink", "ifacialmocap", "osc", "vmc", "json"};
+  const std::vector<std::string> apps{"Live Link Face", "iFacialMocap", "OSC", "VMC", "JSON"};
   for (std::size_t i = 0; i < formats.size(); ++i) {
     const std::uint16_t port = ports[i % ports.size()];
     test::ChildProcess sim({kPhoneSim, "--format", formats[i], "--port", std::to_string(port), "--duration", "2.5"}, {});
@@ -53,6 +54,7 @@ TEST(TrackingEndToEndTest, EveryFormatFromThePhoneSimulatorReachesTheState) {
           seen = l;
           EXPECT_EQ(m[2].str().find("(Unknown format)"), std::string::npos) << formats[i] << ": " << l;
           EXPECT_EQ(m[2].str().rfind("127.0.0.1:", 0), 0u) << l;
+          EXPECT_TRUE(m[2].str().ends_with(" (" + apps[i] + ")")) << l;
           EXPECT_GT(std::stod(m[1].str()), 0.0) << l;
           return std::stoull(m[3].str()) >= received + 100;
         },

@@ -73,6 +73,14 @@ TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
   EXPECT_EQ(intake.statusLine(),
             "tracking: 0.0 packets/s from 10.1.2.3:7 (Unknown format), 6 received, "
             "output latency p50 12.5 ms, p99 20.1 ms (tick wait 8.0 ms + render 4.5 ms)");
+  // A known app: named after the sender, with the published head.
+  FaceFrame frame;
+  frame.sender = "10.1.2.3:49983";
+  frame.rotation = float3(0.2f, -0.1f, 0.0f);  // published with the signs turned round
+  state.ingestFrame(frame, TrackingApp::iFacialMocap);
+  EXPECT_EQ(intake.statusLine(),
+            "tracking: 0.0 packets/s from 10.1.2.3:49983 (iFacialMocap), 7 received, head pitch -11.5 yaw 5.7 "
+            "roll 0.0 deg, output latency p50 12.5 ms, p99 20.1 ms (tick wait 8.0 ms + render 4.5 ms)");
   setLogSink(nullptr);
 }
 

@@ -138,12 +138,14 @@ TEST(IFacialMocapDecoderTest, ItemsAndFieldsThatDoNotParse) {
   EXPECT_EQ(map.at("g"), 0.1f);
   EXPECT_EQ(map.at("h"), 0.07f);
   EXPECT_EQ(map.at("i"), 0.025f);
-  // Labelled fields as the app sends them count as 0; the rest parse.
-  d = decodeIFacialMocap("x-1=head#10,20,30,1,2,3|rightEye#4", kSender);
+  // A label other than "head#" makes its field count as 0; the rest parse,
+  // the sixth up to the "|"; an eye needs three fields.
+  d = decodeIFacialMocap("x-1=pose#10,20,30,1,2,3|rightEye#4", kSender);
   ASSERT_TRUE(d.frame.rotation);
   EXPECT_EQ(d.frame.rotation->x, 0.0f);
   EXPECT_EQ(d.frame.rotation->y, 20 * kDeg);
-  EXPECT_EQ(d.frame.position->z, 0.0f);  // "3|rightEye#4"
+  EXPECT_EQ(d.frame.position->z, 0.03f);
+  EXPECT_FALSE(d.frame.rightEyeRotation);
   // Only the piece between the first and second "=" is the head.
   d = decodeIFacialMocap("=1,2,3,4,5,6=7,8,9,10,11,12", kSender);
   EXPECT_EQ(d.frame.position->x, 0.04f);

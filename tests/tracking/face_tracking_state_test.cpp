@@ -21,6 +21,7 @@
 
 #include "base/SettingsStore.h"
 #include "support/TempDir.h"
+#include "tracking/EyeGaze.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
@@ -105,6 +106,35 @@ TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
   }
   EXPECT_DOUBLE_EQ(f.state->incomingFPS(), 5 / 1.0);  // the 5 packets up to 2.25 s
   EXPECT_EQ(f.state->totalPacketsReceived(), 41u);
+}
+
+TEST(FaceTrackingStateTest, FramesCarryTheAppTheEyesAndALostFace) {
+  Fixture f;
+  f.neutralSensitivities();
+  FaceFrame frame;
+  frame.sender = "192.168.1.7:49983";
+  frame.blendshapes = BlendshapeMap{{"jawOpen", 0.5f}};
+  frame.leftEyeRotation = float3(0.5f * eyeLookFullTurn, -eyeLookFullTurn, 0.0f);  // down half, in fully
+  f.state->ingestFrame(frame, TrackingApp::iFacialMocap);
+  EXPECT_EQ(f.state->senderApp(), "iFacialMocap");
+  const BlendshapeMap& out = f.state->blendshapes();  // the first sample passes the filters unchanged
+  EXPECT_FLOAT_EQ(out.at("eyeLookDownLeft"), 0.5f);
+  EXPECT_EQ(out.at("eyeLookUpLeft"), 0.0f);
+  EXPECT_EQ(out.at("eyeLookInLeft"), 1.0f);
+  EXPECT_FALSE(out.contains("eyeLookDownRight"));  // no right eye sent
+  // Sent eyeLook* values win over the eye rotations.
+  frame.blendshapes = BlendshapeMap{{"eyeLookUpRight", 0.25f}};
+  f.now += 1.0 / 60.0;
+  f.state->ingestFrame(frame, TrackingApp::vtubeStudio);
+  EXPECT_EQ(f.state->rawBlendshapes().at("eyeLookInLeft"), 1.0f);  // unchanged from the first frame
+  EXPECT_EQ(f.state->senderApp(), "VTube Studio");
+  // A faceless frame starts the ease at the next tick, long before the timeout.
+  frame.faceFound = false;
+  f.now += 1.0 / 60.0;
+  f.state->ingestFrame(frame, TrackingApp::vtubeStudio);
+  f.now += 1.0 / 60.0;
+  f.state->updateTrackingLoss();
+  EXPECT_TRUE(f.state->isTrackingLost());
 }
 
 // ---------------------------------------------------------------------------

@@ -34,6 +34,20 @@ TEST(TrackingLossEaseTest, PacketsFlowingLeaveTheFaceBitForBit) {
   EXPECT_EQ(fresh.weight(), 1.0);
 }
 
+TEST(TrackingLossEaseTest, PacketsWithoutAFaceStartTheEaseAtOnce) {
+  TrackingLossEase ease;
+  ease.packetArrived(10.0);
+  ease.packetArrived(10.02, false);  // the sender sees no face
+  ease.packetArrived(10.04, false);  // still none: the ease keeps its start
+  EXPECT_TRUE(ease.update(10.05));
+  EXPECT_EQ(ease.lostSince(), 10.02);
+  ease.update(10.27);
+  EXPECT_DOUBLE_EQ(ease.weight(), 1.0 - kS25);  // a quarter of the way out, from 10.02
+  ease.packetArrived(10.3);  // the face is back
+  EXPECT_TRUE(ease.update(10.3));
+  EXPECT_FALSE(ease.isLost());
+}
+
 TEST(TrackingLossEaseTest, EasesOutOverASecondAndBackInOverAQuarter) {
   TrackingLossEase ease;  // default timeout 0.5 s
   ease.packetArrived(10.0);
