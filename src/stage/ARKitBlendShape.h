@@ -87,4 +87,13 @@ std::optional<ARKitBlendShape> fromRawValue<ARKitBlendShape>(std::string_view ra
 template <>
 std::span<const ARKitBlendShape> allCases<ARKitBlendShape>();
 
+// The blendshape a sender's spelling of a name means. Senders built on other
+// engines write the same 52 names differently ("JawOpen", "jaw_open",
+// "eyeBlink_L", "MOUTHSMILE_R"): letter case and underscores are ignored, and
+// a last part "L" or "R" after an underscore reads as "Left" or "Right". An
+// exact name maps to itself; a name that spells none of the 52 yields none
+// (callers keep it as it stands). Looks the spelling up in a table built at
+// compile time: no allocation, no string built. Any thread.
+std::optional<ARKitBlendShape> blendShapeFromSpelling(std::string_view name);
+
 }  // namespace velmora
