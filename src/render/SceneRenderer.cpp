@@ -19,6 +19,7 @@
 #include "base/Log.h"
 #include "render/EnvironmentLighting.h"
 #include "render/MeshCache.h"
+#include "render/TextureCache.h"
 #include "render/RenderedFramePool.h"
 #include "render/ShaderProgram.h"
 #include "render/Shaders.h"
@@ -43,6 +44,7 @@ constexpr int kUnitImage = 0;
 constexpr int kUnitShadow = 1;
 constexpr int kUnitSpecular = 2;
 constexpr int kUnitDeltas = 3;
+constexpr int kUnitMaterial = 4;  // 4..8: the material's five textures, in uTextures' bit order
 
 constexpr int kMorphStride = 6 * sizeof(float);  // interleaved position, normal
 
@@ -86,6 +88,7 @@ struct Prepared {
 struct SceneRenderer::Impl {
   std::unique_ptr<ShaderProgram> morph, depth, surface, output;
   MeshCache cache;
+  TextureCache textures;
   RenderedFramePool frames;  // read-back memory, reused once the outputs let go
   GLuint shadowFbo = 0, shadowDepth = 0;
   Targets targets;
@@ -388,6 +391,7 @@ struct SceneRenderer::Impl {
         program.set("uEmission", material->emission);
         program.set("uUnlit", material->constantLighting ? 1 : 0);
         program.set("uDoubleSided", material->doubleSided ? 1 : 0);
+        setTextures(program, *material);
       }
       if (cull && !material->doubleSided) glEnable(GL_CULL_FACE);
       else glDisable(GL_CULL_FACE);
@@ -397,8 +401,41 @@ struct SceneRenderer::Impl {
     glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, 0);
   }
 
-  static bool isOpaqueMaterial(const Material& m) { return m.diffuse.a >= 1.0f; }
-  static bool isTranslucentMaterial(const Material& m) { return m.diffuse.a < 1.0f; }
+  // The material's textures on units kUnitMaterial.., their bits, transforms
+  // and the alpha mode. Built-in materials have no textures: uTextures 0.
+  void setTextures(ShaderProgram& program, const Material& m) {
+    const std::pair<const MaterialTexture*, bool> slots[5] = {{&m.baseColorTexture, true},
+                                                              {&m.metallicRoughnessTexture, false},
+                                                              {&m.normalTexture, false},
+                                                              {&m.occlusionTexture, false},
+                                                              {&m.emissiveTexture, true}};
+    int bits = 0;
+    glm::mat3 transforms[5];
+    for (int i = 0; i < 5; ++i) {
+      const MaterialTexture& t = *slots[i].first;
+      if (!t || !textures.bind(t, slots[i].second, kUnitMaterial + i)) continue;
+      bits |= 1 << i;
+      // KHR_texture_transform: translation * rotation * scale (columns here).
+      const float c = std::cos(t.rotation), s = std::sin(t.rotation);
+      transforms[i] = glm::mat3(glm::vec3(c * t.scale.x, -s * t.scale.x, 0.0f), glm::vec3(s * t.scale.y, c * t.scale.y, 0.0f),
+                                glm::vec3(t.offset.x, t.offset.y, 1.0f));
+    }
+    glActiveTexture(GL_TEXTURE0);
+    program.set("uTextures", bits);
+    if (bits) {
+      static const char* const names[5] = {"uUvTransform[0]", "uUvTransform[1]", "uUvTransform[2]", "uUvTransform[3]",
+                                           "uUvTransform[4]"};
+      for (int i = 0; i < 5; ++i) program.setMatrix3(names[i], float4x4(transforms[i]));
+      program.set("uNormalScale", m.normalScale);
+      program.set("uOcclusionStrength", m.occlusionStrength);
+    }
+    const int mode = m.alphaMode == Material::AlphaMode::opaque ? 1 : m.alphaMode == Material::AlphaMode::mask ? 2 : 0;
+    program.set("uAlphaMode", mode);
+    program.set("uAlphaCutoff", m.alphaCutoff);
+  }
+
+  static bool isOpaqueMaterial(const Material& m) { return !m.translucent(); }
+  static bool isTranslucentMaterial(const Material& m) { return m.translucent(); }
 };
 
 // ---------------------------------------------------------------------------
@@ -470,6 +507,8 @@ CreateResult<SceneRenderer> SceneRenderer::create() {
   impl->surface->set("uShadowMap", kUnitShadow);
   impl->surface->set("uSpecularEnvironment", kUnitSpecular);
   impl->surface->setArray("uPoisson", kPoisson, shaders::shadowSamples);
+  const char* const maps[5] = {"uBaseColorMap", "uMetallicRoughnessMap", "uNormalMap", "uOcclusionMap", "uEmissiveMap"};
+  for (int i = 0; i < 5; ++i) impl->surface->set(maps[i], kUnitMaterial + i);
   impl->output->use();
   impl->output->set("uImage", kUnitImage);
   impl->morph->use();
@@ -482,6 +521,7 @@ CreateResult<SceneRenderer> SceneRenderer::create() {
 }
 
 std::size_t SceneRenderer::meshUploadCount() const { return impl_->cache.uploadCount(); }
+std::size_t SceneRenderer::textureBytes() const { return impl_->textures.bytes(); }
 
 BlendedMesh SceneRenderer::morphOnGpu(const FrameDrawItem& item) {
   BlendedMesh out;
@@ -692,6 +732,7 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
   glUseProgram(0);
 
   s.cache.purgeExpired();
+  s.textures.purgeExpired();
 
   if (GLenum e = glGetError(); e != GL_NO_ERROR && !s.reportedGlError) {
     logLine("Renderer", "SceneRenderer::render(): GL error " + hex(e) + " (reported once)");

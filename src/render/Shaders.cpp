@@ -47,19 +47,25 @@ void main() {}
 const char* const surfaceVertex = R"GLSL(#version 330 core
 layout(location = 0) in vec3 aPosition;
 layout(location = 1) in vec3 aNormal;
+layout(location = 2) in vec2 aTexcoord;
 layout(location = 3) in vec4 aColor;
+layout(location = 4) in vec4 aTangent;
 uniform mat4 uModel;
 uniform mat3 uNormalMatrix;
 uniform mat4 uViewProjection;
 out vec3 vWorldPosition;
 out vec3 vWorldNormal;
 out vec4 vColor;
+out vec2 vTexcoord;
+out vec4 vWorldTangent;
 invariant gl_Position;
 void main() {
   vec4 world = uModel * vec4(aPosition, 1.0);
   vWorldPosition = world.xyz;
   vWorldNormal = uNormalMatrix * aNormal;
   vColor = aColor;
+  vTexcoord = aTexcoord;
+  vWorldTangent = vec4(mat3(uModel) * aTangent.xyz, aTangent.w);
   gl_Position = uViewProjection * world;
 }
 )GLSL";
@@ -68,9 +74,28 @@ const char* const surfaceFragment = R"GLSL(#version 330 core
 in vec3 vWorldPosition;
 in vec3 vWorldNormal;
 in vec4 vColor;
+in vec2 vTexcoord;
+in vec4 vWorldTangent;
 out vec4 fragColor;
 
 uniform vec4 uBaseColor;
+// Material textures (glTF's set). uTextures has a bit per texture present:
+// 1 base colour (sRGB), 2 metallic-roughness (G roughness, B metalness),
+// 4 normal (tangent space), 8 occlusion (R), 16 emissive (sRGB). Each has
+// its texture-coordinate transform.
+uniform int uTextures;
+uniform sampler2D uBaseColorMap;
+uniform sampler2D uMetallicRoughnessMap;
+uniform sampler2D uNormalMap;
+uniform sampler2D uOcclusionMap;
+uniform sampler2D uEmissiveMap;
+uniform mat3 uUvTransform[5];
+uniform float uNormalScale;
+uniform float uOcclusionStrength;
+// 0: alpha as computed (automatic and blend); 1: opaque (alpha ignored);
+// 2: mask (below uAlphaCutoff discarded, the rest opaque).
+uniform int uAlphaMode;
+uniform float uAlphaCutoff;
 uniform float uRoughness;
 uniform float uMetalness;
 uniform vec3 uEmission;
@@ -187,20 +212,44 @@ float keyShadowVisibility(vec3 N, vec3 L) {
   return lit / 16.0;
 }
 
+vec2 uvOf(int slot) { return (uUvTransform[slot] * vec3(vTexcoord, 1.0)).xy; }
+
 void main() {
   vec4 base = uBaseColor * vColor;
+  if ((uTextures & 1) != 0) base *= texture(uBaseColorMap, uvOf(0));
+  if (uAlphaMode == 2 && base.a < uAlphaCutoff) discard;
+  if (uAlphaMode != 0) base.a = 1.0;
+  vec3 emission = uEmission;
+  if ((uTextures & 16) != 0) emission *= texture(uEmissiveMap, uvOf(4)).rgb;
   float alpha = clamp(base.a * uOpacity, 0.0, 1.0);
   vec3 color;
   if (uUnlit != 0) {
-    color = base.rgb + uEmission;
+    color = base.rgb + emission;
   } else {
     vec3 N = normalize(vWorldNormal);
     if (uDoubleSided != 0 && !gl_FrontFacing) N = -N;
+    if ((uTextures & 4) != 0) {
+      vec3 T = vWorldTangent.xyz - N * dot(N, vWorldTangent.xyz);
+      if (dot(T, T) > 1e-12) {
+        T = normalize(T);
+        vec3 B = cross(N, T) * (vWorldTangent.w < 0.0 ? -1.0 : 1.0);
+        vec3 t = texture(uNormalMap, uvOf(2)).xyz * 2.0 - 1.0;
+        t.xy *= uNormalScale;
+        N = normalize(mat3(T, B, N) * t);
+      }
+    }
+    float roughnessValue = uRoughness;
+    float metalness = uMetalness;
+    if ((uTextures & 2) != 0) {
+      vec4 mr = texture(uMetallicRoughnessMap, uvOf(1));
+      roughnessValue *= mr.g;
+      metalness *= mr.b;
+    }
     vec3 V = normalize(uCameraPosition - vWorldPosition);
-    float roughness = clamp(uRoughness, 0.045, 1.0);
+    float roughness = clamp(roughnessValue, 0.045, 1.0);
     float a = roughness * roughness;
-    vec3 diffuseColor = base.rgb * (1.0 - uMetalness);
-    vec3 f0 = mix(vec3(0.04), base.rgb, uMetalness);
+    vec3 diffuseColor = base.rgb * (1.0 - metalness);
+    vec3 f0 = mix(vec3(0.04), base.rgb, metalness);
 
     vec3 toKey = uKeyPosition - vWorldPosition;
     vec3 Lk = normalize(toKey);
@@ -219,8 +268,9 @@ void main() {
     vec3 prefiltered = textureLod(uSpecularEnvironment, equirect(R), roughness * uSpecularMaxLod).rgb;
     vec2 ab = environmentBRDF(NoV, roughness);
     vec3 ambient = (diffuseColor / PI * irradianceAt(N) + prefiltered * (f0 * ab.x + ab.y)) * uEnvironmentIntensity;
+    if ((uTextures & 8) != 0) ambient *= mix(1.0, texture(uOcclusionMap, uvOf(3)).r, uOcclusionStrength);
 
-    color = key + fill + rim + ambient + uEmission;
+    color = key + fill + rim + ambient + emission;
   }
   fragColor = vec4(color * alpha, alpha);
 }
