@@ -13,6 +13,7 @@ namespace velmora {
 
 class FaceTrackingState;
 class CharacterAnimationController;
+class CharacterFiles;
 
 struct DashboardContext {
   DashboardContext(FaceTrackingState& state, CharacterAnimationController& animation,
@@ -47,6 +48,9 @@ struct DashboardContext {
   // Datagrams refused so far for not being in the allowed senders.
   std::function<std::uint64_t()> refusedTracking;
   std::function<std::uint64_t()> refusedOsc;
+
+  // The character files beside the built-in two (none: no such list).
+  CharacterFiles* characterFiles = nullptr;
 
   // Window visibility the menus and shortcuts switch.
   bool showOSCCommands = false;

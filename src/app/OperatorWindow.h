@@ -15,6 +15,8 @@
 
 namespace velmora {
 
+class CharacterFiles;
+
 class FaceTrackingState;
 class CharacterAnimationController;
 class MaskSceneManager;
@@ -41,6 +43,7 @@ class OperatorWindow {
     // Optional: the record button and the relay's status need them.
     SessionRecording* recording = nullptr;
     TrackingRelay* relay = nullptr;
+    CharacterFiles* characterFiles = nullptr;  // the Character list's files and "Open..."
   };
 
   static CreateResult<OperatorWindow> create(const Services& services);

@@ -1,12 +1,13 @@
 #pragma once
 // What the remote commands act on, handed to every command's action: the
-// face tracking state, the cue player, and the clock both share (seconds on
+// face tracking state, the cue player, the clock both share (seconds on
 // the process's monotonic clock, the time cues are triggered and reset at).
 // The application builds one over its shared objects; tests build their own.
 //
 // Threads: the commands run on the main thread, which owns all three.
 
 #include <functional>
+#include <string>
 
 namespace velmora {
 
@@ -17,6 +18,9 @@ struct CommandContext {
   FaceTrackingState& state;
   CharacterAnimationController& cues;
   std::function<double()> clock;
+  // Reads a character file (a name in the character list, or a path) and
+  // shows it when it reads; none: the command does nothing.
+  std::function<void(const std::string&)> openCharacterFile = {};
 };
 
 }  // namespace velmora

@@ -20,7 +20,8 @@ class OSCCommandCatalog {
  public:
   OSCCommandCatalog() = delete;
 
-  // The 40 commands in display order.
+  // The 41 commands in display order: the original 40, then
+  // "/velmora/character/file".
   static const std::vector<OSCCommand>& all();
   // Group titles in display order.
   static const std::vector<std::string>& groups();

@@ -40,6 +40,7 @@ void FaceTrackingState::loadPersisted() {
   oscBindAddress_ = settings_.string(TrackingSettings::oscBindAddressKey);
   trackingAllowedSenders_ = settings_.stringList(TrackingSettings::trackingAllowedSendersKey);
   oscAllowedSenders_ = settings_.stringList(TrackingSettings::oscAllowedSendersKey);
+  characterFile_ = settings_.string(TrackingSettings::characterFileKey);
 }
 
 // ---------------------------------------------------------------------------
@@ -157,6 +158,7 @@ void FaceTrackingState::handleCharacterModelChange() {
   VELMORA_ASSERT_MAIN_THREAD();
   settings_.saveCharacterModel(characterModel_);
   observers_.notify(Property::characterModel);
+  if (!characterFile_.empty()) setCharacterFile({});
 }
 
 int FaceTrackingState::observe(std::function<void(Property)> observer) {
@@ -196,6 +198,9 @@ void FaceTrackingState::afterWrite(Property property) {
       break;
     case Property::relayTargets:
       settings_.saveStringList(TrackingSettings::relayTargetsKey, relayTargets_);
+      break;
+    case Property::characterFile:
+      settings_.saveString(TrackingSettings::characterFileKey, characterFile_);
       break;
     case Property::trackingBindAddress:
       settings_.saveString(TrackingSettings::trackingBindAddressKey, trackingBindAddress_);

@@ -110,7 +110,9 @@ class SettingsStore;
   X(trackingBindAddress, setTrackingBindAddress, std::string, {})                            \
   X(oscBindAddress, setOscBindAddress, std::string, {})                                      \
   X(trackingAllowedSenders, setTrackingAllowedSenders, std::vector<std::string>, {})         \
-  X(oscAllowedSenders, setOscAllowedSenders, std::vector<std::string>, {})
+  X(oscAllowedSenders, setOscAllowedSenders, std::vector<std::string>, {})                  \
+  X(characterFile, setCharacterFile, std::string, {})                                        \
+  X(characterStatus, setCharacterStatus, std::string, {})
 
 class FaceTrackingState {
  public:
@@ -175,6 +177,8 @@ class FaceTrackingState {
 
   // Persists "characterModel" and notifies observers; called by
   // setCharacterModel, and by remote model commands even when unchanged.
+  // Choosing a built-in character puts away a character file (characterFile
+  // becomes "").
   void handleCharacterModelChange();
 
   // ---- tracking loss ---------------------------------------------------

@@ -14,6 +14,8 @@
 // "trackingBindAddress" and "oscBindAddress" (an IPv4 address; absent or ""
 // binds every interface), "trackingAllowedSenders" and "oscAllowedSenders"
 // (IPv4 addresses and CIDR blocks; absent or [] admits everyone).
+// "characterFile": the glTF character shown instead of the built-in one (a
+// path; absent or "": the built-in "characterModel").
 //
 // Threads: whichever thread owns the store's user (the main thread).
 
@@ -75,6 +77,7 @@ class TrackingSettings {
   void saveString(const char* key, const std::string& value);
 
   static constexpr const char* relayTargetsKey = "relayTargets";
+  static constexpr const char* characterFileKey = "characterFile";
   static constexpr const char* trackingBindAddressKey = "trackingBindAddress";
   static constexpr const char* oscBindAddressKey = "oscBindAddress";
   static constexpr const char* trackingAllowedSendersKey = "trackingAllowedSenders";
