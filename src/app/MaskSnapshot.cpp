@@ -74,6 +74,21 @@ struct Shot {
   std::function<void()> setUp;
 };
 
+// What the renderer uploads for a character: its vertex and index arrays as
+// they are, 16 bytes per (target, vertex) of half-float morph deltas, a
+// 24-byte morphed vertex, and the pictures with their mipmaps (4/3).
+std::size_t gpuBytes(const Node& node, std::size_t textureBytes) {
+  std::size_t bytes = textureBytes * 4 / 3;
+  if (node.geometry) {
+    for (const auto& source : node.geometry->sources) bytes += source.data ? source.data->size() * 4 : 0;
+    for (const auto& element : node.geometry->elements) bytes += element.indices ? element.indices->size() * 4 : 0;
+    const std::size_t vertices = node.geometry->vertexCount();
+    if (node.morpher) bytes += node.morpher->targetCount() * vertices * 16 + vertices * 24;
+  }
+  for (const auto& child : node.children()) bytes += gpuBytes(*child, 0);
+  return bytes;
+}
+
 // Renders every shot (each after one update of the scene) to NAME.png, then
 // the contact sheet; returns the number of files written.
 int writeShots(MaskSceneManager& scene, FaceTrackingState& state, CharacterAnimationController& animation,
@@ -213,8 +228,9 @@ int MaskSnapshot::runCharacterFile(const std::string& outputDirectory, const std
   logLine("snapshot", "Read " + file + " in " + std::to_string(static_cast<int>(readSeconds * 1000.0)) + " ms: " +
                           std::to_string(character->triangles) + " triangles, " + std::to_string(character->vertices) +
                           " vertices, " + std::to_string(character->matchedBlendshapes.size()) + " of 52 blendshapes, " +
-                          std::to_string(character->textureBytes / 1024) + " KiB of pictures, framed by " +
-                          std::string(CharacterFraming::label(character->framing)));
+                          std::to_string(character->textureBytes / 1024) + " KiB of pictures, about " +
+                          std::to_string(gpuBytes(*character->build.node, character->textureBytes) >> 10) +
+                          " KiB of GPU memory, framed by " + std::string(CharacterFraming::label(character->framing)));
 
   ScratchFolder scratch;
   SettingsStore store(scratch.path());
