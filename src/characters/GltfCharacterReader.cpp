@@ -852,30 +852,17 @@ CharacterFraming::Rule frame(const tinygltf::Model& m, Scene& scene) {
   return rule;
 }
 
-std::shared_ptr<std::vector<float>> packed3(const std::vector<float3>& values) {
-  auto data = std::make_shared<std::vector<float>>(values.size() * 3);
-  for (std::size_t i = 0; i < values.size(); ++i) std::memcpy(data->data() + 3 * i, &values[i], 12);
-  return data;
-}
-
-GeometrySource source3(GeometrySource::Semantic semantic, const std::vector<float3>& values) {
+// One tightly packed source of float3 or float4 values.
+template <class Vec>
+GeometrySource packedSource(GeometrySource::Semantic semantic, const std::vector<Vec>& values) {
+  constexpr int components = static_cast<int>(sizeof(Vec) / sizeof(float));
   GeometrySource s;
   s.semantic = semantic;
-  s.componentsPerVector = 3;
-  s.dataStride = 12;
+  s.componentsPerVector = components;
+  s.dataStride = components * 4;
   s.vectorCount = static_cast<int>(values.size());
-  s.data = packed3(values);
-  return s;
-}
-
-GeometrySource source4(GeometrySource::Semantic semantic, const std::vector<float4>& values) {
-  GeometrySource s;
-  s.semantic = semantic;
-  s.componentsPerVector = 4;
-  s.dataStride = 16;
-  s.vectorCount = static_cast<int>(values.size());
-  auto data = std::make_shared<std::vector<float>>(values.size() * 4);
-  for (std::size_t i = 0; i < values.size(); ++i) std::memcpy(data->data() + 4 * i, &values[i], 16);
+  auto data = std::make_shared<std::vector<float>>(values.size() * components);
+  if (!values.empty()) std::memcpy(data->data(), values.data(), values.size() * sizeof(Vec));
   s.data = std::move(data);
   return s;
 }
@@ -897,11 +884,11 @@ void assemble(FileCharacter& out, Scene& scene) {
     if (p.elements.empty()) continue;
     auto g = std::make_shared<Geometry>();
     g->name = p.name;
-    g->sources.push_back(source3(GeometrySource::Semantic::vertex, p.positions));
-    g->sources.push_back(source3(GeometrySource::Semantic::normal, p.normals));
+    g->sources.push_back(packedSource(GeometrySource::Semantic::vertex, p.positions));
+    g->sources.push_back(packedSource(GeometrySource::Semantic::normal, p.normals));
     if (!p.uvs.empty()) g->sources.push_back(GeometrySource::make(GeometrySource::Semantic::texcoord, p.uvs));
-    if (!p.colors.empty()) g->sources.push_back(source4(GeometrySource::Semantic::color, p.colors));
-    if (!p.tangents.empty()) g->sources.push_back(source4(GeometrySource::Semantic::tangent, p.tangents));
+    if (!p.colors.empty()) g->sources.push_back(packedSource(GeometrySource::Semantic::color, p.colors));
+    if (!p.tangents.empty()) g->sources.push_back(packedSource(GeometrySource::Semantic::tangent, p.tangents));
     for (auto& e : p.elements) {
       GeometryElement element;
       element.indices = std::make_shared<const std::vector<std::int32_t>>(std::move(e));
@@ -922,9 +909,9 @@ void assemble(FileCharacter& out, Scene& scene) {
       if (pos == p.targetPositions.end() && nrm == p.targetNormals.end()) continue;
       auto t = std::make_shared<Geometry>();
       t->name = std::string(rawValue(order[k]));
-      t->sources.push_back(pos != p.targetPositions.end() ? source3(GeometrySource::Semantic::vertex, pos->second)
+      t->sources.push_back(pos != p.targetPositions.end() ? packedSource(GeometrySource::Semantic::vertex, pos->second)
                                                           : g->sources[0]);
-      t->sources.push_back(nrm != p.targetNormals.end() ? source3(GeometrySource::Semantic::normal, nrm->second)
+      t->sources.push_back(nrm != p.targetNormals.end() ? packedSource(GeometrySource::Semantic::normal, nrm->second)
                                                         : baseNormals);
       (*targets)[k] = std::move(t);
       anyTarget = true;
