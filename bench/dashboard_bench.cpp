@@ -15,11 +15,12 @@
 #include <memory>
 
 #include "animation/CharacterAnimationController.h"
-#include "app/Dashboard.h"
-#include "app/DashboardContext.h"
-#include "app/PreviewFrames.h"
-#include "app/UiFonts.h"
-#include "app/WireframeTracker.h"
+#include "support/TempDir.h"
+#include "ui/Dashboard.h"
+#include "ui/DashboardContext.h"
+#include "ui/PreviewFrames.h"
+#include "ui/UiFonts.h"
+#include "ui/WireframeTracker.h"
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
 #include "render/EglContext.h"
@@ -36,9 +37,8 @@ void BM_DashboardFrame(benchmark::State& st) {
     st.SkipWithError(("no GL context: " + egl.reason).c_str());
     return;
   }
-  std::string templ = (std::filesystem::temp_directory_path() / "velmora-bench-XXXXXX").string();
-  const std::filesystem::path folder = ::mkdtemp(templ.data()) ? templ : "/tmp/velmora-bench";
-  SettingsStore store(folder);
+  const test::TempDir folder;
+  SettingsStore store(folder.path());
   FaceTrackingState state(store);
   CharacterAnimationController animation;
   double now = 1.0;
@@ -106,8 +106,6 @@ void BM_DashboardFrame(benchmark::State& st) {
   ImGui::DestroyContext();
   glDeleteFramebuffers(1, &fbo);
   glDeleteTextures(1, &colour);
-  std::error_code ec;
-  std::filesystem::remove_all(folder, ec);
 }
 BENCHMARK(BM_DashboardFrame)->Unit(benchmark::kMillisecond)->MinTime(3.0);
 

@@ -11,10 +11,11 @@
 #include <filesystem>
 #include <string>
 
-#include "app/CharacterExport.h"
-#include "app/GltfExporter.h"
+#include "export/CharacterExport.h"
+#include "export/GltfExporter.h"
 #include "base/Log.h"
 #include "characters/CharacterBuild.h"
+#include "support/TempDir.h"
 
 namespace velmora {
 namespace {
@@ -38,8 +39,9 @@ void BM_ExportGlb(benchmark::State& state) {
 BENCHMARK(BM_ExportGlb)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_ExportRun(benchmark::State& state) {
-  std::string templ = (std::filesystem::temp_directory_path() / "velmora-bench-XXXXXX").string();
-  if (!::mkdtemp(templ.data())) {
+  const test::TempDir folder;
+  const std::string templ = folder.path().string();
+  if (templ.empty()) {
     state.SkipWithError("no temporary folder");
     return;
   }
@@ -52,8 +54,6 @@ void BM_ExportRun(benchmark::State& state) {
     }
   }
   setLogSink(nullptr);
-  std::error_code ec;
-  std::filesystem::remove_all(templ, ec);
 }
 BENCHMARK(BM_ExportRun)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 

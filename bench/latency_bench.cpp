@@ -21,8 +21,8 @@
 namespace velmora {
 namespace {
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
-const std::string kPhoneSim = VELMORA_BINARY_DIR "/bin/velmora-phone-sim";
+const std::string kVelmora = test::builtProgram("velmora");
+const std::string kPhoneSim = test::builtProgram("velmora-phone-sim");
 
 std::size_t buffersSeen(const std::filesystem::path& log) {
   std::ifstream in(log);

@@ -14,13 +14,14 @@
 #include "render/RenderThread.h"
 #include "scene/MaskSceneManager.h"
 #include "stage/ARKitBlendShape.h"
+#include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
 namespace {
 
 struct Fixture {
-  std::filesystem::path folder;
+  test::TempDir folder;
   std::unique_ptr<SettingsStore> store;
   std::unique_ptr<FaceTrackingState> state;
   std::unique_ptr<CharacterAnimationController> animation;
@@ -29,9 +30,7 @@ struct Fixture {
 
   explicit Fixture(CharacterModelType model) {
     MainQueue::shared().bindToCurrentThread();
-    std::string templ = (std::filesystem::temp_directory_path() / "velmora-bench-XXXXXX").string();
-    folder = ::mkdtemp(templ.data()) ? std::filesystem::path(templ) : std::filesystem::temp_directory_path() / "velmora-bench";
-    store = std::make_unique<SettingsStore>(folder);
+    store = std::make_unique<SettingsStore>(folder.path());
     state = std::make_unique<FaceTrackingState>(*store);
     state->setCharacterModel(model);
     animation = std::make_unique<CharacterAnimationController>();
@@ -43,11 +42,7 @@ struct Fixture {
     for (ARKitBlendShape shape : allCases<ARKitBlendShape>()) face[std::string(rawValue(shape))] = 0.1f + 0.015f * i++;
     state->setBlendshapes(face);
   }
-  ~Fixture() {
-    scene.reset();
-    std::error_code ec;
-    std::filesystem::remove_all(folder, ec);
-  }
+  ~Fixture() { scene.reset(); }
 };
 
 // updateTracking (cue sample, blend, 52 morph weights, pose, lighting check)

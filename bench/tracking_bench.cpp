@@ -23,6 +23,7 @@
 
 #include "base/SettingsStore.h"
 #include "stage/ARKitBlendShape.h"
+#include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/OneEuroFilter1D.h"
 #include "tracking/OneEuroFilter3D.h"
@@ -32,11 +33,6 @@ namespace {
 
 using namespace velmora;
 
-std::filesystem::path scratchFolder() {
-  std::string templ = (std::filesystem::temp_directory_path() / "velmora-bench-XXXXXX").string();
-  if (char* dir = ::mkdtemp(templ.data())) return dir;
-  return std::filesystem::temp_directory_path();
-}
 
 // Frames that differ, so the filters see real movement.
 std::array<BlendshapeMap, 4> frames() {
@@ -50,8 +46,8 @@ std::array<BlendshapeMap, 4> frames() {
 }
 
 void BM_IngestPacket52AndRotation(benchmark::State& state) {
-  const auto folder = scratchFolder();
-  SettingsStore store(folder);
+  const test::TempDir folder;
+  SettingsStore store(folder.path());
   double now = 0.0;
   FaceTrackingState tracking(store, [&now] { return now; });
   tracking.setRange("jawOpen", 0.1f, 0.8f);  // one ranged name, as after a calibration
@@ -68,8 +64,6 @@ void BM_IngestPacket52AndRotation(benchmark::State& state) {
     benchmark::DoNotOptimize(tracking.blendshapes());
   }
   state.SetItemsProcessed(state.iterations());
-  std::error_code ec;
-  std::filesystem::remove_all(folder, ec);
 }
 BENCHMARK(BM_IngestPacket52AndRotation);
 

@@ -9,8 +9,8 @@
 #include <span>
 #include <vector>
 
-#include "tracking/PcapReader.h"
-#include "tracking/PcapWriter.h"
+#include "net/PcapReader.h"
+#include "net/PcapWriter.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const auto result = velmora::PcapReader::readBytes(std::span<const std::uint8_t>(data, size), "fuzz.pcap");

@@ -21,6 +21,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
@@ -38,8 +39,10 @@
 #include <thread>
 #include <vector>
 
+#include "osc/OSCWriter.h"
 #include "tracking/LiveLinkNames.h"
-#include "tracking/PcapReader.h"
+#include "tracking/LiveLinkWriter.h"
+#include "net/PcapReader.h"
 
 namespace {
 
@@ -178,46 +181,17 @@ float degrees(float radians) { return static_cast<float>(radians * 180.0 / kPi);
 
 // [SECTION] encoders
 
-void putU32(std::vector<std::uint8_t>& out, std::uint32_t v) {
-  out.push_back(std::uint8_t(v >> 24));
-  out.push_back(std::uint8_t(v >> 16));
-  out.push_back(std::uint8_t(v >> 8));
-  out.push_back(std::uint8_t(v));
-}
-
-void putFloat(std::vector<std::uint8_t>& out, float v) { putU32(out, std::bit_cast<std::uint32_t>(v)); }
-
-// The packet the Live Link Face app sends: version, device id and subject
-// name (each a big-endian length and the bytes), frame time (frame,
-// subframe, rate numerator and denominator), the value count 61, then 61
-// big-endian floats: 52 blendshapes, head yaw/pitch/roll, both eyes'
-// yaw/pitch/roll.
+// The packet the Live Link Face app sends; its layout is described in
+// LiveLinkWriter. Eye yaw follows the head a little, eye pitch and roll stay 0.
 std::vector<std::uint8_t> encodeLiveLink(const Face& f, std::uint32_t frame, double rate) {
-  std::vector<std::uint8_t> out;
-  out.reserve(300);
-  out.push_back(6);
-  const std::string device = "velmora-phone-sim";
-  const std::string subject = "iPhone";
-  putU32(out, static_cast<std::uint32_t>(device.size()));
-  out.insert(out.end(), device.begin(), device.end());
-  putU32(out, static_cast<std::uint32_t>(subject.size()));
-  out.insert(out.end(), subject.begin(), subject.end());
-  putU32(out, frame);
-  putFloat(out, 0.0f);
-  putU32(out, static_cast<std::uint32_t>(std::lround(rate)));
-  putU32(out, 1);
-  out.push_back(61);
-  for (float v : f.shapes) putFloat(out, v);
-  putFloat(out, f.yaw);
-  putFloat(out, f.pitch);
-  putFloat(out, f.roll);
-  const float eyeYaw = 0.3f * f.yaw;
-  for (int eye = 0; eye < 2; ++eye) {
-    putFloat(out, eyeYaw);
-    putFloat(out, 0.0f);
-    putFloat(out, 0.0f);
-  }
-  return out;
+  std::array<float, velmora::LiveLinkWriter::kValueCount> values{};
+  std::copy(f.shapes.begin(), f.shapes.end(), values.begin());
+  values[52] = f.yaw;
+  values[53] = f.pitch;
+  values[54] = f.roll;
+  values[55] = values[58] = 0.3f * f.yaw;
+  const velmora::LiveLinkWriter::FrameTime time{frame, 0.0f, static_cast<std::uint32_t>(std::lround(rate)), 1};
+  return velmora::LiveLinkWriter::packet("velmora-phone-sim", "iPhone", time, values);
 }
 
 std::string fixed(double v, int decimals) {
@@ -243,73 +217,32 @@ std::vector<std::uint8_t> encodeIFacialMocap(const Face& f) {
   return std::vector<std::uint8_t>(text.begin(), text.end());
 }
 
-// A minimal OSC 1.0 encoder: strings zero-terminated and padded to 4 bytes,
-// big-endian floats, bundles of size-prefixed elements.
-class OscWriter {
- public:
-  static void putString(std::vector<std::uint8_t>& out, std::string_view s) {
-    out.insert(out.end(), s.begin(), s.end());
-    out.push_back(0);
-    while (out.size() % 4) out.push_back(0);
-  }
-  // Velmora's decoder treats a zero-led 4-byte group right after a string
-  // as padding, so an exact 0.0 (00 00 00 00) would vanish; -0.0
-  // (80 00 00 00) carries the same value and survives.
-  static float wireSafe(float v) { return v == 0.0f ? -0.0f : v; }
-
-  static std::vector<std::uint8_t> message(std::string_view address, float value) {
-    std::vector<std::uint8_t> out;
-    putString(out, address);
-    putString(out, ",f");
-    putFloat(out, wireSafe(value));
-    return out;
-  }
-  static std::vector<std::uint8_t> message(std::string_view address, std::string_view text, float value) {
-    std::vector<std::uint8_t> out;
-    putString(out, address);
-    putString(out, ",sf");
-    putString(out, text);
-    putFloat(out, wireSafe(value));
-    return out;
-  }
-  static std::vector<std::uint8_t> message(std::string_view address) {
-    std::vector<std::uint8_t> out;
-    putString(out, address);
-    putString(out, ",");
-    return out;
-  }
-
-  void add(const std::vector<std::uint8_t>& element) {
-    putU32(bundle_, static_cast<std::uint32_t>(element.size()));
-    bundle_.insert(bundle_.end(), element.begin(), element.end());
-  }
-  std::vector<std::uint8_t> finish() { return std::move(bundle_); }
-
- private:
-  std::vector<std::uint8_t> bundle_ = {'#', 'b', 'u', 'n', 'd', 'l', 'e', 0, 0, 0, 0, 0, 0, 0, 0, 1};
-};
+// Velmora's decoder treats a zero-led 4-byte group right after a string as
+// padding, so an exact 0.0 (00 00 00 00) would vanish; -0.0 (80 00 00 00)
+// carries the same value and survives.
+float wireSafe(float v) { return v == 0.0f ? -0.0f : v; }
 
 std::vector<std::uint8_t> encodeOSC(const Face& f) {
-  OscWriter w;
+  auto bundle = velmora::OSCWriter::bundle();
   for (std::size_t i = 0; i < f.shapes.size(); ++i) {
-    w.add(OscWriter::message("/BlendShapes/" + std::string(velmora::unrealARKitNames[i]), f.shapes[i]));
+    bundle.message("/BlendShapes/" + std::string(velmora::unrealARKitNames[i])).f(wireSafe(f.shapes[i]));
   }
-  w.add(OscWriter::message("/Head/Pitch", degrees(f.pitch)));
-  w.add(OscWriter::message("/Head/Yaw", degrees(f.yaw)));
-  w.add(OscWriter::message("/Head/Roll", degrees(f.roll)));
-  w.add(OscWriter::message("/Head/X", f.x * 100.0f));
-  w.add(OscWriter::message("/Head/Y", f.y * 100.0f));
-  w.add(OscWriter::message("/Head/Z", f.z * 100.0f));
-  return w.finish();
+  bundle.message("/Head/Pitch").f(wireSafe(degrees(f.pitch)));
+  bundle.message("/Head/Yaw").f(wireSafe(degrees(f.yaw)));
+  bundle.message("/Head/Roll").f(wireSafe(degrees(f.roll)));
+  bundle.message("/Head/X").f(wireSafe(f.x * 100.0f));
+  bundle.message("/Head/Y").f(wireSafe(f.y * 100.0f));
+  bundle.message("/Head/Z").f(wireSafe(f.z * 100.0f));
+  return bundle.bytes();
 }
 
 std::vector<std::uint8_t> encodeVMC(const Face& f) {
-  OscWriter w;
+  auto bundle = velmora::OSCWriter::bundle();
   for (std::size_t i = 0; i < f.shapes.size(); ++i) {
-    w.add(OscWriter::message("/VMC/Ext/Blend/Val", velmora::unrealARKitNames[i], f.shapes[i]));
+    bundle.message("/VMC/Ext/Blend/Val").s(velmora::unrealARKitNames[i]).f(wireSafe(f.shapes[i]));
   }
-  w.add(OscWriter::message("/VMC/Ext/Blend/Apply"));
-  return w.finish();
+  bundle.message("/VMC/Ext/Blend/Apply");
+  return bundle.bytes();
 }
 
 std::vector<std::uint8_t> encodeJSON(const Face& f) {

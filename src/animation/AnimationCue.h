@@ -2,9 +2,10 @@
 // The closed catalogue of scripted animation cues, and every fact about each
 // kind in one table: display name, minimum and default duration, the
 // character it is written for and whether it leaves that character
-// offstage. Its curves are in CueCurves. A cue value is a kind plus the
-// duration its caller asked for (seconds); the effective duration never
-// falls below the kind's minimum. Pure data, any thread.
+// offstage. Its curves are in CharacterAnimationController.cpp (fillCurves).
+// A cue value is a kind plus the duration its caller asked for (seconds);
+// the effective duration never falls below the kind's minimum. Pure data,
+// any thread.
 
 #include <array>
 #include <string>

@@ -6,14 +6,13 @@
 #include <thread>
 
 #include "animation/CharacterAnimationController.h"
-#include "app/CharacterExport.h"
+#include "export/CharacterExport.h"
 #include "app/CommandLine.h"
 #include "app/CueServerSwitch.h"
 #include "app/CharacterFiles.h"
 #include "app/MaskSnapshot.h"
-#include "app/OperatorWindow.h"
-#include "app/NetworkSafety.h"
-#include "app/SessionRecording.h"
+#include "ui/OperatorWindow.h"
+#include "app/ShowSafety.h"
 #include "app/SelfTestRunner.h"
 #include "app/TrackingIntake.h"
 #include "base/Clock.h"
@@ -30,7 +29,6 @@
 #include "scene/MaskSceneManager.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/TrackingReceiver.h"
-#include "tracking/TrackingRelay.h"
 
 namespace velmora {
 
@@ -120,9 +118,6 @@ int Application::runInteractive(const CommandLine& commandLine) {
 
   // --- services started on the main loop ---
   TrackingIntake tracking(TrackingReceiver::shared(), state);
-  SessionRecording recording(TrackingReceiver::shared());
-  if (commandLine.recordWithoutFile) logLine("Velmora", "--record needs a file name after it; not recording");
-  if (!commandLine.recordFile.empty()) recording.start(commandLine.recordFile);  // before the first datagram
   // Remote cues act on the state and the cue player, at the clock the frame update samples cues with.
   CommandContext commands{state, CharacterAnimationController::shared(), [] { return uptime(); }};
   CharacterFiles* characterFiles = nullptr;  // made once the scene exists, below
@@ -131,10 +126,13 @@ int Application::runInteractive(const CommandLine& commandLine) {
   };
   QLabOSCServer cueServer(commands, mainQueue);
   const CueServerSwitch cueServerSwitch(state, cueServer);  // the isOSCEnabled switch starts and stops it
+  // The relay, the recorder, allow-lists and bind addresses: one owner.
+  ShowSafety safety(state, TrackingReceiver::shared(), cueServer);
+  if (commandLine.recordWithoutFile) logLine("Velmora", "--record needs a file name after it; not recording");
+  if (!commandLine.recordFile.empty()) safety.startRecording(commandLine.recordFile);  // before the first datagram
   // Bind addresses, allow-lists and relay targets, before either listener opens.
-  auto relay = std::make_shared<TrackingRelay>();
   tracking.configurePorts();
-  NetworkSafety networkSafety(state, TrackingReceiver::shared(), cueServer, relay);
+  safety.start();
   tracking.start();
   cueServer.startListening();  // shows "OSC cues: disabled" when switched off
 
@@ -165,7 +163,7 @@ int Application::runInteractive(const CommandLine& commandLine) {
   // The main window with the dashboard when there is a display; headless otherwise.
   auto window = OperatorWindow::create({state, CharacterAnimationController::shared(), scene,
                                         ProjectorWindowController::shared(), cueServer,
-                                        TrackingReceiver::shared(), &recording, relay.get(), &files});
+                                        TrackingReceiver::shared(), &safety, &files});
   if (window) {
     logLine("Velmora", "Main window open; close it (or press Ctrl-C) to stop");
   } else {
@@ -196,7 +194,7 @@ int Application::runInteractive(const CommandLine& commandLine) {
   characterFiles = nullptr;
   cueServer.shutdown();
   tracking.stop();
-  recording.stop();  // after the sockets: every datagram that arrived is in the file
+  safety.stopRecording();  // after the sockets: every datagram that arrived is in the file
 
   mainQueue.setTick(nullptr, 0);
   mainQueue.drain();  // whatever the stopping services posted last

@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "base/SerialQueue.h"
-#include "characters/CharacterFraming.h"
+#include "ui/CharacterChoices.h"
 
 namespace velmora {
 
@@ -28,19 +28,8 @@ class FaceTrackingState;
 class MainQueue;
 class MaskSceneManager;
 
-class CharacterFiles {
+class CharacterFiles : public CharacterChoices {
  public:
-  struct Entry {
-    std::string path;
-    std::string name;       // the file name without folder and extension
-    bool reading = false;   // a read is under way
-    bool known = false;     // the figures below come from a read that succeeded
-    std::string error;      // the last read's failure line; "" when it read
-    int matchedTargets = 0;  // of the 52 blendshapes
-    std::size_t triangles = 0;
-    CharacterFraming::Rule framing = CharacterFraming::Rule::wholeBox;
-  };
-
   CharacterFiles(FaceTrackingState& state, MaskSceneManager& scene, MainQueue& mainQueue);
   ~CharacterFiles();
   CharacterFiles(const CharacterFiles&) = delete;
@@ -56,9 +45,9 @@ class CharacterFiles {
   std::size_t add(const std::string& path);
   // A name from the list (any letter case) or a path: reads it and shows it
   // once read.
-  void open(const std::string& nameOrPath);
+  void open(const std::string& nameOrPath) override;
 
-  const std::vector<Entry>& entries() const { return entries_; }
+  const std::vector<Entry>& entries() const override { return entries_; }
 
  private:
   void read(std::size_t index, bool show);

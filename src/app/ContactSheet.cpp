@@ -1,7 +1,6 @@
 #include "app/ContactSheet.h"
 
 #include <algorithm>
-#include <cmath>
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wunused-function"
@@ -9,23 +8,9 @@
 #include <stb_easy_font.h>
 #pragma GCC diagnostic pop
 
+#include "scene/FrameDownscale.h"
+
 namespace velmora {
-
-namespace {
-
-// sRGB <-> linear for averaging and compositing in linear light.
-float toLinear(std::uint8_t v) {
-  const float c = v / 255.0f;
-  return c <= 0.04045f ? c / 12.92f : std::pow((c + 0.055f) / 1.055f, 2.4f);
-}
-
-std::uint8_t toSRGB(float c) {
-  c = std::clamp(c, 0.0f, 1.0f);
-  const float s = c <= 0.0031308f ? c * 12.92f : 1.055f * std::pow(c, 1.0f / 2.4f) - 0.055f;
-  return static_cast<std::uint8_t>(std::lround(s * 255.0f));
-}
-
-}  // namespace
 
 ContactSheet::ContactSheet(int columns, int tileWidth, int tileHeight)
     : columns_(std::max(1, columns)), tileWidth_(std::max(1, tileWidth)), tileHeight_(std::max(1, tileHeight)) {}
@@ -37,33 +22,13 @@ void ContactSheet::add(const RenderedFrame& frame, const std::string& label) {
   const int tw = tileWidth_, th = tileHeight_;
   for (int y = 0; y < th; ++y)
     for (int x = 0; x < tw; ++x) {
-      // The source pixels under this tile pixel, averaged premultiplied in linear light.
-      const int x0 = x * frame.width / tw, x1 = std::max(x0 + 1, (x + 1) * frame.width / tw);
-      const int y0 = y * frame.height / th, y1 = std::max(y0 + 1, (y + 1) * frame.height / th);
-      float r = 0, g = 0, b = 0, a = 0;
-      int n = 0;
-      for (int sy = y0; sy < std::min(y1, frame.height); ++sy)
-        for (int sx = x0; sx < std::min(x1, frame.width); ++sx) {
-          const std::uint8_t* p = frame.pixel(sx, sy);
-          const float pa = p[3] / 255.0f;
-          b += toLinear(p[0]) * pa;
-          g += toLinear(p[1]) * pa;
-          r += toLinear(p[2]) * pa;
-          a += pa;
-          ++n;
-        }
-      if (n > 0) {
-        r /= n;
-        g /= n;
-        b /= n;
-        a /= n;
-      }
+      const FrameDownscale::LinearPixel p = FrameDownscale::average(frame, tw, th, x, y);
       // Over an 8-pixel checkerboard of light and mid grey.
-      const float check = ((x / 8 + y / 8) % 2) ? toLinear(200) : toLinear(140);
+      const float check = ((x / 8 + y / 8) % 2) ? FrameDownscale::toLinear(200) : FrameDownscale::toLinear(140);
       std::uint8_t* out = tile.bgra.data() + (static_cast<std::size_t>(y) * tw + x) * 4;
-      out[0] = toSRGB(b + check * (1 - a));
-      out[1] = toSRGB(g + check * (1 - a));
-      out[2] = toSRGB(r + check * (1 - a));
+      out[0] = FrameDownscale::toSRGB(p.b + check * (1 - p.a));
+      out[1] = FrameDownscale::toSRGB(p.g + check * (1 - p.a));
+      out[2] = FrameDownscale::toSRGB(p.r + check * (1 - p.a));
       out[3] = 255;
     }
   tiles_.push_back(std::move(tile));

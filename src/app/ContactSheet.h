@@ -16,8 +16,8 @@ class ContactSheet {
   // Each cell: a thumbnail of tileWidth x tileHeight and a label strip below.
   ContactSheet(int columns, int tileWidth, int tileHeight);
 
-  // Box-filters the frame down to the tile size (any source size works) and
-  // composites it over the checkerboard.
+  // Box-filters the frame down to the tile size (FrameDownscale, linear
+  // light; any source size works) and composites it over the checkerboard.
   void add(const RenderedFrame& frame, const std::string& label);
   std::size_t count() const { return tiles_.size(); }
 

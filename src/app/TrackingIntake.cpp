@@ -7,6 +7,7 @@
 
 #include "base/Log.h"
 #include "tracking/FaceTrackingState.h"
+#include "tracking/TrackingLossEase.h"
 #include "tracking/TrackingReceiver.h"
 
 namespace velmora {
@@ -75,17 +76,11 @@ std::string TrackingIntake::statusLine() const {
   return line;
 }
 
-std::string TrackingIntake::trackingLostText(double secondsWithoutData) {
-  char seconds[32];
-  std::snprintf(seconds, sizeof seconds, "%.1f", secondsWithoutData);
-  return std::string("Tracking lost (no data for ") + seconds + " s)";
-}
-
 void TrackingIntake::tick(double now) {
   if (state_.isTrackingLost()) {
     if (lastLostLineTime_ < 0 || now - lastLostLineTime_ >= statusInterval) {
       const auto since = state_.trackingLostSince().value_or(wallNow());
-      logLine("Velmora", trackingLostText(std::chrono::duration<double>(wallNow() - since).count()));
+      logLine("Velmora", TrackingLossEase::lostText(std::chrono::duration<double>(wallNow() - since).count()));
       lastLostLineTime_ = now;
     }
   } else {

@@ -45,9 +45,6 @@ class TrackingIntake {
   // Main thread. Where the line's latency split comes from: the medians
   // (seconds) of waiting for the tick and of rendering, over the last second.
   void setLatencySplit(std::function<std::pair<double, double>()> split) { latencySplit_ = std::move(split); }
-  // "Tracking lost (no data for 1.5 s)": printed when the state says the
-  // phone is gone, then every statusInterval while it stays gone.
-  static std::string trackingLostText(double secondsWithoutData);
 
   // "p1,p2,..." with each port 1..65535; none when malformed or empty.
   static std::optional<std::vector<std::uint16_t>> parsePorts(std::string_view text);

@@ -13,7 +13,7 @@
 #include "control/OSCCommandCatalog.h"
 #include "osc/OSCParser.h"
 #include "tracking/FaceTrackingState.h"
-#include "tracking/UdpListener.h"
+#include "net/UdpListener.h"
 
 namespace velmora {
 

@@ -25,7 +25,7 @@
 
 #include "control/CommandContext.h"
 #include "osc/OSCMessage.h"
-#include "tracking/SenderFilter.h"
+#include "net/SenderFilter.h"
 
 namespace velmora {
 

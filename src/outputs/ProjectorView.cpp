@@ -5,7 +5,9 @@
 #include <GLFW/glfw3.h>
 
 #include "base/Log.h"
+#include "render/FrameTexture.h"
 #include "render/RenderThread.h"
+#include "render/ShaderProgram.h"
 
 namespace velmora {
 
@@ -32,57 +34,28 @@ void main() {
 }
 )GLSL";
 
-GLuint compile(GLenum kind, const char* source, std::string& log) {
-  GLuint shader = glCreateShader(kind);
-  glShaderSource(shader, 1, &source, nullptr);
-  glCompileShader(shader);
-  GLint ok = GL_FALSE;
-  glGetShaderiv(shader, GL_COMPILE_STATUS, &ok);
-  if (!ok) {
-    char text[1024] = {};
-    glGetShaderInfoLog(shader, sizeof text, nullptr, text);
-    log = text;
-    glDeleteShader(shader);
-    return 0;
-  }
-  return shader;
-}
-
 }  // namespace
 
 // The GL objects in the window's context; made and destroyed with it current.
 struct ProjectorView::Gl {
-  GLuint program = 0, texture = 0, vertexArray = 0;
-  int textureWidth = 0, textureHeight = 0;
+  std::unique_ptr<ShaderProgram> program;
+  std::unique_ptr<FrameTexture> texture;
+  GLuint vertexArray = 0;
 
   std::string create() {
-    std::string log;
-    const GLuint vs = compile(GL_VERTEX_SHADER, kVertex, log);
-    const GLuint fs = vs ? compile(GL_FRAGMENT_SHADER, kFragment, log) : 0;
-    if (!vs || !fs) return "projector shader: " + log;
-    program = glCreateProgram();
-    glAttachShader(program, vs);
-    glAttachShader(program, fs);
-    glLinkProgram(program);
-    glDeleteShader(vs);
-    glDeleteShader(fs);
-    GLint linked = GL_FALSE;
-    glGetProgramiv(program, GL_LINK_STATUS, &linked);
-    if (!linked) return "projector shader did not link";
+    auto created = ShaderProgram::create({"projector", kVertex, kFragment, {}});
+    if (!created) return created.reason;
+    program = std::move(created.value);
+    texture = std::make_unique<FrameTexture>();
     glGenVertexArrays(1, &vertexArray);
-    glGenTextures(1, &texture);
-    glBindTexture(GL_TEXTURE_2D, texture);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
     return {};
   }
 
   void destroy() {
-    if (texture) glDeleteTextures(1, &texture);
+    texture.reset();
     if (vertexArray) glDeleteVertexArrays(1, &vertexArray);
-    if (program) glDeleteProgram(program);
+    vertexArray = 0;
+    program.reset();
   }
 
   static void clearBlack(GLFWwindow* window) {
@@ -95,24 +68,14 @@ struct ProjectorView::Gl {
   }
 
   void present(GLFWwindow* window, const RenderedFrame& frame) {
-    glBindTexture(GL_TEXTURE_2D, texture);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-    if (frame.width != textureWidth || frame.height != textureHeight) {
-      glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, frame.width, frame.height, 0, GL_BGRA, GL_UNSIGNED_BYTE,
-                   frame.pixels.data());
-      textureWidth = frame.width;
-      textureHeight = frame.height;
-    } else {
-      glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, frame.width, frame.height, GL_BGRA, GL_UNSIGNED_BYTE,
-                      frame.pixels.data());
-    }
+    texture->upload(frame);
     clearBlack(window);
     glDisable(GL_BLEND);
     glDisable(GL_DEPTH_TEST);
-    glUseProgram(program);
+    program->use();
     glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_2D, texture);
-    glUniform1i(glGetUniformLocation(program, "uFrame"), 0);
+    glBindTexture(GL_TEXTURE_2D, texture->name());
+    program->set("uFrame", 0);
     glBindVertexArray(vertexArray);
     glDrawArrays(GL_TRIANGLES, 0, 3);
     glBindVertexArray(0);

@@ -3,7 +3,8 @@
 // returns the stage and the driver's log as the reason, and nothing is left
 // allocated. Uniform locations are looked up once and cached.
 //
-// Threads: the render thread, with its context current.
+// Threads: whichever thread has its context current (the render thread;
+// the projector window's program on the main thread).
 
 #include <string>
 #include <unordered_map>

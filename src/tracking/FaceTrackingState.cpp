@@ -4,7 +4,7 @@
 
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
-#include "tracking/LocalAddress.h"
+#include "net/LocalAddress.h"
 
 namespace velmora {
 

@@ -2,8 +2,15 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 namespace velmora {
+
+std::string TrackingLossEase::lostText(double secondsWithoutData) {
+  char seconds[32];
+  std::snprintf(seconds, sizeof seconds, "%.1f", secondsWithoutData);
+  return std::string("Tracking lost (no data for ") + seconds + " s)";
+}
 
 double TrackingLossEase::quintic(double u) {
   if (!(u > 0.0)) return 0.0;  // NaN too

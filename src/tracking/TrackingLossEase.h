@@ -14,6 +14,7 @@
 // seconds on the state's monotonic clock.
 
 #include <optional>
+#include <string>
 
 #include "base/Math.h"
 #include "stage/FaceFrame.h"
@@ -25,6 +26,10 @@ class TrackingLossEase {
   static constexpr double defaultTimeout = 0.5;   // seconds without a packet
   static constexpr double easeOutDuration = 1.0;  // seconds, live to neutral
   static constexpr double easeInDuration = 0.25;  // seconds, back to live
+
+  // "Tracking lost (no data for 1.5 s)": the status line and the
+  // dashboard's warning while the face is eased out; one decimal.
+  static std::string lostText(double secondsWithoutData);
 
   // The quintic ease S(u) = u^3 (u (6u - 15) + 10), u clamped to 0..1.
   static double quintic(double u);

@@ -6,7 +6,7 @@
 
 #include "base/Clock.h"
 #include "base/Log.h"
-#include "tracking/LocalAddress.h"
+#include "net/LocalAddress.h"
 #include "tracking/MainThreadTrackingSink.h"
 #include "tracking/TrackingDecoders.h"
 

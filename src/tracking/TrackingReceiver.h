@@ -26,11 +26,11 @@
 #include <vector>
 
 #include "base/SerialQueue.h"
-#include "tracking/DatagramTap.h"
-#include "tracking/SenderFilter.h"
+#include "net/DatagramTap.h"
+#include "net/SenderFilter.h"
 #include "tracking/TrackingFormat.h"
 #include "tracking/TrackingSink.h"
-#include "tracking/UdpListener.h"
+#include "net/UdpListener.h"
 
 namespace velmora {
 

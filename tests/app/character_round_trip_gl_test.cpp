@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "animation/CharacterAnimationController.h"
-#include "app/GltfExporter.h"
+#include "export/GltfExporter.h"
 #include "base/MainQueue.h"
 #include "base/SettingsStore.h"
 #include "characters/GltfCharacterReader.h"

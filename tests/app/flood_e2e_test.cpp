@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <bit>
 #include <charconv>
@@ -24,11 +25,13 @@
 #include <thread>
 #include <vector>
 
+#include "osc/OSCWriter.h"
 #include "support/ChildProcess.h"
 #include "support/OscBytes.h"
 #include "support/TempDir.h"
 #include "support/UdpSocket.h"
 #include "tracking/LiveLinkNames.h"
+#include "tracking/LiveLinkWriter.h"
 
 namespace velmora {
 namespace {
@@ -36,7 +39,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using test::Bytes;
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
+const std::string kVelmora = test::builtProgram("velmora");
 
 constexpr double kFloodSeconds = 10.0;
 constexpr auto kCueInterval = std::chrono::milliseconds(100);
@@ -61,33 +64,19 @@ long residentKiB(pid_t pid) {
 }
 
 Bytes liveLinkDatagram(int frame) {
-  Bytes b{6};
-  for (const char* name : {"device", "iPhone"}) {
-    test::appendBigEndian(b, 6);
-    b.insert(b.end(), name, name + 6);
-  }
-  for (int i = 0; i < 4; ++i) test::appendBigEndian(b, static_cast<std::uint32_t>(frame));
-  b.push_back(61);
-  for (int i = 0; i < 61; ++i) {
-    const float v = 0.01f * static_cast<float>((i + frame) % 90);
-    test::appendBigEndian(b, std::bit_cast<std::uint32_t>(v));
-  }
-  return b;  // 282 bytes
+  std::array<float, LiveLinkWriter::kValueCount> values{};
+  for (std::size_t i = 0; i < values.size(); ++i) values[i] = 0.01f * static_cast<float>((i + static_cast<std::size_t>(frame)) % 90);
+  return LiveLinkWriter::packet("device", "iPhone", {static_cast<std::uint32_t>(frame)}, values);  // 282 bytes
 }
 
 // 52 VMC blendshape messages and a head rotation in one bundle.
 Bytes oscTrackingBundle(int frame) {
-  Bytes b = test::oscBundle({});
+  auto b = OSCWriter::bundle();
   for (std::size_t i = 0; i < unrealARKitNames.size(); ++i) {
-    const float v = 0.01f * static_cast<float>((i + static_cast<std::size_t>(frame)) % 90);
-    const Bytes e = test::oscElement(test::oscMessage("/VMC/Ext/Blend/Val", {std::string(unrealARKitNames[i]), v}));
-    b.insert(b.end(), e.begin(), e.end());
+    b.message("/VMC/Ext/Blend/Val").s(unrealARKitNames[i]).f(0.01f * static_cast<float>((i + static_cast<std::size_t>(frame)) % 90));
   }
-  for (const char* axis : {"/Head/Pitch", "/Head/Yaw", "/Head/Roll"}) {
-    const Bytes e = test::oscElement(test::oscMessage(axis, {static_cast<float>(frame % 30)}));
-    b.insert(b.end(), e.begin(), e.end());
-  }
-  return b;
+  for (const char* axis : {"/Head/Pitch", "/Head/Yaw", "/Head/Roll"}) b.message(axis).f(static_cast<float>(frame % 30));
+  return b.bytes();
 }
 
 // One thread per tracking port, each sending from two sockets of its own,

@@ -23,7 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
+const std::string kVelmora = test::builtProgram("velmora");
 const std::string kValidatorScript = VELMORA_SOURCE_DIR "/tests/app/gltf_validate.js";
 const std::string kThreeScript = VELMORA_SOURCE_DIR "/tests/app/gltf_three.mjs";
 // Two real glTF consumers from npm (the Khronos validator and three.js),
@@ -32,18 +32,9 @@ const fs::path kNodeModules = VELMORA_BINARY_DIR "/gltf-consumers";
 const char* const kNodePackages = "gltf-validator@2.0.0-dev.3.10 three@0.187.0";
 const char* const kFiles[] = {"theatrical_mask.glb", "cartoon_ghost.glb"};
 
-struct Outcome {
-  int status = -1;
-  std::string output;
-};
+using Outcome = test::Finished;
 
-Outcome run(const std::vector<std::string>& args, double seconds) {
-  std::vector<std::string> env;
-  if (const char* config = std::getenv("VELMORA_CONFIG_DIR")) env.push_back(std::string("VELMORA_CONFIG_DIR=") + config);
-  test::ChildProcess child(args, env);
-  const int status = child.started() ? child.wait(seconds) : -1;
-  return {status, child.output()};
-}
+Outcome run(const std::vector<std::string>& args, double seconds) { return test::runToEnd(args, {}, seconds); }
 
 // A shell command; $1, $2, ... are `params` (no quoting needed).
 Outcome shell(const std::string& script, const std::vector<std::string>& params = {}, double seconds = 300) {

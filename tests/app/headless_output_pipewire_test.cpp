@@ -20,7 +20,7 @@
 namespace velmora {
 namespace {
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
+const std::string kVelmora = test::builtProgram("velmora");
 const std::string kStarted =
     "[Syphon] Server 'Velmora' started using /usr/lib/x86_64-linux-gnu/libpipewire-0.3.so.0";
 const std::string kReady = "[Velmora] Syphon: ready, waiting for a client";

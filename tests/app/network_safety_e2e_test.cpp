@@ -19,14 +19,13 @@
 namespace velmora {
 namespace {
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
-const std::string kPhoneSim = VELMORA_BINARY_DIR "/bin/velmora-phone-sim";
+const std::string kVelmora = test::builtProgram("velmora");
+const std::string kPhoneSim = test::builtProgram("velmora-phone-sim");
 
 int oscsend(const std::vector<std::string>& args) {
   std::vector<std::string> full = {"/usr/bin/oscsend"};
   full.insert(full.end(), args.begin(), args.end());
-  test::ChildProcess c(full, {});
-  return c.started() ? c.wait(10) : -1;
+  return test::runToEnd(full, {}, 10).status;
 }
 
 // A velmora over a settings file holding `settings`, tracking on `trackingPort`.

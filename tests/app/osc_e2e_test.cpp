@@ -21,13 +21,12 @@
 namespace velmora {
 namespace {
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
+const std::string kVelmora = test::builtProgram("velmora");
 
 int oscsend(const std::vector<std::string>& args) {
   std::vector<std::string> full = {"/usr/bin/oscsend"};
   full.insert(full.end(), args.begin(), args.end());
-  test::ChildProcess c(full, {});
-  return c.started() ? c.wait(10) : -1;
+  return test::runToEnd(full, {}, 10).status;
 }
 
 nlohmann::json readSettings(const std::filesystem::path& folder) {

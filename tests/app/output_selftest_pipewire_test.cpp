@@ -17,7 +17,7 @@
 namespace velmora {
 namespace {
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
+const std::string kVelmora = test::builtProgram("velmora");
 
 // Runs the self-test to its end in the session's environment; the lines it printed.
 std::vector<std::string> selfTest(const test::PrivatePipeWire& session, const std::filesystem::path& out,

@@ -17,15 +17,15 @@
 #include "support/ChildProcess.h"
 #include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
-#include "tracking/PcapReader.h"
-#include "tracking/SessionRecorder.h"
+#include "net/PcapReader.h"
+#include "net/SessionRecorder.h"
 #include "tracking/TrackingReceiver.h"
 
 namespace velmora {
 namespace {
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
-const std::string kPhoneSim = VELMORA_BINARY_DIR "/bin/velmora-phone-sim";
+const std::string kVelmora = test::builtProgram("velmora");
+const std::string kPhoneSim = test::builtProgram("velmora-phone-sim");
 
 // Runs a program to completion on a helper thread while the test thread
 // serves the main queue (the receiver's frames are ingested there); then

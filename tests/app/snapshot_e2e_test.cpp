@@ -16,19 +16,11 @@
 namespace velmora {
 namespace {
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
-
-struct SnapshotRun {
-  int status = -1;
-  std::string output;
-};
+const std::string kVelmora = test::builtProgram("velmora");
 
 // Runs "velmora --snapshot folder" with the test's settings folder plus `env`.
-SnapshotRun run(std::vector<std::string> env, const std::string& folder) {
-  if (const char* config = std::getenv("VELMORA_CONFIG_DIR")) env.push_back(std::string("VELMORA_CONFIG_DIR=") + config);
-  test::ChildProcess velmora({kVelmora, "--snapshot", folder}, env);
-  const int status = velmora.started() ? velmora.wait(300) : -1;
-  return {status, velmora.output()};
+test::Finished run(std::vector<std::string> env, const std::string& folder) {
+  return test::runToEnd({kVelmora, "--snapshot", folder}, std::move(env), 300);
 }
 
 struct Image {
@@ -51,7 +43,7 @@ Image load(const std::filesystem::path& path) {
 TEST(SnapshotE2ETest, WritesEveryPictureWithATransparentBackground) {
   test::TempDir dir;
   const auto folder = dir.path() / "pictures" / "nested";  // created by the run
-  const SnapshotRun r = run({}, folder.string());
+  const test::Finished r = run({}, folder.string());
   ASSERT_EQ(r.status, 0) << r.output;
 
   std::smatch m;
@@ -103,7 +95,7 @@ TEST(SnapshotE2ETest, WritesEveryPictureWithATransparentBackground) {
 TEST(SnapshotE2ETest, WithoutAnyGLDisplayItSaysWhyAndExitsZero) {
   test::TempDir dir;
   // An EGL vendor list that names nothing: no display of any kind.
-  const SnapshotRun r = run({"__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent/egl.json"}, (dir.path() / "out").string());
+  const test::Finished r = run({"__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent/egl.json"}, (dir.path() / "out").string());
   EXPECT_EQ(r.status, 0) << r.output;
   EXPECT_NE(r.output.find("[Renderer] EglContext::create(): "), std::string::npos) << r.output;
   EXPECT_NE(r.output.find("nothing will be rendered"), std::string::npos) << r.output;

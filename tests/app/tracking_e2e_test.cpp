@@ -17,8 +17,8 @@
 namespace velmora {
 namespace {
 
-const std::string kVelmora = VELMORA_BINARY_DIR "/bin/velmora";
-const std::string kPhoneSim = VELMORA_BINARY_DIR "/bin/velmora-phone-sim";
+const std::string kVelmora = test::builtProgram("velmora");
+const std::string kPhoneSim = test::builtProgram("velmora-phone-sim");
 
 TEST(TrackingEndToEndTest, EveryFormatFromThePhoneSimulatorReachesTheState) {
   test::TempDir config;

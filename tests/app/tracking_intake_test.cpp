@@ -5,9 +5,10 @@
 #include <vector>
 
 #include "app/TrackingIntake.h"
+#include "tracking/TrackingLossEase.h"
 #include "base/Log.h"
 #include "base/SettingsStore.h"
-#include "support/TempDir.h"
+#include "support/StateFixture.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/TrackingReceiver.h"
 
@@ -31,9 +32,8 @@ TEST(TrackingIntakeTest, ParsePorts) {
 }
 
 TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
-  test::TempDir dir;
-  SettingsStore store(dir.path());
-  FaceTrackingState state(store);
+  test::StateFixture f;
+  FaceTrackingState& state = f.state;
   TrackingReceiver receiver(std::make_shared<NullSink>());
   TrackingIntake intake(receiver, state);
   std::vector<std::string> lines;
@@ -77,18 +77,17 @@ TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
 }
 
 TEST(TrackingIntakeTest, TrackingLostLineWhileThePhoneIsGone) {
-  test::TempDir dir;
-  SettingsStore store(dir.path());
-  double clock = 100.0;
-  FaceTrackingState state(store, [&] { return clock; });
+  test::StateFixture f(true);
+  double& clock = f.now;
+  FaceTrackingState& state = f.state;
   TrackingReceiver receiver(std::make_shared<NullSink>());
   TrackingIntake intake(receiver, state);
   std::vector<std::string> lines;
   setLogSink([&](const std::string& l) {
     if (l.rfind("[Velmora] Tracking lost", 0) == 0) lines.push_back(l);
   });
-  EXPECT_EQ(TrackingIntake::trackingLostText(1.04), "Tracking lost (no data for 1.0 s)");
-  EXPECT_EQ(TrackingIntake::trackingLostText(12.35), "Tracking lost (no data for 12.3 s)");
+  EXPECT_EQ(TrackingLossEase::lostText(1.04), "Tracking lost (no data for 1.0 s)");
+  EXPECT_EQ(TrackingLossEase::lostText(12.35), "Tracking lost (no data for 12.3 s)");
 
   state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}}, std::nullopt, std::nullopt, "127.0.0.1:50000");
   clock = 100.4;

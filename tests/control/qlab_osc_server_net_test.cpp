@@ -24,7 +24,6 @@ namespace {
 
 using test::Bytes;
 using test::oscBundle;
-using test::oscElement;
 using test::oscMessage;
 using test::UdpSocket;
 using test::freeUdpPort;
@@ -184,9 +183,9 @@ TEST_F(QLabServerTest, MessagesAreDispatchedAndRecorded) {
 
 TEST_F(QLabServerTest, BundleMessagesRunInBundleOrder) {
   const std::uint16_t port = listen();
-  sender.sendTo(port, oscBundle({oscElement(oscMessage("/velmora/sensitivity", {2.0f})),
-                                 oscElement(oscMessage("/velmora/opacity", {0.25f})),
-                                 oscElement(oscMessage("/velmora/sensitivity", {3.0f}))}));
+  sender.sendTo(port, oscBundle({oscMessage("/velmora/sensitivity", {2.0f}),
+                                 oscMessage("/velmora/opacity", {0.25f}),
+                                 oscMessage("/velmora/sensitivity", {3.0f})}));
   ASSERT_TRUE(waitFor([&] { return commands.size() == 3; }));
   EXPECT_EQ(commands, (std::vector<std::string>{"/velmora/sensitivity [2]", "/velmora/opacity [0.25]",
                                                 "/velmora/sensitivity [3]"}));

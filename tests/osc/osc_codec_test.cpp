@@ -8,7 +8,6 @@
 
 #include "base/Utf8.h"
 #include "osc/OSCParser.h"
-#include "support/OscBytes.h"
 
 namespace velmora {
 namespace {
@@ -17,9 +16,19 @@ using Bytes = std::vector<std::uint8_t>;
 
 std::vector<OSCMessage> parse(const Bytes& b) { return OSCParser::parsePacket(b); }
 
-// Bundles: "#bundle\0", time tag, then size-prefixed elements.
-Bytes element(const Bytes& body) { return test::oscElement(body); }
-Bytes bundle(std::initializer_list<Bytes> elements) { return test::oscBundle(elements); }
+// Bundles: "#bundle\0" (0..7), time tag "immediately" (8..15), then the
+// pieces as given; an element is its int32 size and its body.
+Bytes element(const Bytes& body) {
+  const auto n = static_cast<std::uint32_t>(body.size());
+  Bytes out{std::uint8_t(n >> 24), std::uint8_t(n >> 16), std::uint8_t(n >> 8), std::uint8_t(n)};
+  out.insert(out.end(), body.begin(), body.end());
+  return out;
+}
+Bytes bundle(std::initializer_list<Bytes> pieces) {
+  Bytes out{'#', 'b', 'u', 'n', 'd', 'l', 'e', 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  for (const auto& p : pieces) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
 
 // "/a\0\0" ",f\0\0" 3F 80 00 00: the address /a with the float 1.0.
 const Bytes kFloatOne = {'/', 'a', 0, 0, ',', 'f', 0, 0, 0x3F, 0x80, 0, 0};

@@ -91,7 +91,7 @@ void expectViewsMatch(const Bytes& datagram) {
 }
 
 TEST(OSCInPlaceReaderTest, ManyArgumentsAndMixedMessagesInOneBundle) {
-  std::vector<std::variant<float, std::string>> many;
+  std::vector<test::OscArgument> many;
   for (int i = 0; i < 40; ++i) {
     if (i % 3 == 0) many.emplace_back("name" + std::to_string(i));
     else many.emplace_back(float(i) + 0.5f);
@@ -99,9 +99,9 @@ TEST(OSCInPlaceReaderTest, ManyArgumentsAndMixedMessagesInOneBundle) {
   const Bytes big = test::oscMessage("/many", many);
   const Bytes small = test::oscMessage("/VMC/Ext/Blend/Val", {"jawOpen", 0.25f});
   expectViewsMatch(big);
-  expectViewsMatch(test::oscBundle({test::oscElement(big), test::oscElement(small), test::oscElement(big)}));
-  expectViewsMatch(test::oscBundle({test::oscElement(small), test::oscElement(test::oscMessage("/caf\xC3\xA9", {1.0f})),
-                                    test::oscElement(test::oscMessage("/bad\xFF", {1.0f}))}));
+  expectViewsMatch(test::oscBundle({big, small, big}));
+  expectViewsMatch(test::oscBundle({small, test::oscMessage("/caf\xC3\xA9", {1.0f}),
+                                    test::oscMessage("/bad\xFF", {1.0f})}));
 
   // The in-place count reaches past sixteen arguments.
   std::size_t arguments = 0;

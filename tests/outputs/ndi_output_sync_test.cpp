@@ -15,6 +15,7 @@
 #include "scene/MaskSceneManager.h"
 #include "support/LogCapture.h"
 #include "support/ScopedEnv.h"
+#include "support/StateFixture.h"
 #include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
 
@@ -48,7 +49,7 @@ class InstantRenderer : public FrameRenderer {
   FrameHandler handler_;
 };
 
-class NDIOutputSyncTest : public ::testing::Test {
+class NDIOutputSyncTest : public ::testing::Test, protected test::StateFixture {
  protected:
   NDIOutputSyncTest() {
     scene.setRenderer(std::make_unique<InstantRenderer>());
@@ -70,11 +71,8 @@ class NDIOutputSyncTest : public ::testing::Test {
   test::ScopedEnv refuse{"NDI_DOUBLE_REFUSE_INIT", nullptr};
   test::ScopedEnv failCreate{"NDI_DOUBLE_FAIL_CREATE", nullptr};
   test::NDIRuntimeDoubleHandle runtime;
-  test::TempDir dir, noRuntime;
-  SettingsStore store{dir.path()};
-  FaceTrackingState state{store};
+  test::TempDir noRuntime;
   CharacterAnimationController animation;
-  double now = 100.0;
   MaskSceneManager scene{state, animation, [this] { return now; }};
   NDIPublisher publisher{{noRuntime.path().string()}};
 };

@@ -21,6 +21,7 @@
 #include "render/ShaderProgram.h"
 #include "render/TestMeshes.h"  // tests/render
 #include "scene/MaskSceneManager.h"
+#include "support/StateFixture.h"
 #include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
 
@@ -123,9 +124,8 @@ TEST(RendererGLTest, TheGpuMorphMatchesTheCpuReference) {
 }
 
 TEST(RendererGLTest, TheMaskMorphsOnTheGpuAsOnTheCpu) {
-  test::TempDir dir;
-  SettingsStore store(dir.path());
-  FaceTrackingState state(store);
+  test::StateFixture f;
+  FaceTrackingState& state = f.state;
   CharacterAnimationController animation;
   MaskSceneManager scene(state, animation, [] { return 1.0; });
   for (const char* name : {"jawOpen", "mouthSmileLeft", "browInnerUp", "eyeBlinkRight"})

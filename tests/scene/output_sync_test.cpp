@@ -7,7 +7,7 @@
 #include "animation/CharacterAnimationController.h"
 #include "base/SettingsStore.h"
 #include "scene/MaskSceneManager.h"
-#include "support/TempDir.h"
+#include "support/StateFixture.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
@@ -62,7 +62,7 @@ class ImmediateRenderer : public FrameRenderer {
   FrameHandler handler;
 };
 
-class OutputSyncTest : public ::testing::Test {
+class OutputSyncTest : public ::testing::Test, protected test::StateFixture {
  protected:
   OutputSyncTest() {
     auto owned = std::make_unique<ImmediateRenderer>();
@@ -74,11 +74,7 @@ class OutputSyncTest : public ::testing::Test {
       if (p == FaceTrackingState::Property::ndiStatus) ++ndiWrites;
     });
   }
-  test::TempDir dir;
-  SettingsStore store{dir.path()};
-  FaceTrackingState state{store};
   CharacterAnimationController animation;
-  double now = 100.0;
   MaskSceneManager scene{state, animation, [this] { return now; }};
   ScriptedOutput syphon, ndi;
   ImmediateRenderer* renderer = nullptr;

@@ -16,7 +16,7 @@
 #include "animation/CharacterAnimationController.h"
 #include "base/SettingsStore.h"
 #include "scene/MaskSceneManager.h"
-#include "support/TempDir.h"
+#include "support/StateFixture.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
@@ -26,13 +26,10 @@ namespace {
 // [SECTION] Fixture
 // ---------------------------------------------------------------------------
 
-class SceneManagerTest : public ::testing::Test {
+class SceneManagerTest : public ::testing::Test, protected test::StateFixture {
  protected:
-  test::TempDir dir;
-  SettingsStore store{dir.path()};
-  FaceTrackingState state{store};
+  SceneManagerTest() : test::StateFixture(false, 10.0) {}
   CharacterAnimationController animation;
-  double now = 10.0;
   MaskSceneManager scene{state, animation, [this] { return now; }};
 
   float weightOf(const char* name) {

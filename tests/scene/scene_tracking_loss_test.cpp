@@ -7,18 +7,15 @@
 #include "animation/CharacterAnimationController.h"
 #include "base/SettingsStore.h"
 #include "scene/MaskSceneManager.h"
-#include "support/TempDir.h"
+#include "support/StateFixture.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
 namespace {
 
-class SceneTrackingLossTest : public ::testing::Test {
+class SceneTrackingLossTest : public ::testing::Test, protected test::StateFixture {
  protected:
-  test::TempDir dir;
-  SettingsStore store{dir.path()};
-  double now = 50.0;
-  FaceTrackingState state{store, [this] { return now; }};
+  SceneTrackingLossTest() : test::StateFixture(true, 50.0) {}
   CharacterAnimationController animation;
   MaskSceneManager scene{state, animation, [this] { return now; }};
 

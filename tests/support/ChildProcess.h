@@ -4,22 +4,24 @@
 // collects its exit status.
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/Spawn.h"
 #include "support/UdpSocket.h"
 
-extern char** environ;
-
 namespace velmora::test {
+
+// A program this build made, by name: builtProgram("velmora").
+inline std::string builtProgram(const std::string& name) { return std::string(VELMORA_BINARY_DIR "/bin/") + name; }
 
 class ChildProcess {
  public:
@@ -29,23 +31,12 @@ class ChildProcess {
   ChildProcess(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv) {
     int fds[2];
     if (::pipe(fds) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 2);
-    posix_spawn_file_actions_addclose(&actions, fds[0]);
-    std::vector<std::string> env = extraEnv;
-    for (char** e = environ; *e; ++e) {
-      const std::string entry = *e;
-      if (entry.rfind("VELMORA_", 0) != 0) env.push_back(entry);
-    }
-    std::vector<char*> argv, envp;
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    for (const auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
-    envp.push_back(nullptr);
-    if (posix_spawn(&pid_, args[0].c_str(), &actions, nullptr, argv.data(), envp.data()) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
+    const std::vector<std::string> env = environmentWithout("VELMORA_", extraEnv);
+    SpawnOptions options;
+    options.environment = &env;
+    options.outputFd = fds[1];
+    options.closeFd = fds[0];
+    pid_ = spawnProcess(args, options);
     ::close(fds[1]);
     out_ = fds[0];
   }
@@ -138,5 +129,21 @@ class ChildProcess {
   std::vector<std::string> lines_;
   std::size_t next_ = 0;
 };
+
+// How a program run to its end went: its exit status (-1 when it did not
+// start or did not exit within the time) and its output.
+struct Finished {
+  int status = -1;
+  std::string output;
+};
+
+// Runs `args` to the end, at most `seconds`, with the test's own settings
+// folder (VELMORA_CONFIG_DIR) passed on and `env` added.
+inline Finished runToEnd(const std::vector<std::string>& args, std::vector<std::string> env = {}, double seconds = 60) {
+  if (const char* config = std::getenv("VELMORA_CONFIG_DIR")) env.push_back(std::string("VELMORA_CONFIG_DIR=") + config);
+  ChildProcess child(args, env);
+  const int status = child.started() ? child.wait(seconds) : -1;
+  return {status, child.output()};
+}
 
 }  // namespace velmora::test

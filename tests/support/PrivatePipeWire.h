@@ -7,7 +7,6 @@
 // then SIGKILL) when the object goes, also when a test fails.
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -21,9 +20,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/Spawn.h"
 #include "support/TempDir.h"
-
-extern char** environ;
 
 namespace velmora::test {
 
@@ -122,25 +120,11 @@ class PrivatePipeWire {
   // Starts a command in this session without waiting (stdout and stderr to
   // `outputFile` in dir(), or dropped).
   pid_t spawn(const std::vector<std::string>& args, const std::string& outputFile = {}) const {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    const std::string out = outputFile.empty() ? "/dev/null" : (dir_.path() / outputFile).string();
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    std::vector<std::string> envStrings = env();
-    for (char** e = environ; *e; ++e) {
-      const std::string entry = *e;
-      if (entry.rfind("XDG_", 0) != 0) envStrings.push_back(entry);
-    }
-    std::vector<char*> argv, envp;
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    for (const auto& e : envStrings) envp.push_back(const_cast<char*>(e.c_str()));
-    envp.push_back(nullptr);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, args[0].c_str(), &actions, nullptr, argv.data(), envp.data()) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
+    const std::vector<std::string> environment = environmentWithout("XDG_", env());
+    SpawnOptions options;
+    options.environment = &environment;
+    if (!outputFile.empty()) options.outputFile = (dir_.path() / outputFile).string();
+    return spawnProcess(args, options);
   }
   // Signals a process started with spawn() and reaps it (SIGKILL after 2 s).
   static void killOne(pid_t& pid, int sig) {

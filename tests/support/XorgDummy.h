@@ -6,7 +6,6 @@
 // always stopped (SIGTERM, then SIGKILL) when the object goes.
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
+#include "support/Spawn.h"
 
 namespace velmora::test {
 
@@ -61,17 +60,11 @@ class XorgDummy {
   // Starts Xorg on display_; true once its socket is there (about half a second).
   bool launch() {
     const std::string name = ":" + std::to_string(display_);
-    std::vector<std::string> args{"Xorg", name, "-config", config_.string(), "-noreset", "-nolisten", "tcp",
-                                  "-logfile", log_.string()};
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    if (posix_spawnp(&pid_, "Xorg", &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
+    SpawnOptions options;
+    options.searchPath = true;
+    pid_ = spawnProcess({"Xorg", name, "-config", config_.string(), "-noreset", "-nolisten", "tcp", "-logfile",
+                         log_.string()},
+                        options);
     if (pid_ <= 0) return false;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
     while (std::chrono::steady_clock::now() < deadline) {

@@ -290,8 +290,8 @@ TEST(JSONTrackingDecoderTest, DecodingWhileParsingMatchesTheDocument) {
 
 TEST(OSCTrackingDecoderTest, DecodingFromTheDatagramMatchesParsedMessages) {
   // A bundle of /VMC/Ext/Blend/Val ,sf "jawOpen" 0.7 and /Head/Yaw ,f 90.
-  const Bytes b = test::oscBundle({test::oscElement(test::oscMessage("/VMC/Ext/Blend/Val", {"jawOpen", 0.7f})),
-                                   test::oscElement(test::oscMessage("/Head/Yaw", {90.0f}))});
+  const Bytes b = test::oscBundle({test::oscMessage("/VMC/Ext/Blend/Val", {"jawOpen", 0.7f}),
+                                   test::oscMessage("/Head/Yaw", {90.0f})});
 
   auto fast = decodeOSCPacket(b, kSender);
   const auto reference = decodeOSCMessages(OSCParser::parsePacket(b), kSender);

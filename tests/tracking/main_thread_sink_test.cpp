@@ -20,7 +20,6 @@ namespace velmora {
 namespace {
 
 using test::oscBundle;
-using test::oscElement;
 using test::oscMessage;
 
 const std::string kSender = "192.168.1.20:50000";
@@ -37,7 +36,7 @@ DecodedFrame text(const std::string& t, const std::string& sender = kSender) {
 }
 
 test::Bytes blend(const std::string& name, float value) {
-  return oscElement(oscMessage("/VMC/Ext/Blend/Val", {name, value}));
+  return oscMessage("/VMC/Ext/Blend/Val", {name, value});
 }
 
 // A face tracking state of its own, with the sink that feeds it.
@@ -68,8 +67,8 @@ TEST(MainThreadTrackingSinkTest, AtNormalRatesEveryPacketIsIngestedInOrder) {
   t.sink.deliver(full);
   main.drain();
   // A partial head update completes from the pose the previous packet left.
-  t.sink.deliver(decoded(oscBundle({oscElement(oscMessage("/Head/Yaw", {90.0f})),
-                                    oscElement(oscMessage("/Head/Y", {50.0f}))})));
+  t.sink.deliver(decoded(oscBundle({oscMessage("/Head/Yaw", {90.0f}),
+                                    oscMessage("/Head/Y", {50.0f})})));
   main.drain();
   EXPECT_EQ(t.state.rawRotation(), float3(0.1f, 90.0f * kDeg, 0.3f));
   EXPECT_EQ(t.state.rawPosition(), float3(1.0f, 50.0f * 0.01f, 3.0f));
@@ -94,12 +93,12 @@ TEST(MainThreadTrackingSinkTest, NewerFrameReplacesTheWaitingOneKeepingWhatOnlyT
   const std::vector<test::Bytes> packets = {
       // Full head and three names.
       oscBundle({blend("jawOpen", 0.2f), blend("mouthClose", 0.3f), blend("customTwitch", 0.4f),
-                 oscElement(oscMessage("/Head/Pitch", {10.0f})), oscElement(oscMessage("/Head/Yaw", {20.0f})),
-                 oscElement(oscMessage("/Head/Roll", {30.0f}))}),
+                 oscMessage("/Head/Pitch", {10.0f}), oscMessage("/Head/Yaw", {20.0f}),
+                 oscMessage("/Head/Roll", {30.0f})}),
       // Yaw alone and a newer jawOpen.
-      oscBundle({oscElement(oscMessage("/Head/Yaw", {-45.0f})), blend("jawOpen", 0.6f)}),
+      oscBundle({oscMessage("/Head/Yaw", {-45.0f}), blend("jawOpen", 0.6f)}),
       // A position component and a name nobody sent before.
-      oscBundle({oscElement(oscMessage("/Head/Z", {7.0f})), blend("eyeBlinkLeft", 0.9f)}),
+      oscBundle({oscMessage("/Head/Z", {7.0f}), blend("eyeBlinkLeft", 0.9f)}),
       // Roll alone.
       oscMessage("/Head/Roll", {-5.0f}),
   };

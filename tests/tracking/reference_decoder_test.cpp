@@ -38,23 +38,9 @@ Bytes liveLink(std::size_t header, std::initializer_list<std::pair<std::size_t, 
   return b;
 }
 
-Bytes withInt(const std::string& address, std::int32_t v) {
-  Bytes b;
-  test::appendOscString(b, address);
-  test::appendOscString(b, ",i");
-  test::appendBigEndian(b, static_cast<std::uint32_t>(v));
-  return b;
-}
+Bytes withInt(const std::string& address, std::int32_t v) { return OSCWriter::message(address).i(v).bytes(); }
 
-Bytes withDouble(const std::string& address, double v) {
-  Bytes b;
-  test::appendOscString(b, address);
-  test::appendOscString(b, ",d");
-  const auto bits = std::bit_cast<std::uint64_t>(v);
-  test::appendBigEndian(b, std::uint32_t(bits >> 32));
-  test::appendBigEndian(b, std::uint32_t(bits));
-  return b;
-}
+Bytes withDouble(const std::string& address, double v) { return OSCWriter::message(address).d(v).bytes(); }
 
 void expectSame(const Bytes& datagram, const std::string& label) {
   EXPECT_EQ(reference::crossCheck(datagram), "") << label;
@@ -122,8 +108,7 @@ TEST(ReferenceDecoderTest, TextEdges) {
 
 TEST(ReferenceDecoderTest, OSCEdges) {
   using test::oscBundle;
-  using test::oscElement;
-  using test::oscMessage;
+    using test::oscMessage;
   const std::vector<std::pair<Bytes, const char*>> cases = {
       {oscMessage("/VMC/Ext/Blend/Val", {"jawOpen", 0.7f}), "VMC pair"},
       {oscMessage("/VMC/Ext/Blend/Val", {0.7f, "jawOpen"}), "VMC pair reversed"},
@@ -138,13 +123,13 @@ TEST(ReferenceDecoderTest, OSCEdges) {
       {withInt("/blendshapes/cheekPuff", -7), "integer value"},
       {withDouble("/Head/Pitch", 1e300), "double beyond float"},
       {withDouble("/tracking/browInnerUp", 0.25), "double narrowed"},
-      {oscBundle({oscElement(oscMessage("/Head/Yaw", {1.0f})), oscElement(oscMessage("/Head/Yaw", {2.0f})),
-                  oscElement(oscMessage("/Head/X", {std::numeric_limits<float>::infinity()}))}),
+      {oscBundle({oscMessage("/Head/Yaw", {1.0f}), oscMessage("/Head/Yaw", {2.0f}),
+                  oscMessage("/Head/X", {std::numeric_limits<float>::infinity()})}),
        "repeated component, infinite position"},
-      {oscBundle({oscElement(oscBundle({oscElement(oscMessage("/VMC/Ext/Blend/Val", {"a", 1.0f}))})),
-                  oscElement(oscMessage("/VMC/Ext/Blend/Val", {"a", 2.0f}))}),
+      {oscBundle({oscBundle({oscMessage("/VMC/Ext/Blend/Val", {"a", 1.0f})}),
+                  oscMessage("/VMC/Ext/Blend/Val", {"a", 2.0f})}),
        "nested bundle, last wins"},
-      {oscBundle({oscElement(oscMessage("/Head/Roll", {std::numeric_limits<float>::quiet_NaN()}))}), "NaN roll"},
+      {oscBundle({oscMessage("/Head/Roll", {std::numeric_limits<float>::quiet_NaN()})}), "NaN roll"},
       {oscBundle({}), "empty bundle"},
       {bytesOf("#bundle|jawOpen-50"), "bundle falling through to text"},
       {bytesOf("/=5"), "short slash text"},

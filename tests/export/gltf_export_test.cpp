@@ -1,0 +1,333 @@
+// The glTF export read back with tinygltf and compared with the characters
+// as built in memory: node tree, vertex streams in the same order, triangles,
+// materials, and every morph target's deltas, float for float; the target
+// names are the ARKit names each character answers to; deltas that are
+// mostly zero travel sparse; a folder that cannot be made fails every file
+// with one line and writes nothing.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <glm/gtc/quaternion.hpp>
+#include <tiny_gltf.h>
+
+#include "export/CharacterExport.h"
+#include "export/GltfExporter.h"
+#include "base/MainQueue.h"
+#include "characters/CharacterBuild.h"
+#include "stage/ARKitBlendShape.h"
+#include "support/GltfRead.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+
+namespace velmora {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::vector<float> packedSource(const Geometry& g, GeometrySource::Semantic semantic) {
+  std::vector<float> out;
+  if (const GeometrySource* s = g.source(semantic)) {
+    for (int i = 0; i < s->vectorCount; ++i) {
+      const float* p = s->data->data() + static_cast<std::size_t>(i) * static_cast<std::size_t>(s->dataStride / 4);
+      out.insert(out.end(), p, p + s->componentsPerVector);
+    }
+  }
+  return out;
+}
+
+// "" when equal, else where they first differ.
+std::string firstDifference(const std::vector<float>& actual, const std::vector<float>& expected) {
+  if (actual.size() != expected.size())
+    return "size " + std::to_string(actual.size()) + " != " + std::to_string(expected.size());
+  for (std::size_t i = 0; i < actual.size(); ++i)
+    if (actual[i] != expected[i])
+      return "float " + std::to_string(i) + ": " + std::to_string(actual[i]) + " != " + std::to_string(expected[i]);
+  return {};
+}
+
+std::vector<std::string> targetNames(const tinygltf::Mesh& mesh) {
+  std::vector<std::string> names;
+  if (!mesh.extras.IsObject() || !mesh.extras.Has("targetNames")) return names;
+  const tinygltf::Value& list = mesh.extras.Get("targetNames");
+  for (std::size_t i = 0; i < list.ArrayLen(); ++i) names.push_back(list.Get(static_cast<int>(i)).Get<std::string>());
+  return names;
+}
+
+class GltfExportTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    dir_ = std::make_unique<test::TempDir>();
+    test::LogCapture log;
+    outcomes_ = CharacterExport::run((dir_->path() / "characters").string());
+    lines_ = log.lines();
+  }
+  static void TearDownTestSuite() { dir_.reset(); }
+
+  static tinygltf::Model load(const fs::path& file) {
+    tinygltf::Model doc;
+    std::string err, warn;
+    tinygltf::TinyGLTF reader;
+    EXPECT_TRUE(reader.LoadBinaryFromFile(&doc, &err, &warn, file.string())) << err;
+    EXPECT_EQ(warn, "");
+    return doc;
+  }
+
+  // The glTF node `index` against the scene node, recursively.
+  static void expectSameNode(const tinygltf::Model& doc, int index, const Node& node) {
+    SCOPED_TRACE(node.name);
+    const tinygltf::Node& out = doc.nodes.at(static_cast<std::size_t>(index));
+    EXPECT_EQ(out.name, node.name);
+    const std::vector<double> position{node.position.x, node.position.y, node.position.z};
+    const std::vector<double> origin(3, 0.0);
+    EXPECT_EQ(out.translation.empty() ? origin : out.translation, position);
+    ASSERT_EQ(out.children.size(), node.children().size());
+    for (std::size_t c = 0; c < out.children.size(); ++c) expectSameNode(doc, out.children[c], *node.children()[c]);
+
+    ASSERT_EQ(out.mesh >= 0, node.geometry != nullptr);
+    if (!node.geometry) return;
+    const Geometry& g = *node.geometry;
+    const tinygltf::Mesh& mesh = doc.meshes.at(static_cast<std::size_t>(out.mesh));
+    ASSERT_EQ(mesh.primitives.size(), g.elements.size());
+    const std::pair<const char*, GeometrySource::Semantic> streams[] = {
+        {"POSITION", GeometrySource::Semantic::vertex},
+        {"NORMAL", GeometrySource::Semantic::normal},
+        {"TEXCOORD_0", GeometrySource::Semantic::texcoord},
+        {"COLOR_0", GeometrySource::Semantic::color}};
+    const std::size_t targetCount = node.morpher ? node.morpher->targetCount() : 0;
+    const std::vector<std::string> names = targetCount ? targetNames(mesh) : std::vector<std::string>{};
+    ASSERT_EQ(names.size(), targetCount);
+
+    for (std::size_t e = 0; e < g.elements.size(); ++e) {
+      SCOPED_TRACE("element " + std::to_string(e));
+      const tinygltf::Primitive& p = mesh.primitives[e];
+      EXPECT_EQ(p.mode, TINYGLTF_MODE_TRIANGLES);
+      EXPECT_EQ(test::readIndices(doc, p.indices), *g.elements[e].indices);
+      for (const auto& [attribute, semantic] : streams) {
+        const auto expected = packedSource(g, semantic);
+        ASSERT_EQ(p.attributes.count(attribute), expected.empty() ? 0u : 1u) << attribute;
+        if (!expected.empty()) {
+          EXPECT_EQ(firstDifference(test::readFloats(doc, p.attributes.at(attribute)), expected), "") << attribute;
+        }
+      }
+
+      const Material& m = g.materials[std::min(e, g.materials.size() - 1)];
+      const tinygltf::Material& mat = doc.materials.at(static_cast<std::size_t>(p.material));
+      EXPECT_EQ(mat.name, m.name);
+      EXPECT_EQ(mat.pbrMetallicRoughness.baseColorFactor,
+                (std::vector<double>{m.diffuse.r, m.diffuse.g, m.diffuse.b, m.diffuse.a}));
+      EXPECT_EQ(mat.pbrMetallicRoughness.roughnessFactor, double{m.roughness});
+      EXPECT_EQ(mat.pbrMetallicRoughness.metallicFactor, double{m.metalness});
+      EXPECT_EQ(mat.emissiveFactor, (std::vector<double>{m.emission.r, m.emission.g, m.emission.b}));
+      EXPECT_EQ(mat.doubleSided, m.doubleSided);
+
+      // Every target of every primitive: the same deltas, float for float.
+      ASSERT_EQ(p.targets.size(), targetCount);
+      if (e > 0 && targetCount > 0) {
+        EXPECT_EQ(p.targets, mesh.primitives[0].targets);  // shared streams, already compared
+        continue;
+      }
+      for (std::size_t t = 0; t < targetCount; ++t) {
+        const Geometry& target = *(*node.morpher->targets)[t];
+        EXPECT_EQ(names[t], target.name);
+        for (const auto& [attribute, semantic] : {streams[0], streams[1]}) {
+          const auto base = packedSource(g, semantic);
+          auto expected = packedSource(target, semantic);
+          for (std::size_t i = 0; i < expected.size(); ++i) expected[i] -= base[i];
+          EXPECT_EQ(firstDifference(test::readFloats(doc, p.targets[t].at(attribute)), expected), "")
+              << target.name << " " << attribute;
+        }
+      }
+    }
+  }
+
+  static std::unique_ptr<test::TempDir> dir_;
+  static std::vector<CharacterExport::Outcome> outcomes_;
+  static std::vector<std::string> lines_;
+};
+
+std::unique_ptr<test::TempDir> GltfExportTest::dir_;
+std::vector<CharacterExport::Outcome> GltfExportTest::outcomes_;
+std::vector<std::string> GltfExportTest::lines_;
+
+TEST_F(GltfExportTest, WritesOneFilePerCharacterWithOneLineEachAndNothingElse) {
+  ASSERT_EQ(outcomes_.size(), 2u);
+  std::set<std::string> expectedNames;
+  for (const auto& o : outcomes_) {
+    ASSERT_TRUE(o.written) << o.error;
+    EXPECT_EQ(o.file.parent_path(), dir_->path() / "characters");
+    EXPECT_EQ(fs::file_size(o.file), o.bytes);
+    EXPECT_EQ(o.morphTargets, static_cast<int>(createCharacterNode(o.model).morpher->targetCount()));
+    EXPECT_NE(std::find(lines_.begin(), lines_.end(),
+                        "[export] Wrote " + o.file.string() + " (" + std::to_string(o.bytes) + " bytes, " +
+                            std::to_string(o.morphTargets) + " morph targets)"),
+              lines_.end());
+    expectedNames.insert(o.file.filename().string());
+  }
+  EXPECT_EQ(lines_.size(), 2u);
+  EXPECT_EQ(expectedNames, (std::set<std::string>{"theatrical_mask.glb", "cartoon_ghost.glb"}));
+  std::set<std::string> present;  // no temporary file left beside them
+  for (const auto& entry : fs::directory_iterator(dir_->path() / "characters")) present.insert(entry.path().filename().string());
+  EXPECT_EQ(present, expectedNames);
+}
+
+TEST_F(GltfExportTest, EachFileReadsBackAsTheCharacterInMemory) {
+  for (const auto& o : outcomes_) {
+    SCOPED_TRACE(o.file.string());
+    const tinygltf::Model doc = load(o.file);
+    const CharacterBuild build = createCharacterNode(o.model);
+    ASSERT_EQ(doc.scenes.size(), 1u);
+    ASSERT_EQ(doc.scenes[0].nodes.size(), 1u);
+    expectSameNode(doc, doc.scenes[0].nodes[0], *build.node);
+  }
+}
+
+TEST_F(GltfExportTest, TargetNamesAreTheArkitNamesTheCharacterAnswersTo) {
+  for (const auto& o : outcomes_) {
+    SCOPED_TRACE(o.file.string());
+    const tinygltf::Model doc = load(o.file);
+    const CharacterBuild build = createCharacterNode(o.model);
+    int meshesWithTargets = 0;
+    for (const auto& mesh : doc.meshes) {
+      const auto names = targetNames(mesh);
+      if (names.empty()) continue;
+      ++meshesWithTargets;
+      ASSERT_EQ(names.size(), build.targetNameToIndex.size());
+      for (std::size_t t = 0; t < names.size(); ++t) {
+        EXPECT_TRUE(fromRawValue<ARKitBlendShape>(names[t]).has_value()) << names[t];
+        std::string key = names[t];
+        for (auto& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        ASSERT_TRUE(build.targetNameToIndex.count(key)) << names[t];
+        EXPECT_EQ(build.targetNameToIndex.at(key), static_cast<int>(t)) << names[t];
+      }
+    }
+    // The mask's one mesh; the ghost's body and the mouth backing that follows it.
+    EXPECT_EQ(meshesWithTargets, o.model == CharacterModelType::cartoonGhost ? 2 : 1);
+  }
+}
+
+TEST_F(GltfExportTest, DeltasThatAreMostlyZeroAreStoredSparse) {
+  for (const auto& o : outcomes_) {
+    SCOPED_TRACE(o.file.string());
+    const tinygltf::Model doc = load(o.file);
+    int sparse = 0, dense = 0;
+    for (const auto& mesh : doc.meshes) {
+      if (mesh.primitives.empty()) continue;
+      for (const auto& target : mesh.primitives[0].targets) {
+        for (const auto& [attribute, index] : target) {
+          const auto& a = doc.accessors[static_cast<std::size_t>(index)];
+          const auto values = test::readFloats(doc, index);
+          std::size_t nonZero = 0;
+          for (std::size_t i = 0; i < a.count; ++i)
+            nonZero += (values[3 * i] != 0.0f || values[3 * i + 1] != 0.0f || values[3 * i + 2] != 0.0f) ? 1 : 0;
+          const bool mostlyZero = 2 * nonZero < a.count;
+          EXPECT_EQ(a.sparse.isSparse || a.bufferView < 0, mostlyZero) << attribute << " " << nonZero << "/" << a.count;
+          if (a.sparse.isSparse) {
+            EXPECT_EQ(static_cast<std::size_t>(a.sparse.count), nonZero);
+          }
+          (a.sparse.isSparse ? sparse : dense) += 1;
+        }
+      }
+    }
+    // Expressions are local: the blinks, brows and lip targets leave most of a face alone.
+    EXPECT_GT(sparse, dense);
+  }
+}
+
+TEST(GltfExporter, MaterialsKeepTheirLook) {
+  Material glow;
+  glow.name = "Glow";
+  glow.diffuse = float4(0.5f, 0.25f, 1.0f, 0.5f);
+  glow.emission = float3(2.0f, 1.0f, 0.5f);
+  glow.constantLighting = true;
+  const tinygltf::Material out = GltfExporter::material(glow);
+  // glTF keeps the factor within 0..1; factor x strength is the radiance.
+  ASSERT_TRUE(out.extensions.count("KHR_materials_emissive_strength"));
+  const double strength = out.extensions.at("KHR_materials_emissive_strength").Get("emissiveStrength").GetNumberAsDouble();
+  for (int c = 0; c < 3; ++c) {
+    EXPECT_LE(out.emissiveFactor[static_cast<std::size_t>(c)], 1.0);
+    EXPECT_FLOAT_EQ(static_cast<float>(out.emissiveFactor[static_cast<std::size_t>(c)] * strength), glow.emission[c]);
+  }
+  EXPECT_TRUE(out.extensions.count("KHR_materials_unlit"));
+  EXPECT_EQ(out.alphaMode, "BLEND");
+
+  Material plaster;
+  plaster.diffuse = float4(0.82f, 0.84f, 0.83f, 1.0f);
+  plaster.emission = float3(0.26f, 0.28f, 1.0f);
+  const tinygltf::Material plain = GltfExporter::material(plaster);
+  EXPECT_TRUE(plain.extensions.empty());
+  EXPECT_EQ(plain.alphaMode, "OPAQUE");
+  EXPECT_EQ(plain.emissiveFactor, (std::vector<double>{0.26f, 0.28f, 1.0f}));
+}
+
+TEST(GltfExporter, NodeTransformsMeanWhatTheSceneMeans) {
+  auto root = Node::make("Root");
+  auto child = Node::make("Turned");
+  child->position = float3(0.1f, -0.2f, 0.3f);
+  child->eulerAngles = float3(0.3f, -0.5f, 0.2f);
+  child->scale = float3(1.0f, 2.0f, 0.5f);
+  root->addChild(child);
+  const tinygltf::Model doc = GltfExporter::document(*root);
+  ASSERT_EQ(doc.nodes.size(), 2u);
+  EXPECT_TRUE(doc.nodes[0].rotation.empty() && doc.nodes[0].translation.empty() && doc.nodes[0].scale.empty());
+  ASSERT_EQ(doc.nodes[0].children, std::vector<int>{1});
+  const tinygltf::Node& out = doc.nodes[1];
+  EXPECT_EQ(out.translation, (std::vector<double>{0.1f, -0.2f, 0.3f}));
+  EXPECT_EQ(out.scale, (std::vector<double>{1.0f, 2.0f, 0.5f}));
+  // glTF's rotation is (x, y, z, w); it must turn vectors as the scene's Euler angles do.
+  ASSERT_EQ(out.rotation.size(), 4u);
+  const glm::quat q(static_cast<float>(out.rotation[3]), static_cast<float>(out.rotation[0]),
+                    static_cast<float>(out.rotation[1]), static_cast<float>(out.rotation[2]));
+  EXPECT_NEAR(glm::length(q), 1.0f, 1e-6f);
+  for (const float3 v : {float3(1, 0, 0), float3(0, 1, 0), float3(0, 0, 1)}) {
+    const float3 expected = float3(eulerRotation(child->eulerAngles) * float4(v, 0.0f));
+    const float3 actual = q * v;
+    EXPECT_NEAR(glm::length(actual - expected), 0.0f, 1e-6f);
+  }
+}
+
+TEST(CharacterExport, AFolderThatCannotBeCreatedFailsEveryFileWithOneLineAndWritesNothing) {
+  test::TempDir dir;
+  const fs::path blocker = dir.path() / "blocker";
+  std::ofstream(blocker) << "a file where the folder should go\n";
+  const fs::path folder = blocker / "characters";
+  test::LogCapture log;
+  const auto outcomes = CharacterExport::run(folder.string());
+  ASSERT_EQ(outcomes.size(), 2u);
+  for (const auto& o : outcomes) {
+    EXPECT_FALSE(o.written);
+    EXPECT_EQ(log.lines().size(), 2u);
+    EXPECT_TRUE(log.has("[export] Could not write " + (folder / CharacterExport::fileName(o.model)).string() +
+                        ": cannot create the folder " + folder.string() + ": Not a directory"))
+        << log.lines().front();
+  }
+  std::vector<fs::path> left;
+  for (const auto& entry : fs::recursive_directory_iterator(dir.path())) left.push_back(entry.path());
+  EXPECT_EQ(left, std::vector<fs::path>{blocker});
+}
+
+TEST(CharacterExport, InTheBackgroundTheOutcomesArriveOnTheMainThread) {
+  test::TempDir dir;
+  std::ofstream(dir.path() / "blocker") << "a file where the folder should go\n";
+  test::LogCapture log;
+  std::vector<CharacterExport::Outcome> outcomes;
+  bool onMainThread = false;
+  CharacterExport::runInBackground((dir.path() / "blocker" / "x").string(), [&](std::vector<CharacterExport::Outcome> o) {
+    onMainThread = MainQueue::shared().isMainThread();
+    outcomes = std::move(o);
+  });
+  ASSERT_TRUE(MainQueue::shared().runUntil([&] { return !outcomes.empty(); }, 30.0));
+  EXPECT_TRUE(onMainThread);
+  EXPECT_EQ(outcomes.size(), 2u);
+  EXPECT_EQ(log.lines().size(), 2u);
+}
+
+}  // namespace
+}  // namespace velmora

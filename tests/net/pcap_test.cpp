@@ -1,0 +1,182 @@
+// Session recording files: what PcapWriter stores (synthesised IPv4/UDP
+// around each payload), what PcapReader gives back, and how the reader
+// refuses files that are not captures, are cut short or lie about lengths.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/PcapBytes.h"
+#include "support/TempDir.h"
+#include "net/PcapReader.h"
+#include "net/PcapWriter.h"
+
+namespace velmora {
+namespace {
+
+using test::PcapBytes;
+
+std::vector<std::uint8_t> bytesOf(std::string_view text) { return {text.begin(), text.end()}; }
+
+DatagramEnvelope envelope(std::uint16_t destinationPort, std::int64_t micros) {
+  DatagramEnvelope e;
+  e.sourceAddress = 0xC0A80117;  // 192.168.1.23
+  e.sourcePort = 50123;
+  e.destinationAddress = 0x7F000001;
+  e.destinationPort = destinationPort;
+  e.arrivalMicroseconds = micros;
+  return e;
+}
+
+TEST(PcapWriterTest, SynthesisedHeadersAroundThePayload) {
+  std::vector<std::uint8_t> packet;
+  PcapWriter::encapsulate(bytesOf("hi"), envelope(11111, 0), 7, packet);
+  const std::vector<std::uint8_t> expected = {
+      0x45, 0x00, 0x00, 0x1E,  //  0: IPv4, 5-word header; total length 30
+      0x00, 0x07, 0x40, 0x00,  //  4: identification 7; don't fragment
+      0x40, 0x11, 0x00, 0x00,  //  8: TTL 64, UDP, checksum (checked below)
+      0xC0, 0xA8, 0x01, 0x17,  // 12: source 192.168.1.23
+      0x7F, 0x00, 0x00, 0x01,  // 16: destination 127.0.0.1
+      0xC3, 0xCB, 0x2B, 0x67,  // 20: ports 50123 -> 11111
+      0x00, 0x0A, 0x00, 0x00,  // 24: UDP length 10, no checksum
+      'h',  'i',               // 28: payload
+  };
+  ASSERT_EQ(packet.size(), expected.size());
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    if (i == 10 || i == 11) continue;
+    EXPECT_EQ(packet[i], expected[i]) << "byte " << i;
+  }
+  // A header with its checksum sums to 0xFFFF in one's complement.
+  std::uint32_t sum = 0;
+  for (int i = 0; i < 20; i += 2) sum += std::uint32_t(packet[i] << 8 | packet[i + 1]);
+  while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
+  EXPECT_EQ(sum, 0xFFFFu);
+}
+
+TEST(PcapWriterTest, WhatIsWrittenReadsBackUnchanged) {
+  test::TempDir dir;
+  const auto path = (dir.path() / "session.pcap").string();
+  std::vector<RecordedDatagram> sent = {
+      {envelope(11111, 1700000000123456), bytesOf("jawOpen-50|=1,2,3,4,5,6")},
+      {envelope(49983, 1700000000140000), {}},                     // empty datagram
+      {envelope(39539, 1700000000150001), std::vector<std::uint8_t>(PcapWriter::maxPayload, 0xAB)},  // largest
+      {envelope(11111, 1700000001000000), bytesOf("not any known format")},
+  };
+  {
+    auto writer = PcapWriter::create(path);
+    ASSERT_TRUE(writer) << writer.reason;
+    for (const auto& d : sent) ASSERT_TRUE(writer.value->write(d.payload, d.envelope));
+    EXPECT_EQ(writer.value->datagramsWritten(), sent.size());
+  }
+  const auto read = PcapReader::readFile(path);
+  ASSERT_TRUE(read) << read.error;
+  EXPECT_EQ(read.skipped, 0u);
+  ASSERT_EQ(read.datagrams.size(), sent.size());
+  for (std::size_t i = 0; i < sent.size(); ++i) {
+    const auto& got = read.datagrams[i];
+    EXPECT_EQ(got.payload, sent[i].payload) << i;
+    EXPECT_EQ(got.envelope.sourceAddress, sent[i].envelope.sourceAddress) << i;
+    EXPECT_EQ(got.envelope.sourcePort, sent[i].envelope.sourcePort) << i;
+    EXPECT_EQ(got.envelope.destinationAddress, sent[i].envelope.destinationAddress) << i;
+    EXPECT_EQ(got.envelope.destinationPort, sent[i].envelope.destinationPort) << i;
+    EXPECT_EQ(got.envelope.arrivalMicroseconds, sent[i].envelope.arrivalMicroseconds) << i;
+  }
+  EXPECT_EQ(read.datagrams[0].envelope.senderText(), "192.168.1.23:50123");
+}
+
+TEST(PcapWriterTest, FullDiskIsAClearError) {
+  // /dev/full accepts the open and refuses every write.
+  auto writer = PcapWriter::create("/dev/full");
+  ASSERT_FALSE(writer);
+  EXPECT_EQ(writer.reason, "could not write /dev/full: No space left on device");
+  auto missing = PcapWriter::create("/nonexistent-folder/session.pcap");
+  ASSERT_FALSE(missing);
+  EXPECT_EQ(missing.reason.rfind("could not create /nonexistent-folder/session.pcap: ", 0), 0u) << missing.reason;
+}
+
+TEST(PcapReaderTest, OtherTrafficIsSkippedAndLinkLayersAreUnwrapped) {
+  const auto payload = bytesOf("/Head/Yaw");
+  PcapBytes raw;
+  raw.record(PcapBytes::udp(payload, 11111))
+      .record(PcapBytes::udp(payload, 11111, 6))          // TCP
+      .record(PcapBytes::udp(payload, 11111, 17, 0x2000))  // first fragment
+      .record({0x60, 0, 0, 0, 0, 0, 17, 64})              // IPv6
+      .record(PcapBytes::udp(payload, 49983, 17, 0x0000), 1700000000, 500000);
+  auto r = PcapReader::readBytes(raw.bytes());
+  ASSERT_TRUE(r) << r.error;
+  EXPECT_EQ(r.skipped, 3u);
+  ASSERT_EQ(r.datagrams.size(), 2u);
+  EXPECT_EQ(r.datagrams[0].payload, payload);
+  EXPECT_EQ(r.datagrams[1].envelope.destinationPort, 49983);
+  EXPECT_EQ(r.datagrams[1].envelope.arrivalMicroseconds - r.datagrams[0].envelope.arrivalMicroseconds, 500000);
+  EXPECT_EQ(r.datagrams[0].envelope.senderText(), "10.0.0.2:50000");
+
+  // Ethernet, with and without a VLAN tag; ARP is skipped.
+  auto ethernet = [](std::vector<std::uint8_t> typeAndBody) {
+    std::vector<std::uint8_t> frame(12, 0x02);  // destination and source MAC
+    frame.insert(frame.end(), typeAndBody.begin(), typeAndBody.end());
+    return frame;
+  };
+  std::vector<std::uint8_t> ipv4 = {0x08, 0x00};
+  std::vector<std::uint8_t> vlan = {0x81, 0x00, 0x00, 0x05, 0x08, 0x00};
+  const auto udp = PcapBytes::udp(payload, 39539);
+  ipv4.insert(ipv4.end(), udp.begin(), udp.end());
+  vlan.insert(vlan.end(), udp.begin(), udp.end());
+  ipv4.resize(ipv4.size() + 6, 0);  // Ethernet padding after the IP packet is ignored
+  PcapBytes eth(1);
+  eth.record(ethernet(ipv4)).record(ethernet(vlan)).record(ethernet({0x08, 0x06, 0, 1}));
+  r = PcapReader::readBytes(eth.bytes());
+  ASSERT_TRUE(r) << r.error;
+  EXPECT_EQ(r.skipped, 1u);
+  ASSERT_EQ(r.datagrams.size(), 2u);
+  for (const auto& d : r.datagrams) {
+    EXPECT_EQ(d.payload, payload);
+    EXPECT_EQ(d.envelope.destinationPort, 39539);
+  }
+}
+
+TEST(PcapReaderTest, HostileFilesGetOneLineAndNoDatagrams) {
+  const auto good = PcapBytes::udp(bytesOf("jawOpen-50|"));
+  const auto whole = PcapBytes().record(good).record(good).bytes();
+  auto withByte = [&](std::size_t at, std::uint8_t value) {
+    auto p = good;
+    p[at] = value;
+    return PcapBytes().record(good).record(p).bytes();
+  };
+  const std::string text = "this is a text file, not a capture at all";
+  struct Case {
+    const char* what;
+    std::vector<std::uint8_t> bytes;
+    const char* expected;  // a part of the error line
+  };
+  const std::vector<Case> cases = {
+      {"empty", {}, "empty file"},
+      {"text", bytesOf(text), "not a capture file"},
+      {"header cut short", std::vector<std::uint8_t>(whole.begin(), whole.begin() + 10), "not a capture file"},
+      {"last record cut short", std::vector<std::uint8_t>(whole.begin(), whole.end() - 5), "damaged after 1 good packets"},
+      {"record claims 4 GiB", PcapBytes().record(good).lyingRecord(0xFFFFFFFFu, good).bytes(), "damaged after 1 good"},
+      {"record claims more than the file", PcapBytes().lyingRecord(5000, good).bytes(), "damaged after 0 good"},
+      {"packet snapped", PcapBytes().record(good, 1, 0, 2000).bytes(), "cut short by the capture"},
+      {"IP total length beyond the packet", withByte(3, 0xFF), "IPv4 total length"},
+      {"IP header length 4 bytes", withByte(0, 0x41), "IPv4 header length 4"},
+      {"IP header longer than the packet", withByte(0, 0x4F), "IPv4 total length"},
+      {"UDP length beyond the packet", withByte(25, 0xFF), "UDP length"},
+      {"UDP length below its header", withByte(25, 0x03), "UDP length 3"},
+      {"IP version 5", withByte(0, 0x55), "IP version 5"},
+      {"destination port 0", PcapBytes().record(PcapBytes::udp(bytesOf("x"), 0)).bytes(), "destination port 0"},
+      {"unsupported link type", PcapBytes(147).record(good).bytes(), "link type"},
+  };
+  for (const auto& c : cases) {
+    const auto r = PcapReader::readBytes(c.bytes, "f.pcap");
+    EXPECT_FALSE(r) << c.what;
+    EXPECT_TRUE(r.datagrams.empty()) << c.what;
+    EXPECT_EQ(r.error.rfind("f.pcap: ", 0), 0u) << c.what << ": " << r.error;
+    EXPECT_NE(r.error.find(c.expected), std::string::npos) << c.what << ": " << r.error;
+    EXPECT_EQ(r.error.find('\n'), std::string::npos) << c.what;
+  }
+  EXPECT_EQ(PcapReader::readFile("/nonexistent/f.pcap").error,
+            "/nonexistent/f.pcap: cannot be opened (No such file or directory)");
+}
+
+}  // namespace
+}  // namespace velmora

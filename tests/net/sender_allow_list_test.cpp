@@ -1,0 +1,85 @@
+// Trusted senders: which entries an allow-list takes, which addresses it
+// admits, and how the door of a listener counts and logs refusals.
+#include <gtest/gtest.h>
+
+#include "support/LogCapture.h"
+#include "net/SenderAllowList.h"
+#include "net/SenderFilter.h"
+
+namespace velmora {
+namespace {
+
+std::uint32_t ip(const char* text) { return *SenderAllowList::parseAddress(text); }
+
+TEST(SenderAllowListTest, EntriesAndWhatTheyAdmit) {
+  std::vector<std::string> malformed;
+  const auto list = SenderAllowList::parse({"192.168.1.20", " 10.0.0.0/8 ", "172.16.5.77/24", "127.0.0.1/32"}, &malformed);
+  EXPECT_TRUE(malformed.empty());
+  EXPECT_FALSE(list.acceptsEveryone());
+  struct Case {
+    const char* sender;
+    bool admitted;
+  };
+  for (const Case& c : {Case{"192.168.1.20", true}, Case{"192.168.1.21", false}, Case{"10.255.3.4", true},
+                        Case{"11.0.0.1", false}, Case{"172.16.5.1", true},  // host bits of the block are ignored
+                        Case{"172.16.6.1", false}, Case{"127.0.0.1", true}, Case{"127.0.0.2", false}}) {
+    EXPECT_EQ(list.allows(ip(c.sender)), c.admitted) << c.sender;
+  }
+  EXPECT_TRUE(SenderAllowList::parse({"0.0.0.0/0"}).allows(ip("8.8.8.8")));
+  // No list: everyone, as without the feature.
+  EXPECT_TRUE(SenderAllowList().acceptsEveryone());
+  EXPECT_TRUE(SenderAllowList::parse({}).allows(ip("203.0.113.9")));
+}
+
+TEST(SenderAllowListTest, MalformedEntriesAreReportedAndNeverOpenTheDoor) {
+  std::vector<std::string> malformed;
+  const auto list = SenderAllowList::parse(
+      {"10.0.0.300", "10.0.0", "10.0.0.1.2", "host.example", "10.0.0.1/33", "10.0.0.1/", "-1.0.0.1", "", "10.0.0.9"},
+      &malformed);
+  ASSERT_EQ(malformed.size(), 8u);
+  EXPECT_EQ(malformed[0], "\"10.0.0.300\": not an IPv4 address");
+  EXPECT_EQ(malformed[4], "\"10.0.0.1/33\": the prefix length after \"/\" must be 0 to 32");
+  EXPECT_EQ(list.blocks().size(), 1u);
+  EXPECT_TRUE(list.allows(ip("10.0.0.9")));
+  EXPECT_FALSE(list.allows(ip("10.0.0.1")));
+  // Only typos: nobody is admitted.
+  const auto typos = SenderAllowList::parse({"192.168.1.300"});
+  EXPECT_FALSE(typos.acceptsEveryone());
+  EXPECT_FALSE(typos.allows(ip("192.168.1.30")));
+}
+
+TEST(SenderFilterTest, RefusalsAreCountedAndLoggedOncePerSender) {
+  test::LogCapture log;
+  SenderFilter filter("QLabOSCServer", "OSC");
+  EXPECT_TRUE(filter.admit(ip("192.168.1.50")));  // no list yet
+  filter.setAllowList(SenderAllowList::parse({"192.168.1.10"}));
+  EXPECT_TRUE(filter.admit(ip("192.168.1.10")));
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(filter.admit(ip("192.168.1.50")));
+  EXPECT_FALSE(filter.admit(ip("10.1.2.3")));
+  EXPECT_EQ(filter.refusedCount(), 6u);
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                             "[QLabOSCServer] Refused OSC from 192.168.1.50 (not in the allowed senders)",
+                             "[QLabOSCServer] Refused OSC from 10.1.2.3 (not in the allowed senders)",
+                         }));
+  // A new list starts the one-line-per-sender rule afresh; the count goes on.
+  log.clear();
+  filter.setAllowList(SenderAllowList::parse({"10.1.2.0/24"}));
+  EXPECT_TRUE(filter.admit(ip("10.1.2.3")));
+  EXPECT_FALSE(filter.admit(ip("192.168.1.50")));
+  EXPECT_EQ(filter.refusedCount(), 7u);
+  EXPECT_EQ(log.lines().size(), 1u);
+}
+
+TEST(SenderFilterTest, AFloodOfSpoofedSendersStopsLoggingButKeepsCounting) {
+  test::LogCapture log;
+  SenderFilter filter("TrackingReceiver", "tracking data");
+  filter.setAllowList(SenderAllowList::parse({"127.0.0.1"}));
+  const std::uint32_t base = ip("198.51.100.0");
+  for (std::uint32_t i = 0; i < SenderFilter::maxLoggedSenders + 50; ++i) filter.admit(base + i * 7);
+  EXPECT_EQ(filter.refusedCount(), SenderFilter::maxLoggedSenders + 50);
+  EXPECT_EQ(log.lines().size(), SenderFilter::maxLoggedSenders);
+  EXPECT_EQ(log.lines().front(), "[TrackingReceiver] Refused tracking data from 198.51.100.0 (not in the allowed senders)");
+}
+
+}  // namespace
+}  // namespace velmora

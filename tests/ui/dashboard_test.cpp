@@ -1,0 +1,296 @@
+// The dashboard's views without a display: the controls change the state as
+// an operator expects, the cue port entry refuses what the cue server
+// cannot use, "Copy as text" lists the whole catalogue, and every panel
+// draws in a headless ImGui frame.
+#include <gtest/gtest.h>
+#include <imgui.h>
+#include <imgui_internal.h>
+
+#include <cmath>
+
+#include "animation/CharacterAnimationController.h"
+#include "ui/ConnectionPanel.h"
+#include "ui/CuesPanel.h"
+#include "ui/Dashboard.h"
+#include "ui/DashboardContext.h"
+#include "ui/SafetyPanel.h"
+#include "ui/ExportPanel.h"
+#include "ui/ExpressionPanel.h"
+#include "ui/LightingPanel.h"
+#include "ui/OSCCommandsText.h"
+#include "ui/OSCCommandsWindow.h"
+#include "ui/OscPortField.h"
+#include "ui/PreviewFrames.h"
+#include "ui/RemoteControlPanel.h"
+#include "ui/WireframeTracker.h"
+#include "base/MainQueue.h"
+#include "base/SettingsStore.h"
+#include "control/OSCCommandCatalog.h"
+#include "support/StateFixture.h"
+#include "tracking/FaceTrackingState.h"
+
+namespace velmora {
+namespace {
+
+struct Fixture : test::StateFixture {
+  CharacterAnimationController animation;
+  DashboardContext context{state, animation, [this] { return now; }};
+};
+
+TEST(DashboardTest, CuePortEntryAcceptsOnlyUsablePortsAndRefuses53000WithTheServersText) {
+  EXPECT_EQ(OscPortField::check("1024").port, 1024);
+  EXPECT_EQ(OscPortField::check(" 65535 ").port, 65535);
+  EXPECT_TRUE(OscPortField::check("53100").message.empty());
+  const auto reserved = OscPortField::check("53000");
+  EXPECT_FALSE(reserved.port);
+  EXPECT_EQ(reserved.message, "OSC cues: port 53000 is QLab's own port, choose another");
+  for (const char* bad : {"1023", "65536", "0", "", "  ", "53l00", "-1", "+2000", "99999999999999999999"}) {
+    const auto check = OscPortField::check(bad);
+    EXPECT_FALSE(check.port) << bad;
+    EXPECT_EQ(check.message, "Enter a port from 1024 to 65535") << bad;
+  }
+
+  Fixture f;
+  int restarts = 0;
+  f.context.restartCueServer = [&] { ++restarts; };
+  RemoteControlPanel panel(f.context);
+  EXPECT_EQ(panel.applyPort("53000"), "OSC cues: port 53000 is QLab's own port, choose another");
+  EXPECT_EQ(f.state.oscPort(), 53100);
+  EXPECT_EQ(restarts, 0);
+  EXPECT_EQ(panel.applyPort("54321"), "");
+  EXPECT_EQ(f.state.oscPort(), 54321);
+  EXPECT_EQ(f.store.integer("oscCuePort"), 54321);  // stored by the setter
+  EXPECT_EQ(restarts, 1);
+}
+
+TEST(DashboardTest, CopyAsTextListsEveryCommandUnderItsGroupInCatalogueOrder) {
+  const std::string text = OSCCommandsText::build(53123);
+  EXPECT_NE(text.find("UDP port 53123"), std::string::npos);
+  std::size_t cursor = 0;
+  const auto& groups = OSCCommandCatalog::groups();
+  std::size_t listed = 0;
+  for (std::size_t g = 0; g < groups.size(); ++g) {
+    const std::size_t heading = text.find("\n" + groups[g] + "\n", cursor);
+    ASSERT_NE(heading, std::string::npos) << groups[g];
+    const std::size_t next =
+        g + 1 < groups.size() ? text.find("\n" + groups[g + 1] + "\n", heading) : std::string::npos;
+    cursor = heading;
+    for (const OSCCommand* command : OSCCommandCatalog::commands(groups[g])) {
+      const std::size_t at = text.find("\n" + command->address + "\n", cursor);
+      ASSERT_NE(at, std::string::npos) << command->address;
+      EXPECT_LT(at, next) << command->address << " is listed outside " << groups[g];
+      // Its aliases, argument and summary follow before the next command.
+      const std::size_t end = text.find("\n/", at + 1);
+      const std::string block = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
+      for (const auto& alias : command->aliases) EXPECT_NE(block.find(alias), std::string::npos) << alias;
+      EXPECT_NE(block.find("argument: " + command->arguments), std::string::npos) << command->address;
+      EXPECT_NE(block.find(command->summary), std::string::npos) << command->address;
+      cursor = at;
+      ++listed;
+    }
+  }
+  EXPECT_EQ(listed, OSCCommandCatalog::all().size());
+
+  Fixture f;
+  std::string clipboard;
+  f.context.setClipboard = [&](const std::string& t) { clipboard = t; };
+  OSCCommandsWindow(f.context).copyAsText();
+  EXPECT_EQ(clipboard, OSCCommandsText::build(f.state.oscPort()));
+}
+
+TEST(DashboardTest, LightingEditsMarkTheRecordCustomAndPersistIt) {
+  Fixture f;
+  LightingPanel panel(f.context);
+  panel.choosePreset(2);
+  EXPECT_EQ(f.state.lighting(), LightingSettings::presets()[2]);
+  panel.setField(&LightingSettings::keyHeight, 1.5);
+  EXPECT_EQ(f.state.lighting().preset, LightingSettings::customName);
+  EXPECT_DOUBLE_EQ(f.state.lighting().keyHeight, 1.5);
+  EXPECT_DOUBLE_EQ(f.state.lighting().key, LightingSettings::presets()[2].key);  // the rest kept
+  panel.setField(&LightingSettings::warmth, -7.0);  // clamped to the control's range
+  EXPECT_DOUBLE_EQ(f.state.lighting().warmth, -1.0);
+  f.store.reload();
+  EXPECT_EQ(LightingSettings::load(f.store), f.state.lighting());
+  panel.setMaster(9.0f);
+  EXPECT_FLOAT_EQ(f.state.lightIntensity(), LightingPanel::masterMaximum);
+  // Every field of the record has a control.
+  EXPECT_EQ(LightingPanel::controls().size(), 8u);
+}
+
+TEST(DashboardTest, CueButtonsSwitchCharacterStartWithDefaultDurationAndStopWithFade) {
+  Fixture f;
+  f.state.setCharacterModel(CharacterModelType::cartoonGhost);
+  CuesPanel cues(f.context);
+  EXPECT_FALSE(cues.progress());
+  cues.fire(AnimationCue::Kind::maskBow);
+  EXPECT_EQ(f.state.characterModel(), CharacterModelType::theatricalMask);
+  ASSERT_TRUE(f.animation.activeCue());
+  EXPECT_EQ(f.animation.activeCue()->kind, AnimationCue::Kind::maskBow);
+  EXPECT_DOUBLE_EQ(f.animation.activeCue()->requestedDuration, 2.5);
+  f.now += 1.25;
+  ASSERT_TRUE(cues.progress());
+  EXPECT_NEAR(*cues.progress(), 0.5, 1e-9);
+  // A cue started elsewhere (a remote command) restarts the progress.
+  f.animation.trigger(AnimationCue::make(AnimationCue::Kind::maskNod, 4.0), f.now);
+  f.now += 1.0;
+  EXPECT_NEAR(*cues.progress(), 0.25, 1e-9);
+  cues.stopWithFade();
+  EXPECT_FALSE(f.animation.activeCue());
+  EXPECT_TRUE(f.animation.isFadingOut());
+  EXPECT_FALSE(cues.progress());
+}
+
+TEST(DashboardTest, RangeEditsPassOnlyTheMovedBound) {
+  Fixture f;
+  f.state.setRange("jawOpen", 0.2f, 0.8f);
+  ExpressionPanel::applyRangeEdit(f.state, "jawOpen", 0.2f, 0.8f, 0.3f, 0.8f);
+  EXPECT_FLOAT_EQ(f.state.range("jawOpen").floor, 0.3f);
+  EXPECT_FLOAT_EQ(f.state.range("jawOpen").ceiling, 0.8f);
+  ExpressionPanel::applyRangeEdit(f.state, "jawOpen", 0.3f, 0.8f, 0.3f, 0.31f);  // too close: kept a gap
+  EXPECT_FLOAT_EQ(f.state.range("jawOpen").ceiling, 0.3f + FaceTrackingState::minRangeGap);
+
+  f.state.ingestPacket(BlendshapeMap{{"mouthSmileLeft", 0.4f}, {"browInnerUp", 0.95f}}, std::nullopt,
+                       std::nullopt, "10.0.0.2:5000");
+  EXPECT_EQ(ExpressionPanel::rowNames(f.state), (std::vector<std::string>{"browInnerUp", "mouthSmileLeft"}));
+}
+
+TEST(DashboardTest, ExportRunsInTheBackgroundOneAtATimeAndShowsEachFile) {
+  test::TempDir dir;
+  ExportPanel panel;
+  const std::string folder = (dir.path() / "glb").string();
+  ASSERT_TRUE(panel.start(folder));
+  EXPECT_TRUE(panel.running());
+  EXPECT_FALSE(panel.start(folder));  // a second press while it runs does nothing
+  ASSERT_TRUE(MainQueue::shared().runUntil([&] { return !panel.running(); }, 120.0));
+  ASSERT_EQ(panel.results().size(), allCases<CharacterModelType>().size());
+  for (const auto& line : panel.results()) EXPECT_EQ(line.rfind("Wrote ", 0), 0u) << line;
+  EXPECT_TRUE(std::filesystem::exists(dir.path() / "glb" / "cartoon_ghost.glb"));
+}
+
+TEST(DashboardTest, PacketAgeReadsInUnitsAnOperatorCanTake) {
+  const WallTime now = WallTime() + std::chrono::hours(1000);
+  EXPECT_EQ(ConnectionPanel::ageText(std::nullopt, now), "never");
+  EXPECT_EQ(ConnectionPanel::ageText(now - std::chrono::milliseconds(400), now), "0.4 s ago");
+  EXPECT_EQ(ConnectionPanel::ageText(now - std::chrono::seconds(42), now), "42 s ago");
+  EXPECT_EQ(ConnectionPanel::ageText(now - std::chrono::minutes(5), now), "5 min ago");
+  EXPECT_EQ(ConnectionPanel::ageText(now - std::chrono::hours(3), now), "3 h ago");
+  EXPECT_EQ(ConnectionPanel::ageText(now + std::chrono::seconds(2), now), "0.0 s ago");  // clock stepped back
+}
+
+TEST(DashboardTest, PreviewShrinksWithAlphaWeightedColourAndKeepsTheNewestFrame) {
+  RenderedFrame frame;
+  frame.width = 4;
+  frame.height = 2;
+  frame.sequence = 7;
+  frame.pixels.assign(4 * 2 * 4, 0);
+  auto set = [&](int x, int y, std::uint8_t b, std::uint8_t g, std::uint8_t r, std::uint8_t a) {
+    std::uint8_t* p = frame.pixels.data() + (y * 4 + x) * 4;
+    p[0] = b, p[1] = g, p[2] = r, p[3] = a;
+  };
+  set(0, 0, 0, 0, 255, 255);  // left block: one opaque red pixel, three transparent
+  for (int y = 0; y < 2; ++y)
+    for (int x = 2; x < 4; ++x) set(x, y, 200, 100, 50, 128);  // right block: uniform half-transparent
+  auto small = PreviewFrames::shrink(frame, 2);
+  ASSERT_EQ(small->width, 2);
+  ASSERT_EQ(small->height, 1);
+  const std::uint8_t* left = small->pixel(0, 0);
+  EXPECT_EQ(left[2], 255);  // still red: transparent pixels do not darken it
+  EXPECT_EQ(left[3], 64);
+  const std::uint8_t* right = small->pixel(1, 0);
+  EXPECT_EQ(right[0], 200);
+  EXPECT_EQ(right[1], 100);
+  EXPECT_EQ(right[2], 50);
+  EXPECT_EQ(right[3], 128);
+
+  PreviewFrames frames;
+  EXPECT_FALSE(frames.newerThan(0));
+  RenderedFrame big;
+  big.width = 1920;
+  big.height = 1080;
+  big.sequence = 3;
+  big.pixels.assign(1920 * 1080 * 4, 255);
+  frames.consume(big);
+  auto newest = frames.newerThan(0);
+  ASSERT_TRUE(newest);
+  EXPECT_LE(newest->width, PreviewFrames::maximumWidth);
+  EXPECT_EQ(newest->width * 9, newest->height * 16);
+  EXPECT_FALSE(frames.newerThan(3));
+}
+
+TEST(DashboardTest, WireframeFollowsTheDetailAndTheHead) {
+  Fixture f;
+  WireframeTracker tracker;
+  f.state.setTrackingDetail(TrackingDetail::simple);
+  tracker.update(f.state);
+  const std::size_t simple = tracker.level().points.size();
+  f.state.setTrackingDetail(TrackingDetail::many);
+  tracker.update(f.state);
+  EXPECT_EQ(tracker.detail(), TrackingDetail::many);
+  EXPECT_GT(tracker.level().points.size(), simple);
+  EXPECT_EQ(tracker.updateCount(), 2u);
+  // A quarter turn of yaw brings a point on the right (+x) to the front: seen from the front it sits at x 0.
+  const float2 turned = WireframeTracker::project(float3(1.0f, 0.0f, 0.0f), float3(0.0f, float(M_PI / 2), 0.0f));
+  EXPECT_NEAR(turned.x, 0.0f, 1e-6f);
+  const float2 tilted = WireframeTracker::project(float3(0.0f, 1.0f, 0.0f), float3(0.0f, 0.0f, float(M_PI / 2)));
+  EXPECT_NEAR(tilted.x, -1.0f, 1e-6f);  // rolled a quarter turn: up becomes left
+}
+
+// Every panel and the commands window draw in a headless ImGui frame (no
+// GL: the preview shows its reason), and the windows are where the operator
+// expects them.
+TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrame) {
+  Fixture f;
+  f.state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}, {"eyeBlinkLeft", 0.2f}}, float3(0.1f, 0.0f, 0.0f),
+                       std::nullopt, "10.0.0.2:5000");
+  PreviewFrames frames;
+  WireframeTracker tracker;
+  tracker.update(f.state);
+  f.context.showOSCCommands = true;
+  ImGui::CreateContext();
+  ImGuiIO& io = ImGui::GetIO();
+  io.IniFilename = nullptr;
+  io.DisplaySize = ImVec2(1366, 768);
+  unsigned char* pixels = nullptr;
+  int w = 0, h = 0;
+  io.Fonts->GetTexDataAsRGBA32(&pixels, &w, &h);
+  {
+    Dashboard dashboard(f.context, frames, tracker, false);
+    for (int frame = 0; frame < 3; ++frame) {
+      io.DeltaTime = 1.0f / 60.0f;
+      ImGui::NewFrame();
+      dashboard.draw();
+      ImGui::Render();
+    }
+    EXPECT_GT(ImGui::GetDrawData()->TotalVtxCount, 1000);
+    for (const char* name : {"Dashboard", OSCCommandsWindow::title, "##MainMenuBar"}) {
+      const ImGuiWindow* window = ImGui::FindWindowByName(name);
+      ASSERT_NE(window, nullptr) << name;
+      EXPECT_TRUE(window->Active) << name;
+    }
+    // The commands window's close box hides it through the context.
+    f.context.showOSCCommands = false;
+    ImGui::NewFrame();
+    dashboard.draw();
+    ImGui::Render();
+    EXPECT_FALSE(ImGui::FindWindowByName(OSCCommandsWindow::title)->Active);
+  }
+  ImGui::DestroyContext();
+}
+
+TEST(DashboardTest, SafetyListsAreEditedOneEntryPerLineAndKept) {
+  Fixture f;
+  SafetyPanel panel(f.context);
+  panel.applyRelayTargets(" 127.0.0.1:9000 \n\n\tlighting-desk:7000\r\n");
+  EXPECT_EQ(f.state.relayTargets(), (std::vector<std::string>{"127.0.0.1:9000", "lighting-desk:7000"}));
+  panel.applyOscAllowed("192.168.1.20\n10.0.0.0/24");
+  panel.applyTrackingAllowed("   \n");  // nothing but blanks: everyone again
+  EXPECT_TRUE(f.state.trackingAllowedSenders().empty());
+  EXPECT_EQ(SafetyPanel::joinLines(f.state.oscAllowedSenders()), "192.168.1.20\n10.0.0.0/24");
+  // Kept for the next launch.
+  FaceTrackingState reloaded(f.store);
+  EXPECT_EQ(reloaded.relayTargets(), f.state.relayTargets());
+  EXPECT_EQ(reloaded.oscAllowedSenders(), (std::vector<std::string>{"192.168.1.20", "10.0.0.0/24"}));
+}
+
+}  // namespace
+}  // namespace velmora
