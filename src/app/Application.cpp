@@ -10,6 +10,7 @@
 #include "export/CharacterExport.h"
 #include "app/CommandLine.h"
 #include "app/CueServerSwitch.h"
+#include "app/CharacterFiles.h"
 #include "app/MaskSnapshot.h"
 #include "ui/OperatorWindow.h"
 #include "app/ShowSafety.h"
@@ -84,7 +85,11 @@ int Application::main(const std::vector<std::string>& args) {
       SelfTestRunner().run();  // the outcome is in its printed lines
       return 0;
     case CommandLine::Mode::snapshot:
-      MaskSnapshot::run(cl.folder);  // one line per file, then the count
+      // One line per file, then the count.
+      if (cl.characterFile.empty())
+        MaskSnapshot::run(cl.folder);
+      else
+        MaskSnapshot::runCharacterFile(cl.folder, cl.characterFile);
       return 0;
     case CommandLine::Mode::outputSelfTest:
       runOutputSelfTest(cl.folder);  // "[selftest] RESULT ..." per output
@@ -126,6 +131,10 @@ int Application::runInteractive(const CommandLine& commandLine) {
   TrackingIntake tracking(TrackingReceiver::shared(), state);
   // Remote cues act on the state and the cue player, at the clock the frame update samples cues with.
   CommandContext commands{state, CharacterAnimationController::shared(), [] { return uptime(); }};
+  CharacterFiles* characterFiles = nullptr;  // made once the scene exists, below
+  commands.openCharacterFile = [&characterFiles](const std::string& nameOrPath) {
+    if (characterFiles) characterFiles->open(nameOrPath);
+  };
   QLabOSCServer cueServer(commands, mainQueue);
   const CueServerSwitch cueServerSwitch(state, cueServer);  // the isOSCEnabled switch starts and stops it
   // The relay, the recorder, allow-lists and bind addresses: one owner.
@@ -147,6 +156,14 @@ int Application::runInteractive(const CommandLine& commandLine) {
   scene.setRenderer(std::make_unique<RenderThread>());
   // The video outputs the operator's switches drive (Syphon is on by default).
   scene.setOutputs(&SyphonPublisher::shared(), &NDIPublisher::shared());
+  // Character files: the folder's, then the one asked for (or the one chosen last time).
+  CharacterFiles files(state, scene, mainQueue);
+  characterFiles = &files;
+  files.scanFolder();
+  if (!commandLine.characterFile.empty())
+    files.open(commandLine.characterFile);
+  else if (!state.characterFile().empty())
+    files.open(state.characterFile());
   // Each output's status line, printed when it changes (output sync writes
   // a text only when it differs, at most twice a second).
   tracking.setLatencySplit([&scene] {
@@ -167,7 +184,7 @@ int Application::runInteractive(const CommandLine& commandLine) {
   // The main window with the dashboard when there is a display; headless otherwise.
   auto window = OperatorWindow::create({state, CharacterAnimationController::shared(), scene,
                                         ProjectorWindowController::shared(), cueServer,
-                                        TrackingReceiver::shared(), &safety});
+                                        TrackingReceiver::shared(), &safety, &files});
   if (window) {
     logLine("Velmora", "Main window open; close it (or press Ctrl-C) to stop");
   } else {
@@ -197,6 +214,7 @@ int Application::runInteractive(const CommandLine& commandLine) {
   scene.shutdownOutputs();  // "[Syphon] Server stopped", "[NDI] Sender stopped" for the running ones
   scene.setOutputs(nullptr, nullptr);
   state.unobserve(statusObserver);
+  characterFiles = nullptr;
   cueServer.shutdown();
   tracking.stop();
   safety.stopRecording();  // after the sockets: every datagram that arrived is in the file

@@ -35,6 +35,9 @@ std::span<const CommandLine::Switch> CommandLine::switches() { return kSwitches;
 
 CommandLine CommandLine::parse(const std::vector<std::string>& args) {
   CommandLine result;
+  // "--character FILE" goes with an interactive or a snapshot run.
+  if (auto it = std::find(args.begin(), args.end(), "--character"); it != args.end() && it + 1 != args.end())
+    result.characterFile = *(it + 1);
   if (std::find(args.begin(), args.end(), "--run-tests") != args.end()) {
     result.mode = Mode::runTests;
     return result;

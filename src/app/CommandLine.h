@@ -11,6 +11,9 @@
 //
 // Every switch has one row in switches(): what it is called, what follows
 // it and what it does. The help text and the manual page are built from it.
+//
+// "--character FILE" (interactive and snapshot runs) shows a character read
+// from a glTF file; with "--snapshot" only that character is rendered.
 
 #include <span>
 #include <string>
@@ -38,6 +41,7 @@ struct CommandLine {
   std::string phoneHost;
   bool phoneWithoutHost = false;  // "--phone" was the last argument
   std::string unknownOption;       // usageError: the first argument no switch matched
+  std::string characterFile;       // "--character FILE"; empty: none
 
   // args excludes the program name.
   static CommandLine parse(const std::vector<std::string>& args);

@@ -10,7 +10,9 @@
 
 #include "animation/CharacterAnimationController.h"
 #include "app/ContactSheet.h"
+#include "base/Clock.h"
 #include "base/Log.h"
+#include "characters/GltfCharacterReader.h"
 #include "base/SettingsStore.h"
 #include "render/PngWriter.h"
 #include "render/RenderThread.h"
@@ -71,6 +73,64 @@ struct Shot {
   std::string name;  // file name without ".png"
   std::function<void()> setUp;
 };
+
+// What the renderer uploads for a character: its vertex and index arrays as
+// they are, 16 bytes per (target, vertex) of half-float morph deltas, a
+// 24-byte morphed vertex, and the pictures with their mipmaps (4/3).
+std::size_t gpuBytes(const Node& node, std::size_t textureBytes) {
+  std::size_t bytes = textureBytes * 4 / 3;
+  if (node.geometry) {
+    for (const auto& source : node.geometry->sources) bytes += source.data ? source.data->size() * 4 : 0;
+    for (const auto& element : node.geometry->elements) bytes += element.indices ? element.indices->size() * 4 : 0;
+    const std::size_t vertices = node.geometry->vertexCount();
+    if (node.morpher) bytes += node.morpher->targetCount() * vertices * 16 + vertices * 24;
+  }
+  for (const auto& child : node.children()) bytes += gpuBytes(*child, 0);
+  return bytes;
+}
+
+// Renders every shot (each after one update of the scene) to NAME.png, then
+// the contact sheet; returns the number of files written.
+int writeShots(MaskSceneManager& scene, FaceTrackingState& state, CharacterAnimationController& animation,
+               double& now, const std::vector<Shot>& shots, const std::string& outputDirectory) {
+  namespace fs = std::filesystem;
+  ContactSheet sheet(6, 320, 180);
+  int written = 0;
+  for (const auto& shot : shots) {
+    animation.reset(false, now);
+    now += 1.0;
+    shot.setUp();
+    scene.updateTracking(state);
+    const double started = uptime();
+    auto result = scene.renderFrameNow();
+    const double took = uptime() - started;
+    if (!result.frame) {
+      logLine("snapshot", "Cannot render " + shot.name + ": " + result.error);
+      if (written == 0) break;  // no renderer: nothing else will render either
+      continue;
+    }
+    const std::string path = (fs::path(outputDirectory) / (shot.name + ".png")).string();
+    std::string error;
+    if (!PngWriter::write(path, *result.frame, &error)) {
+      logLine("snapshot", error);
+      continue;
+    }
+    ++written;
+    logLine("snapshot", "Wrote " + path + " (rendered in " + std::to_string(static_cast<int>(took * 1000.0)) + " ms)");
+    sheet.add(*result.frame, shot.name);
+  }
+  if (sheet.count() > 0) {
+    const std::string path = (fs::path(outputDirectory) / "contact-sheet.png").string();
+    std::string error;
+    if (PngWriter::write(path, sheet.compose(), &error)) {
+      ++written;
+      logLine("snapshot", "Wrote " + path);
+    } else {
+      logLine("snapshot", error);
+    }
+  }
+  return written;
+}
 
 }  // namespace
 
@@ -147,39 +207,50 @@ int MaskSnapshot::run(const std::string& outputDirectory) {
                      }});
   }
 
-  ContactSheet sheet(6, 320, 180);
-  int written = 0;
-  for (const auto& shot : shots) {
-    animation.reset(false, now);
-    now += 1.0;
-    shot.setUp();
-    scene.updateTracking(state);
-    auto result = scene.renderFrameNow();
-    if (!result.frame) {
-      logLine("snapshot", "Cannot render " + shot.name + ": " + result.error);
-      if (written == 0) break;  // no renderer: nothing else will render either
-      continue;
-    }
-    const std::string path = (fs::path(outputDirectory) / (shot.name + ".png")).string();
-    std::string error;
-    if (!PngWriter::write(path, *result.frame, &error)) {
-      logLine("snapshot", error);
-      continue;
-    }
-    ++written;
-    logLine("snapshot", "Wrote " + path);
-    sheet.add(*result.frame, shot.name);
+  const int written = writeShots(scene, state, animation, now, shots, outputDirectory);
+  logLine("snapshot", "Wrote " + std::to_string(written) + " files to " + outputDirectory);
+  return written;
+}
+
+int MaskSnapshot::runCharacterFile(const std::string& outputDirectory, const std::string& file) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  fs::create_directories(outputDirectory, ec);
+  const double started = uptime();
+  auto read = GltfCharacterReader::read(file);
+  const double readSeconds = uptime() - started;
+  if (ec || !fs::is_directory(outputDirectory) || !read) {
+    logLine("snapshot", !read ? read.reason : "Cannot create the folder " + outputDirectory);
+    logLine("snapshot", "Wrote 0 files");
+    return 0;
   }
-  if (sheet.count() > 0) {
-    const std::string path = (fs::path(outputDirectory) / "contact-sheet.png").string();
-    std::string error;
-    if (PngWriter::write(path, sheet.compose(), &error)) {
-      ++written;
-      logLine("snapshot", "Wrote " + path);
-    } else {
-      logLine("snapshot", error);
-    }
-  }
+  std::shared_ptr<const FileCharacter> character = std::move(read.value);
+  logLine("snapshot", "Read " + file + " in " + std::to_string(static_cast<int>(readSeconds * 1000.0)) + " ms: " +
+                          std::to_string(character->triangles) + " triangles, " + std::to_string(character->vertices) +
+                          " vertices, " + std::to_string(character->matchedBlendshapes.size()) + " of 52 blendshapes, " +
+                          std::to_string(character->textureBytes / 1024) + " KiB of pictures, about " +
+                          std::to_string(gpuBytes(*character->build.node, character->textureBytes) >> 10) +
+                          " KiB of GPU memory, framed by " + std::string(CharacterFraming::label(character->framing)));
+
+  ScratchFolder scratch;
+  SettingsStore store(scratch.path());
+  FaceTrackingState state(store);
+  CharacterAnimationController animation;
+  double now = 100.0;
+  MaskSceneManager scene(state, animation, [&now] { return now; });
+  scene.setRenderer(std::make_unique<RenderThread>());
+  scene.setFileCharacter(character);
+  state.setCharacterFile(character->path);
+
+  // At rest, then each blendshape a target drives, at full weight.
+  std::vector<Shot> shots = {{character->name + "-rest", [&] { state.setBlendshapes(expression({})); }}};
+  for (const auto& name : character->matchedBlendshapes)
+    shots.push_back({character->name + "-" + name, [&, name] {
+                       BlendshapeMap shapes;
+                       shapes[name] = 1.0f;
+                       state.setBlendshapes(shapes);
+                     }});
+  const int written = writeShots(scene, state, animation, now, shots, outputDirectory);
   logLine("snapshot", "Wrote " + std::to_string(written) + " files to " + outputDirectory);
   return written;
 }

@@ -19,6 +19,11 @@ class MaskSnapshot {
   // Returns the number of files written (0 when nothing could be rendered;
   // the reason is logged).
   static int run(const std::string& outputDirectory);
+  // "--snapshot FOLDER --character FILE": that character alone, at rest and
+  // with each blendshape it has a target for, as NAME-rest.png and
+  // NAME-BLENDSHAPE.png, then the contact sheet. A file that does not read
+  // writes nothing and logs its line.
+  static int runCharacterFile(const std::string& outputDirectory, const std::string& file);
 };
 
 }  // namespace velmora

@@ -7,6 +7,7 @@
 // Threads: the commands run on the main thread, which owns all three.
 
 #include <functional>
+#include <string>
 
 namespace velmora {
 
@@ -22,6 +23,9 @@ struct CommandContext {
   // from the network; none otherwise (the "Replies & Following" commands
   // then have no one to answer and do nothing).
   RemoteReplies* remote = nullptr;
+  // Reads a character file (a name in the character list, or a path) and
+  // shows it when it reads; none: the command does nothing.
+  std::function<void(const std::string&)> openCharacterFile = {};
 };
 
 }  // namespace velmora

@@ -29,6 +29,7 @@ const char* const kOutput = "Output";
 const char* const kLighting = "Lighting";
 const char* const kGhost = "Ghost Animations (Cartoon Ghost)";
 const char* const kMask = "Mask Gestures (Theatrical Mask)";
+const char* const kCharacterFiles = "Character Files";
 const char* const kReplies = "Replies & Following";
 
 // ---------------------------------------------------------------------------
@@ -129,7 +130,7 @@ OSCCommand stopCueCommand(const char* group, std::string address, std::vector<st
 
 std::vector<OSCCommand> buildAll() {
   std::vector<OSCCommand> c;
-  c.reserve(45);
+  c.reserve(46);
 
   // --- Calibration & Tracking ---
   c.push_back(plain(kCalibration, "/velmora/recentre",
@@ -347,6 +348,13 @@ std::vector<OSCCommand> buildAll() {
                          "and tight mouth."));
   c.push_back(stopCueCommand(kMask, "/velmora/mask/reset", {"/mask/reset", "/mask/stop", "/velmora/mask/stop"},
                              "Stop any active mask gesture and smoothly cross-fade back to live tracking."));
+  // After the 40 of the original set, so their order stays as it was.
+  c.push_back(plain(kCharacterFiles, "/velmora/character/file", {}, "string: a name in the character list or a path",
+                    "Show a character read from a glTF file (.glb or .gltf); a file that does not read keeps the current one.",
+                    [](const OSCMessage& message, CommandContext& context) {
+                      const auto text = message.stringValue();
+                      if (text && !text->empty() && context.openCharacterFile) context.openCharacterFile(*text);
+                    }));
 
   // --- Replies & Following --- (answered to the sender; see RemoteReplies)
   c.push_back(plain(kReplies, "/velmora/state", {}, "none",
@@ -388,7 +396,8 @@ const std::vector<OSCCommand>& OSCCommandCatalog::all() {
 }
 
 const std::vector<std::string>& OSCCommandCatalog::groups() {
-  static const std::vector<std::string> titles = {kCalibration, kOutput, kLighting, kGhost, kMask, kReplies};
+  static const std::vector<std::string> titles = {kCalibration, kOutput, kLighting, kGhost, kMask, kCharacterFiles,
+                                                  kReplies};
   return titles;
 }
 

@@ -219,6 +219,9 @@ class DocumentBuilder {
         case GeometrySource::Semantic::color:
           attributes["COLOR_0"] = packer_.floats(values, source.componentsPerVector, false, TINYGLTF_TARGET_ARRAY_BUFFER);
           break;
+        case GeometrySource::Semantic::tangent:
+          attributes["TANGENT"] = packer_.floats(values, source.componentsPerVector, false, TINYGLTF_TARGET_ARRAY_BUFFER);
+          break;
       }
     }
 

@@ -54,10 +54,11 @@ unsigned MeshCache::arrayBuffer(const std::shared_ptr<const std::vector<float>>&
 }
 
 const MeshCache::Mesh* MeshCache::mesh(const Geometry& geometry) {
-  const Semantic order[4] = {Semantic::vertex, Semantic::normal, Semantic::texcoord, Semantic::color};
-  const GeometrySource* sources[4];
-  std::vector<const void*> key(4, nullptr);
-  for (int i = 0; i < 4; ++i) {
+  // Attribute location i is order[i].
+  const Semantic order[5] = {Semantic::vertex, Semantic::normal, Semantic::texcoord, Semantic::color, Semantic::tangent};
+  const GeometrySource* sources[5];
+  std::vector<const void*> key(5, nullptr);
+  for (int i = 0; i < 5; ++i) {
     sources[i] = geometry.source(order[i]);
     if (sources[i] && (!sources[i]->data || sources[i]->vectorCount <= 0)) sources[i] = nullptr;
     if (sources[i]) key[static_cast<std::size_t>(i)] = sources[i]->data.get();
@@ -77,7 +78,7 @@ const MeshCache::Mesh* MeshCache::mesh(const Geometry& geometry) {
   Mesh& m = entry.mesh;
   glGenVertexArrays(1, &m.vertexArray);
   glBindVertexArray(m.vertexArray);
-  for (int i = 0; i < 4; ++i) {
+  for (int i = 0; i < 5; ++i) {
     const GLuint loc = static_cast<GLuint>(i);
     const GeometrySource* s = sources[i];
     if (!s) {

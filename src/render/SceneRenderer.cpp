@@ -20,6 +20,7 @@
 #include "base/Log.h"
 #include "render/EnvironmentLighting.h"
 #include "render/MeshCache.h"
+#include "render/TextureCache.h"
 #include "render/RenderedFramePool.h"
 #include "render/ShaderProgram.h"
 #include "render/Shaders.h"
@@ -44,6 +45,7 @@ constexpr int kUnitImage = 0;
 constexpr int kUnitShadow = 1;
 constexpr int kUnitSpecular = 2;
 constexpr int kUnitDeltas = 3;
+constexpr int kUnitMaterial = 4;  // 4..8: the material's five textures, in uTextures' bit order
 
 constexpr int kMorphStride = 6 * sizeof(float);  // interleaved position, normal
 
@@ -91,8 +93,9 @@ struct Prepared {
 constexpr std::size_t kTargetSizes = 2;
 
 struct SceneRenderer::Impl {
-  std::unique_ptr<ShaderProgram> morph, depth, surface, output;
+  std::unique_ptr<ShaderProgram> morph, depth, surface, texturedSurface, output;
   MeshCache cache;
+  TextureCache textures;
   // Read-back memory, reused once the outputs let go. Four frames: the one
   // being read back, NDI's one in flight, the one waiting for PipeWire's loop
   // thread to copy it, and the one waiting for the projector to show it.
@@ -413,22 +416,35 @@ struct SceneRenderer::Impl {
   void drawParts(const Prepared& p, ShaderProgram& program, bool setMaterial, bool cull,
                  bool (*select)(const Material&)) {
     bindGeometry(*p.mesh, p.morphed);
-    program.set("uModel", p.item->worldTransform);
-    if (setMaterial) {
-      program.setMatrix3("uNormalMatrix", glm::inverseTranspose(float4x4(glm::mat3(p.item->worldTransform))));
-      program.set("uOpacity", p.item->opacity);
-    }
+    auto setItem = [&](ShaderProgram& target) {
+      target.set("uModel", p.item->worldTransform);
+      if (setMaterial) {
+        target.setMatrix3("uNormalMatrix", glm::inverseTranspose(float4x4(glm::mat3(p.item->worldTransform))));
+        target.set("uOpacity", p.item->opacity);
+      }
+    };
+    setItem(program);
+    ShaderProgram* current = &program;
     glFrontFace(p.mirrored ? GL_CW : GL_CCW);
     for (const auto& [part, material] : p.parts) {
       if (select && !select(*material)) continue;
       if (!setMaterial && part->mode != GL_TRIANGLES) continue;  // depth passes: surfaces only
       if (setMaterial) {
-        program.set("uBaseColor", material->diffuse);
-        program.set("uRoughness", material->roughness);
-        program.set("uMetalness", material->metalness);
-        program.set("uEmission", material->emission);
-        program.set("uUnlit", material->constantLighting ? 1 : 0);
-        program.set("uDoubleSided", material->doubleSided ? 1 : 0);
+        // Materials read from files take the textured variant; the
+        // built-in ones the plain program as it always was.
+        ShaderProgram& wanted = usesTexturedProgram(*material) ? *texturedSurface : program;
+        if (&wanted != current) {
+          wanted.use();
+          setItem(wanted);
+          current = &wanted;
+        }
+        current->set("uBaseColor", material->diffuse);
+        current->set("uRoughness", material->roughness);
+        current->set("uMetalness", material->metalness);
+        current->set("uEmission", material->emission);
+        current->set("uUnlit", material->constantLighting ? 1 : 0);
+        current->set("uDoubleSided", material->doubleSided ? 1 : 0);
+        if (current == texturedSurface.get()) setTextures(*current, *material);
       }
       if (cull && !material->doubleSided) glEnable(GL_CULL_FACE);
       else glDisable(GL_CULL_FACE);
@@ -436,10 +452,49 @@ struct SceneRenderer::Impl {
       glDrawElements(part->mode, part->count, GL_UNSIGNED_INT, nullptr);
     }
     glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, 0);
+    if (current != &program) program.use();
   }
 
-  static bool isOpaqueMaterial(const Material& m) { return m.diffuse.a >= 1.0f; }
-  static bool isTranslucentMaterial(const Material& m) { return m.diffuse.a < 1.0f; }
+  static bool usesTexturedProgram(const Material& m) {
+    return m.alphaMode != Material::AlphaMode::automatic || m.baseColorTexture || m.metallicRoughnessTexture ||
+           m.normalTexture || m.occlusionTexture || m.emissiveTexture;
+  }
+
+  // The material's textures on units kUnitMaterial.., their bits, transforms
+  // and the alpha mode. Built-in materials have no textures: uTextures 0.
+  void setTextures(ShaderProgram& program, const Material& m) {
+    const std::pair<const MaterialTexture*, bool> slots[5] = {{&m.baseColorTexture, true},
+                                                              {&m.metallicRoughnessTexture, false},
+                                                              {&m.normalTexture, false},
+                                                              {&m.occlusionTexture, false},
+                                                              {&m.emissiveTexture, true}};
+    int bits = 0;
+    glm::mat3 transforms[5];
+    for (int i = 0; i < 5; ++i) {
+      const MaterialTexture& t = *slots[i].first;
+      if (!t || !textures.bind(t, slots[i].second, kUnitMaterial + i)) continue;
+      bits |= 1 << i;
+      // KHR_texture_transform: translation * rotation * scale (columns here).
+      const float c = std::cos(t.rotation), s = std::sin(t.rotation);
+      transforms[i] = glm::mat3(glm::vec3(c * t.scale.x, -s * t.scale.x, 0.0f), glm::vec3(s * t.scale.y, c * t.scale.y, 0.0f),
+                                glm::vec3(t.offset.x, t.offset.y, 1.0f));
+    }
+    glActiveTexture(GL_TEXTURE0);
+    program.set("uTextures", bits);
+    if (bits) {
+      static const char* const names[5] = {"uUvTransform[0]", "uUvTransform[1]", "uUvTransform[2]", "uUvTransform[3]",
+                                           "uUvTransform[4]"};
+      for (int i = 0; i < 5; ++i) program.setMatrix3(names[i], float4x4(transforms[i]));
+      program.set("uNormalScale", m.normalScale);
+      program.set("uOcclusionStrength", m.occlusionStrength);
+    }
+    const int mode = m.alphaMode == Material::AlphaMode::opaque ? 1 : m.alphaMode == Material::AlphaMode::mask ? 2 : 0;
+    program.set("uAlphaMode", mode);
+    program.set("uAlphaCutoff", m.alphaCutoff);
+  }
+
+  static bool isOpaqueMaterial(const Material& m) { return !m.translucent(); }
+  static bool isTranslucentMaterial(const Material& m) { return m.translucent(); }
 };
 
 // ---------------------------------------------------------------------------
@@ -461,6 +516,9 @@ CreateResult<SceneRenderer> SceneRenderer::create() {
       {&impl->morph, {"morph", shaders::morphVertex, "", {"vPosition", "vNormal"}}},
       {&impl->depth, {"depth", shaders::depthVertex, shaders::depthFragment, {}}},
       {&impl->surface, {"surface", shaders::surfaceVertex, shaders::surfaceFragment, {}}},
+      {&impl->texturedSurface,
+       {"textured surface", shaders::variant(shaders::surfaceVertex, "TEXTURED"),
+        shaders::variant(shaders::surfaceFragment, "TEXTURED"), {}}},
       {&impl->output, {"output", shaders::outputVertex, shaders::outputFragment, {}}},
   };
   for (const auto& p : programs) {
@@ -507,10 +565,14 @@ CreateResult<SceneRenderer> SceneRenderer::create() {
   glBindTexture(GL_TEXTURE_2D, 0);
   glGenVertexArrays(1, &impl->emptyVertexArray);
 
-  impl->surface->use();
-  impl->surface->set("uShadowMap", kUnitShadow);
-  impl->surface->set("uSpecularEnvironment", kUnitSpecular);
-  impl->surface->setArray("uPoisson", kPoisson, shaders::shadowSamples);
+  for (ShaderProgram* program : {impl->surface.get(), impl->texturedSurface.get()}) {
+    program->use();
+    program->set("uShadowMap", kUnitShadow);
+    program->set("uSpecularEnvironment", kUnitSpecular);
+    program->setArray("uPoisson", kPoisson, shaders::shadowSamples);
+  }
+  const char* const maps[5] = {"uBaseColorMap", "uMetallicRoughnessMap", "uNormalMap", "uOcclusionMap", "uEmissiveMap"};
+  for (int i = 0; i < 5; ++i) impl->texturedSurface->set(maps[i], kUnitMaterial + i);
   impl->output->use();
   impl->output->set("uImage", kUnitImage);
   impl->morph->use();
@@ -523,6 +585,7 @@ CreateResult<SceneRenderer> SceneRenderer::create() {
 }
 
 std::size_t SceneRenderer::meshUploadCount() const { return impl_->cache.uploadCount(); }
+std::size_t SceneRenderer::textureBytes() const { return impl_->textures.bytes(); }
 
 BlendedMesh SceneRenderer::morphOnGpu(const FrameDrawItem& item) {
   BlendedMesh out;
@@ -617,34 +680,38 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
   glBlendFunc(GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
   glCullFace(GL_BACK);
 
-  ShaderProgram& surface = *s.surface;
-  surface.use();
-  surface.set("uViewProjection", viewProjection);
-  surface.set("uCameraPosition", frame.camera.position);
-  surface.set("uKeyPosition", rig.keyPosition);
-  surface.set("uKeyDirection", keyAxis);
-  surface.set("uKeyRadiance", keyRadiance);
-  surface.set("uKeyCosInner", std::cos(glm::radians(LightRig::keyInnerAngleDegrees * 0.5f)));
-  surface.set("uKeyCosOuter", std::cos(glm::radians(LightRig::keyOuterAngleDegrees * 0.5f)));
-  surface.set("uKeyShadows", shadows ? 1 : 0);
-  surface.set("uShadowAlpha", shadowAlpha);
-  surface.set("uLightViewProjection", lightViewProjection);
-  surface.set("uShadowTexelSize", float2(1.0f / LightRig::shadowMapSize));
-  surface.set("uShadowRadiusTexels", LightRig::shadowRadius);
-  surface.set("uShadowNormalOffset",
-              2.0f * std::tan(glm::radians(LightRig::keyOuterAngleDegrees * 0.5f)) / LightRig::shadowMapSize);
   auto direction = [](const float3& from, const float3& to) {
     const float3 d = from - to;
     return glm::length(d) > 1e-6f ? glm::normalize(d) : float3(0, 0, 1);
   };
-  surface.set("uFillDirection", direction(rig.fillPosition, rig.fillTarget));
-  surface.set("uFillRadiance", rig.fillColor * std::max(rig.fillIntensity, 0.0f) * exposure);
-  surface.set("uRimDirection", direction(rig.rimPosition, rig.rimTarget));
-  surface.set("uRimRadiance", rig.rimColor * std::max(rig.rimIntensity, 0.0f) * exposure);
   const float environmentIntensity = s.hasEnvironment ? std::max(rig.environmentIntensity, 0.0f) : 0.0f;
-  surface.set("uEnvironmentIntensity", environmentIntensity);
-  surface.setArray("uIrradianceSH", s.environment.irradianceSH.data(), 9);
-  surface.set("uSpecularMaxLod", s.hasEnvironment ? static_cast<float>(EnvironmentLighting::specularLevels - 1) : 0.0f);
+  // The same frame uniforms for both surface programs (plain and textured).
+  for (ShaderProgram* program : {s.surface.get(), s.texturedSurface.get()}) {
+    program->use();
+    program->set("uViewProjection", viewProjection);
+    program->set("uCameraPosition", frame.camera.position);
+    program->set("uKeyPosition", rig.keyPosition);
+    program->set("uKeyDirection", keyAxis);
+    program->set("uKeyRadiance", keyRadiance);
+    program->set("uKeyCosInner", std::cos(glm::radians(LightRig::keyInnerAngleDegrees * 0.5f)));
+    program->set("uKeyCosOuter", std::cos(glm::radians(LightRig::keyOuterAngleDegrees * 0.5f)));
+    program->set("uKeyShadows", shadows ? 1 : 0);
+    program->set("uShadowAlpha", shadowAlpha);
+    program->set("uLightViewProjection", lightViewProjection);
+    program->set("uShadowTexelSize", float2(1.0f / LightRig::shadowMapSize));
+    program->set("uShadowRadiusTexels", LightRig::shadowRadius);
+    program->set("uShadowNormalOffset",
+                2.0f * std::tan(glm::radians(LightRig::keyOuterAngleDegrees * 0.5f)) / LightRig::shadowMapSize);
+    program->set("uFillDirection", direction(rig.fillPosition, rig.fillTarget));
+    program->set("uFillRadiance", rig.fillColor * std::max(rig.fillIntensity, 0.0f) * exposure);
+    program->set("uRimDirection", direction(rig.rimPosition, rig.rimTarget));
+    program->set("uRimRadiance", rig.rimColor * std::max(rig.rimIntensity, 0.0f) * exposure);
+    program->set("uEnvironmentIntensity", environmentIntensity);
+    program->setArray("uIrradianceSH", s.environment.irradianceSH.data(), 9);
+    program->set("uSpecularMaxLod", s.hasEnvironment ? static_cast<float>(EnvironmentLighting::specularLevels - 1) : 0.0f);
+  }
+  ShaderProgram& surface = *s.surface;
+  surface.use();
   glActiveTexture(GL_TEXTURE0 + kUnitShadow);
   glBindTexture(GL_TEXTURE_2D, s.shadowDepth);
   glActiveTexture(GL_TEXTURE0 + kUnitSpecular);
@@ -731,6 +798,7 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
   glUseProgram(0);
 
   s.cache.purgeExpired();
+  s.textures.purgeExpired();
 
   if (GLenum e = glGetError(); e != GL_NO_ERROR && !s.reportedGlError) {
     logLine("Renderer", "SceneRenderer::render(): GL error " + hex(e) + " (reported once)");

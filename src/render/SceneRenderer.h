@@ -49,6 +49,8 @@ class SceneRenderer {
 
   // Uploads performed by the mesh cache since creation.
   std::size_t meshUploadCount() const;
+  // GPU bytes of the material textures now uploaded.
+  std::size_t textureBytes() const;
 
  private:
   struct Impl;

@@ -62,6 +62,12 @@ const char* const surfaceVertex = R"GLSL(#version 330 core
 layout(location = 0) in vec3 aPosition;
 layout(location = 1) in vec3 aNormal;
 layout(location = 3) in vec4 aColor;
+#ifdef TEXTURED
+layout(location = 2) in vec2 aTexcoord;
+layout(location = 4) in vec4 aTangent;
+out vec2 vTexcoord;
+out vec4 vWorldTangent;
+#endif
 uniform mat4 uModel;
 uniform mat3 uNormalMatrix;
 uniform mat4 uViewProjection;
@@ -74,6 +80,10 @@ void main() {
   vWorldPosition = world.xyz;
   vWorldNormal = uNormalMatrix * aNormal;
   vColor = aColor;
+#ifdef TEXTURED
+  vTexcoord = aTexcoord;
+  vWorldTangent = vec4(mat3(uModel) * aTangent.xyz, aTangent.w);
+#endif
   gl_Position = uViewProjection * world;
 }
 )GLSL";
@@ -83,6 +93,28 @@ in vec3 vWorldPosition;
 in vec3 vWorldNormal;
 in vec4 vColor;
 out vec4 fragColor;
+#ifdef TEXTURED
+in vec2 vTexcoord;
+in vec4 vWorldTangent;
+// Material textures (glTF's set). uTextures has a bit per texture present:
+// 1 base colour (sRGB), 2 metallic-roughness (G roughness, B metalness),
+// 4 normal (tangent space), 8 occlusion (R), 16 emissive (sRGB). Each has
+// its texture-coordinate transform.
+uniform int uTextures;
+uniform sampler2D uBaseColorMap;
+uniform sampler2D uMetallicRoughnessMap;
+uniform sampler2D uNormalMap;
+uniform sampler2D uOcclusionMap;
+uniform sampler2D uEmissiveMap;
+uniform mat3 uUvTransform[5];
+uniform float uNormalScale;
+uniform float uOcclusionStrength;
+// 0: alpha as computed (blend); 1: opaque (alpha ignored); 2: mask (below
+// uAlphaCutoff discarded, the rest opaque).
+uniform int uAlphaMode;
+uniform float uAlphaCutoff;
+vec2 uvOf(int slot) { return (uUvTransform[slot] * vec3(vTexcoord, 1.0)).xy; }
+#endif
 
 uniform vec4 uBaseColor;
 uniform float uRoughness;
@@ -203,18 +235,52 @@ float keyShadowVisibility(vec3 N, vec3 L) {
 
 void main() {
   vec4 base = uBaseColor * vColor;
+#ifdef TEXTURED
+  if ((uTextures & 1) != 0) base *= texture(uBaseColorMap, uvOf(0));
+  if (uAlphaMode == 2 && base.a < uAlphaCutoff) discard;
+  if (uAlphaMode != 0) base.a = 1.0;
+  vec3 emission = uEmission;
+  if ((uTextures & 16) != 0) emission *= texture(uEmissiveMap, uvOf(4)).rgb;
+  float roughnessValue = uRoughness;
+  float metalness = uMetalness;
+  if ((uTextures & 2) != 0) {
+    vec4 mr = texture(uMetallicRoughnessMap, uvOf(1));
+    roughnessValue *= mr.g;
+    metalness *= mr.b;
+  }
+#define EMISSION emission
+#define ROUGHNESS roughnessValue
+#define METALNESS metalness
+#else
+// The built-in materials: the factors alone.
+#define EMISSION uEmission
+#define ROUGHNESS uRoughness
+#define METALNESS uMetalness
+#endif
   float alpha = clamp(base.a * uOpacity, 0.0, 1.0);
   vec3 color;
   if (uUnlit != 0) {
-    color = base.rgb + uEmission;
+    color = base.rgb + EMISSION;
   } else {
     vec3 N = normalize(vWorldNormal);
     if (uDoubleSided != 0 && !gl_FrontFacing) N = -N;
+#ifdef TEXTURED
+    if ((uTextures & 4) != 0) {
+      vec3 T = vWorldTangent.xyz - N * dot(N, vWorldTangent.xyz);
+      if (dot(T, T) > 1e-12) {
+        T = normalize(T);
+        vec3 B = cross(N, T) * (vWorldTangent.w < 0.0 ? -1.0 : 1.0);
+        vec3 t = texture(uNormalMap, uvOf(2)).xyz * 2.0 - 1.0;
+        t.xy *= uNormalScale;
+        N = normalize(mat3(T, B, N) * t);
+      }
+    }
+#endif
     vec3 V = normalize(uCameraPosition - vWorldPosition);
-    float roughness = clamp(uRoughness, 0.045, 1.0);
+    float roughness = clamp(ROUGHNESS, 0.045, 1.0);
     float a = roughness * roughness;
-    vec3 diffuseColor = base.rgb * (1.0 - uMetalness);
-    vec3 f0 = mix(vec3(0.04), base.rgb, uMetalness);
+    vec3 diffuseColor = base.rgb * (1.0 - METALNESS);
+    vec3 f0 = mix(vec3(0.04), base.rgb, METALNESS);
 
     vec3 toKey = uKeyPosition - vWorldPosition;
     vec3 Lk = normalize(toKey);
@@ -233,8 +299,11 @@ void main() {
     vec3 prefiltered = textureLod(uSpecularEnvironment, equirect(R), roughness * uSpecularMaxLod).rgb;
     vec2 ab = environmentBRDF(NoV, roughness);
     vec3 ambient = (diffuseColor / PI * irradianceAt(N) + prefiltered * (f0 * ab.x + ab.y)) * uEnvironmentIntensity;
+#ifdef TEXTURED
+    if ((uTextures & 8) != 0) ambient *= mix(1.0, texture(uOcclusionMap, uvOf(3)).r, uOcclusionStrength);
+#endif
 
-    color = key + fill + rim + ambient + uEmission;
+    color = key + fill + rim + ambient + EMISSION;
   }
   fragColor = vec4(color * alpha, alpha);
 }
@@ -278,5 +347,12 @@ void main() {
   fragColor = vec4(encodeSRGB(shoulder(straight)), a);
 }
 )GLSL";
+
+std::string variant(const char* source, const char* define) {
+  std::string text(source);
+  const auto line = text.find('\n');  // after "#version 330 core"
+  text.insert(line + 1, std::string("#define ") + define + "\n");
+  return text;
+}
 
 }  // namespace velmora::shaders

@@ -1,7 +1,9 @@
 #pragma once
 // GLSL 330 sources of the renderer's programs. Vertex attribute locations
 // are fixed for every program: 0 position, 1 normal, 2 texture coordinate,
-// 3 colour.
+// 3 colour, 4 tangent.
+
+#include <string>
 
 namespace velmora::shaders {
 
@@ -14,12 +16,18 @@ extern const char* const morphVertex;
 // Depth only (shadow map and the opacity depth pre-pass).
 extern const char* const depthVertex;
 extern const char* const depthFragment;
-// The lit (and unlit) surface pass; premultiplied linear output.
+// The lit (and unlit) surface pass; premultiplied linear output. Compiled
+// twice: as it stands for the built-in materials (factors only), and with
+// TEXTURED defined (variant()) for materials read from files (textures,
+// tangents, alpha modes); the first is the second with that code left out.
 extern const char* const surfaceVertex;
 extern const char* const surfaceFragment;
 // Full-screen pass: linear premultiplied to sRGB straight alpha, flipped so
 // that rows read back top first.
 extern const char* const outputVertex;
 extern const char* const outputFragment;
+
+// `source` with "#define NAME" after its #version line.
+std::string variant(const char* source, const char* define);
 
 }  // namespace velmora::shaders

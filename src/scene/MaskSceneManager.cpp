@@ -173,22 +173,28 @@ std::shared_ptr<const EnvironmentImage> MaskSceneManager::makeEnvironmentImage()
 
 void MaskSceneManager::switchModel(CharacterModelType model) {
   VELMORA_ASSERT_MAIN_THREAD();
-  if (currentModelType_ && *currentModelType_ == model && maskNode_) return;
+  if (currentModelType_ && *currentModelType_ == model && maskNode_ && shownFile_.empty()) return;
+  CharacterBuild build = model == CharacterModelType::cartoonGhost ? createGhostNode() : createTheatricalMaskNode();
+  install(std::move(build));
+  if (model == CharacterModelType::cartoonGhost && maskNode_) {
+    ghostRootNode_ = maskNode_;
+    ghostLeftEyeNode_ = maskNode_->find("LeftEye");
+    ghostRightEyeNode_ = maskNode_->find("RightEye");
+  }
+  currentModelType_ = model;
+}
+
+void MaskSceneManager::setFileCharacter(std::shared_ptr<const FileCharacter> character) {
+  VELMORA_ASSERT_MAIN_THREAD();
+  // The one on show stays until the next update decides (it may be this path again).
+  fileCharacter_ = std::move(character);
+}
+
+void MaskSceneManager::install(CharacterBuild build) {
   if (maskNode_) maskNode_->removeFromParent();
   ghostRootNode_.reset();
   ghostLeftEyeNode_.reset();
   ghostRightEyeNode_.reset();
-  CharacterBuild build;
-  if (model == CharacterModelType::cartoonGhost) {
-    build = createGhostNode();
-    ghostRootNode_ = build.node;
-    if (build.node) {
-      ghostLeftEyeNode_ = build.node->find("LeftEye");
-      ghostRightEyeNode_ = build.node->find("RightEye");
-    }
-  } else {
-    build = createTheatricalMaskNode();
-  }
   maskNode_ = build.node;
   morpher_ = build.morpher;
   targetNameToIndex_ = std::move(build.targetNameToIndex);
@@ -202,7 +208,7 @@ void MaskSceneManager::switchModel(CharacterModelType model) {
       slotTargets_[index(shape)] = it->second;
   }
   if (maskNode_) scene_->addChild(maskNode_);
-  currentModelType_ = model;
+  shownFile_.clear();
 }
 
 std::optional<int> MaskSceneManager::targetIndex(std::string_view name) const {
@@ -213,8 +219,18 @@ std::optional<int> MaskSceneManager::targetIndex(std::string_view name) const {
 
 void MaskSceneManager::updateTracking(const FaceTrackingState& state) {
   VELMORA_ASSERT_MAIN_THREAD();
-  // 1. Model.
-  if (!currentModelType_ || *currentModelType_ != state.characterModel()) switchModel(state.characterModel());
+  // 1. Model: the character file when the state names the one held, else
+  // the built-in model (also while a named file is still being read).
+  const bool fileWanted = fileCharacter_ && !state.characterFile().empty() && state.characterFile() == fileCharacter_->path;
+  if (fileWanted) {
+    if (shownFile_ != fileCharacter_->path) {
+      install(fileCharacter_->build);
+      shownFile_ = fileCharacter_->path;
+      currentModelType_ = state.characterModel();
+    }
+  } else if (!currentModelType_ || *currentModelType_ != state.characterModel() || !shownFile_.empty()) {
+    switchModel(state.characterModel());
+  }
   // 2.
   if (!maskNode_) return;
   // 3. Cue output at the media time.
@@ -222,7 +238,7 @@ void MaskSceneManager::updateTracking(const FaceTrackingState& state) {
   const AnimationOutput out = animation_.sample(t);
   // 4. Idle float, the ghost only.
   float bob = 0.0f, sway = 0.0f;
-  if (currentModelType_ == CharacterModelType::cartoonGhost) {
+  if (currentModelType_ == CharacterModelType::cartoonGhost && shownFile_.empty()) {
     bob = static_cast<float>(std::sin(1.8 * t) * 0.025);
     sway = static_cast<float>(std::sin(1.2 * t) * 0.015);
   }

@@ -28,6 +28,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "characters/FileCharacter.h"
 #include "scene/EnvironmentImage.h"
 #include "scene/FrameDescription.h"
 #include "scene/FrameRenderer.h"
@@ -87,6 +88,13 @@ class MaskSceneManager {
 
   // ---- per frame --------------------------------------------------------------
   void switchModel(CharacterModelType model);
+  // Main thread. A character read from a file; the per-frame update shows it
+  // instead of the built-in one while state.characterFile equals its path.
+  // Replaces the one held before (null: none).
+  void setFileCharacter(std::shared_ptr<const FileCharacter> character);
+  const std::shared_ptr<const FileCharacter>& fileCharacter() const { return fileCharacter_; }
+  // The path of the file character on show; "" while a built-in one is.
+  const std::string& shownCharacterFile() const { return shownFile_; }
   // The morph target of a blendshape name (any case), if the character has one.
   std::optional<int> targetIndex(std::string_view name) const;
   // The per-frame update, in twelve steps (model, cue sample, idle float,
@@ -180,6 +188,9 @@ class MaskSceneManager {
   const std::shared_ptr<const EnvironmentImage>& environment() const { return environment_; }
 
  private:
+  // Puts a built character on the stage in place of the one shown.
+  void install(CharacterBuild build);
+
   // A frame consumer, or a live view (see addView), and the frame size it takes.
   struct Consumer {
     std::shared_ptr<const FrameConsumer> take;  // shared so the handler takes it without a copy
@@ -215,6 +226,8 @@ class MaskSceneManager {
   std::shared_ptr<Node> ghostRootNode_;
   std::shared_ptr<Node> ghostLeftEyeNode_, ghostRightEyeNode_;
   std::optional<CharacterModelType> currentModelType_;
+  std::shared_ptr<const FileCharacter> fileCharacter_;
+  std::string shownFile_;
   std::shared_ptr<Node> cameraNode_;
   std::shared_ptr<Node> keyLightNode_, fillLightNode_, rimLightNode_;
   std::unordered_map<std::string, int> targetNameToIndex_;

@@ -17,7 +17,8 @@ namespace velmora {
 // 32-bit floats, each vector starting `dataStride` bytes after the previous
 // one (a stride of 16 keeps each float3 in a 16-byte slot).
 struct GeometrySource {
-  enum class Semantic { vertex, normal, texcoord, color };
+  // tangent: float4, xyz along +u, w the bitangent's sign (glTF's TANGENT).
+  enum class Semantic { vertex, normal, texcoord, color, tangent };
 
   Semantic semantic = Semantic::vertex;
   int componentsPerVector = 3;

@@ -23,7 +23,7 @@ BlendedMesh referenceBlend(const Geometry& base, const Morpher& morpher) {
   const std::size_t n = out.positions.size();
   for (std::size_t t = 0; t < morpher.targetCount(); ++t) {
     const float w = morpher.weight(t);
-    if (w == 0.0f) continue;
+    if (w == 0.0f || !(*morpher.targets)[t]) continue;  // a null target moves nothing
     const Geometry& target = *(*morpher.targets)[t];
     const auto* tp = target.source(GeometrySource::Semantic::vertex);
     const auto* tn = target.source(GeometrySource::Semantic::normal);

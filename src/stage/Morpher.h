@@ -36,7 +36,8 @@ struct BlendedMesh {
 
 // The CPU reference blend: base + sum w * (target - base) for positions and
 // normals (normals renormalised; a zero-length normal stays as blended).
-// Targets with weight 0 are skipped.
+// Targets with weight 0, and null targets (a part a blendshape does not
+// move), are skipped.
 BlendedMesh referenceBlend(const Geometry& base, const Morpher& morpher);
 
 }  // namespace velmora

@@ -43,6 +43,7 @@ void FaceTrackingState::loadPersisted() {
   oscAllowedSenders_ = settings_.stringList(TrackingSettings::oscAllowedSendersKey);
   phoneAddress_ = settings_.string(TrackingSettings::phoneAddressKey);
   if (auto app = settings_.string(TrackingSettings::phoneAppKey); !app.empty()) phoneApp_ = std::move(app);
+  characterFile_ = settings_.string(TrackingSettings::characterFileKey);
 }
 
 // ---------------------------------------------------------------------------
@@ -185,6 +186,7 @@ void FaceTrackingState::handleCharacterModelChange() {
   VELMORA_ASSERT_MAIN_THREAD();
   settings_.saveCharacterModel(characterModel_);
   observers_.notify(Property::characterModel);
+  if (!characterFile_.empty()) setCharacterFile({});
 }
 
 int FaceTrackingState::observe(std::function<void(Property)> observer) {
@@ -224,6 +226,9 @@ void FaceTrackingState::afterWrite(Property property) {
       break;
     case Property::relayTargets:
       settings_.saveStringList(TrackingSettings::relayTargetsKey, relayTargets_);
+      break;
+    case Property::characterFile:
+      settings_.saveString(TrackingSettings::characterFileKey, characterFile_);
       break;
     case Property::trackingBindAddress:
       settings_.saveString(TrackingSettings::trackingBindAddressKey, trackingBindAddress_);

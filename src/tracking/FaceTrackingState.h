@@ -121,7 +121,9 @@ class SettingsStore;
   X(senderApp, setSenderApp, std::string, {})                                                \
   X(phoneAddress, setPhoneAddress, std::string, {})                                          \
   X(phoneApp, setPhoneApp, std::string, "iFacialMocap")                                      \
-  X(phoneStatus, setPhoneStatus, std::string, "Phone: none set")
+  X(phoneStatus, setPhoneStatus, std::string, "Phone: none set")                             \
+  X(characterFile, setCharacterFile, std::string, {})                                        \
+  X(characterStatus, setCharacterStatus, std::string, {})
 
 class FaceTrackingState {
  public:
@@ -192,6 +194,8 @@ class FaceTrackingState {
 
   // Persists "characterModel" and notifies observers; called by
   // setCharacterModel, and by remote model commands even when unchanged.
+  // Choosing a built-in character puts away a character file (characterFile
+  // becomes "").
   void handleCharacterModelChange();
 
   // ---- tracking loss ---------------------------------------------------

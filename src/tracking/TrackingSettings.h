@@ -16,6 +16,8 @@
 // (IPv4 addresses and CIDR blocks; absent or [] admits everyone). The phone
 // asked for data: "phoneAddress" (a host name or IPv4 address; "" asks none)
 // and "phoneApp" ("iFacialMocap" or "VTube Studio").
+// "characterFile": the glTF character shown instead of the built-in one (a
+// path; absent or "": the built-in "characterModel").
 //
 // Threads: whichever thread owns the store's user (the main thread).
 
@@ -79,6 +81,7 @@ class TrackingSettings {
   static constexpr const char* relayTargetsKey = "relayTargets";
   static constexpr const char* phoneAddressKey = "phoneAddress";  // the phone asked for data, host or address
   static constexpr const char* phoneAppKey = "phoneApp";  // its app: "iFacialMocap" or "VTube Studio"
+  static constexpr const char* characterFileKey = "characterFile";
   static constexpr const char* trackingBindAddressKey = "trackingBindAddress";
   static constexpr const char* oscBindAddressKey = "oscBindAddress";
   static constexpr const char* trackingAllowedSendersKey = "trackingAllowedSenders";

@@ -2,6 +2,7 @@
 
 #include <imgui.h>
 
+#include "ui/CharacterChoices.h"
 #include "ui/DashboardContext.h"
 #include "stage/CharacterModelType.h"
 #include "stage/TrackingDetail.h"
@@ -54,15 +55,46 @@ void CalibrationPanel::draw() {
   checkbox("Tilt", state.reverseTilt(), state, &FaceTrackingState::setReverseTilt);
 
   ImGui::PushItemWidth(-140.0f);
-  const std::string current(displayName(state.characterModel()));
+  CharacterChoices* files = context_.characterFiles;
+  const bool fileShown = !state.characterFile().empty();
+  std::string current(displayName(state.characterModel()));
+  if (files && fileShown)
+    for (const auto& e : files->entries())
+      if (e.path == state.characterFile()) current = e.name;
   if (ImGui::BeginCombo("Character", current.c_str())) {
     for (const CharacterModelType model : allCases<CharacterModelType>()) {
       const std::string name(displayName(model));
-      if (ImGui::Selectable(name.c_str(), model == state.characterModel()) && model != state.characterModel()) {
-        state.setCharacterModel(model);
+      const bool chosen = model == state.characterModel() && !fileShown;
+      if (ImGui::Selectable(name.c_str(), chosen) && !chosen) {
+        if (model == state.characterModel())
+          state.handleCharacterModelChange();  // back from a file to the same built-in one
+        else
+          state.setCharacterModel(model);
+      }
+    }
+    if (files) {
+      // Name, blendshapes matched of 52, triangles, and the framing rule.
+      for (const auto& e : files->entries()) {
+        std::string row = e.name + "##" + e.path;
+        if (e.reading)
+          row = e.name + "  (reading...)##" + e.path;
+        else if (!e.error.empty())
+          row = e.name + "  (does not read)##" + e.path;
+        else if (e.known)
+          row = e.name + "  " + std::to_string(e.matchedTargets) + "/52, " + std::to_string(e.triangles) +
+                " triangles, " + std::string(CharacterFraming::label(e.framing)) + "##" + e.path;
+        if (ImGui::Selectable(row.c_str(), fileShown && e.path == state.characterFile())) files->open(e.path);
+        if (!e.error.empty() && ImGui::IsItemHovered()) ImGui::SetTooltip("%s", e.error.c_str());
       }
     }
     ImGui::EndCombo();
+  }
+  if (files) {
+    // "Open...": a path typed or pasted (there is no system file dialog).
+    ImGui::InputTextWithHint("##characterPath", "path to a .glb or .gltf file", characterPath_, sizeof characterPath_);
+    ImGui::SameLine();
+    if (ImGui::Button("Open...") && characterPath_[0] != '\0') files->open(characterPath_);
+    if (!state.characterStatus().empty()) ImGui::TextWrapped("%s", state.characterStatus().c_str());
   }
   const std::string detail(label(state.trackingDetail()));
   if (ImGui::BeginCombo("Tracker detail", detail.c_str())) {

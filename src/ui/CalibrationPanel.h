@@ -15,6 +15,7 @@ class CalibrationPanel {
 
  private:
   DashboardContext& context_;
+  char characterPath_[1024] = "";  // the "Open..." field
 };
 
 }  // namespace velmora

@@ -14,6 +14,7 @@ namespace velmora {
 
 class FaceTrackingState;
 class CharacterAnimationController;
+class CharacterChoices;
 class ShowSafetyControls;
 
 struct DashboardContext {
@@ -48,6 +49,9 @@ struct DashboardContext {
   // The recording, relay status, refused counts and the checks on typed
   // lists and addresses; none when the application has no such service.
   ShowSafetyControls* safety = nullptr;
+
+  // The character files beside the built-in two (none: no such list).
+  CharacterChoices* characterFiles = nullptr;
 
   // Window visibility the menus and shortcuts switch.
   bool showOSCCommands = false;

@@ -54,6 +54,7 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
   context_->setClipboard = [handle](const std::string& text) { glfwSetClipboardString(handle, text.c_str()); };
   context_->safety = services_.safety;
 
+  context_->characterFiles = services_.characterFiles;
   dashboard_ = std::make_unique<Dashboard>(*context_, *frames_, *tracker_, true);
   // Shortcuts run after the window system's event handling, never inside
   // it: toggling the projector from its own key press destroys the window

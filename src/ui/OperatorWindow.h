@@ -15,6 +15,8 @@
 
 namespace velmora {
 
+class CharacterChoices;
+
 class FaceTrackingState;
 class CharacterAnimationController;
 class MaskSceneManager;
@@ -39,6 +41,7 @@ class OperatorWindow {
     TrackingReceiver& receiver;
     // Optional: the show-safety panel's recording, relay status and counts.
     ShowSafetyControls* safety = nullptr;
+    CharacterChoices* characterFiles = nullptr;  // the Character list's files and "Open..."
   };
 
   static CreateResult<OperatorWindow> create(const Services& services);

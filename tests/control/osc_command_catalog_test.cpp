@@ -73,14 +73,14 @@ class CatalogTest : public ::testing::Test {
 
 TEST_F(CatalogTest, TableOrderGroupsAndSpotChecksOfExactTexts) {
   const auto& all = OSCCommandCatalog::all();
-  ASSERT_EQ(all.size(), 45u);
+  ASSERT_EQ(all.size(), 46u);
   EXPECT_EQ(OSCCommandCatalog::groups(),
             (std::vector<std::string>{"Calibration & Tracking", "Output", "Lighting",
                                       "Ghost Animations (Cartoon Ghost)", "Mask Gestures (Theatrical Mask)",
-                                      "Replies & Following"}));
-  const std::size_t sizes[] = {8, 4, 11, 9, 8, 5};
+                                      "Character Files", "Replies & Following"}));
+  const std::size_t sizes[] = {8, 4, 11, 9, 8, 1, 5};
   std::size_t next = 0;
-  for (std::size_t g = 0; g < 6; ++g) {
+  for (std::size_t g = 0; g < 7; ++g) {
     const auto members = OSCCommandCatalog::commands(OSCCommandCatalog::groups()[g]);
     ASSERT_EQ(members.size(), sizes[g]);
     for (const OSCCommand* c : members) {
@@ -96,7 +96,7 @@ TEST_F(CatalogTest, TableOrderGroupsAndSpotChecksOfExactTexts) {
     EXPECT_TRUE(c.action) << c.address;
     addresses.insert(c.address);
   }
-  EXPECT_EQ(addresses.size(), 45u);
+  EXPECT_EQ(addresses.size(), 46u);
 
   const std::string dash = "\xE2\x80\x93";  // en dash
   const std::vector<std::tuple<std::size_t, const char*, std::string>> spots = {
@@ -277,6 +277,24 @@ TEST_F(CatalogTest, ModelCommandsRunTheModelChangeHandlingEvenWhenUnchanged) {
   dispatch("/velmora/model");  // no argument: nothing
   EXPECT_EQ(notifications, 4);  // the mask command only, not the empty model command
   state().unobserve(token);
+}
+
+TEST_F(CatalogTest, CharacterFileCommandHandsItsTextOnAndABuiltInChoicePutsTheFileAway) {
+  std::vector<std::string> opened;
+  CommandContext context{state(), controller(), [] { return uptime(); }};
+  context.openCharacterFile = [&](const std::string& file) { opened.push_back(file); };
+  OSCCommandCatalog::dispatch(msg("/velmora/character/file", {std::string("Head")}), context);
+  OSCCommandCatalog::dispatch(msg("/VELMORA/CHARACTER/FILE", {std::string("/x/y.glb")}), context);
+  OSCCommandCatalog::dispatch(msg("/velmora/character/file", {1.0f}), context);  // not a name: nothing
+  EXPECT_EQ(opened, (std::vector<std::string>{"Head", "/x/y.glb"}));
+
+  // The state names a file only once it has read (the application's doing);
+  // then a mask command, even for the model already chosen, puts it away.
+  state().setCharacterFile("/x/y.glb");
+  dispatch("/velmora/mask");
+  EXPECT_EQ(state().characterFile(), "");
+  SettingsStore::shared().reload();
+  EXPECT_EQ(SettingsStore::shared().string("characterFile"), "");
 }
 
 TEST_F(CatalogTest, TogglesInvertWithoutABooleanAndSetOtherwise) {

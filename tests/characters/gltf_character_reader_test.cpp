@@ -1,0 +1,132 @@
+// The glTF character reader on small hand-written documents: what it makes
+// of a good one (names matched by spelling or by VRM's table, the rest
+// listed; the framing rule), and the one line each hostile file gives.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "characters/GltfCharacterReader.h"
+
+namespace velmora {
+namespace {
+
+std::string base64(const std::vector<std::uint8_t>& bytes) {
+  static const char* const digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    const std::uint32_t n = (bytes[i] << 16) | ((i + 1 < bytes.size() ? bytes[i + 1] : 0) << 8) |
+                            (i + 2 < bytes.size() ? bytes[i + 2] : 0);
+    out += digits[(n >> 18) & 63];
+    out += digits[(n >> 12) & 63];
+    out += i + 1 < bytes.size() ? digits[(n >> 6) & 63] : '=';
+    out += i + 2 < bytes.size() ? digits[n & 63] : '=';
+  }
+  return out;
+}
+
+// The buffer: bytes 0..47 four positions of a 2 x 2 quad (float VEC3),
+// 48..95 target 0's deltas (vertices 0 and 3, the left edge, move down 0.5), 96..143
+// target 1's (vertex 3 moves in x), 144..149 six ubyte indices.
+std::string buffer() {
+  std::vector<float> f = {-1, -1, 0, 1, -1, 0, 1, 1, 0, -1, 1, 0,  // positions
+                          0, -0.5f, 0, 0, 0, 0, 0, 0, 0, 0, -0.5f, 0,  // target 0
+                          0, 0, 0, 0, 0, 0, 0, 0, 0, 0.2f, 0, 0};  // target 1
+  std::vector<std::uint8_t> bytes(f.size() * 4);
+  std::memcpy(bytes.data(), f.data(), bytes.size());
+  for (std::uint8_t i : {0, 1, 2, 0, 2, 3}) bytes.push_back(i);
+  return "data:application/octet-stream;base64," + base64(bytes);
+}
+
+// A quad with two morph targets; the cases change the node, the number of
+// positions and of indices, and add to the document's end.
+std::string document(const std::string& node = R"("mesh": 0, "name": "Face")", const std::string& count = "4",
+                     const std::string& indexCount = "6", const std::string& extra = "") {
+  return R"({"asset": {"version": "2.0"}, "scene": 0, "scenes": [{"nodes": [0]}],
+    "nodes": [{)" + node + R"(}],
+    "meshes": [{"primitives": [{"attributes": {"POSITION": 0}, "indices": 3,
+                "targets": [{"POSITION": 1}, {"POSITION": 2}]}],
+                "extras": {"targetNames": ["JawOpen", "Wobble"]}}],
+    "buffers": [{"byteLength": 150, "uri": ")" + buffer() + R"("}],
+    "bufferViews": [{"buffer": 0, "byteOffset": 0, "byteLength": 144}, {"buffer": 0, "byteOffset": 144, "byteLength": 6}],
+    "accessors": [
+      {"bufferView": 0, "byteOffset": 0, "componentType": 5126, "count": )" + count + R"(, "type": "VEC3",
+       "min": [-1, -1, 0], "max": [1, 1, 0]},
+      {"bufferView": 0, "byteOffset": 48, "componentType": 5126, "count": 4, "type": "VEC3"},
+      {"bufferView": 0, "byteOffset": 96, "componentType": 5126, "count": 4, "type": "VEC3"},
+      {"bufferView": 1, "componentType": 5121, "count": )" + indexCount + R"(, "type": "SCALAR"}]
+    )" + extra + "}";
+}
+
+CreateResult<FileCharacter> readText(const std::string& text) {
+  return GltfCharacterReader::readMemory(reinterpret_cast<const std::uint8_t*>(text.data()), text.size(), "",
+                                         "quad.gltf");
+}
+
+TEST(GltfCharacterReader, NamesTargetsBySpellingOrByVrmAndFramesByTheBestRuleItHas) {
+  auto quad = readText(document());
+  ASSERT_TRUE(quad) << quad.reason;
+  EXPECT_EQ(quad.value->matchedBlendshapes, std::vector<std::string>{"jawOpen"});  // "JawOpen"
+  EXPECT_EQ(quad.value->unmatchedTargets, std::vector<std::string>{"Wobble"});
+  EXPECT_EQ(quad.value->triangles, 2u);
+  EXPECT_EQ(quad.value->build.targetNameToIndex.at("jawopen"), 0);
+  // No head node: framed by the vertices the jaw target moves.
+  EXPECT_EQ(quad.value->framing, CharacterFraming::Rule::faceTargets);
+
+  auto head = readText(document(R"("mesh": 0, "name": "J_Bip_C_Head")"));
+  ASSERT_TRUE(head) << head.reason;
+  EXPECT_EQ(head.value->framing, CharacterFraming::Rule::headNode);
+  // Framed to the mask's height, centred where the mask's box is.
+  const auto* positions = head.value->build.node->children()[0]->geometry->source(GeometrySource::Semantic::vertex);
+  float lo = 1e9f, hi = -1e9f;
+  for (int i = 0; i < positions->vectorCount; ++i) {
+    lo = std::min(lo, positions->vec3(i).y);
+    hi = std::max(hi, positions->vec3(i).y);
+  }
+  EXPECT_NEAR(lo, CharacterFraming::maskLow.y, 1e-5f);
+  EXPECT_NEAR(hi, CharacterFraming::maskHigh.y, 1e-5f);
+
+  // A VRM 1.0 expression table binds the second target as jawOpen; its names
+  // win over targetNames.
+  auto vrm = readText(document(R"("mesh": 0)", "4", "6", R"(, "extensionsUsed": ["VRMC_vrm"],
+      "extensions": {"VRMC_vrm": {"expressions": {"custom": {"JawOpen": {"morphTargetBinds": [{"node": 0, "index": 1, "weight": 0.5}]},
+                                                            "happy": {"morphTargetBinds": [{"node": 0, "index": 0, "weight": 1.0}]}}}}})"));
+  ASSERT_TRUE(vrm) << vrm.reason;
+  EXPECT_EQ(vrm.value->matchedBlendshapes, std::vector<std::string>{"jawOpen"});
+  EXPECT_EQ(vrm.value->unmatchedTargets, std::vector<std::string>{"happy"});
+}
+
+TEST(GltfCharacterReader, HostileFilesGiveTheirOneLine) {
+  const std::string good = document();
+  struct Case {
+    const char* what;
+    std::string text;
+    const char* says;
+  };
+  const Case cases[] = {
+      {"empty", "", "quad.gltf: empty file"},
+      {"truncated", good.substr(0, good.size() / 2), "broken glTF"},
+      {"not JSON at all", "PK\x03\x04 a zip", "broken glTF"},
+      {"more positions than the view holds", document(R"("mesh": 0)", "40"), "do not fit in buffer view 0"},
+      {"streams that contradict each other", document(R"("mesh": 0)", "3"), "has 4 elements but POSITION has 3"},
+      {"no mesh", document(R"("name": "Empty")"), "no mesh with triangles"},
+      {"too many triangles", document(R"("mesh": 0)", "4", "7000000"), "too large"},
+      {"a picture that does not decode",
+       document(R"("mesh": 0)", "4", "6",
+                R"(, "images": [{"uri": "data:image/png;base64,iVBORw0KGgoAAAAA"}], "textures": [{"source": 0}])"),
+       "image 0"},
+  };
+  for (const auto& c : cases) {
+    auto result = readText(c.text);
+    EXPECT_FALSE(result) << c.what;
+    EXPECT_NE(result.reason.find(c.says), std::string::npos) << c.what << ": " << result.reason;
+    EXPECT_EQ(result.reason.find('\n'), std::string::npos) << c.what;
+    EXPECT_EQ(result.reason.rfind("GltfCharacterReader: quad.gltf: ", 0), 0u) << result.reason;
+  }
+  auto missing = GltfCharacterReader::read("/nonexistent/velmora/head.glb");
+  EXPECT_EQ(missing.reason, "GltfCharacterReader: /nonexistent/velmora/head.glb: no such file");
+}
+
+}  // namespace
+}  // namespace velmora
