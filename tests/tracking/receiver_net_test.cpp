@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "base/MainQueue.h"
+#include "osc/OSCWriter.h"
 #include "support/LogCapture.h"
+#include "support/StateFixture.h"
 #include "support/UdpSocket.h"
 #include "tracking/MainThreadTrackingSink.h"
 #include "tracking/RecordingSink.h"
@@ -270,6 +272,31 @@ TEST(TrackingReceiverNetTest, OscsendVmcBlendshape) {
   ASSERT_TRUE(waitFor([&] { return sink->total() == 2; }));
   ASSERT_EQ(sink->frames().size(), 2u);
   EXPECT_EQ(sink->frames()[1].rotationSet, (std::array<bool, 3>{false, true, false}));
+}
+
+TEST(TrackingReceiverNetTest, VmcStreamOfExactZerosRelaxesTheJaw) {
+  // The whole road into the state: socket, decoder, main-thread sink, filters.
+  test::StateFixture fixture;
+  FaceTrackingState& state = fixture.state;
+  auto sink = std::make_shared<MainThreadTrackingSink>(8, MainQueue::shared(), &state);
+  TrackingReceiver receiver(sink);
+  const std::uint16_t port = freeUdpPort();
+  ASSERT_TRUE(listen(receiver, port));
+  UdpSocket sender;
+  // A VMC sender's frames at 60 Hz: "/VMC/Ext/Blend/Val ,sf jawOpen <value>".
+  auto stream = [&](float value, int frames) {
+    for (int i = 0; i < frames; ++i) {
+      sender.sendTo(port, OSCWriter::message("/VMC/Ext/Blend/Val").s("jawOpen").f(value).bytes());
+      std::this_thread::sleep_for(std::chrono::milliseconds(16));
+      MainQueue::shared().drain();
+    }
+    MainQueue::shared().runUntil([&] { return sink->waitingSenders() == 0; }, 2.0);
+  };
+  stream(0.8f, 30);
+  ASSERT_GT(state.blendshapes().at("jawOpen"), 0.5f);
+  stream(0.0f, 240);
+  EXPECT_LT(state.blendshapes().at("jawOpen"), 1e-3f);  // at rest, not held at the last non-zero value
+  receiver.stopListening();
 }
 
 }  // namespace
