@@ -10,7 +10,10 @@
 
 #include <cmath>
 #include <set>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "base/MainQueue.h"
 
@@ -63,55 +66,86 @@ TEST(CharacterAnimationController, IdleIsNeutralAndTriggerPublishesTheCue) {
 // [SECTION] Curves of the cues
 // ---------------------------------------------------------------------------
 
-TEST(CharacterAnimationController, GhostFlyInSwoopAndSettle) {
-  // Start of the swoop: far up and behind, small and invisible, cue owns everything.
-  AnimationOutput o = sampleAt(K::ghostFlyIn, 0.0);
-  expectVec(o.positionOffset, 0, 3.2f, -7.0f);
-  expectVec(o.rotationOffset, -0.35f, 0, 0);
-  expectVec(o.scaleMultiplier, 0.3f, 0.3f, 0.3f);
-  EXPECT_NEAR(o.opacityMultiplier, 0, kTol);
-  EXPECT_EQ(o.blendWeight, 1.0f);
-
-  // Half-way through the swoop: S = 0.5.
-  o = sampleAt(K::ghostFlyIn, 0.325);
-  expectVec(o.positionOffset, 0.15f * std::sin(1.3f) * 0.5f, 1.6f - 0.1f, 0.15f - 3.5f);
-  expectVec(o.rotationOffset, -0.175f, 0.12f * std::sin(0.975f) * 0.5f, 0.18f);
-  const float c65 = 0.65f * 0.65f * (3 - 1.3f);
-  EXPECT_NEAR(o.scaleMultiplier.y, 0.3f + 0.7f * c65, kTol);
-  EXPECT_EQ(o.opacityMultiplier, 1.0f);  // C(p / 0.3) clamps above 1
-
-  // Settle begins: no bounce yet, full weight, full size.
-  o = sampleAt(K::ghostFlyIn, 0.65);
-  expectVec(o.positionOffset, 0, 0, 0);
-  expectVec(o.scaleMultiplier, 1, 1, 1);
-  EXPECT_NEAR(o.blendWeight, 1.0f, kTol);
-
-  // Middle of the settle: weight 0.5, damped bounce B = sin(18q) exp(-8q).
-  o = sampleAt(K::ghostFlyIn, 0.825);
-  const float q = 0.175f, b = std::sin(18 * q) * std::exp(-8 * q);
-  EXPECT_NEAR(o.blendWeight, 0.5f, kTol);
-  expectVec(o.positionOffset, 0, 0.05f * b * 0.5f, 0.04f * b * 0.5f);
-  expectVec(o.rotationOffset, 0.05f * b * 0.5f, 0, 0);
-  EXPECT_NEAR(bs(o, "jawOpen"), 0.15f, kTol);
-  EXPECT_EQ(o.blendshapes.size(), 5u);
+// Keyframes of every cue at its phase anchors (a 2 s cue started at 10 s, so
+// the absolute-time jitter is at t = 10 + 2p). NaN: not checked.
+TEST(CharacterAnimationController, KeyframesOfEveryCue) {
+  constexpr float N = NAN;
+  const float3 X(N);
+  struct Key {
+    K kind;
+    double p;
+    float3 pos, rot, scale;
+    float opacity, weight;
+    std::vector<std::pair<const char*, float>> shapes;
+    int shapeCount;  // -1: not checked
+  };
+  const float e4 = 0.70710678f;  // sin(pi / 4)
+  const Key keys[] = {
+      {K::ghostFlyIn, 0.0, {0, 3.2f, -7}, {-0.35f, 0, 0}, float3(0.3f), 0, 1, {}, -1},  // far up, behind, invisible
+      {K::ghostFlyIn, 0.325, {0.0722669f, 1.5f, -3.35f}, {-0.175f, 0.0496621f, 0.18f}, {N, 0.802775f, N}, 1, N, {}, -1},
+      {K::ghostFlyIn, 0.65, float3(0), X, float3(1), N, 1, {}, -1},  // settle begins
+      {K::ghostFlyIn, 0.825, {0, -5.18300e-5f, -4.14640e-5f}, {-5.18300e-5f, 0, 0}, X, N, 0.5f, {{"jawOpen", 0.15f}}, 5},
+      {K::ghostFlyOut, 0.1, {0, -0.1f, 0}, {0.06f, 0, 0}, X, N, 0.25f, {}, 2},  // crouch
+      {K::ghostFlyOut, 0.6, {0.168294f, 1.9f, -4}, {-0.125f, 0.15f, 0.175f}, float3(0.625f), 0.743286f, 1, {}, 4},
+      {K::ghostSpook, 0.09, {0, -0.02f, 0.16f}, {-0.05f, 0, 0}, float3(1.01f), N, 0.5f, {{"jawOpen", 0.95f}}, -1},
+      {K::ghostSpook, 0.3, {-0.00598407f, -0.0459852f, 0.32f}, X, float3(1.02f), N, 1, {}, -1},  // hold: jitter
+      {K::ghostSpook, 0.71, {0, -0.02f, 0.16f}, X, X, N, 0.5f, {}, -1},
+      {K::ghostSpin, 0.5, {0, 0.14f, 0}, {N, kPi, N}, X, N, 1, {}, -1},
+      {K::ghostSpin, 1.0, X, {N, 2 * kPi, N}, X, N, N, {}, -1},  // one full turn
+      {K::ghostPeek, 0.2, {-0.275f, N, N}, X, X, N, N, {}, -1},
+      {K::ghostPeek, 0.5, {-0.55f, -0.04f, 0.05f}, {0, 0.15f, 0.24f}, X, N, N, {{"eyeLookInLeft", 0.8f}}, -1},
+      {K::ghostLaugh, 0.5, float3(0), {0, 0, 0.08f}, X, N, N, {{"mouthSmileLeft", 1}, {"cheekSquintRight", 0.6f}}, -1},
+      {K::maskLaugh, 0.25, {0, -0.05f * e4, 0}, {-0.22f * e4, 0, 0}, X, N, N, {{"jawOpen", 0.6f * e4}}, -1},
+      {K::maskGlare, 0.5, {0, 0, 0.16f}, {0.18f, 0, 0}, X, N, N, {{"browInnerUp", 0}, {"mouthPressLeft", 0.8f}}, -1},
+      {K::ghostWobble, 0.5, {0.0574380f, 0.0823771f, 0}, {0.0574380f, 0.0823771f, -0.123198f}, X, N, N,
+       {{"mouthFunnel", 0.25f}}, -1},
+      {K::ghostShiver, 0.5, {-0.00307278f, 0.00197843f, -0.15f}, X, float3(0.92f), N, N, {{"browInnerUp", 0.85f}}, -1},
+      {K::maskSob, 0.2, {0, -0.05f, 0}, {0.175f, 0, 0}, X, N, N, {{"mouthPucker", 0.15f}}, -1},  // rise
+      {K::maskSob, 0.5, {0, -0.101059f, 0}, {0.35f, 0, 0}, X, N, N, {{"mouthFrownLeft", 0.85f}}, -1},  // hold
+      {K::maskSob, 0.825, X, X, X, N, 0.5f, {}, -1},
+      {K::maskBow, 0.225, {0, -0.07f, 0}, {0.25f, 0, 0}, X, N, N, {{"eyeBlinkLeft", 0.475f}}, -1},
+      {K::maskBow, 0.45, X, X, X, N, 1, {}, -1},
+      {K::maskBow, 0.5, X, {0.5f, 0, 0}, X, N, 1, {}, -1},
+      {K::maskBow, 0.8, X, X, X, N, 0.5f, {}, -1},
+      {K::maskGasp, 0.11, {0, 0.06f, -0.14f}, {0.11f, 0, 0}, X, N, N, {{"jawOpen", 0.75f}}, -1},
+      {K::maskGasp, 0.22, X, X, X, N, 1, {}, -1},
+      {K::maskGasp, 0.61, X, X, X, N, 0.5f, {}, -1},
+      // Nod and shake turn the head with zero weight: 0.22 / 0.25 sin(4 pi p) sin(pi p).
+      {K::maskNod, 0.0, float3(0), float3(0), X, N, 0, {}, 0},
+      {K::maskNod, 0.125, float3(0), {0.0841904f, 0, 0}, X, N, 0, {}, 0},
+      {K::maskNod, 0.3, float3(0), {-0.104616f, 0, 0}, X, N, 0, {}, 0},
+      {K::maskNod, 0.875, float3(0), {-0.0841904f, 0, 0}, X, N, 0, {}, 0},
+      {K::maskShake, 0.125, X, {0, 0.0956709f, 0}, X, N, 0, {}, 0},
+      {K::maskShake, 0.3, X, {0, -0.118882f, 0}, X, N, 0, {}, 0},
+      {K::maskShake, 1.0, X, float3(0), X, N, 0, {}, 0},
+  };
+  auto expectNear = [](const char* what, const float3& actual, const float3& expected) {
+    for (int i = 0; i < 3; ++i)
+      if (!std::isnan(expected[i])) {
+        EXPECT_NEAR(actual[i], expected[i], kTol) << what << "[" << i << "]";
+      }
+  };
+  for (const Key& k : keys) {
+    SCOPED_TRACE(std::string(AnimationCue::name(k.kind)) + " at p = " + std::to_string(k.p));
+    const AnimationOutput o = sampleAt(k.kind, k.p);
+    expectNear("position", o.positionOffset, k.pos);
+    expectNear("rotation", o.rotationOffset, k.rot);
+    expectNear("scale", o.scaleMultiplier, k.scale);
+    if (!std::isnan(k.opacity)) {
+      EXPECT_NEAR(o.opacityMultiplier, k.opacity, kTol);
+    }
+    if (!std::isnan(k.weight)) {
+      EXPECT_NEAR(o.blendWeight, k.weight, kTol);
+    }
+    for (const auto& [name, value] : k.shapes) EXPECT_NEAR(bs(o, name), value, kTol) << name;  // not scaled by the weight
+    if (k.shapeCount >= 0) {
+      EXPECT_EQ(o.blendshapes.size(), static_cast<std::size_t>(k.shapeCount));
+    }
+  }
 }
 
-TEST(CharacterAnimationController, GhostFlyOutCrouchSwoopAndStaysOffstage) {
-  AnimationOutput o = sampleAt(K::ghostFlyOut, 0.1);  // a = C(0.5) = 0.5
-  expectVec(o.positionOffset, 0, -0.1f, 0);
-  expectVec(o.rotationOffset, 0.06f, 0, 0);
-  EXPECT_NEAR(o.blendWeight, 0.25f, kTol);
-  EXPECT_EQ(o.blendshapes.size(), 2u);
-
-  o = sampleAt(K::ghostFlyOut, 0.6);  // S = S(0.5) = 0.5
-  expectVec(o.positionOffset, 0.2f * std::sin(1.0f), 1.9f, -4.0f);
-  expectVec(o.rotationOffset, -0.125f, 0.15f, 0.175f);
-  expectVec(o.scaleMultiplier, 0.625f, 0.625f, 0.625f);
-  const float u = 0.2f / 0.55f;
-  EXPECT_NEAR(o.opacityMultiplier, 1 - u * u * u * (u * (6 * u - 15) + 10), kTol);
-  EXPECT_EQ(o.blendWeight, 1.0f);
-  EXPECT_EQ(o.blendshapes.size(), 4u);
-
+TEST(CharacterAnimationController, GhostFlyOutStaysOffstageUntilATriggerOrReset) {
+  AnimationOutput o;
   CharacterAnimationController c;
   c.trigger(AnimationCue::make(K::ghostFlyOut, 2.2), 0);
   o = c.sample(2.2);  // last frame of the cue
@@ -136,156 +170,46 @@ TEST(CharacterAnimationController, GhostFlyOutCrouchSwoopAndStaysOffstage) {
   EXPECT_EQ(c.sample(303), AnimationOutput::neutral());
 }
 
-TEST(CharacterAnimationController, GhostSpookPhases) {
-  AnimationOutput o = sampleAt(K::ghostSpook, 0.09);  // rise, w = 0.5
-  expectVec(o.positionOffset, 0, -0.02f, 0.16f);
-  expectVec(o.rotationOffset, -0.05f, 0, 0);
-  expectVec(o.scaleMultiplier, 1.01f, 1.01f, 1.01f);
-  EXPECT_NEAR(o.blendWeight, 0.5f, kTol);
-  EXPECT_NEAR(bs(o, "jawOpen"), 0.95f, kTol);  // not scaled by w
-
-  // Hold: jitter on absolute time t (as a 32-bit float).
-  const double start = 3.0, time = start + 0.3 * 2.0;
-  CharacterAnimationController c;
-  c.trigger(AnimationCue::make(K::ghostSpook, 2.0), start);
-  o = c.sample(time);
-  const float t = static_cast<float>(time);
-  expectVec(o.positionOffset, 0.012f * std::sin(45 * t), 0.01f * std::cos(50 * t) - 0.04f, 0.32f);
-  expectVec(o.scaleMultiplier, 1.02f, 1.02f, 1.02f);
-  EXPECT_EQ(o.blendWeight, 1.0f);
-
-  o = sampleAt(K::ghostSpook, 0.71);  // release, w = 0.5
-  expectVec(o.positionOffset, 0, -0.02f, 0.16f);
-  EXPECT_NEAR(o.blendWeight, 0.5f, kTol);
-
-  // The forward offset never exceeds 0.32 m, so the body stays in frame.
-  CharacterAnimationController d;
-  d.trigger(AnimationCue::make(K::ghostSpook, 1.8), 0);
-  float maxZ = 0;
-  for (int i = 0; i <= 180; ++i) maxZ = std::max(maxZ, d.sample(i * 0.01).positionOffset.z);
-  EXPECT_LE(maxZ, 0.3200001f);
-  EXPECT_GT(maxZ, 0.3f);
-}
-
-TEST(CharacterAnimationController, SineEnvelopeCuesAtMidPoint) {
-  // p = 0.5: e = sin(pi/2) = 1.
-  AnimationOutput o = sampleAt(K::ghostSpin, 0.5);
-  EXPECT_NEAR(o.rotationOffset.y, kPi, 1e-5f);
-  expectVec(o.positionOffset, 0, 0.14f, 0);
-  EXPECT_NEAR(o.blendWeight, 1, kTol);
-  EXPECT_NEAR(sampleAt(K::ghostSpin, 1.0).rotationOffset.y, 2 * kPi, 1e-5f);  // one full turn
-
-  o = sampleAt(K::ghostPeek, 0.5);  // glide g = 1 - 0 = 1
-  expectVec(o.positionOffset, -0.55f, -0.04f, 0.05f);
-  expectVec(o.rotationOffset, 0, 0.15f, 0.24f);
-  EXPECT_NEAR(bs(o, "eyeLookInLeft"), 0.8f, kTol);
-  EXPECT_NEAR(sampleAt(K::ghostPeek, 0.2).positionOffset.x, -0.55f * 0.5f, kTol);  // S(0.5)
-
-  o = sampleAt(K::ghostLaugh, 0.5);
-  expectVec(o.positionOffset, 0, 0.06f * std::sin(3 * kPi), 0, 1e-5f);
-  expectVec(o.rotationOffset, 0, 0, 0.08f);
-  EXPECT_NEAR(bs(o, "mouthSmileLeft"), 1, kTol);
-  EXPECT_NEAR(bs(o, "cheekSquintRight"), 0.6f, kTol);
-
-  o = sampleAt(K::maskLaugh, 0.25);  // e = sin(pi/4), sin(6 pi p) = sin(1.5 pi) = -1
-  const float e = std::sin(kPi / 4);
-  expectVec(o.positionOffset, 0, -0.05f * e, 0);
-  expectVec(o.rotationOffset, -0.22f * e, 0, 0);
-  EXPECT_NEAR(bs(o, "jawOpen"), 0.6f * e, kTol);
-
-  o = sampleAt(K::maskGlare, 0.5);
-  expectVec(o.positionOffset, 0, 0, 0.16f);
-  expectVec(o.rotationOffset, 0.18f, 0, 0);
-  ASSERT_TRUE(o.blendshapes.count("browInnerUp"));
-  EXPECT_EQ(bs(o, "browInnerUp"), 0.0f);
-  EXPECT_NEAR(bs(o, "mouthPressLeft"), 0.8f, kTol);
-}
-
-TEST(CharacterAnimationController, AbsoluteTimeCues) {
-  const double start = 7.0, time = 8.0;  // p = 0.5 of a 2 s cue
-  const float t = static_cast<float>(time);
-  CharacterAnimationController c;
-  c.trigger(AnimationCue::make(K::ghostWobble, 2.0), start);
-  AnimationOutput o = c.sample(time);
-  expectVec(o.positionOffset, 0.08f * std::sin(3.5f * t), 0.12f * std::sin(6.5f * t), 0);
-  expectVec(o.rotationOffset, 0.08f * std::sin(3.5f * t), 0.12f * std::sin(6.5f * t), 0.15f * std::cos(4.8f * t));
-  EXPECT_NEAR(bs(o, "mouthFunnel"), 0.25f, kTol);
-
-  c.trigger(AnimationCue::make(K::ghostShiver, 2.0), start);
-  o = c.sample(time);
-  expectVec(o.positionOffset, 0.014f * std::sin(50 * t), 0.01f * std::cos(45 * t), -0.15f);
-  expectVec(o.scaleMultiplier, 0.92f, 0.92f, 0.92f);
-  EXPECT_NEAR(bs(o, "browInnerUp"), 0.85f, kTol);
-
-  c.trigger(AnimationCue::make(K::maskSob, 2.0), start);  // p = 0.5 is the hold
-  o = c.sample(time);
-  expectVec(o.positionOffset, 0, 0.008f * std::sin(30 * t) - 0.1f, 0);
-  expectVec(o.rotationOffset, 0.35f, 0, 0);
-  EXPECT_NEAR(bs(o, "mouthFrownLeft"), 0.85f, kTol);
-}
-
-TEST(CharacterAnimationController, MaskBowGaspAndSobEnvelopes) {
-  AnimationOutput o = sampleAt(K::maskBow, 0.225);  // rise, w = 0.5
-  expectVec(o.rotationOffset, 0.25f, 0, 0);
-  expectVec(o.positionOffset, 0, -0.07f, 0);
-  EXPECT_NEAR(bs(o, "eyeBlinkLeft"), 0.475f, kTol);
-  o = sampleAt(K::maskBow, 0.5);  // hold
-  expectVec(o.rotationOffset, 0.5f, 0, 0);
-  EXPECT_EQ(o.blendWeight, 1.0f);
-  EXPECT_NEAR(sampleAt(K::maskBow, 0.8).blendWeight, 0.5f, kTol);  // release
-  EXPECT_NEAR(sampleAt(K::maskBow, 0.45).blendWeight, 1.0f, kTol);  // boundary
-
-  o = sampleAt(K::maskGasp, 0.11);  // rise, w = 0.5
-  expectVec(o.positionOffset, 0, 0.06f, -0.14f);
-  expectVec(o.rotationOffset, 0.11f, 0, 0);
-  EXPECT_NEAR(bs(o, "jawOpen"), 0.75f, kTol);  // not scaled by w
-  EXPECT_NEAR(sampleAt(K::maskGasp, 0.22).blendWeight, 1.0f, kTol);
-  EXPECT_NEAR(sampleAt(K::maskGasp, 0.61).blendWeight, 0.5f, kTol);
-
-  o = sampleAt(K::maskSob, 0.2);  // rise, w = 0.5
-  expectVec(o.positionOffset, 0, -0.05f, 0);
-  expectVec(o.rotationOffset, 0.175f, 0, 0);
-  EXPECT_NEAR(bs(o, "mouthPucker"), 0.15f, kTol);
-  EXPECT_NEAR(sampleAt(K::maskSob, 0.825).blendWeight, 0.5f, kTol);
-}
-
-TEST(CharacterAnimationController, NodAndShakeTurnTheHeadWithZeroWeight) {
-  for (double p : {0.0, 0.125, 0.3, 0.5, 0.875, 1.0}) {
-    const AnimationOutput nod = sampleAt(K::maskNod, p);
-    const AnimationOutput shake = sampleAt(K::maskShake, p);
-    EXPECT_EQ(nod.blendWeight, 0.0f);
-    EXPECT_EQ(shake.blendWeight, 0.0f);
-    EXPECT_TRUE(nod.blendshapes.empty());
-    EXPECT_EQ(nod.positionOffset, float3(0));
-    const float pf = static_cast<float>(p), e = std::sin(kPi * pf), w = std::sin(4 * kPi * pf);
-    expectVec(nod.rotationOffset, 0.22f * w * e, 0, 0);
-    expectVec(shake.rotationOffset, 0, 0.25f * w * e, 0);
-  }
-  EXPECT_NEAR(sampleAt(K::maskNod, 0.125).rotationOffset.x, 0.22f * std::sin(kPi / 8), kTol);
-}
-
 // ---------------------------------------------------------------------------
 // [SECTION] Completion, minimums, fades and restarts
 // ---------------------------------------------------------------------------
 
-TEST(CharacterAnimationController, EveryCueCompletesAndReturnsToNeutral) {
+// Every cue, sampled finely: finite, weight and opacity in [0, 1], only the
+// listed expressions in [0, 1], no jump between neighbouring samples (a
+// wrong phase boundary or a missing clamp), and neutral after its end
+// (ghostFlyOut stays offstage). The ghost's forward spook stays in frame.
+TEST(CharacterAnimationController, EveryCueIsContinuousBoundedAndEndsNeutral) {
   const std::set<std::string> allowed = {
       "jawOpen",        "mouthFunnel",     "mouthSmileLeft", "mouthSmileRight", "mouthFrownLeft",
       "mouthFrownRight", "mouthPressLeft", "mouthPressRight", "mouthPucker",    "eyeWideLeft",
       "eyeWideRight",   "eyeBlinkLeft",    "eyeBlinkRight",  "eyeLookInLeft",   "cheekSquintLeft",
       "cheekSquintRight", "browInnerUp",   "browDownLeft",   "browDownRight"};
+  float maxSpookZ = 0;
   for (K kind : AnimationCue::allKinds) {
     SCOPED_TRACE(AnimationCue::name(kind));
     CharacterAnimationController c;
-    const AnimationCue cue = AnimationCue::make(kind, 1.5);
-    c.trigger(cue, 4.0);
-    for (int i = 0; i < 150; ++i) {
-      const AnimationOutput o = c.sample(4.0 + i * 0.01);
+    c.trigger(AnimationCue::make(kind, 1.5), 4.0);
+    AnimationOutput previous = c.sample(4.0);
+    for (int i = 1; i < 512; ++i) {
+      const AnimationOutput o = c.sample(4.0 + 1.5 * i / 512.0);
+      ASSERT_TRUE(c.isPlaying()) << i;
       for (const auto& [name, value] : o.blendshapes) {
         EXPECT_TRUE(allowed.count(std::string(name))) << name;
-        EXPECT_TRUE(value >= 0 && value <= 1) << name << " " << value;
+        ASSERT_TRUE(value >= 0 && value <= 1) << name << " " << value << " at " << i;
       }
-      EXPECT_TRUE(c.isPlaying());
+      ASSERT_TRUE(o.blendWeight >= -1e-6f && o.blendWeight <= 1 + 1e-6f) << o.blendWeight << " at " << i;
+      ASSERT_TRUE(o.opacityMultiplier >= -1e-6f && o.opacityMultiplier <= 1 + 1e-6f) << o.opacityMultiplier << " at " << i;  // rounding
+      const float jumps[] = {glm::length(o.positionOffset - previous.positionOffset),
+                             glm::length(o.rotationOffset - previous.rotationOffset),
+                             glm::length(o.scaleMultiplier - previous.scaleMultiplier),
+                             std::fabs(o.opacityMultiplier - previous.opacityMultiplier),
+                             std::fabs(o.blendWeight - previous.blendWeight)};
+      // The one step the curves have: ghostFlyOut's crouch ends pitched 0.12
+      // at weight 0.5, its swoop starts from 0 at weight 1 (p = 0.2).
+      const bool crouchEnd = kind == K::ghostFlyOut && i == 103;
+      for (int f = 0; f < 5 && !crouchEnd; ++f) ASSERT_LT(jumps[f], 0.05f) << "field " << f << " at " << i;  // NaN fails too
+      if (kind == K::ghostSpook) maxSpookZ = std::max(maxSpookZ, o.positionOffset.z);
+      previous = o;
     }
     c.sample(5.5);  // e == D: the last frame of the cue
     EXPECT_FALSE(c.isPlaying());
@@ -297,6 +221,8 @@ TEST(CharacterAnimationController, EveryCueCompletesAndReturnsToNeutral) {
     EXPECT_EQ(after.rotationOffset, float3(0));
     EXPECT_EQ(after.opacityMultiplier, kind == K::ghostFlyOut ? 0.0f : 1.0f);
   }
+  EXPECT_LE(maxSpookZ, 0.3200001f);
+  EXPECT_GT(maxSpookZ, 0.3f);
 }
 
 TEST(CharacterAnimationController, DurationBelowMinimumPlaysForTheMinimum) {

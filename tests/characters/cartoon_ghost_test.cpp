@@ -5,14 +5,24 @@
 #include <cctype>
 #include <cmath>
 #include <set>
+#include <string>
 
 #include "characters/CartoonGhost.h"
+#include "stage/ARKitBlendShape.h"
 #include "stage/Node.h"
 
 namespace velmora {
 namespace {
 
 using Semantic = GeometrySource::Semantic;
+
+// Every ARKit blendshape name but the given ones.
+std::set<std::string> arkitNamesExcept(std::initializer_list<const char*> excluded) {
+  std::set<std::string> names;
+  for (const auto shape : allCases<ARKitBlendShape>()) names.insert(std::string(rawValue(shape)));
+  for (const char* name : excluded) names.erase(name);
+  return names;
+}
 
 struct Bounds {
   float3 lo{1e9f}, hi{-1e9f};
@@ -77,7 +87,13 @@ TEST(CartoonGhost, TargetMapCoversTheListedExpressions) {
   const auto& map = build.targetNameToIndex;
   EXPECT_EQ(map.size(), build.morpher->targetCount());
   EXPECT_EQ(map.size(), 41u);
-  // Which names: character_vocabulary_test. Here: spelled lower-case, both sides.
+  // An ARKit name each, every one but gaze, blink (the eye nodes) and the tongue.
+  std::set<std::string> names;
+  for (const auto& entry : CartoonGhost::displacements()) names.insert(entry.name);
+  EXPECT_EQ(CartoonGhost::displacements().size(), 41u);
+  EXPECT_EQ(names, arkitNamesExcept({"eyeLookDownLeft", "eyeLookDownRight", "eyeLookInLeft", "eyeLookInRight", "eyeLookOutLeft",
+                              "eyeLookOutRight", "eyeLookUpLeft", "eyeLookUpRight", "tongueOut", "eyeBlinkLeft", "eyeBlinkRight"}));
+  // Spelled lower-case, both sides.
   for (const char* name : {"jawopen", "mouthsmileleft", "mouthsmileright", "cheekpuff", "nosesneerright"})
     EXPECT_EQ(map.count(name), 1u) << name;
   // Blink and gaze act through the eye nodes, not targets.

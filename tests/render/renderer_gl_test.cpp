@@ -137,15 +137,6 @@ TEST(RendererGLTest, TheMaskMorphsOnTheGpuAsOnTheCpu) {
   EXPECT_LT(worstGap(gpu.positions, cpu.positions), 5e-4f);
 }
 
-TEST(RendererGLTest, OpacityZeroGivesAnEmptyFrame) {
-  auto face = test::makeTestFace();
-  auto frame = frameOf({face.node});
-  frame->items[0].opacity = 0.0f;
-  auto out = render(frame);
-  ASSERT_TRUE(out);
-  for (auto byte : out->pixels) ASSERT_EQ(byte, 0);
-}
-
 TEST(RendererGLTest, MasterZeroGivesABlackButOpaqueCharacter) {
   auto face = test::makeTestFace();
   auto frame = frameOf({face.node}, LightingSettings::theatrical(), 0.0f);
@@ -339,6 +330,7 @@ TEST_F(MaskSceneGLTest, TheDefaultLookIsWellExposed) {
   EXPECT_LE(black, covered / 50);  // no black blotches (the mouth slit is a thin line)
 }
 
+// The state's opacity through the scene to the renderer's output.
 TEST_F(MaskSceneGLTest, OpacityZeroFromTheStateGivesAnEmptyFrame) {
   state->setMaskOpacity(0.0f);
   auto out = renderNow();

@@ -1,7 +1,8 @@
 // The tracking-loss stage as the scene shows it, on one injected clock for
 // the state and the cues: the character eases to neutral when the phone
-// stops, cues keep playing over the neutral face, and while packets flow
-// the character shows exactly the published values.
+// stops, cues keep playing over the neutral face, and once packets flow
+// again the character shows exactly the published values (bit for bit over
+// many packets: tracking_loss_ease_test).
 #include <gtest/gtest.h>
 
 #include "animation/CharacterAnimationController.h"
@@ -32,17 +33,6 @@ class SceneTrackingLossTest : public ::testing::Test, protected test::StateFixtu
     scene.updateTracking(state);
   }
 };
-
-TEST_F(SceneTrackingLossTest, PacketsFlowingShowThePublishedValuesExactly) {
-  for (int i = 0; i < 120; ++i) {
-    packet();
-    now += 1.0 / 60.0;
-    tick();
-    ASSERT_FALSE(state.isTrackingLost());
-    EXPECT_EQ(weightOf("jawOpen"), state.blendshapes().at("jawOpen"));
-    EXPECT_EQ(scene.maskNode()->eulerAngles, state.headRotation());
-  }
-}
 
 TEST_F(SceneTrackingLossTest, TheFaceEasesToNeutralAndBackWhileCuesPlayOverIt) {
   packet();
