@@ -18,6 +18,7 @@ constexpr CommandLine::Switch kSwitches[] = {
      "check that the PipeWire and NDI outputs reach other programs, save the received frame into FOLDER, then exit"},
     {"--export-gltf", "FOLDER", "write both characters as glTF (GLB) files into FOLDER, then exit"},
     {"--record", "FILE", "record the session's tracking datagrams to FILE (pcap) while running"},
+    {"--character", "FILE", "show the character read from the glTF file FILE (.glb or .gltf); with --snapshot, render only it"},
     {"--phone", "HOST", "ask the phone at HOST (the stored app: iFacialMocap or VTube Studio) for tracking data"},
     {"--help", "", "print this help, then exit"},
     {"--version", "", "print the version, then exit"},

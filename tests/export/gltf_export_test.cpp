@@ -193,8 +193,10 @@ TEST_F(GltfExportTest, EachFileReadsBackAsTheCharacterInMemory) {
     int meshesWithTargets = 0, sparse = 0, dense = 0;
     for (const auto& mesh : doc.meshes) {
       const auto names = targetNames(mesh);
-      if (!names.empty()) ++meshesWithTargets;
-      if (!names.empty()) ASSERT_EQ(names.size(), build.targetNameToIndex.size());
+      if (!names.empty()) {
+        ++meshesWithTargets;
+        ASSERT_EQ(names.size(), build.targetNameToIndex.size());
+      }
       for (std::size_t t = 0; t < names.size(); ++t) {
         EXPECT_TRUE(fromRawValue<ARKitBlendShape>(names[t]).has_value()) << names[t];
         std::string key = names[t];
