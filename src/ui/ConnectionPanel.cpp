@@ -88,7 +88,7 @@ void ConnectionPanel::drawPhone() {
     phoneFieldsLoaded_ = true;
   }
   ImGui::Separator();
-  ImGui::TextDisabled("Apps that send only when asked: the phone's address");
+  StatusText::dimmed("Apps that send only when asked: the phone's address");
   ImGui::SetNextItemWidth(160.0f);
   const bool entered =
       ImGui::InputText("##phone", phoneAddress_, sizeof phoneAddress_, ImGuiInputTextFlags_EnterReturnsTrue);
