@@ -41,13 +41,18 @@ nlohmann::json readSettings(const std::filesystem::path& folder) {
 
 // A headless run listening for cues on `port`, its settings in `config`;
 // the tracking receiver listens on a free port too, never the fixed ones.
+// Null (with the run's output as the failure) when the cue port never opens.
 std::unique_ptr<test::ChildProcess> headlessOnCuePort(const test::TempDir& config, std::uint16_t port) {
   std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", port}}.dump();
   auto run = std::make_unique<test::ChildProcess>(
       std::vector<std::string>{kVelmora}, std::vector<std::string>{"VELMORA_CONFIG_DIR=" + config.path().string(),
                                                                    "VELMORA_TRACKING_PORTS=" +
                                                                        std::to_string(test::freeUdpPort())});
-  EXPECT_TRUE(run->started());
+  const std::string line = "[QLabOSCServer] QLab Remote Cue listener active on UDP port " + std::to_string(port);
+  if (!run->started() || !run->waitForLine(line, 20)) {
+    ADD_FAILURE() << "no \"" << line << "\": " << run->output();
+    return nullptr;
+  }
   return run;
 }
 
@@ -56,10 +61,9 @@ TEST(VelmoraE2E, HeadlessRunTakesRemoteCuesFromOscsend) {
   test::TempDir config;
   const std::uint16_t port = test::freeUdpPort();
   auto run = headlessOnCuePort(config, port);
+  ASSERT_TRUE(run);
   test::ChildProcess& velmora = *run;
   const std::string p = std::to_string(port);
-  ASSERT_TRUE(velmora.waitForLine("[QLabOSCServer] QLab Remote Cue listener active on UDP port " + p, 20))
-      << velmora.output();
 
   ASSERT_EQ(oscsend({"127.0.0.1", p, "/velmora/recentre"}), 0);
   EXPECT_TRUE(velmora.waitForLine("[OSC] /velmora/recentre []", 10)) << velmora.output();
@@ -109,10 +113,9 @@ TEST(VelmoraE2E, ZeroArgumentsArriveAndAControllerIsAnsweredAndFollowed) {
   test::TempDir config;
   const std::uint16_t port = test::freeUdpPort();
   auto run = headlessOnCuePort(config, port);
+  ASSERT_TRUE(run);
   test::ChildProcess& velmora = *run;
   const std::string p = std::to_string(port);
-  ASSERT_TRUE(velmora.waitForLine("[QLabOSCServer] QLab Remote Cue listener active on UDP port " + p, 20))
-      << velmora.output();
 
   // Integer 0 and float 0.0 right after the type tags arrive as arguments.
   ASSERT_EQ(oscsend({"127.0.0.1", p, "/velmora/ndi", "i", "0"}), 0);
