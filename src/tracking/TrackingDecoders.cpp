@@ -176,16 +176,7 @@ DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender) {
 
 namespace {
 
-// The OSC address rules over either message type (owned OSCMessage or a
-// view into the datagram), so both paths decode alike.
-std::optional<std::pair<std::string_view, float>> vmcPair(const OSCMessage& m) {
-  if (m.arguments.size() < 2) return std::nullopt;
-  const auto* name = m.arguments[0].get<std::string>();
-  const auto* value = m.arguments[1].get<float>();
-  if (!name || !value) return std::nullopt;
-  return std::pair<std::string_view, float>(*name, *value);
-}
-
+// A VMC blendshape message's (name, value) pair, read in place.
 std::optional<std::pair<std::string_view, float>> vmcPair(const OSCMessageView& m) {
   if (m.arguments.size() < 2) return std::nullopt;
   const auto* name = std::get_if<std::string_view>(&m.arguments[0]);
@@ -201,8 +192,7 @@ class OSCFrameBuilder {
     decoded_.positionSet = {false, false, false};
   }
 
-  template <class Message>
-  void add(const Message& m) {
+  void add(const OSCMessageView& m) {
     const std::string_view address = m.address;
     // The VMC address is tested first only because it is the commonest; it
     // contains neither "/BlendShapes/" nor "/blendshapes/", so the rules'
@@ -259,12 +249,6 @@ class OSCFrameBuilder {
 };
 
 }  // namespace
-
-DecodedFrame decodeOSCMessages(const std::vector<OSCMessage>& messages, std::string sender) {
-  OSCFrameBuilder builder;
-  for (const OSCMessage& m : messages) builder.add(m);
-  return std::move(builder).finish(std::move(sender));
-}
 
 std::optional<DecodedFrame> decodeOSCPacket(std::span<const std::uint8_t> data, std::string sender) {
   OSCFrameBuilder builder;

@@ -52,14 +52,9 @@ std::optional<DecodedFrame> decodeUnrealLiveLinkBinary(std::span<const std::uint
 // (degrees, centimetres). Always yields a frame with a (possibly empty) map.
 DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender);
 
-// OSC / VMC tracking messages. Always yields a frame with a (possibly empty)
-// map; head components a packet does not send are marked unset (see
-// DecodedFrame).
-DecodedFrame decodeOSCMessages(const std::vector<OSCMessage>& messages, std::string sender);
-
-// An OSC datagram (message or bundle) decoded as parsing it with
-// OSCParser::parsePacket and then decodeOSCMessages would, without
-// materialising the messages. None when the datagram holds no message.
+// An OSC datagram (message or bundle) of OSC / VMC tracking messages, read
+// in place; head components a packet does not send are marked unset (see
+// DecodedFrame). None when the datagram holds no message.
 std::optional<DecodedFrame> decodeOSCPacket(std::span<const std::uint8_t> data, std::string sender);
 
 // A JSON object {"blendshapes": {name: number}, "rotation": [p, y, r],
