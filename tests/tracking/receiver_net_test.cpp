@@ -12,6 +12,8 @@
 
 #include "base/MainQueue.h"
 #include "support/LogCapture.h"
+#include "support/OscBytes.h"
+#include "support/StateFixture.h"
 #include "support/UdpSocket.h"
 #include "tracking/MainThreadTrackingSink.h"
 #include "tracking/RecordingSink.h"
@@ -270,6 +272,81 @@ TEST(TrackingReceiverNetTest, OscsendVmcBlendshape) {
   ASSERT_TRUE(waitFor([&] { return sink->total() == 2; }));
   ASSERT_EQ(sink->frames().size(), 2u);
   EXPECT_EQ(sink->frames()[1].rotationSet, (std::array<bool, 3>{false, true, false}));
+}
+
+// The allow-list is the receiver's door: a refused sender's datagrams reach
+// neither the taps (relay, recorder) nor the sink, so nothing of them shows
+// in the face state, while an allowed sender's do; a list edit takes effect
+// from the next datagram. The test thread is the main thread.
+TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
+  test::StateFixture f;
+  auto sink = std::make_shared<MainThreadTrackingSink>(8, MainQueue::shared(), &f.state);
+  TrackingReceiver receiver(sink);
+  auto tap = std::make_shared<CopyingTap>();
+  receiver.addTap(tap);
+  LogCapture log;
+  receiver.senderFilter().setAllowList(SenderAllowList::parse({"127.0.0.2"}));
+  const auto port = freeUdpPort();
+  ASSERT_TRUE(listen(receiver, port));
+  UdpSocket refused(0, 0x7F000003), allowed(0, 0x7F000002);
+  ASSERT_TRUE(refused.bound() && allowed.bound());
+  auto pump = [&](auto pred) {
+    return waitFor([&] {
+      MainQueue::shared().drain();
+      return pred();
+    });
+  };
+  auto refusedLines = [&](const std::string& address) {
+    const auto lines = log.lines();
+    return std::count(lines.begin(), lines.end(),
+                      "[TrackingReceiver] Refused tracking data from " + address + " (not in the allowed senders)");
+  };
+
+  // Every way into the state: blendshapes and head, VMC, and an unknown format.
+  refused.sendTo(port, "jawOpen-90|=10,20,30,1,2,3");
+  refused.sendTo(port, test::oscBundle({test::oscMessage("/VMC/Ext/Blend/Val", {"jawOpen", 0.9f})}));
+  refused.sendTo(port, "hello");
+  ASSERT_TRUE(waitFor([&] { return receiver.statistics().refused == 3; }));
+  MainQueue::shared().drain();
+  EXPECT_EQ(f.state.totalPacketsReceived(), 0u);
+  EXPECT_FALSE(f.state.isConnected());
+  EXPECT_EQ(f.state.senderIP(), "Waiting for iPhone...");
+  EXPECT_TRUE(f.state.rawBlendshapes().empty());
+  EXPECT_TRUE(f.state.blendshapes().empty());
+  EXPECT_EQ(f.state.rawRotation(), float3(0.0f));
+  EXPECT_EQ(receiver.statistics().packetsReceived, 0u);
+  EXPECT_TRUE(receiver.statistics().lastSender.empty());
+  EXPECT_EQ(sink->waitingSenders(), 0u);
+  EXPECT_EQ(sink->droppedCount(), 0u);
+  EXPECT_TRUE(tap->seen().empty());
+  EXPECT_EQ(refusedLines("127.0.0.3"), 1);
+
+  // An allowed sender still gets through, so the above cannot pass vacuously.
+  allowed.sendTo(port, "jawOpen-20|");
+  ASSERT_TRUE(pump([&] { return f.state.totalPacketsReceived() == 1; }));
+  EXPECT_EQ(f.state.rawBlendshapes().at("jawOpen"), 0.2f);
+  EXPECT_EQ(f.state.senderIP(), "127.0.0.2:" + std::to_string(allowed.port()));
+  ASSERT_EQ(tap->seen().size(), 1u);
+  EXPECT_EQ(tap->seen()[0].envelope.sourceAddress, 0x7F000002u);
+  EXPECT_EQ(receiver.statistics().refused, 3u);
+  EXPECT_EQ(receiver.statistics().packetsReceived, 1u);
+  waitFor(
+      [] {
+        MainQueue::shared().drain();
+        return false;
+      },
+      0.05);
+  EXPECT_EQ(f.state.totalPacketsReceived(), 1u);  // no late delivery of refused frames
+
+  // The list edited: the other sender is the refused one from the next datagram.
+  receiver.senderFilter().setAllowList(SenderAllowList::parse({"127.0.0.3"}));
+  allowed.sendTo(port, "jawOpen-70|");
+  refused.sendTo(port, "jawOpen-40|");
+  ASSERT_TRUE(pump([&] { return f.state.totalPacketsReceived() == 2; }));
+  EXPECT_EQ(f.state.rawBlendshapes().at("jawOpen"), 0.4f);
+  EXPECT_EQ(f.state.senderIP(), "127.0.0.3:" + std::to_string(refused.port()));
+  EXPECT_EQ(receiver.statistics().refused, 4u);
+  EXPECT_EQ(refusedLines("127.0.0.2"), 1);
 }
 
 }  // namespace
