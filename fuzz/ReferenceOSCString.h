@@ -20,9 +20,9 @@ inline std::optional<std::string> readOSCString(std::span<const std::uint8_t> da
   while (offset < size && data[offset] != 0) ++offset;  // to the terminator or the end
   const auto bytes = data.subspan(start, offset - start);
   if (!isValidUTF8(bytes)) return std::nullopt;
-  // The terminator, the padding to four bytes, then every four-byte group
-  // that begins with a zero byte.
-  while (offset < size && ((offset & 3u) != 0 || data[offset] == 0)) ++offset;
+  // The terminator, then the padding up to the next multiple of four.
+  if (offset < size) ++offset;
+  while (offset < size && (offset & 3u) != 0) ++offset;
   return std::string(bytes.begin(), bytes.end());
 }
 

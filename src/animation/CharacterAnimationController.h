@@ -52,6 +52,9 @@ class CharacterAnimationController {
   bool isPlaying() const { return isPlaying_; }
   bool isFadingOut() const { return isFadingOut_; }
   bool isOffstage() const { return isOffstage_; }
+  // When the active cue started (seconds, the clock trigger() was given);
+  // meaningful while isPlaying().
+  double cueStartTime() const { return cueStartTime_; }
 
  private:
   void triggerOnMain(const AnimationCue& cue, double time);

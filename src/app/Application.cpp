@@ -174,6 +174,7 @@ int Application::runInteractive(const CommandLine& commandLine) {
     tracking.tick(uptime());
     state.updateTrackingLoss();  // before the scene shows the face
     scene.tick();  // face and cues onto the character, the wireframe tracker, a frame when an output is on
+    cueServer.tick();  // after the cue sample: a cue that ended this tick is announced finished
     // The dashboard's frame: never waits for rendering, so OSC and tracking keep flowing.
     if (window && !window.value->frame()) {
       logLine("Velmora", "Main window closed, shutting down");

@@ -15,6 +15,7 @@
 #include "animation/CharacterAnimationController.h"
 #include "base/Log.h"
 #include "base/MainQueue.h"
+#include "control/RemoteReplies.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
@@ -28,6 +29,7 @@ const char* const kOutput = "Output";
 const char* const kLighting = "Lighting";
 const char* const kGhost = "Ghost Animations (Cartoon Ghost)";
 const char* const kMask = "Mask Gestures (Theatrical Mask)";
+const char* const kReplies = "Replies & Following";
 
 // ---------------------------------------------------------------------------
 // [SECTION] Reading a message
@@ -127,7 +129,7 @@ OSCCommand stopCueCommand(const char* group, std::string address, std::vector<st
 
 std::vector<OSCCommand> buildAll() {
   std::vector<OSCCommand> c;
-  c.reserve(40);
+  c.reserve(45);
 
   // --- Calibration & Tracking ---
   c.push_back(plain(kCalibration, "/velmora/recentre",
@@ -345,6 +347,32 @@ std::vector<OSCCommand> buildAll() {
                          "and tight mouth."));
   c.push_back(stopCueCommand(kMask, "/velmora/mask/reset", {"/mask/reset", "/mask/stop", "/velmora/mask/stop"},
                              "Stop any active mask gesture and smoothly cross-fade back to live tracking."));
+
+  // --- Replies & Following --- (answered to the sender; see RemoteReplies)
+  c.push_back(plain(kReplies, "/velmora/state", {}, "none",
+                    "Reply with every operator-visible value as one JSON object.",
+                    [](const OSCMessage&, CommandContext& context) {
+                      if (context.remote) context.remote->answerState(context);
+                    }));
+  c.push_back(plain(kReplies, "/velmora/get", {}, "string name (as in /velmora/state, e.g. sensitivity)",
+                    "Reply with one value by name.", [](const OSCMessage& message, CommandContext& context) {
+                      if (context.remote) context.remote->answerGet(message, context);
+                    }));
+  c.push_back(plain(kReplies, "/velmora/replyport", {}, "int port (0 = the port you send from)",
+                    "Send replies and events for your address to this port.",
+                    [](const OSCMessage& message, CommandContext& context) {
+                      if (context.remote) context.remote->setReplyPort(message);
+                    }));
+  c.push_back(plain(kReplies, "/velmora/thump", {}, "none",
+                    "Heartbeat: replies \"thump\" and keeps your subscription alive.",
+                    [](const OSCMessage&, CommandContext& context) {
+                      if (context.remote) context.remote->thump();
+                    }));
+  c.push_back(plain(kReplies, "/velmora/updates", {}, "1 or 0",
+                    "Subscribe (1) to pushed events or end it (0); lapses after 60 s without a message from you.",
+                    [](const OSCMessage& message, CommandContext& context) {
+                      if (context.remote) context.remote->updates(message, context);
+                    }));
   return c;
 }
 
@@ -360,7 +388,7 @@ const std::vector<OSCCommand>& OSCCommandCatalog::all() {
 }
 
 const std::vector<std::string>& OSCCommandCatalog::groups() {
-  static const std::vector<std::string> titles = {kCalibration, kOutput, kLighting, kGhost, kMask};
+  static const std::vector<std::string> titles = {kCalibration, kOutput, kLighting, kGhost, kMask, kReplies};
   return titles;
 }
 

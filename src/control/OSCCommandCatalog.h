@@ -20,7 +20,7 @@ class OSCCommandCatalog {
  public:
   OSCCommandCatalog() = delete;
 
-  // The 40 commands in display order.
+  // The 40 show commands, then the 5 of "Replies & Following", in display order.
   static const std::vector<OSCCommand>& all();
   // Group titles in display order.
   static const std::vector<std::string>& groups();

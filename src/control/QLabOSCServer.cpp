@@ -36,7 +36,13 @@ struct QLabOSCServer::Impl {
 };
 
 QLabOSCServer::QLabOSCServer(CommandContext commands, MainQueue& mainQueue)
-    : commands_(std::move(commands)), mainQueue_(mainQueue), impl_(std::make_unique<Impl>(mainQueue)) {
+    : commands_(std::move(commands)),
+      mainQueue_(mainQueue),
+      impl_(std::make_unique<Impl>(mainQueue)),
+      replies_(std::make_unique<RemoteReplies>(
+          [this](std::vector<std::vector<std::uint8_t>> datagrams, std::vector<UdpSender> targets) {
+            send(std::move(datagrams), std::move(targets));
+          })) {
   enabled_ = commands_.state.isOSCEnabled();
 }
 
@@ -76,6 +82,8 @@ void QLabOSCServer::setEnabled(bool enabled) {
   enabled_ = enabled;
   if (enabled) {
     startListening();
+  } else if (handlingMessage_) {
+    stopAfterReply_ = true;  // "/velmora/osc 0" is answered before the socket closes
   } else {
     stopListening();
   }
@@ -107,7 +115,7 @@ void QLabOSCServer::open(std::uint16_t port) {
     // Each message is its own main-thread call, so a bundle's messages run
     // in bundle order.
     for (const OSCMessage& message : OSCParser::parsePacket(bytes)) {
-      impl_->mailbox.post([this, message] { handleQLabMessage(message); });
+      impl_->mailbox.post([this, message, from] { handleQLabMessage(message, from); });
     }
   };
   callbacks.onDrained = [this] { reportDrops(); };
@@ -145,10 +153,41 @@ void QLabOSCServer::reportDrops() {
 
 void QLabOSCServer::handleQLabMessage(const OSCMessage& message) {
   VELMORA_ASSERT_MAIN_THREAD();
-  const bool handled = OSCCommandCatalog::dispatch(message, commands_);
+  dispatchAndRecord(message, commands_);
+}
+
+bool QLabOSCServer::dispatchAndRecord(const OSCMessage& message, CommandContext& context) {
+  const bool handled = OSCCommandCatalog::dispatch(message, context);
   std::string text = message.address + " " + message.printedArguments();
   if (!handled) text += "  (unknown)";
   commands_.state.setLastQLabCommand(text);
+  return handled;
+}
+
+void QLabOSCServer::handleQLabMessage(const OSCMessage& message, const UdpSender& from) {
+  VELMORA_ASSERT_MAIN_THREAD();
+  CommandContext context = commands_;
+  context.remote = replies_.get();
+  handlingMessage_ = true;
+  replies_->handle(message, from, context, context.clock(), [&] { return dispatchAndRecord(message, context); });
+  handlingMessage_ = false;
+  if (stopAfterReply_) {
+    stopAfterReply_ = false;
+    if (!enabled_) stopListening();  // queued after the reply
+  }
+}
+
+void QLabOSCServer::tick() {
+  VELMORA_ASSERT_MAIN_THREAD();
+  replies_->tick(commands_, commands_.clock());
+}
+
+void QLabOSCServer::send(std::vector<std::vector<std::uint8_t>> datagrams, std::vector<UdpSender> targets) {
+  impl_->queue.post([this, datagrams = std::move(datagrams), targets = std::move(targets)] {
+    for (const auto& datagram : datagrams) {
+      for (const UdpSender& target : targets) impl_->listener.sendTo(datagram, target);
+    }
+  });
 }
 
 std::string QLabOSCServer::bindFailureReason(int errorNumber) {

@@ -14,7 +14,9 @@
 // serial queue "com.velmora.qlab". Dispatch and every state write run on the
 // main thread; decoded messages reach it through a bounded mailbox, so a
 // flood of datagrams drops the oldest waiting messages (counted) instead of
-// growing memory.
+// growing memory. Replies and events are built on the main thread and
+// sent on the queue (RemoteReplies), so the main thread never waits on the
+// network.
 
 #include <atomic>
 #include <cstddef>
@@ -24,6 +26,7 @@
 #include <string>
 
 #include "control/CommandContext.h"
+#include "control/RemoteReplies.h"
 #include "osc/OSCMessage.h"
 #include "net/SenderFilter.h"
 
@@ -71,6 +74,14 @@ class QLabOSCServer {
   // Main thread. Dispatches one received message and records it in
   // lastQLabCommand ("  (unknown)" appended when no command took it).
   void handleQLabMessage(const OSCMessage& message);
+  // The same for a message from the network, then answers `from` (see
+  // RemoteReplies): the reply leaves from the cue port on the queue.
+  void handleQLabMessage(const OSCMessage& message, const UdpSender& from);
+  // Main thread, once a tick: lapsed subscriptions end and what changed
+  // goes to the subscribers, sent on the queue.
+  void tick();
+  // Main thread. Subscribers and the last reply, for the operator.
+  const RemoteReplies& replies() const { return *replies_; }
 
   // The reason shown after a failed bind: "already in use by another app"
   // for EADDRINUSE, else "bind failed (errno N)".
@@ -102,14 +113,24 @@ class QLabOSCServer {
   void open(std::uint16_t port);
   void closeSocket();
   void reportDrops();
+  // Main thread: dispatch, then lastQLabCommand; true when a command took it.
+  bool dispatchAndRecord(const OSCMessage& message, CommandContext& context);
+  // Main thread: hands datagrams to the queue, which sends them from the
+  // cue port (dropped when it is closed).
+  void send(std::vector<std::vector<std::uint8_t>> datagrams, std::vector<UdpSender> targets);
 
   CommandContext commands_;
   MainQueue& mainQueue_;
   struct Impl;
   std::unique_ptr<Impl> impl_;
+  std::unique_ptr<RemoteReplies> replies_;
   // The state's isOSCEnabled as last read on the main thread, for the
   // queue's second look (the state itself is main-thread only).
   std::atomic<bool> enabled_{true};
+  // Main thread: a network message is being handled, and it switched remote
+  // control off (the close waits until its reply is on the queue).
+  bool handlingMessage_ = false;
+  bool stopAfterReply_ = false;
   std::atomic<int> listeningPort_{-1};
   std::atomic<std::uint32_t> bindAddress_{0};
 };

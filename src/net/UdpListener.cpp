@@ -79,7 +79,10 @@ UdpListener::OpenResult UdpListener::open(std::uint16_t port, std::span<std::uin
     socket->socket.close(ignored);
     return {Failure::bind, ec};
   }
-  socket->port = port;
+  // Port 0 asks the kernel for a free one: keep the one it chose.
+  std::error_code ignored;
+  const auto local = socket->socket.local_endpoint(ignored);
+  socket->port = port != 0 || ignored ? port : local.port();
   socket->buffer = buffer;
   const std::size_t slots = std::max<std::size_t>(1, std::min(options_.datagramsPerRead, buffer.size()));
   socket->slotSize = buffer.size() / slots;
@@ -104,6 +107,17 @@ void UdpListener::close() {
   std::error_code ignored;
   socket_->socket.close(ignored);  // ends the pending wait and closes the descriptor
   socket_.reset();
+}
+
+bool UdpListener::sendTo(std::span<const std::uint8_t> bytes, const UdpSender& to) {
+  if (!socket_) return false;
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(to.address);
+  address.sin_port = htons(to.port);
+  const ssize_t sent = ::sendto(socket_->socket.native_handle(), bytes.data(), bytes.size(), MSG_DONTWAIT,
+                                reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  return sent == static_cast<ssize_t>(bytes.size());
 }
 
 bool UdpListener::isOpen() const { return socket_ != nullptr; }

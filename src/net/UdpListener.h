@@ -92,7 +92,14 @@ class UdpListener {
   // Closes the socket (ending the pending wait). Idempotent.
   void close();
 
+  // Sends one datagram from the listening socket (so it leaves from the
+  // listening port) to `to`, without blocking: false when closed or when
+  // the kernel refused it (send buffer full, nothing routes there). The
+  // bytes are copied by the kernel before it returns.
+  bool sendTo(std::span<const std::uint8_t> bytes, const UdpSender& to);
+
   bool isOpen() const;
+  // The bound port (the kernel's choice when opened on port 0).
   std::uint16_t port() const;
   // The socket's descriptor, -1 when closed.
   int descriptor() const;

@@ -122,14 +122,10 @@ inline constexpr std::uint64_t kHighBits = 0x8080808080808080ull;
     offset = end;
     return false;
   }
-  // Terminator and padding, then (kept deliberately) every further 4-byte
-  // group that begins with a zero byte. Without a terminator the text ends
-  // the data.
-  if (end < size) {
-    end = (end | 3u) + 1;
-    while (end < size && p[end] == 0) end += 4;
-    end = std::min(end, size);
-  }
+  // The terminator and the bytes up to the next multiple of 4, nothing
+  // more: an argument that follows (integer 0, float 0.0, an empty string)
+  // starts there. Without a terminator the text ends the data.
+  if (end < size) end = std::min((end | 3u) + 1, size);
   offset = end;
   return true;
 }

@@ -4,11 +4,10 @@
 //
 // It never fails loudly. Whatever cannot be read is dropped, message by
 // message or argument by argument, and every read is checked against the
-// data length first. Two deliberate quirks are part of the wire contract:
-//  - after a string, the padding skip also consumes every following 4-byte
-//    group whose first byte is zero, so a value such as the integer 5 or the
-//    float 0.0 right after a string is swallowed;
-//  - unknown type tags ("b", "h", "t", ...) consume no bytes.
+// data length first. A string's padding is its terminating zero plus the
+// zero bytes up to the next multiple of 4, as OSC 1.0 defines, so a zero
+// argument right after a string arrives. Unknown type tags ("b", "h", "t",
+// ...) consume no bytes: their data is read by the tags that follow.
 // Bundle time tags are ignored: every message is delivered at once.
 
 #include <cstddef>
@@ -36,8 +35,8 @@ class OSCParser {
   static std::vector<OSCMessage> parseBundle(std::span<const std::uint8_t> data);
   static std::optional<OSCMessage> parseMessage(std::span<const std::uint8_t> data);
   // Reads the string starting at `offset` (an offset into `data`) and
-  // advances `offset` past its terminator, its padding and any following
-  // zero-led 4-byte groups. None when offset lies beyond the data or the
+  // advances `offset` past its terminator and its padding to the next
+  // multiple of 4. None when offset lies beyond the data or the
   // bytes are not UTF-8; at exactly the end it yields the empty text.
   static std::optional<std::string> readString(std::span<const std::uint8_t> data, std::size_t& offset);
 

@@ -4,15 +4,19 @@
 #include <spa/param/video/format-utils.h>
 #include <spa/pod/builder.h>
 
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <vector>
 
 #include "outputs/PipeWireApi.h"
 
@@ -49,6 +53,11 @@ struct PipeWireVideoSource::Impl {
   std::string failure;  // under slotMutex
   Counters counters;    // under slotMutex
 
+  // Loop thread only. The buffers that carry frames, and those kept out of
+  // circulation (see dequeueCirculating).
+  std::vector<pw_buffer*> circulating;
+  std::vector<pw_buffer*> parked;
+
   std::uint32_t stride() const { return static_cast<std::uint32_t>(settings.width) * 4; }
   std::shared_ptr<const RenderedFrame> takeFrame() {
     std::lock_guard lock(slotMutex);
@@ -80,9 +89,19 @@ void onStateChanged(void* data, pw_stream_state, pw_stream_state state, const ch
   }
 }
 
+// Buffers that carry frames: one the consumer holds (the newest frame it
+// shows or encodes until the next arrives), one queued to it, one the loop
+// thread fills. With two, a consumer that keeps its newest frame while the
+// other is still queued leaves no buffer to fill, and frames drop.
+constexpr std::size_t kCirculatingBuffers = 3;
+
 // The consumer fixed the format (always ours, the only one offered): ask for
 // buffers of exactly one frame each, mapped memory that a consumer in another
-// process can map too.
+// process can map too. The count is a range because the link takes what both
+// ends allow and fails when the ranges do not meet: gst's pipewiresrc asks
+// for at least 8 (its min-buffers), a consumer without a wish gets 3 (the
+// circulating ones). Buffers beyond 3 are parked unused (onAddBuffer), so
+// however many the consumer asks for, 3 frames of memory are resident.
 void onParamChanged(void* data, std::uint32_t id, const spa_pod* param) {
   auto* impl = static_cast<Impl*>(data);
   if (!param || id != SPA_PARAM_Format) return;
@@ -95,7 +114,8 @@ void onParamChanged(void* data, std::uint32_t id, const spa_pod* param) {
   const spa_pod* params[2];
   params[0] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
       &b, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_buffers,
-      SPA_POD_CHOICE_RANGE_Int(4, 2, 8), SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1), SPA_PARAM_BUFFERS_size,
+      SPA_POD_CHOICE_RANGE_Int(static_cast<int>(kCirculatingBuffers), 2, 8), SPA_PARAM_BUFFERS_blocks,
+      SPA_POD_Int(1), SPA_PARAM_BUFFERS_size,
       SPA_POD_Int(size), SPA_PARAM_BUFFERS_stride, SPA_POD_Int(stride), SPA_PARAM_BUFFERS_dataType,
       SPA_POD_CHOICE_FLAGS_Int((1 << SPA_DATA_MemFd) | (1 << SPA_DATA_MemPtr))));
   params[1] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
@@ -104,13 +124,58 @@ void onParamChanged(void* data, std::uint32_t id, const spa_pod* param) {
   impl->api->streamUpdateParams(impl->stream, params, 2);
 }
 
+// Gives a parked buffer's frame memory back to the system. PipeWire locks
+// every mapped buffer into memory (mlock), which makes all of its pages
+// resident in this process and in the consumer's; the whole pages of the
+// frame data (not the chunk and metadata around it) are unlocked here and
+// punched out of the shared memory file, so they cost nothing until written
+// again, which nobody does.
+void releasePages(const spa_data& d) {
+  if (!d.data || d.maxsize == 0) return;
+  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const auto from = (reinterpret_cast<std::uintptr_t>(d.data) + page - 1) / page * page;
+  const auto to = (reinterpret_cast<std::uintptr_t>(d.data) + d.maxsize) / page * page;
+  if (to <= from) return;
+  ::munlock(reinterpret_cast<void*>(from), to - from);
+  ::madvise(reinterpret_cast<void*>(from), to - from, MADV_REMOVE);
+}
+
+// A new buffer (a consumer linked or renegotiated, after PipeWire mapped and
+// locked it): the first kCirculatingBuffers carry frames, the others are
+// parked at once, their memory released (8.3 MB a 1080p frame).
+void onAddBuffer(void* data, pw_buffer* buffer) {
+  auto* impl = static_cast<Impl*>(data);
+  if (impl->circulating.size() < kCirculatingBuffers) {
+    impl->circulating.push_back(buffer);
+    return;
+  }
+  impl->parked.push_back(buffer);
+  releasePages(buffer->buffer->datas[0]);
+}
+
+// Buffers go when the consumer leaves or renegotiates.
+void onRemoveBuffer(void* data, pw_buffer* buffer) {
+  auto* impl = static_cast<Impl*>(data);
+  std::erase(impl->circulating, buffer);
+  std::erase(impl->parked, buffer);
+}
+
+// A free circulating buffer, or null. A parked one that comes up stays
+// dequeued here for good: never written, never handed to the consumer.
+pw_buffer* dequeueCirculating(Impl& impl) {
+  while (pw_buffer* buffer = impl.api->streamDequeueBuffer(impl.stream)) {
+    if (std::find(impl.circulating.begin(), impl.circulating.end(), buffer) != impl.circulating.end()) return buffer;
+  }
+  return nullptr;
+}
+
 // The graph asks for a frame: copy the newest one, if any, into a free buffer.
 void onProcess(void* data) {
   auto* impl = static_cast<Impl*>(data);
   std::shared_ptr<const RenderedFrame> frame = impl->takeFrame();
   if (!frame) return;
   const auto started = std::chrono::steady_clock::now();
-  pw_buffer* buffer = impl->api->streamDequeueBuffer(impl->stream);
+  pw_buffer* buffer = dequeueCirculating(*impl);
   if (!buffer) {
     std::lock_guard lock(impl->slotMutex);
     ++impl->counters.noBuffer;
@@ -197,6 +262,8 @@ CreateResult<PipeWireVideoSource> PipeWireVideoSource::create(std::shared_ptr<co
   impl->events.state_changed = onStateChanged;
   impl->events.param_changed = onParamChanged;
   impl->events.process = onProcess;
+  impl->events.add_buffer = onAddBuffer;
+  impl->events.remove_buffer = onRemoveBuffer;
 
   impl->threadLoop = api->threadLoopNew("velmora-pipewire", nullptr);
   if (!impl->threadLoop) return CreateResult<PipeWireVideoSource>::failure("PipeWireVideoSource::create(): no thread loop");

@@ -6,7 +6,6 @@
 
 #include "base/Log.h"
 #include "render/FrameTexture.h"
-#include "render/RenderThread.h"
 #include "render/ShaderProgram.h"
 
 namespace velmora {
@@ -100,17 +99,7 @@ class ContextScope {
 }  // namespace
 
 ProjectorView::ProjectorView(GLFWwindow* window)
-    : window_(window),
-      renderer_(std::make_unique<RenderThread>()),
-      slot_(std::make_shared<Slot>()),
-      gl_(std::make_unique<Gl>()) {
-  std::weak_ptr<Slot> slot = slot_;
-  renderer_->setFrameHandler([slot](const std::shared_ptr<const RenderedFrame>& frame) {
-    if (auto s = slot.lock()) {
-      std::lock_guard lock(s->mutex);
-      s->frame = frame;
-    }
-  });
+    : window_(window), slot_(std::make_shared<Slot>()), gl_(std::make_unique<Gl>()) {
   ContextScope scope(window_);
   glfwSwapInterval(0);  // presenting never waits for the display
   const std::string why = gl_->create();
@@ -125,15 +114,20 @@ ProjectorView::ProjectorView(GLFWwindow* window)
 }
 
 ProjectorView::~ProjectorView() {
-  if (renderer_) retire().wait();
   if (gl_) {
     ContextScope scope(window_);
     gl_->destroy();
   }
 }
 
-void ProjectorView::submit(std::shared_ptr<const FrameDescription> frame) {
-  if (renderer_) renderer_->submit(std::move(frame));
+std::function<void(const std::shared_ptr<const RenderedFrame>&)> ProjectorView::consumer() const {
+  std::weak_ptr<Slot> slot = slot_;
+  return [slot](const std::shared_ptr<const RenderedFrame>& frame) {
+    if (auto s = slot.lock()) {
+      std::lock_guard lock(s->mutex);
+      s->frame = frame;
+    }
+  };
 }
 
 bool ProjectorView::present() {
@@ -148,12 +142,6 @@ bool ProjectorView::present() {
   glfwSwapBuffers(window_);
   ++presented_;
   return true;
-}
-
-std::future<void> ProjectorView::retire() {
-  slot_ = std::make_shared<Slot>();  // frames still on their way go nowhere
-  std::shared_ptr<RenderThread> renderer(std::move(renderer_));
-  return std::async(std::launch::async, [renderer] { renderer->stop(); });
 }
 
 }  // namespace velmora

@@ -1,32 +1,30 @@
 #pragma once
-// The projector's live view: its own render thread (render/RenderThread, a
-// headless EGL context) renders the scene's frame descriptions at the
-// window's size; the main thread shows each finished frame in the projector
-// window over black (an upload and one textured triangle), through the
-// window's GLFW context.
+// The projector's live view: the scene's one render thread (the same
+// renderer, GL context and GPU copy of every character as the outputs')
+// renders frames at the window's size and hands them in through consume();
+// the main thread shows each finished frame in the projector window over
+// black (an upload and one textured triangle), through the window's GLFW
+// context. At the outputs' size the projector shows their very frame.
 //
 // Why not render the scene through the window's context: with software GL
 // the window system's contexts must all be driven from one thread (GLX
 // contexts used from a second thread stalled the dashboard's buffer swap
 // behind the projector's half-second frames, and could hang it). So the
-// heavy 1080p frame is drawn on the EGL device off the main thread, and the
-// main thread only presents finished frames: it never waits for rendering.
+// heavy frame is drawn on the render thread's headless context, and the main
+// thread only presents finished frames: it never waits for rendering.
 //
 // Threads: main thread, except that frames arrive from the render thread.
 
 #include <cstdint>
-#include <future>
+#include <functional>
 #include <memory>
 #include <mutex>
 
-#include "scene/FrameDescription.h"
 #include "scene/RenderedFrame.h"
 
 struct GLFWwindow;
 
 namespace velmora {
-
-class RenderThread;
 
 class ProjectorView {
  public:
@@ -35,20 +33,17 @@ class ProjectorView {
   // current again afterwards.
   explicit ProjectorView(GLFWwindow* window);
   // Main thread, before the window is destroyed: frees the GL objects.
-  // The render thread must have been handed to retire() first.
   ~ProjectorView();
   ProjectorView(const ProjectorView&) = delete;
   ProjectorView& operator=(const ProjectorView&) = delete;
 
-  // Never waits for rendering (a newer description replaces a waiting one).
-  void submit(std::shared_ptr<const FrameDescription> frame);
+  // What takes this view's finished frames (any thread, never blocks: it
+  // keeps the newest). It stays safe to call after the view is gone (the
+  // frame then goes nowhere), so a render in progress may still deliver.
+  std::function<void(const std::shared_ptr<const RenderedFrame>&)> consumer() const;
   // Main thread: shows the newest finished frame if there is one not shown
   // yet. True when it showed one.
   bool present();
-  // Main thread: lets the render thread finish its frame in hand on a thread
-  // of its own; the future is ready once it has (wait for it before exit).
-  // Later frames are dropped.
-  std::future<void> retire();
 
   std::uint64_t presentedCount() const { return presented_; }
 
@@ -60,7 +55,6 @@ class ProjectorView {
   struct Gl;
 
   GLFWwindow* window_;
-  std::unique_ptr<RenderThread> renderer_;
   std::shared_ptr<Slot> slot_;
   std::unique_ptr<Gl> gl_;
   std::uint64_t presented_ = 0;

@@ -21,7 +21,7 @@ ProjectorWindowController::ProjectorWindowController(FaceTrackingState& state)
 
 ProjectorWindowController::~ProjectorWindowController() { shutdown(); }
 
-void ProjectorWindowController::setFrameSource(FrameSource source) { source_ = std::move(source); }
+void ProjectorWindowController::setFrameFeed(FrameFeed feed) { feed_ = std::move(feed); }
 
 void ProjectorWindowController::setKeyHandler(KeyHandler handler) { keyHandler_ = std::move(handler); }
 
@@ -81,6 +81,10 @@ void ProjectorWindowController::openProjector() {
   glfwWindowHint(GLFW_OPENGL_PROFILE, GLFW_OPENGL_CORE_PROFILE);
   glfwWindowHint(GLFW_OPENGL_FORWARD_COMPAT, GLFW_TRUE);
   glfwWindowHint(GLFW_SAMPLES, 0);  // the scene is multisampled offscreen, then shown
+  // One textured triangle over black: no depth or stencil buffer (8.3 MB at
+  // 1080p, in main memory on software GL).
+  glfwWindowHint(GLFW_DEPTH_BITS, 0);
+  glfwWindowHint(GLFW_STENCIL_BITS, 0);
   // Full screen on that monitor at its current mode, so GLFW switches no
   // mode and the window manager keeps the window over the monitor on every
   // workspace (a plain window would stay behind on the workspace it opened on).
@@ -104,10 +108,10 @@ void ProjectorWindowController::openProjector() {
   glfwFocusWindow(window);
 
   window_ = window;
-  width_ = mode->width;
-  height_ = mode->height;
   monitorName_ = glfwGetMonitorName(monitor) ? glfwGetMonitorName(monitor) : "";
   view_ = std::make_unique<ProjectorView>(window);
+  // The scene at the monitor's native size; from the next tick on.
+  if (feed_.subscribe) feedToken_ = feed_.subscribe(mode->width, mode->height, view_->consumer());
   state_.setIsProjectorFullscreen(true);
   logLine("ProjectorWindowController", "Opened fullscreen projector window on '" + monitorName_ + "'");
   if (coversOperatorMonitor()) logLine("ProjectorWindowController", singleMonitorHint);
@@ -130,14 +134,7 @@ void ProjectorWindowController::toggleProjectorFullscreen() {
 }
 
 void ProjectorWindowController::tick() {
-  if (!view_) return;
-  view_->present();
-  if (!source_) return;
-  auto frame = source_(width_, height_);
-  if (!frame) return;
-  auto copy = std::make_shared<FrameDescription>(*frame);
-  copy->sampleCount = sampleCount;
-  view_->submit(std::move(copy));
+  if (view_) view_->present();
 }
 
 std::uint64_t ProjectorWindowController::presentedCount() const {
@@ -145,21 +142,17 @@ std::uint64_t ProjectorWindowController::presentedCount() const {
 }
 
 void ProjectorWindowController::retire() {
-  std::erase_if(stoppers_, [](const std::future<void>& f) {
-    return f.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-  });
-  stoppers_.push_back(view_->retire());
+  // A frame the render thread is delivering right now goes nowhere.
+  if (feedToken_ && feed_.unsubscribe) feed_.unsubscribe(feedToken_);
+  feedToken_ = 0;
   view_.reset();  // its GL objects go while the window still exists
   glfwDestroyWindow(window_);
   window_ = nullptr;
   monitorName_.clear();
-  width_ = height_ = 0;
 }
 
 void ProjectorWindowController::shutdown() {
   if (window_) closeProjector();
-  for (auto& stopper : stoppers_) stopper.wait();
-  stoppers_.clear();
 }
 
 }  // namespace velmora

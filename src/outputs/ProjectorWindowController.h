@@ -19,19 +19,16 @@
 // covers the dashboard.
 //
 // Threads: main thread only (GLFW must already be initialised by the
-// application's main window). The scene is drawn on the view's own render
-// thread (ProjectorView); the main thread presents finished frames.
-// Closing destroys the window at once and lets the render thread finish its
-// frame in the background, so the main thread never waits for rendering,
-// except in shutdown() at exit.
+// application's main window). The scene is drawn by the scene's one render
+// thread as a live view at the window's size (FrameFeed); the main thread
+// presents finished frames, so it never waits for rendering.
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
-#include <future>
-#include <vector>
 
-#include "scene/FrameDescription.h"
+#include "scene/RenderedFrame.h"
 
 struct GLFWwindow;
 
@@ -42,14 +39,19 @@ class ProjectorView;
 
 class ProjectorWindowController {
  public:
-  // A frame of the live scene at the given size (the scene manager's
-  // makeFrameDescription); called on the main thread every tick while open.
-  using FrameSource = std::function<std::shared_ptr<const FrameDescription>(int width, int height)>;
+  using FrameConsumer = std::function<void(const std::shared_ptr<const RenderedFrame>&)>;
+  // Frames of the live scene at a size, rendered every tick (the scene
+  // manager's addView and removeFrameConsumer): subscribe is called on the
+  // main thread when a window opens and returns a token that unsubscribe
+  // takes when it closes. The consumer is called on the render thread.
+  struct FrameFeed {
+    std::function<int(int width, int height, FrameConsumer consumer)> subscribe;
+    std::function<void(int token)> unsubscribe;
+  };
   // A key pressed while the projector has the focus (GLFW key and mods), so
   // the application's shortcuts work there too.
   using KeyHandler = std::function<void(int key, int mods)>;
 
-  static constexpr int sampleCount = 4;
   // How an operator with one monitor gets the dashboard back.
   static constexpr const char* singleMonitorHint =
       "One monitor: the projector covers the dashboard. Press Esc or Ctrl+P on it to close it.";
@@ -64,7 +66,8 @@ class ProjectorWindowController {
   ProjectorWindowController(const ProjectorWindowController&) = delete;
   ProjectorWindowController& operator=(const ProjectorWindowController&) = delete;
 
-  void setFrameSource(FrameSource source);
+  // Main thread; an empty feed leaves the window black.
+  void setFrameFeed(FrameFeed feed);
   void setKeyHandler(KeyHandler handler);
   // Called (main thread, inside GLFW's event handling) when Esc is pressed
   // in the projector or the window manager asks to close it.
@@ -78,8 +81,7 @@ class ProjectorWindowController {
   // closeProjector() when a window exists, otherwise openProjector().
   void toggleProjectorFullscreen();
 
-  // Every tick: shows the newest finished frame and hands the view the
-  // scene at the window's size.
+  // Every tick: shows the newest finished frame.
   void tick();
 
   bool isOpen() const { return window_ != nullptr; }
@@ -88,24 +90,23 @@ class ProjectorWindowController {
   // Frames the open window has shown.
   std::uint64_t presentedCount() const;
 
-  // Closes the window and waits for every view thread (application exit).
+  // Closes the window (application exit).
   void shutdown();
 
  private:
   static void keyCallback(GLFWwindow* window, int key, int scancode, int action, int mods);
   static void closeCallback(GLFWwindow* window);
-  // Destroys the open window; its render thread stops in the background.
+  // Unsubscribes the view and destroys the open window.
   void retire();
 
   FaceTrackingState& state_;
-  FrameSource source_;
+  FrameFeed feed_;
   KeyHandler keyHandler_;
   std::function<void()> closeRequestHandler_;
   GLFWwindow* window_ = nullptr;
   std::unique_ptr<ProjectorView> view_;
+  int feedToken_ = 0;  // 0: not subscribed
   std::string monitorName_;
-  int width_ = 0, height_ = 0;
-  std::vector<std::future<void>> stoppers_;  // render threads finishing their last frame
 };
 
 }  // namespace velmora

@@ -6,8 +6,10 @@
 // CPU side are deleted by purgeExpired() (the weak references tell).
 //
 // Morph targets are uploaded as one texture buffer of deltas from the base
-// mesh: texel 2 * (target * vertexCount + vertex) holds the position delta,
-// the next texel the normal delta (RGBA16F, w unused).
+// mesh, six half floats per (target, vertex) (position delta x y z, normal
+// delta x y z) read as R32UI texels of two halves each, low half first:
+// texel 3 * (target * vertexCount + vertex) starts them. Nothing pads them
+// (an RGBA16F pair would spend a quarter of the memory on unused w).
 //
 // Threads: the render thread, with the owning context current.
 

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <future>
 
 #include "base/Log.h"
@@ -29,8 +30,15 @@ void RenderThread::submit(std::shared_ptr<const FrameDescription> frame) {
   if (!frame) return;
   std::lock_guard lock(mutex_);
   if (stopping_ || !failure_.empty()) return;
-  if (pending_) ++dropped_;
-  pending_ = std::move(frame);
+  auto same = std::find_if(pending_.begin(), pending_.end(), [&](const auto& waiting) {
+    return waiting->width == frame->width && waiting->height == frame->height;
+  });
+  if (same != pending_.end()) {
+    ++dropped_;
+    *same = std::move(frame);
+  } else {
+    pending_.push_back(std::move(frame));
+  }
   startLocked();
   wake_.notify_one();
 }
@@ -126,12 +134,12 @@ void RenderThread::run() {
     logLine("Renderer", failure + "; nothing will be rendered");
     std::lock_guard lock(mutex_);
     failure_ = failure;
-    pending_.reset();
+    pending_.clear();
   }
 
   std::unique_lock lock(mutex_);
   for (;;) {
-    wake_.wait(lock, [this] { return stopping_ || pending_ || !tasks_.empty(); });
+    wake_.wait(lock, [this] { return stopping_ || !pending_.empty() || !tasks_.empty(); });
     if (!tasks_.empty()) {
       auto task = std::move(tasks_.front());
       tasks_.pop_front();
@@ -141,8 +149,9 @@ void RenderThread::run() {
       continue;
     }
     if (stopping_) break;
-    auto frame = std::move(pending_);
-    pending_.reset();
+    if (pending_.empty()) continue;
+    auto frame = std::move(pending_.front());
+    pending_.erase(pending_.begin());
     if (!renderer || !frame) continue;
     lock.unlock();
     // Nothing thrown here may end the thread or reach the main thread.

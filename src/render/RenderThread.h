@@ -2,8 +2,13 @@
 // The thread that owns the headless GL context and the scene renderer.
 //
 // The main thread hands over frame descriptions with submit(): at most one
-// waits, a newer one replaces it (the replaced one is counted as dropped),
-// and submit() never waits for the GPU. Finished frames go to the frame
+// of each frame size waits, a newer one of that size replaces it (the
+// replaced one is counted as dropped), and submit() never waits for the GPU.
+//
+// One renderer, one GL context, for every frame of the process: the outputs'
+// frames and the live views' (the projector's) are all drawn here, so each
+// character's meshes and morph targets, and any texture a character brings,
+// exist once on the GPU side. Windows only present finished frames. Finished frames go to the frame
 // handler, on this thread. renderNow() is the synchronous path for
 // snapshots and tests: it waits for its own frame and returns the pixels.
 //
@@ -19,6 +24,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "scene/FrameDescription.h"
 #include "scene/FrameRenderer.h"
@@ -65,7 +71,8 @@ class RenderThread final : public FrameRenderer {
   std::thread thread_;
   bool started_ = false;
   bool stopping_ = false;
-  std::shared_ptr<const FrameDescription> pending_;
+  // Waiting descriptions, at most one per frame size, oldest first.
+  std::vector<std::shared_ptr<const FrameDescription>> pending_;
   std::deque<std::function<void(SceneRenderer*, const std::string&)>> tasks_;
   FrameHandler handler_;
   std::uint64_t rendered_ = 0;

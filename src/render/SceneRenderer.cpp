@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <span>
 #include <glm/gtc/matrix_inverse.hpp>
 #include <glm/gtc/matrix_transform.hpp>
 
@@ -67,8 +68,8 @@ struct Targets {
   GLuint sceneFbo = 0, sceneColor = 0, sceneDepth = 0;  // multisampled renderbuffers (samples > 1)
   GLuint resolveFbo = 0, resolveColor = 0;              // RGBA16F texture
   GLuint resolveDepth = 0;                              // single-sampled: the scene draws here directly
-  GLuint outputFbo = 0, outputColor = 0;                // RGBA8 texture
-  GLuint pixelBuffer = 0;
+  int refusedSamples = 0;  // the sample count asked for when the driver refused it (samples is then 1)
+  GLuint outputFbo = 0, outputColor = 0;                // RGBA8 texture, read back into the frame
 };
 
 // One draw item, ready to draw.
@@ -83,12 +84,27 @@ struct Prepared {
 
 }  // namespace
 
+// Render targets are kept for this many frame sizes at once: the outputs'
+// and a live view's of another size (the projector on a monitor that is not
+// 1920 x 1080), so alternating frames never rebuild them. A 1080p set with
+// four samples holds about 125 MB of colour and depth on software GL.
+constexpr std::size_t kTargetSizes = 2;
+
 struct SceneRenderer::Impl {
   std::unique_ptr<ShaderProgram> morph, depth, surface, output;
   MeshCache cache;
-  RenderedFramePool frames;  // read-back memory, reused once the outputs let go
+  // Read-back memory, reused once the outputs let go. Four frames: the one
+  // being read back, NDI's one in flight, the one waiting for PipeWire's loop
+  // thread to copy it, and the one waiting for the projector to show it.
+  RenderedFramePool frames{4};
   GLuint shadowFbo = 0, shadowDepth = 0;
-  Targets targets;
+  std::vector<Targets> targetSets;  // most recently used first, at most kTargetSizes
+  std::vector<Prepared> items;      // this frame's draw items (the first preparedCount), reused
+  std::size_t preparedCount = 0;
+  std::vector<const Prepared*> translucent;
+  std::vector<std::pair<int, float>> activeMorphs;
+  std::vector<int> morphIndices;
+  std::vector<float> morphWeights;
   GLuint emptyVertexArray = 0;
   GLuint specularTexture = 0, blackTexture = 0;
   std::weak_ptr<const EnvironmentImage> environmentKey;
@@ -102,7 +118,7 @@ struct SceneRenderer::Impl {
   bool reportedMorphLimit = false;
 
   ~Impl() {
-    releaseTargets();
+    for (Targets& t : targetSets) releaseTargets(t);
     glDeleteFramebuffers(1, &shadowFbo);
     glDeleteTextures(1, &shadowDepth);
     glDeleteVertexArrays(1, &emptyVertexArray);
@@ -115,9 +131,8 @@ struct SceneRenderer::Impl {
   // [SECTION] Render targets
   // -------------------------------------------------------------------------
 
-  void releaseTargets() {
-    Targets& t = targets;
-    glDeleteFramebuffers(1, &t.sceneFbo);
+  static void releaseTargets(Targets& t) {
+    if (t.sceneFbo != t.resolveFbo) glDeleteFramebuffers(1, &t.sceneFbo);
     glDeleteRenderbuffers(1, &t.sceneColor);
     glDeleteRenderbuffers(1, &t.sceneDepth);
     glDeleteFramebuffers(1, &t.resolveFbo);
@@ -125,7 +140,6 @@ struct SceneRenderer::Impl {
     glDeleteRenderbuffers(1, &t.resolveDepth);
     glDeleteFramebuffers(1, &t.outputFbo);
     glDeleteTextures(1, &t.outputColor);
-    glDeleteBuffers(1, &t.pixelBuffer);
     t = Targets{};
   }
 
@@ -142,9 +156,8 @@ struct SceneRenderer::Impl {
     glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
   }
 
-  bool buildTargets(int w, int h, int samples, std::string& why) {
-    releaseTargets();
-    Targets& t = targets;
+  static bool buildTargets(Targets& t, int w, int h, int samples, std::string& why) {
+    releaseTargets(t);
     t.width = w;
     t.height = h;
     t.samples = samples;
@@ -188,26 +201,43 @@ struct SceneRenderer::Impl {
       why = "output target incomplete (" + hex(status) + ")";
       return false;
     }
-    glGenBuffers(1, &t.pixelBuffer);
-    glBindBuffer(GL_PIXEL_PACK_BUFFER, t.pixelBuffer);
-    glBufferData(GL_PIXEL_PACK_BUFFER, static_cast<GLsizeiptr>(w) * h * 4, nullptr, GL_STREAM_READ);
-    glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
     return true;
   }
 
-  bool ensureTargets(int w, int h, int requestedSamples, std::string& why) {
+  // The targets for this size, made current as targetSets.front(); null
+  // (with the reason) when they cannot be made.
+  const Targets* ensureTargets(int w, int h, int requestedSamples, std::string& why) {
     if (w <= 0 || h <= 0 || w > maxSize || h > maxSize) {
       why = "frame size " + std::to_string(w) + "x" + std::to_string(h) + " outside 1.." + std::to_string(maxSize);
-      return false;
+      return nullptr;
     }
     const int samples = std::clamp(requestedSamples, 1, std::max(1, maxSamples));
-    if (targets.width == w && targets.height == h && targets.samples == samples && targets.outputFbo) return true;
-    if (buildTargets(w, h, samples, why)) return true;
+    auto found = std::find_if(targetSets.begin(), targetSets.end(), [&](const Targets& t) {
+      // A set built single-sampled after a refusal serves the same request again.
+      return t.width == w && t.height == h && (t.samples == samples || t.refusedSamples == samples);
+    });
+    if (found != targetSets.end()) {
+      std::rotate(targetSets.begin(), found, found + 1);
+      return &targetSets.front();
+    }
+    Targets t;
+    bool built = buildTargets(t, w, h, samples, why);
     // Some drivers refuse multisampled float targets; a single-sampled frame
     // is better than none.
-    if (samples > 1 && buildTargets(w, h, 1, why)) return true;
-    releaseTargets();
-    return false;
+    if (!built && samples > 1 && buildTargets(t, w, h, 1, why)) {
+      built = true;
+      t.refusedSamples = samples;
+    }
+    if (!built) {
+      releaseTargets(t);
+      return nullptr;
+    }
+    if (targetSets.size() >= kTargetSizes) {
+      releaseTargets(targetSets.back());
+      targetSets.pop_back();
+    }
+    targetSets.insert(targetSets.begin(), t);
+    return &targetSets.front();
   }
 
   // -------------------------------------------------------------------------
@@ -238,6 +268,9 @@ struct SceneRenderer::Impl {
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_REPEAT);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    // Nothing reads the prefiltered images again (a new environment is
+    // computed afresh); the irradiance coefficients stay, set every frame.
+    std::vector<EnvironmentImage>().swap(environment.specular);
   }
 
   // -------------------------------------------------------------------------
@@ -287,7 +320,8 @@ struct SceneRenderer::Impl {
     }
 
     // Valid, non-zero weights; beyond the uniform array's size the strongest win.
-    std::vector<std::pair<int, float>> active;
+    std::vector<std::pair<int, float>>& active = activeMorphs;
+    active.clear();
     const int targetCount = deltas ? deltas->targetCount : 0;
     for (std::size_t i = 0; i < item.morphIndices.size() && i < item.morphWeights.size(); ++i) {
       const int index = item.morphIndices[i];
@@ -305,8 +339,10 @@ struct SceneRenderer::Impl {
       active.resize(static_cast<std::size_t>(shaders::maxActiveMorphTargets));
       std::sort(active.begin(), active.end());
     }
-    std::vector<int> indices;
-    std::vector<float> weights;
+    std::vector<int>& indices = morphIndices;
+    std::vector<float>& weights = morphWeights;
+    indices.clear();
+    weights.clear();
     for (const auto& [i, w] : active) {
       indices.push_back(i);
       weights.push_back(w);
@@ -341,12 +377,16 @@ struct SceneRenderer::Impl {
   // [SECTION] Passes
   // -------------------------------------------------------------------------
 
-  std::vector<Prepared> prepare(const FrameDescription& frame, const float4x4& view) {
-    std::vector<Prepared> out;
+  // Fills `items` (reused: its parts lists keep their memory from frame to frame).
+  void prepare(const FrameDescription& frame, const float4x4& view) {
+    std::size_t used = 0;
     std::size_t slot = 0;
     for (const auto& item : frame.items) {
       if (!item.geometry || !(item.opacity > 0.0f)) continue;
-      Prepared p;
+      if (items.size() == used) items.emplace_back();
+      Prepared& p = items[used];
+      p.parts.clear();
+      p.morphed = 0;
       p.item = &item;
       p.mesh = cache.mesh(*item.geometry);
       if (!p.mesh) continue;
@@ -362,9 +402,10 @@ struct SceneRenderer::Impl {
       }
       p.mirrored = glm::determinant(glm::mat3(item.worldTransform)) < 0.0f;
       p.viewDepth = (view * item.worldTransform * float4(0, 0, 0, 1)).z;
-      out.push_back(std::move(p));
+      ++used;
     }
-    return out;
+    // Entries past `used` keep their parts' memory for a later frame.
+    preparedCount = used;
   }
 
   // setMaterial: the surface program's per-draw uniforms. cull: back faces
@@ -507,11 +548,12 @@ BlendedMesh SceneRenderer::morphOnGpu(const FrameDrawItem& item) {
 std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& frame) {
   Impl& s = *impl_;
   std::string why;
-  if (!s.ensureTargets(frame.width, frame.height, frame.sampleCount, why)) {
+  const Targets* targets = s.ensureTargets(frame.width, frame.height, frame.sampleCount, why);
+  if (!targets) {
     logLine("Renderer", "SceneRenderer::render(): no frame: " + why);
     return nullptr;
   }
-  const Targets& t = s.targets;
+  const Targets& t = *targets;
   s.ensureEnvironment(frame.environment);
 
   const float aspect = static_cast<float>(frame.width) / static_cast<float>(frame.height);
@@ -524,7 +566,8 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
   glDisable(GL_SCISSOR_TEST);
   glDisable(GL_STENCIL_TEST);
 
-  std::vector<Prepared> items = s.prepare(frame, view);
+  s.prepare(frame, view);
+  const std::span<const Prepared> items(s.items.data(), s.preparedCount);
 
   // --- key light shadow map ---
   const LightRig& rig = frame.lights;
@@ -634,7 +677,8 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
   }
 
   // Translucent materials last, far to near, without writing depth.
-  std::vector<const Prepared*> translucent;
+  std::vector<const Prepared*>& translucent = s.translucent;
+  translucent.clear();
   for (const auto& p : items)
     for (const auto& [part, material] : p.parts)
       if (Impl::isTranslucentMaterial(*material)) {
@@ -679,15 +723,10 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
   glBindFramebuffer(GL_READ_FRAMEBUFFER, t.outputFbo);
   glReadBuffer(GL_COLOR_ATTACHMENT0);
   glPixelStorei(GL_PACK_ALIGNMENT, 4);
-  glBindBuffer(GL_PIXEL_PACK_BUFFER, t.pixelBuffer);
-  glReadPixels(0, 0, t.width, t.height, GL_BGRA, GL_UNSIGNED_BYTE, nullptr);
-  const void* mapped =
-      glMapBufferRange(GL_PIXEL_PACK_BUFFER, 0, static_cast<GLsizeiptr>(result->pixels.size()), GL_MAP_READ_BIT);
-  if (mapped) {
-    std::memcpy(result->pixels.data(), mapped, result->pixels.size());
-    glUnmapBuffer(GL_PIXEL_PACK_BUFFER);
-  }
-  glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+  // Straight into the frame: a pixel buffer in between would only add a
+  // frame-sized copy (8.3 MB at 1080p) and a memcpy, since the pixels are
+  // needed at once either way.
+  glReadPixels(0, 0, t.width, t.height, GL_BGRA, GL_UNSIGNED_BYTE, result->pixels.data());
   glBindFramebuffer(GL_FRAMEBUFFER, 0);
   glUseProgram(0);
 
@@ -696,10 +735,6 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
   if (GLenum e = glGetError(); e != GL_NO_ERROR && !s.reportedGlError) {
     logLine("Renderer", "SceneRenderer::render(): GL error " + hex(e) + " (reported once)");
     s.reportedGlError = true;
-  }
-  if (!mapped) {
-    logLine("Renderer", "SceneRenderer::render(): no frame: the pixel buffer could not be mapped");
-    return nullptr;
   }
   return result;
 }

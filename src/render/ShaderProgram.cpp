@@ -88,7 +88,7 @@ ShaderProgram::~ShaderProgram() { glDeleteProgram(program_); }
 void ShaderProgram::use() const { glUseProgram(program_); }
 
 int ShaderProgram::location(const char* name) {
-  auto it = locations_.find(name);
+  auto it = locations_.find(std::string_view(name));
   if (it != locations_.end()) return it->second;
   const int loc = glGetUniformLocation(program_, name);
   locations_.emplace(name, loc);

@@ -6,7 +6,10 @@
 // Threads: whichever thread has its context current (the render thread;
 // the projector window's program on the main thread).
 
+#include <cstddef>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -49,7 +52,12 @@ class ShaderProgram {
  private:
   explicit ShaderProgram(unsigned program) : program_(program) {}
   unsigned program_;
-  std::unordered_map<std::string, int> locations_;
+  // Found by the name's view: a frame's dozens of set() calls build no string.
+  struct NameHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view name) const { return std::hash<std::string_view>{}(name); }
+  };
+  std::unordered_map<std::string, int, NameHash, std::equal_to<>> locations_;
 };
 
 }  // namespace velmora

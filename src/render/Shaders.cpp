@@ -5,22 +5,36 @@ namespace velmora::shaders {
 const char* const morphVertex = R"GLSL(#version 330 core
 layout(location = 0) in vec3 aPosition;
 layout(location = 1) in vec3 aNormal;
-// Two texels per (target, vertex): position delta, normal delta.
-uniform samplerBuffer uDeltas;
+// Three texels per (target, vertex), two half floats each, low half first:
+// position delta x y z, normal delta x y z.
+uniform usamplerBuffer uDeltas;
 uniform int uVertexCount;
 uniform int uMorphCount;
 uniform int uMorphIndex[128];
 uniform float uMorphWeight[128];
 out vec3 vPosition;
 out vec3 vNormal;
+// A half float (the low 16 bits) as the float of the same value, exactly:
+// what a half-float texel fetch gives.
+float halfValue(uint h) {
+  uint exponent = (h >> 10u) & 0x1Fu;
+  uint mantissa = h & 0x3FFu;
+  float magnitude = exponent == 0u ? float(mantissa) * 5.9604644775390625e-8  // subnormal: m * 2^-24
+                                   : uintBitsToFloat(((exponent + 112u) << 23u) | (mantissa << 13u));
+  return (h & 0x8000u) != 0u ? -magnitude : magnitude;
+}
+vec2 halves(uint word) { return vec2(halfValue(word & 0xFFFFu), halfValue(word >> 16u)); }
 void main() {
   vec3 p = aPosition;
   vec3 n = aNormal;
   for (int i = 0; i < uMorphCount; ++i) {
-    int texel = 2 * (uMorphIndex[i] * uVertexCount + gl_VertexID);
+    int texel = 3 * (uMorphIndex[i] * uVertexCount + gl_VertexID);
     float w = uMorphWeight[i];
-    p += w * texelFetch(uDeltas, texel).xyz;
-    n += w * texelFetch(uDeltas, texel + 1).xyz;
+    vec2 pxy = halves(texelFetch(uDeltas, texel).r);
+    vec2 pzNx = halves(texelFetch(uDeltas, texel + 1).r);
+    vec2 nyz = halves(texelFetch(uDeltas, texel + 2).r);
+    p += w * vec3(pxy, pzNx.x);
+    n += w * vec3(pzNx.y, nyz);
   }
   float len = length(n);
   vNormal = len > 1e-12 ? n / len : n;

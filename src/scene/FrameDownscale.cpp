@@ -53,11 +53,16 @@ FrameDownscale::LinearPixel FrameDownscale::average(const RenderedFrame& frame, 
 
 RenderedFrame FrameDownscale::shrink(const RenderedFrame& frame, int width, int height) {
   RenderedFrame out;
+  shrinkInto(frame, width, height, out);
+  return out;
+}
+
+void FrameDownscale::shrinkInto(const RenderedFrame& frame, int width, int height, RenderedFrame& out) {
   out.width = std::max(0, width);
   out.height = std::max(0, height);
   out.time = frame.time;
   out.sequence = frame.sequence;
-  out.pixels.assign(static_cast<std::size_t>(out.width) * out.height * 4, 0);
+  out.pixels.assign(static_cast<std::size_t>(out.width) * out.height * 4, 0);  // no allocation once sized
   for (int y = 0; y < out.height; ++y) {
     for (int x = 0; x < out.width; ++x) {
       const LinearPixel p = average(frame, out.width, out.height, x, y);
@@ -70,7 +75,6 @@ RenderedFrame FrameDownscale::shrink(const RenderedFrame& frame, int width, int 
       q[3] = alpha;
     }
   }
-  return out;
 }
 
 }  // namespace velmora

@@ -26,6 +26,8 @@ class FrameDownscale {
   // The frame at width x height, back in sRGB with straight alpha, time and
   // sequence kept. A frame whose pixels are missing gives transparent pixels.
   static RenderedFrame shrink(const RenderedFrame& frame, int width, int height);
+  // The same into `out`, whose pixel memory is reused when it is big enough.
+  static void shrinkInto(const RenderedFrame& frame, int width, int height, RenderedFrame& out);
 
   // sRGB encoding <-> linear light, 0..1.
   static float toLinear(std::uint8_t encoded);

@@ -30,8 +30,9 @@ class FrameRenderer {
   // Called with every frame rendered from submit(); it must not block for
   // long (copy or post the frame on).
   virtual void setFrameHandler(FrameHandler handler) = 0;
-  // Never waits for rendering: at most one description waits, a newer one
-  // replaces it.
+  // Never waits for rendering: at most one description of each frame size
+  // waits, a newer one of that size replaces it (a live view of another size
+  // does not push out the outputs' frame). Waiting sizes take turns.
   virtual void submit(std::shared_ptr<const FrameDescription> frame) = 0;
   // Waits for this frame and returns its pixels, or the reason there are none.
   virtual Result renderNow(std::shared_ptr<const FrameDescription> frame) = 0;

@@ -92,13 +92,21 @@ void MaskSceneManager::setupOffscreenRenderer() {
   renderer_->setFrameHandler([weak](const std::shared_ptr<const RenderedFrame>& frame) {
     auto consumers = weak.lock();
     if (!consumers) return;
-    std::map<int, FrameConsumer> list;
-    VideoOutput* outputs[2];
+    // Taken out under the lock and called outside it. Reused: the handler
+    // runs on the render thread only, so nothing is allocated per frame
+    // once it has seen every consumer.
+    thread_local std::vector<std::shared_ptr<const FrameConsumer>> takers;
+    takers.clear();
+    VideoOutput* outputs[2] = {nullptr, nullptr};
+    const bool outputSize = frame->width == outputWidth && frame->height == outputHeight;
     {
       std::lock_guard lock(consumers->mutex);
-      list = consumers->list;
-      outputs[0] = consumers->syphon;
-      outputs[1] = consumers->ndi;
+      for (const auto& [token, consumer] : consumers->list)
+        if (consumer.width == frame->width && consumer.height == frame->height) takers.push_back(consumer.take);
+      if (outputSize) {
+        outputs[0] = consumers->syphon;
+        outputs[1] = consumers->ndi;
+      }
     }
     // Each output drops what it cannot take (stopped, no client, busy).
     for (VideoOutput* output : outputs)
@@ -110,7 +118,8 @@ void MaskSceneManager::setupOffscreenRenderer() {
         consumers->latency.record(frame->newestArrival, frame->time, consumers->clock());
       }
     }
-    for (auto& [token, consumer] : list) consumer(frame);
+    for (const auto& take : takers) (*take)(frame);
+    takers.clear();  // the consumers' captures are not kept alive past their removal
   });
 }
 
@@ -286,10 +295,12 @@ void MaskSceneManager::updateGhostEyes(Node& leftEye, Node& rightEye, const Blen
 void MaskSceneManager::tick() {
   updateTracking(state_);
   if (trackerUpdate_) trackerUpdate_();
-  if (state_.isSyphonActive() || state_.isNDIActive())
+  if (state_.isSyphonActive() || state_.isNDIActive()) {
     renderOffscreenFrame();  // syncs the outputs first
-  else
+  } else {
     syncOutputs(state_);  // so switching both off still stops them and says so
+    submitFrames(false, false);  // the live views still want theirs
+  }
 }
 
 void MaskSceneManager::renderOffscreenFrame() {
@@ -301,13 +312,28 @@ void MaskSceneManager::renderOffscreenFrame() {
   // cost a whole core on software GL for a frame with nowhere to go.
   const bool toSyphon = syphon_ && state_.isSyphonActive() && syphon_->isRunning() && syphon_->wantsFrames();
   const bool toNDI = ndi_ && state_.isNDIActive() && ndi_->isRunning() && ndi_->wantsFrames();
-  bool toConsumers = false;
+  submitFrames(toSyphon || toNDI, true);
+}
+
+void MaskSceneManager::submitFrames(bool forOutputs, bool forConsumers) {
+  if (!renderer_) return;
+  // One frame per size: the output size when an output, a consumer or a view
+  // of that size takes it, and each other view's own size once.
+  bool outputFrame = forOutputs;
+  sizes_.clear();
   {
     std::lock_guard lock(consumers_->mutex);
-    toConsumers = !consumers_->list.empty();
+    for (const auto& [token, consumer] : consumers_->list) {
+      const std::pair<int, int> size{consumer.width, consumer.height};
+      if (size == std::pair{outputWidth, outputHeight}) {
+        outputFrame = outputFrame || forConsumers || consumer.view;
+      } else if (consumer.view && std::find(sizes_.begin(), sizes_.end(), size) == sizes_.end()) {
+        sizes_.push_back(size);
+      }
+    }
   }
-  if (!toSyphon && !toNDI && !toConsumers) return;
-  renderer_->submit(makeFrameDescription());
+  if (outputFrame) renderer_->submit(makeFrameDescription());
+  for (const auto& [width, height] : sizes_) renderer_->submit(makeFrameDescription(width, height));
 }
 
 // ---------------------------------------------------------------------------
@@ -409,7 +435,14 @@ FrameRenderer::Result MaskSceneManager::renderFrameNow(int width, int height, in
 int MaskSceneManager::addFrameConsumer(FrameConsumer consumer) {
   std::lock_guard lock(consumers_->mutex);
   const int token = consumers_->nextToken++;
-  consumers_->list.emplace(token, std::move(consumer));
+  consumers_->list.emplace(token, Consumer{std::make_shared<const FrameConsumer>(std::move(consumer)), outputWidth, outputHeight, false});
+  return token;
+}
+
+int MaskSceneManager::addView(int width, int height, FrameConsumer consumer) {
+  std::lock_guard lock(consumers_->mutex);
+  const int token = consumers_->nextToken++;
+  consumers_->list.emplace(token, Consumer{std::make_shared<const FrameConsumer>(std::move(consumer)), width, height, true});
   return token;
 }
 

@@ -101,12 +101,13 @@ class MaskSceneManager {
   // The 60 Hz tick: updateTracking(state), the tracker update, then
   // renderOffscreenFrame() when the Syphon or the NDI output is switched on,
   // else syncOutputs(state) alone (so outputs switched off are stopped and
-  // their status says so).
+  // their status says so) and a frame for each live view.
   void tick();
   // syncOutputs(state), then captures the frame and hands it to the render
   // thread when an output runs, is switched on and wants frames (a PipeWire
   // source with no consumer linked does not), or a frame consumer is
-  // registered. Without a renderer nothing is rendered.
+  // registered; and a frame for each live view of another size. Without a
+  // renderer nothing is rendered.
   void renderOffscreenFrame();
 
   // ---- outputs ----------------------------------------------------------------
@@ -143,8 +144,18 @@ class MaskSceneManager {
   // Renders the current frame synchronously (snapshots, tests).
   FrameRenderer::Result renderFrameNow(int width = outputWidth, int height = outputHeight, int sampleCount = 4);
 
-  // Any thread. Consumers are called on the render thread with each frame.
+  // Any thread. Consumers are called on the render thread with each frame
+  // rendered at the output size.
   int addFrameConsumer(FrameConsumer consumer);
+  // Any thread. A live view of the scene at its own size (the projector
+  // window): a frame is rendered for it on every tick, whether an output is
+  // switched on or not, by the same renderer as the outputs' frames (one GPU
+  // copy of every character for all of them). A view at the output size
+  // takes the outputs' very frame: one render serves both. The consumer is
+  // called on the render thread with each frame of the view's size.
+  int addView(int width, int height, FrameConsumer consumer);
+  // Removes a consumer or a view; a call already under way on the render
+  // thread may still finish.
   void removeFrameConsumer(int token);
   FrameRenderer* renderer() { return renderer_.get(); }
 
@@ -169,10 +180,16 @@ class MaskSceneManager {
   const std::shared_ptr<const EnvironmentImage>& environment() const { return environment_; }
 
  private:
+  // A frame consumer, or a live view (see addView), and the frame size it takes.
+  struct Consumer {
+    std::shared_ptr<const FrameConsumer> take;  // shared so the handler takes it without a copy
+    int width = outputWidth, height = outputHeight;
+    bool view = false;
+  };
   // Everything the render thread's frame handler reads, under one lock.
   struct Consumers {
     std::mutex mutex;
-    std::map<int, FrameConsumer> list;
+    std::map<int, Consumer> list;
     int nextToken = 1;
     VideoOutput* syphon = nullptr;
     VideoOutput* ndi = nullptr;
@@ -181,6 +198,11 @@ class MaskSceneManager {
     std::function<double()> clock;
     OutputLatency latency;
   };
+
+  // Hands the render thread this tick's frames: one at the output size when
+  // an output takes it (forOutputs), a consumer does (forConsumers) or a
+  // view of that size does, and one for each live view of another size.
+  void submitFrames(bool forOutputs, bool forConsumers);
 
   FaceTrackingState& state_;
   CharacterAnimationController& animation_;
@@ -208,6 +230,8 @@ class MaskSceneManager {
   std::shared_ptr<Consumers> consumers_;
   VideoOutput* syphon_ = nullptr;
   VideoOutput* ndi_ = nullptr;
+  // Main thread: the frame sizes to render this tick, reused.
+  std::vector<std::pair<int, int>> sizes_;
   std::optional<double> lastStatusCheck_;  // clock time of the last status refresh
   mutable std::uint64_t sequence_ = 0;
 };

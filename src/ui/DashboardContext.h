@@ -34,6 +34,10 @@ struct DashboardContext {
   std::function<bool()> projectorCoversDashboard;
   // (Re)starts the OSC cue server with the state's current port and switch.
   std::function<void()> restartCueServer;
+  // The controllers subscribed to events, one line each, and the last reply
+  // the cue server sent ("None" before the first); none: no cue server.
+  std::function<std::vector<std::string>()> oscSubscribers;
+  std::function<std::string()> lastOscReply;
   // The UDP ports the tracking receiver listens on.
   std::function<std::vector<std::uint16_t>()> trackingPorts;
   // Ends the run as closing the main window does; none: nothing to close.

@@ -43,6 +43,10 @@ CreateResult<MainWindow> MainWindow::create() {
   glfwWindowHint(GLFW_OPENGL_PROFILE, GLFW_OPENGL_CORE_PROFILE);
   glfwWindowHint(GLFW_OPENGL_FORWARD_COMPAT, GLFW_TRUE);
   glfwWindowHint(GLFW_FOCUS_ON_SHOW, GLFW_TRUE);
+  // ImGui tests neither depth nor stencil: no such buffer the window's size
+  // (4 bytes a pixel, in main memory on software GL).
+  glfwWindowHint(GLFW_DEPTH_BITS, 0);
+  glfwWindowHint(GLFW_STENCIL_BITS, 0);
   GLFWwindow* window = glfwCreateWindow(initialWidth, initialHeight, "Velmora", nullptr, nullptr);
   glfwDefaultWindowHints();
   if (!window) {

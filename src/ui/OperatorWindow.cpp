@@ -47,6 +47,8 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
   context_->quit = [&mainWindow] { mainWindow.requestClose(); };
   QLabOSCServer& cueServer = services_.cueServer;
   context_->restartCueServer = [&cueServer] { cueServer.startListening(); };
+  context_->oscSubscribers = [&cueServer] { return cueServer.replies().subscriberLines(uptime()); };
+  context_->lastOscReply = [&cueServer] { return cueServer.replies().lastReply(); };
   TrackingReceiver& receiver = services_.receiver;
   context_->trackingPorts = [&receiver] { return receiver.ports(); };
   context_->setClipboard = [handle](const std::string& text) { glfwSetClipboardString(handle, text.c_str()); };
@@ -72,7 +74,11 @@ OperatorWindow::OperatorWindow(const Services& services, std::unique_ptr<MainWin
     });
   });
   MaskSceneManager& scene = services_.scene;
-  projector.setFrameSource([&scene](int width, int height) { return scene.makeFrameDescription(width, height); });
+  // The projector is a live view of the scene's one renderer, not a renderer of its own.
+  projector.setFrameFeed({[&scene](int width, int height, ProjectorWindowController::FrameConsumer consumer) {
+                            return scene.addView(width, height, std::move(consumer));
+                          },
+                          [&scene](int token) { scene.removeFrameConsumer(token); }});
 
   // The frame loop's second step, and the preview's frames from the render thread.
   WireframeTracker& tracker = *tracker_;
@@ -89,7 +95,7 @@ OperatorWindow::~OperatorWindow() {
   services_.projector.shutdown();
   services_.projector.setKeyHandler(nullptr);
   services_.projector.setCloseRequestHandler(nullptr);
-  services_.projector.setFrameSource(nullptr);
+  services_.projector.setFrameFeed({});
   services_.scene.removeFrameConsumer(consumerToken_);
   services_.scene.setTrackerUpdate(nullptr);
   dashboard_.reset();

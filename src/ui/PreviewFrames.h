@@ -7,12 +7,14 @@
 // takes the newest frame when there is one it has not seen.
 //
 // Pixels as RenderedFrame: BGRA, rows top first, sRGB, straight alpha.
+// The small frames are reused, not allocated per frame.
 
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
 
+#include "render/RenderedFramePool.h"
 #include "scene/RenderedFrame.h"
 
 namespace velmora {
@@ -23,14 +25,19 @@ class PreviewFrames {
   // that gets the frame there.
   static constexpr int maximumWidth = 480;
 
-  // Any thread (the render thread): shrinks and keeps the frame.
+  // The render thread (one thread): shrinks and keeps the frame.
   void consume(const RenderedFrame& frame);
   // Main thread: the newest frame if it is newer than `seenSequence`.
   std::shared_ptr<const RenderedFrame> newerThan(std::uint64_t seenSequence) const;
 
   static std::shared_ptr<RenderedFrame> shrink(const RenderedFrame& frame, int factor);
+  // The same into `out`, every byte written.
+  static void shrinkInto(const RenderedFrame& frame, int factor, RenderedFrame& out);
 
  private:
+  // Three small frames: the newest (kept here), one the main thread may be
+  // uploading, one being written on the render thread.
+  RenderedFramePool pool_{3};
   mutable std::mutex mutex_;
   std::shared_ptr<const RenderedFrame> latest_;
 };

@@ -38,6 +38,16 @@ void RemoteControlPanel::draw() {
   ImGui::TextDisabled("Last command:");
   ImGui::SameLine();
   ImGui::TextWrapped("%s", state.lastQLabCommand().c_str());
+  if (context_.lastOscReply) {
+    ImGui::TextDisabled("Last reply:");
+    ImGui::SameLine();
+    ImGui::TextWrapped("%s", context_.lastOscReply().c_str());
+  }
+  if (context_.oscSubscribers) {
+    const auto subscribers = context_.oscSubscribers();
+    ImGui::TextDisabled("Subscribers: %zu", subscribers.size());
+    for (const std::string& line : subscribers) ImGui::BulletText("%s", line.c_str());
+  }
 }
 
 }  // namespace velmora

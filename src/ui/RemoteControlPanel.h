@@ -1,7 +1,8 @@
 #pragma once
 // Remote control: the OSC cue switch, the cue port (checked by OscPortField
 // before it is stored; applying it restarts the cue server), the server's
-// status and the last command received. Main thread.
+// status, the last command received, the last reply sent and the
+// controllers subscribed to events. Main thread.
 
 #include <string>
 

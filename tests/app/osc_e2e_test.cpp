@@ -8,6 +8,8 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -15,8 +17,11 @@
 #include <thread>
 #include <vector>
 
+#include "osc/OSCParser.h"
 #include "support/ChildProcess.h"
+#include "support/OscBytes.h"
 #include "support/TempDir.h"
+#include "support/UdpSocket.h"
 
 namespace velmora {
 namespace {
@@ -34,17 +39,24 @@ nlohmann::json readSettings(const std::filesystem::path& folder) {
   return nlohmann::json::parse(in, nullptr, false);
 }
 
+// A headless run listening for cues on `port`, its settings in `config`;
+// the tracking receiver listens on a free port too, never the fixed ones.
+std::unique_ptr<test::ChildProcess> headlessOnCuePort(const test::TempDir& config, std::uint16_t port) {
+  std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", port}}.dump();
+  auto run = std::make_unique<test::ChildProcess>(
+      std::vector<std::string>{kVelmora}, std::vector<std::string>{"VELMORA_CONFIG_DIR=" + config.path().string(),
+                                                                   "VELMORA_TRACKING_PORTS=" +
+                                                                       std::to_string(test::freeUdpPort())});
+  EXPECT_TRUE(run->started());
+  return run;
+}
+
 TEST(VelmoraE2E, HeadlessRunTakesRemoteCuesFromOscsend) {
   if (::access("/usr/bin/oscsend", X_OK) != 0) GTEST_SKIP() << "oscsend (liblo-tools) is not installed";
   test::TempDir config;
   const std::uint16_t port = test::freeUdpPort();
-  {
-    std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", port}}.dump();
-  }
-  // The tracking receiver listens on a free port too, never the fixed ones.
-  test::ChildProcess velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string(),
-                             "VELMORA_TRACKING_PORTS=" + std::to_string(test::freeUdpPort())});
-  ASSERT_TRUE(velmora.started());
+  auto run = headlessOnCuePort(config, port);
+  test::ChildProcess& velmora = *run;
   const std::string p = std::to_string(port);
   ASSERT_TRUE(velmora.waitForLine("[QLabOSCServer] QLab Remote Cue listener active on UDP port " + p, 20))
       << velmora.output();
@@ -73,6 +85,74 @@ TEST(VelmoraE2E, HeadlessRunTakesRemoteCuesFromOscsend) {
   EXPECT_EQ(settings["lightingSettings"]["preset"], "Top Light");
   EXPECT_EQ(settings["characterModel"], "cartoon_ghost");
   EXPECT_EQ(settings["oscCuePort"], port);
+}
+
+// The next OSC message `socket` receives within `seconds`, decoded.
+std::optional<OSCMessage> receiveMessage(const test::UdpSocket& socket, double seconds = 10.0) {
+  const auto bytes = socket.receive(seconds);
+  if (!bytes) return std::nullopt;
+  auto messages = OSCParser::parsePacket(*bytes);
+  if (messages.empty()) return std::nullopt;
+  return messages.front();
+}
+
+nlohmann::json replyData(const std::optional<OSCMessage>& reply, const std::string& address) {
+  EXPECT_TRUE(reply && reply->address == "/reply" + address) << (reply ? reply->address : "no reply");
+  if (!reply) return {};
+  const auto body = nlohmann::json::parse(reply->stringValue().value_or(""), nullptr, false);
+  EXPECT_EQ(body["status"], "ok") << body.dump();
+  return body["data"];
+}
+
+TEST(VelmoraE2E, ZeroArgumentsArriveAndAControllerIsAnsweredAndFollowed) {
+  if (::access("/usr/bin/oscsend", X_OK) != 0) GTEST_SKIP() << "oscsend (liblo-tools) is not installed";
+  test::TempDir config;
+  const std::uint16_t port = test::freeUdpPort();
+  auto run = headlessOnCuePort(config, port);
+  test::ChildProcess& velmora = *run;
+  const std::string p = std::to_string(port);
+  ASSERT_TRUE(velmora.waitForLine("[QLabOSCServer] QLab Remote Cue listener active on UDP port " + p, 20))
+      << velmora.output();
+
+  // Integer 0 and float 0.0 right after the type tags arrive as arguments.
+  ASSERT_EQ(oscsend({"127.0.0.1", p, "/velmora/ndi", "i", "0"}), 0);
+  EXPECT_TRUE(velmora.waitForLine("[OSC] /velmora/ndi [0]", 10)) << velmora.output();
+  ASSERT_EQ(oscsend({"127.0.0.1", p, "/velmora/opacity", "f", "0"}), 0);
+  EXPECT_TRUE(velmora.waitForLine("[OSC] /velmora/opacity [0]", 10)) << velmora.output();
+  ASSERT_EQ(oscsend({"127.0.0.1", p, "/velmora/lighting/preset", "i", "3"}), 0);
+  ASSERT_EQ(oscsend({"127.0.0.1", p, "/velmora/lighting/preset", "i", "0"}), 0);
+  EXPECT_TRUE(velmora.waitForLine("[OSC] /velmora/lighting/preset [0]", 10)) << velmora.output();
+
+  // A controller bound to its own port asks, and is answered from the cue port.
+  const test::UdpSocket controller;
+  controller.sendTo(port, test::oscMessage("/velmora/get", {std::string("ndi")}));
+  EXPECT_EQ(replyData(receiveMessage(controller), "/velmora/get"), false);
+  controller.sendTo(port, test::oscMessage("/velmora/get", {std::string("opacity")}));
+  EXPECT_EQ(replyData(receiveMessage(controller), "/velmora/get"), 0.0);
+  controller.sendTo(port, test::oscMessage("/velmora/state"));
+  EXPECT_EQ(replyData(receiveMessage(controller), "/velmora/state")["lighting"]["preset"], "Theatrical");
+  controller.sendTo(port, test::oscMessage("/velmora/bogus"));
+  const auto error = receiveMessage(controller);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(nlohmann::json::parse(error->stringValue().value_or(""), nullptr, false)["status"], "error");
+  controller.sendTo(port, test::oscMessage("/reply/velmora/state", {std::string("{}")}));
+  EXPECT_FALSE(controller.receive(1.0));
+
+  // Subscribed, it hears a cue that oscsend (another sender) fires start and finish.
+  controller.sendTo(port, test::oscMessage("/velmora/updates", {1.0f}));
+  EXPECT_EQ(replyData(receiveMessage(controller), "/velmora/updates"), true);
+  ASSERT_EQ(oscsend({"127.0.0.1", p, "/velmora/mask/nod", "f", "0.5"}), 0);
+  std::vector<std::string> cue;
+  while (auto m = receiveMessage(controller)) {
+    if (m->address == "/velmora/event/cue") cue.push_back(*m->arguments.at(1).get<std::string>());
+    if (!cue.empty() && cue.back() != "started") break;
+  }
+  EXPECT_EQ(cue, (std::vector<std::string>{"started", "finished"}));
+
+  velmora.signal(SIGINT);
+  EXPECT_EQ(velmora.wait(20), 0) << velmora.output();
+  for (const auto& line : velmora.lines()) EXPECT_EQ(line.rfind("[NDI]", 0), std::string::npos) << line;
+  EXPECT_NE(readSettings(config.path())["ndiOutputEnabled"], true);
 }
 
 TEST(VelmoraE2E, HeadlessRunReportsAnOscPortInUse) {

@@ -6,7 +6,10 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,6 +17,7 @@
 #include "animation/CharacterAnimationController.h"
 #include "base/Clock.h"
 #include "base/MainQueue.h"
+#include "osc/OSCParser.h"
 #include "support/LogCapture.h"
 #include "support/OscBytes.h"
 #include "support/UdpSocket.h"
@@ -255,6 +259,142 @@ TEST_F(QLabServerTest, HandleRecordsTheArgumentsAndUnknownMarker) {
   server().handleQLabMessage(OSCMessage{"/velmora/recentre/", {}});
   EXPECT_EQ(state().lastQLabCommand(), "/velmora/recentre/ []  (unknown)");
   state().setCharacterModel(CharacterModelType::theatricalMask);
+}
+
+
+// ---------------------------------------------------------------------------
+// Replies and following, on real sockets: the server's own socket answers.
+// ---------------------------------------------------------------------------
+
+// The next message `socket` receives whose address begins with `prefix`,
+// while the main thread runs (and ticks the server and the cue player, as
+// the application's tick does); none after `seconds`.
+std::optional<OSCMessage> nextMessage(QLabOSCServer& server, const UdpSocket& socket, double seconds = 5.0,
+                                      const std::string& prefix = "") {
+  std::optional<OSCMessage> got;
+  MainQueue::shared().runUntil(
+      [&] {
+        server.tick();
+        CharacterAnimationController::shared().sample(uptime());
+        if (auto bytes = socket.receive(0.005)) {
+          auto messages = OSCParser::parsePacket(*bytes);
+          if (!messages.empty() && messages.front().address.starts_with(prefix)) got = messages.front();
+        }
+        return got.has_value();
+      },
+      seconds);
+  return got;
+}
+std::optional<OSCMessage> nextReply(QLabOSCServer& server, const UdpSocket& socket, double seconds = 5.0) {
+  return nextMessage(server, socket, seconds, "/reply");
+}
+
+// The reply's JSON, checked to be the reply to `address`.
+nlohmann::json replyTo(const std::optional<OSCMessage>& reply, const std::string& address) {
+  EXPECT_TRUE(reply) << "no reply to " << address;
+  if (!reply) return {};
+  EXPECT_EQ(reply->address, "/reply" + address);
+  const auto body = nlohmann::json::parse(reply->stringValue().value_or(""), nullptr, false);
+  EXPECT_EQ(body["address"], address);
+  return body;
+}
+
+TEST_F(QLabServerTest, EveryMessageIsAnsweredExceptReplies) {
+  const std::uint16_t port = listen();
+  sender.sendTo(port, oscMessage("/Velmora/Sensitivity", {2.0f}));
+  auto body = replyTo(nextReply(server(), sender), "/Velmora/Sensitivity");
+  EXPECT_EQ(body["status"], "ok");
+  EXPECT_EQ(body["data"], 2.0);
+
+  sender.sendTo(port, oscMessage("/velmora/no/such"));
+  body = replyTo(nextReply(server(), sender), "/velmora/no/such");
+  EXPECT_EQ(body["status"], "error");
+  EXPECT_TRUE(body["data"].is_string());
+
+  sender.sendTo(port, oscMessage("/velmora/get", {std::string("lighting")}));
+  body = replyTo(nextReply(server(), sender), "/velmora/get");
+  EXPECT_EQ(body["data"]["preset"], state().lighting().preset);
+
+  // Another device's reply is never answered, nor is a reply to a reply.
+  sender.sendTo(port, oscMessage("/reply/velmora/sensitivity", {std::string("{}")}));
+  EXPECT_FALSE(nextMessage(server(), sender, 0.5));
+  EXPECT_EQ(state().lastQLabCommand(), "/reply/velmora/sensitivity [\"{}\"]  (unknown)");
+
+  // A reply port sends what follows elsewhere; 0 brings it back.
+  UdpSocket listener;
+  sender.sendTo(port, oscMessage("/velmora/replyport", {float(listener.port())}));
+  replyTo(nextReply(server(), listener), "/velmora/replyport");
+  sender.sendTo(port, oscMessage("/velmora/thump"));
+  EXPECT_EQ(replyTo(nextReply(server(), listener), "/velmora/thump")["data"], "thump");
+  sender.sendTo(port, oscMessage("/velmora/replyport", {0.0f}));
+  replyTo(nextReply(server(), sender), "/velmora/replyport");
+
+  // Switching remote control off from the network is answered, then closes.
+  sender.sendTo(port, oscMessage("/velmora/osc", {0.0f}));
+  EXPECT_EQ(replyTo(nextReply(server(), sender), "/velmora/osc")["data"], false);
+  server().waitForQueue();
+  EXPECT_FALSE(server().listeningPort());
+}
+
+TEST_F(QLabServerTest, SubscriberFollowsCuesAndSettingsWhoeverChangesThem) {
+  const std::uint16_t port = listen();
+  UdpSocket controller;
+  controller.sendTo(port, oscMessage("/velmora/updates", {1.0f}));
+  EXPECT_EQ(replyTo(nextReply(server(), controller), "/velmora/updates")["data"], true);
+
+  // Another sender fires a short cue; the subscriber hears it start and end.
+  sender.sendTo(port, oscMessage("/velmora/mask/nod", {0.3f}));
+  std::vector<std::vector<std::string>> cueEvents;
+  while (auto m = nextMessage(server(), controller)) {
+    if (m->address != "/velmora/event/cue") continue;
+    ASSERT_EQ(m->arguments.size(), 2u);
+    cueEvents.push_back({*m->arguments[0].get<std::string>(), *m->arguments[1].get<std::string>()});
+    if (cueEvents.back()[1] != "started") break;
+  }
+  const std::string nod = AnimationCue::name(AnimationCue::Kind::maskNod);
+  EXPECT_EQ(cueEvents, (std::vector<std::vector<std::string>>{{nod, "started"}, {nod, "finished"}}));
+
+  // The dashboard's slider writes the state's setter: a typed setting event
+  // and the value again on its own address.
+  state().setGlobalSensitivity(3.5f);
+  std::vector<std::string> seen;
+  while (auto m = nextMessage(server(), controller, 1.0)) {
+    seen.push_back(m->address + " " + m->printedArguments());
+    if (m->address == "/velmora/sensitivity") break;
+  }
+  EXPECT_NE(std::find(seen.begin(), seen.end(), "/velmora/event/setting [\"sensitivity\", 3.5]"), seen.end());
+  EXPECT_EQ(seen.back(), "/velmora/sensitivity [3.5]");
+
+  controller.sendTo(port, oscMessage("/velmora/updates", {0.0f}));
+  EXPECT_EQ(replyTo(nextReply(server(), controller), "/velmora/updates")["data"], false);
+}
+
+TEST_F(QLabServerTest, ALapsedSubscriptionReceivesNothing) {
+  // A server of its own whose clock the test moves.
+  double now = 1000.0;
+  CommandContext commands{state(), CharacterAnimationController::shared(), [&now] { return now; }};
+  QLabOSCServer own(commands, MainQueue::shared());
+  state().setOscPort(freeUdpPort());
+  own.startListening();
+  own.waitForQueue();
+  const auto port = static_cast<std::uint16_t>(state().oscPort());
+  ASSERT_TRUE(waitFor([&] { return own.listeningPort() == port; }));
+
+  UdpSocket lapsed, kept;
+  lapsed.sendTo(port, oscMessage("/velmora/updates", {1.0f}));
+  replyTo(nextReply(own, lapsed), "/velmora/updates");
+  kept.sendTo(port, oscMessage("/velmora/updates", {1.0f}));
+  replyTo(nextReply(own, kept), "/velmora/updates");
+  now += 50.0;
+  kept.sendTo(port, oscMessage("/velmora/thump"));  // the heartbeat keeps one alive
+  replyTo(nextReply(own, kept), "/velmora/thump");
+  now += 20.0;  // 70 s after the other's last message
+
+  state().setMaskOpacity(state().maskOpacity() > 0.5f ? 0.25f : 0.75f);
+  EXPECT_TRUE(nextMessage(own, kept));
+  EXPECT_FALSE(nextMessage(own, lapsed, 0.5));
+  EXPECT_EQ(own.replies().peers().subscribers().size(), 1u);
+  own.shutdown();
 }
 
 }  // namespace

@@ -47,34 +47,42 @@ TEST(OSCParserTest, TooShortAndMinimalMessages) {
   EXPECT_EQ(m[0].address, "/abcd");
 }
 
-TEST(OSCParserTest, FloatArgumentAndZeroGroupSwallowedAfterTags) {
+TEST(OSCParserTest, FloatArgumentsAfterTagsZeroIncluded) {
   auto m = parse(kFloatOne);
   ASSERT_EQ(m.size(), 1u);
   EXPECT_EQ(m[0].address, "/a");
   ASSERT_EQ(m[0].arguments.size(), 1u);
   EXPECT_EQ(m[0].floatValue(), 1.0f);
 
-  // Float 0.0 at offset 8 starts with a zero byte: the tag string's padding
-  // skip swallows it, so the message has no arguments.
+  // Float 0.0 at offset 8: the tag string's padding ends at 8, so the
+  // zero group is the argument ("fade out", a closed eye).
   Bytes zero = kFloatOne;
   zero[8] = zero[9] = 0;
   m = parse(zero);
   ASSERT_EQ(m.size(), 1u);
-  EXPECT_TRUE(m[0].arguments.empty());
+  ASSERT_EQ(m[0].arguments.size(), 1u);
+  EXPECT_EQ(m[0].floatValue(), 0.0f);
+  EXPECT_FALSE(std::signbit(*m[0].arguments[0].get<float>()));
 
-  // -0.0 (80 00 00 00) is not zero-led and survives.
+  // -0.0 (80 00 00 00) arrives with its sign.
   zero[8] = 0x80;
   m = parse(zero);
   ASSERT_EQ(m[0].arguments.size(), 1u);
   EXPECT_TRUE(std::signbit(*m[0].arguments[0].get<float>()));
 }
 
-TEST(OSCParserTest, IntegersBelowTwoToTheTwentyFourAreSwallowed) {
-  // "/a\0\0" ",i\0\0" then the integer at offset 8.
+TEST(OSCParserTest, IntegersOfEveryMagnitude) {
+  // "/a\0\0" ",i\0\0" then the integer at offset 8; 0 and 5 are zero-led.
   Bytes five = {'/', 'a', 0, 0, ',', 'i', 0, 0, 0, 0, 0, 5};
   auto m = parse(five);
   ASSERT_EQ(m.size(), 1u);
-  EXPECT_TRUE(m[0].arguments.empty());
+  ASSERT_EQ(m[0].arguments.size(), 1u);
+  EXPECT_EQ(*m[0].arguments[0].get<std::int32_t>(), 5);
+
+  Bytes zero = {'/', 'a', 0, 0, ',', 'i', 0, 0, 0, 0, 0, 0};  // "NDI off"
+  m = parse(zero);
+  ASSERT_EQ(m[0].arguments.size(), 1u);
+  EXPECT_EQ(m[0].boolValue(), false);
 
   Bytes big = {'/', 'a', 0, 0, ',', 'i', 0, 0, 0x01, 0, 0, 0};  // 16,777,216
   m = parse(big);
@@ -147,18 +155,20 @@ TEST(OSCParserTest, StringArgumentsAndTheirPadding) {
   EXPECT_EQ(m[0].stringValue(), "jawOpen");
   EXPECT_EQ(*m[0].arguments[1].get<float>(), 0.7f);
 
-  // The same with value 0.0: swallowed as padding after the name.
+  // The same with value 0.0 (a resting jaw): it follows the name's padding.
   Bytes zero = vmc;
-  zero[32] = zero[33] = zero[34] = 0;
+  zero[32] = zero[33] = zero[34] = zero[35] = 0;
   m = parse(zero);
-  ASSERT_EQ(m[0].arguments.size(), 1u);
-
-  // ",ss": an empty second string right after the first is swallowed as
-  // padding; a string read that starts exactly at the end yields "".
-  m = parse({'/', 'a', 0, 0, ',', 's', 's', 0, 'x', 0, 0, 0, 0, 0, 0, 0});
   ASSERT_EQ(m[0].arguments.size(), 2u);
+  EXPECT_EQ(*m[0].arguments[1].get<float>(), 0.0f);
+
+  // ",ssf\0" (4..11), "x" (12..15), an empty string (16..19), float 1.0
+  // (20..23): the empty string is an argument of its own.
+  m = parse({'/', 'a', 0, 0, ',', 's', 's', 'f', 0, 0, 0, 0, 'x', 0, 0, 0, 0, 0, 0, 0, 0x3F, 0x80, 0, 0});
+  ASSERT_EQ(m[0].arguments.size(), 3u);
   EXPECT_EQ(*m[0].arguments[0].get<std::string>(), "x");
   EXPECT_EQ(*m[0].arguments[1].get<std::string>(), "");
+  EXPECT_EQ(*m[0].arguments[2].get<float>(), 1.0f);
 
   // An address whose 4th byte is zero-padded exactly: "abc\0" then tags.
   m = parse({'a', 'b', 'c', 0, ',', 's', 0, 0, 'h', 'i', 0, 0});
@@ -193,10 +203,12 @@ TEST(OSCParserTest, ReadStringOffsets) {
   const Bytes b = {'a', 'b', 0, 0, 0, 0, 0, 0, 'c', 0};
   std::size_t offset = 0;
   EXPECT_EQ(OSCParser::readString(b, offset), "ab");
-  EXPECT_EQ(offset, 8u);  // padding plus the zero group at 4..7
-  EXPECT_EQ(OSCParser::readString(b, offset), "c");
-  EXPECT_EQ(offset, 10u);  // runs to the end: no full group left
+  EXPECT_EQ(offset, 4u);  // terminator and padding only; 4..7 is the next item
   EXPECT_EQ(OSCParser::readString(b, offset), "");
+  EXPECT_EQ(offset, 8u);  // an empty string is four zero bytes
+  EXPECT_EQ(OSCParser::readString(b, offset), "c");
+  EXPECT_EQ(offset, 10u);  // padding stops at the end of the data
+  EXPECT_EQ(OSCParser::readString(b, offset), "");  // a read exactly at the end
   offset = 11;
   EXPECT_EQ(OSCParser::readString(b, offset), std::nullopt);
 }

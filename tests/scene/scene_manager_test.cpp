@@ -349,12 +349,16 @@ TEST_F(SceneManagerTest, HiddenNodesAndOpacityMultiplyDownTheTree) {
 // [SECTION] Rendering only when someone takes the frame
 // ---------------------------------------------------------------------------
 
-// Counts what the scene hands over; renders nothing.
+// Counts what the scene hands over (and the sizes); renders nothing.
 class CountingRenderer : public FrameRenderer {
  public:
   int submitted = 0;
+  std::vector<std::pair<int, int>> sizes;
   void setFrameHandler(FrameHandler) override {}
-  void submit(std::shared_ptr<const FrameDescription>) override { ++submitted; }
+  void submit(std::shared_ptr<const FrameDescription> frame) override {
+    ++submitted;
+    sizes.emplace_back(frame->width, frame->height);
+  }
   Result renderNow(std::shared_ptr<const FrameDescription>) override { return {nullptr, "not here"}; }
   void stop() override {}
 };
@@ -373,6 +377,41 @@ TEST_F(SceneManagerTest, TickWithoutAnOutputOrConsumerRendersNothing) {
   scene.tick();
   EXPECT_EQ(renderer->submitted, 1);
   scene.removeFrameConsumer(token);
+}
+
+// A live view (the projector) is served by the same renderer: it gets a
+// frame every tick with the outputs off, shares the outputs' frame at their
+// size, and only a view of another size costs a second frame.
+TEST_F(SceneManagerTest, LiveViewsShareTheOutputsFrameAtTheirSize) {
+  auto owned = std::make_unique<CountingRenderer>();
+  CountingRenderer* renderer = owned.get();
+  scene.setRenderer(std::move(owned));
+  const std::pair<int, int> output{MaskSceneManager::outputWidth, MaskSceneManager::outputHeight};
+  const std::pair<int, int> other{1280, 720};
+  state.setIsSyphonActive(false);
+  state.setIsNDIActive(false);
+  const int preview = scene.addFrameConsumer([](const std::shared_ptr<const RenderedFrame>&) {});
+  const int view = scene.addView(output.first, output.second, [](const std::shared_ptr<const RenderedFrame>&) {});
+  scene.tick();  // outputs off: the view still wants its frame, the consumer alone would not
+  EXPECT_EQ(renderer->sizes, (std::vector{output}));
+  state.setIsSyphonActive(true);
+  renderer->sizes.clear();
+  scene.tick();  // the consumer, the view and the output: one frame
+  EXPECT_EQ(renderer->sizes, (std::vector{output}));
+  scene.removeFrameConsumer(view);
+  const int small = scene.addView(other.first, other.second, [](const std::shared_ptr<const RenderedFrame>&) {});
+  renderer->sizes.clear();
+  scene.tick();
+  EXPECT_EQ(renderer->sizes, (std::vector{output, other}));
+  state.setIsSyphonActive(false);
+  renderer->sizes.clear();
+  scene.tick();
+  EXPECT_EQ(renderer->sizes, (std::vector{other}));
+  scene.removeFrameConsumer(small);
+  scene.removeFrameConsumer(preview);
+  renderer->sizes.clear();
+  scene.tick();
+  EXPECT_TRUE(renderer->sizes.empty());
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/MainQueue.h"
+#include "osc/OSCWriter.h"
 #include "support/LogCapture.h"
 #include "support/OscBytes.h"
 #include "support/StateFixture.h"
@@ -347,6 +348,31 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   EXPECT_EQ(f.state.senderIP(), "127.0.0.3:" + std::to_string(refused.port()));
   EXPECT_EQ(receiver.statistics().refused, 4u);
   EXPECT_EQ(refusedLines("127.0.0.2"), 1);
+}
+
+TEST(TrackingReceiverNetTest, VmcStreamOfExactZerosRelaxesTheJaw) {
+  // The whole road into the state: socket, decoder, main-thread sink, filters.
+  test::StateFixture fixture;
+  FaceTrackingState& state = fixture.state;
+  auto sink = std::make_shared<MainThreadTrackingSink>(8, MainQueue::shared(), &state);
+  TrackingReceiver receiver(sink);
+  const std::uint16_t port = freeUdpPort();
+  ASSERT_TRUE(listen(receiver, port));
+  UdpSocket sender;
+  // A VMC sender's frames at 60 Hz: "/VMC/Ext/Blend/Val ,sf jawOpen <value>".
+  auto stream = [&](float value, int frames) {
+    for (int i = 0; i < frames; ++i) {
+      sender.sendTo(port, OSCWriter::message("/VMC/Ext/Blend/Val").s("jawOpen").f(value).bytes());
+      std::this_thread::sleep_for(std::chrono::milliseconds(16));
+      MainQueue::shared().drain();
+    }
+    MainQueue::shared().runUntil([&] { return sink->waitingSenders() == 0; }, 2.0);
+  };
+  stream(0.8f, 30);
+  ASSERT_GT(state.blendshapes().at("jawOpen"), 0.5f);
+  stream(0.0f, 240);
+  EXPECT_LT(state.blendshapes().at("jawOpen"), 1e-3f);  // at rest, not held at the last non-zero value
+  receiver.stopListening();
 }
 
 }  // namespace
