@@ -282,16 +282,7 @@ DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender) {
 
 namespace {
 
-// The OSC address rules over either message type (owned OSCMessage or a
-// view into the datagram), so both paths decode alike.
-std::optional<std::pair<std::string_view, float>> vmcPair(const OSCMessage& m) {
-  if (m.arguments.size() < 2) return std::nullopt;
-  const auto* name = m.arguments[0].get<std::string>();
-  const auto* value = m.arguments[1].get<float>();
-  if (!name || !value) return std::nullopt;
-  return std::pair<std::string_view, float>(*name, *value);
-}
-
+// A VMC blendshape message's (name, value) pair, read in place.
 std::optional<std::pair<std::string_view, float>> vmcPair(const OSCMessageView& m) {
   if (m.arguments.size() < 2) return std::nullopt;
   const auto* name = std::get_if<std::string_view>(&m.arguments[0]);
@@ -332,8 +323,7 @@ class OSCFrameBuilder {
     decoded_.positionSet = {false, false, false};
   }
 
-  template <class Message>
-  void add(const Message& m) {
+  void add(const OSCMessageView& m) {
     const std::string_view address = m.address;
     if (address.starts_with("/VMC/")) vmc_ = true;
     // The VMC addresses are tested first only because they are the
@@ -413,12 +403,6 @@ float3 unityHeadRotation(float qx, float qy, float qz, float qw) {
 }
 
 float3 unityPosition(float x, float y, float z) { return {-x, y, z}; }
-
-DecodedFrame decodeOSCMessages(const std::vector<OSCMessage>& messages, std::string sender) {
-  OSCFrameBuilder builder;
-  for (const OSCMessage& m : messages) builder.add(m);
-  return std::move(builder).finish(std::move(sender));
-}
 
 std::optional<DecodedFrame> decodeOSCPacket(std::span<const std::uint8_t> data, std::string sender) {
   OSCFrameBuilder builder;

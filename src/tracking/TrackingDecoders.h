@@ -67,16 +67,6 @@ std::optional<DecodedFrame> decodeUnrealLiveLinkBinary(std::span<const std::uint
 // (possibly empty) map.
 DecodedFrame decodeIFacialMocap(std::string_view text, std::string sender);
 
-// OSC / VMC tracking messages. Always yields a frame with a (possibly empty)
-// map; head components a packet does not send are marked unset (see
-// DecodedFrame). A VMC sender's head is the bone "Head" of
-// "/VMC/Ext/Bone/Pos" (a text, then seven float32: position x, y, z in
-// metres, rotation quaternion x, y, z, w, Unity's axes; see
-// unityHeadRotation); the root and other bones are ignored, and so is
-// "/VMC/Ext/Blend/Apply", which only ends a set of blendshapes. The app is
-// VMC when an address begins with "/VMC/", OSC otherwise.
-DecodedFrame decodeOSCMessages(const std::vector<OSCMessage>& messages, std::string sender);
-
 // A VMC bone rotation as Velmora's (pitch, yaw, roll) in radians, and a VMC
 // position as Velmora's (x, y, z).
 //
@@ -101,9 +91,15 @@ DecodedFrame decodeOSCMessages(const std::vector<OSCMessage>& messages, std::str
 float3 unityHeadRotation(float qx, float qy, float qz, float qw);
 float3 unityPosition(float x, float y, float z);
 
-// An OSC datagram (message or bundle) decoded as parsing it with
-// OSCParser::parsePacket and then decodeOSCMessages would, without
-// materialising the messages. None when the datagram holds no message.
+// An OSC datagram (message or bundle) of OSC / VMC tracking messages, read
+// in place. Head components a packet does not send are marked unset (see
+// DecodedFrame). A VMC sender's head is the bone "Head" of
+// "/VMC/Ext/Bone/Pos" (a text, then seven float32: position x, y, z in
+// metres, rotation quaternion x, y, z, w, Unity's axes; see
+// unityHeadRotation); the root and other bones are ignored, and so is
+// "/VMC/Ext/Blend/Apply", which only ends a set of blendshapes. The app is
+// VMC when an address begins with "/VMC/", OSC otherwise. None when the
+// datagram holds no message.
 std::optional<DecodedFrame> decodeOSCPacket(std::span<const std::uint8_t> data, std::string sender);
 
 // A JSON object {"blendshapes": {name: number}, "rotation": [p, y, r],

@@ -7,48 +7,59 @@ namespace {
 
 using Mode = CommandLine::Mode;
 
-TEST(CommandLine, SwitchesAreCheckedInOrderAndTheFirstMatchWins) {
-  EXPECT_EQ(CommandLine::parse({}).mode, Mode::interactive);
-  EXPECT_EQ(CommandLine::parse({"--run-tests"}).mode, Mode::runTests);
-  EXPECT_EQ(CommandLine::parse({"--snapshot", "out", "--run-tests"}).mode, Mode::runTests);
-  auto snap = CommandLine::parse({"--output-selftest", "a", "--snapshot", "b"});
-  EXPECT_EQ(snap.mode, Mode::snapshot);
-  EXPECT_EQ(snap.folder, "b");
-  auto self = CommandLine::parse({"-v", "--output-selftest", "/tmp/x"});
-  EXPECT_EQ(self.mode, Mode::outputSelfTest);
-  EXPECT_EQ(self.folder, "/tmp/x");
-  // The export is looked at last: any of the three others wins over it.
-  auto exported = CommandLine::parse({"--export-gltf", "e", "--output-selftest", "o"});
-  EXPECT_EQ(exported.mode, Mode::outputSelfTest);
-  EXPECT_EQ(exported.folder, "o");
-  exported = CommandLine::parse({"--export-gltf", "characters/"});
-  EXPECT_EQ(exported.mode, Mode::exportGltf);
-  EXPECT_EQ(exported.folder, "characters/");
-}
-
-TEST(CommandLine, AFolderSwitchWithNothingAfterItIsIgnored) {
-  EXPECT_EQ(CommandLine::parse({"--snapshot"}).mode, Mode::interactive);
-  EXPECT_EQ(CommandLine::parse({"--export-gltf"}).mode, Mode::interactive);
-  auto r = CommandLine::parse({"--output-selftest", "o", "--snapshot"});
-  EXPECT_EQ(r.mode, Mode::outputSelfTest);
-  EXPECT_EQ(r.folder, "o");
-}
-
-// A near miss is no switch: it is named back to the user (exit status 2),
-// unless a batch switch, --help or --version wins first.
-TEST(CommandLine, MatchesAreExactAndAnythingElseIsAnUnknownOption) {
-  for (const char* option : {"--Run-Tests", "--run-tests=1", "--snapshot=out", "--recordings"}) {
-    const auto r = CommandLine::parse({"-v", option, "x"});
-    EXPECT_EQ(r.mode, Mode::usageError) << option;
-    EXPECT_EQ(r.unknownOption, option);
+// Switches are checked in order and the first match wins; the export is
+// looked at after the other batch switches; a folder switch with nothing
+// after it is ignored; --record counts only for an interactive run; a near
+// miss is no switch but an unknown option (exit status 2), unless a batch
+// switch, --help or --version wins first.
+TEST(CommandLine, ArgumentsGiveTheirModeFolderAndRecording) {
+  struct Row {
+    std::vector<std::string> args;
+    Mode mode;
+    std::string folder = "", record = "", unknown = "";
+  };
+  const Row rows[] = {
+      {{}, Mode::interactive},
+      {{"--run-tests"}, Mode::runTests},
+      {{"--snapshot", "out", "--run-tests"}, Mode::runTests},
+      {{"--output-selftest", "a", "--snapshot", "b"}, Mode::snapshot, "b"},
+      {{"-v", "--output-selftest", "/tmp/x"}, Mode::outputSelfTest, "/tmp/x"},
+      {{"--export-gltf", "e", "--output-selftest", "o"}, Mode::outputSelfTest, "o"},
+      {{"--export-gltf", "characters/"}, Mode::exportGltf, "characters/"},
+      {{"--snapshot"}, Mode::interactive},
+      {{"--export-gltf"}, Mode::interactive},
+      {{"--output-selftest", "o", "--snapshot"}, Mode::outputSelfTest, "o"},
+      {{"-v", "--Run-Tests", "x"}, Mode::usageError, "", "", "--Run-Tests"},
+      {{"-v", "--run-tests=1", "x"}, Mode::usageError, "", "", "--run-tests=1"},
+      {{"-v", "--snapshot=out", "x"}, Mode::usageError, "", "", "--snapshot=out"},
+      {{"-v", "--recordings", "x"}, Mode::usageError, "", "", "--recordings"},
+      {{"--bogus", "--snapshot", "out"}, Mode::snapshot, "out"},
+      {{"--bogus", "--help"}, Mode::help},
+      {{"--version", "--help"}, Mode::help},
+      {{"--record", "--odd-name.pcap"}, Mode::interactive, "", "--odd-name.pcap"},  // a switch's argument
+      {{"--record", "show.pcap"}, Mode::interactive, "", "show.pcap"},
+      {{"--record", "f", "--run-tests"}, Mode::runTests},  // a batch run records nothing
+      {{"--snapshot", "out", "--record", "f"}, Mode::snapshot, "out"},
+      {{"--record", "--snapshot", "out"}, Mode::snapshot, "out"},
+      {{"--record", "f.pcap", "--snapshot"}, Mode::interactive, "", "f.pcap"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(::testing::PrintToString(row.args));
+    const auto r = CommandLine::parse(row.args);
+    EXPECT_EQ(r.mode, row.mode);
+    if (!row.folder.empty()) EXPECT_EQ(r.folder, row.folder);
+    EXPECT_EQ(r.recordFile, row.record);
+    if (row.mode == Mode::usageError) EXPECT_EQ(r.unknownOption, row.unknown);
   }
-  EXPECT_EQ(CommandLine::parse({"--bogus", "--snapshot", "out"}).mode, Mode::snapshot);
-  EXPECT_EQ(CommandLine::parse({"--bogus", "--help"}).mode, Mode::help);
-  EXPECT_EQ(CommandLine::parse({"--version", "--help"}).mode, Mode::help);
-  // A switch's own argument is not an option.
-  auto r = CommandLine::parse({"--record", "--odd-name.pcap"});
-  EXPECT_EQ(r.mode, Mode::interactive);
-  EXPECT_EQ(r.recordFile, "--odd-name.pcap");
+  const auto missing = CommandLine::parse({"--record"});
+  EXPECT_EQ(missing.mode, Mode::interactive);
+  EXPECT_TRUE(missing.recordFile.empty());
+  EXPECT_TRUE(missing.recordWithoutFile);
+  // "--phone HOST" alongside, in either order; without a host it is noted.
+  const auto phone = CommandLine::parse({"--phone", "192.168.1.7", "--record", "f.pcap"});
+  EXPECT_EQ(phone.phoneHost, "192.168.1.7");
+  EXPECT_EQ(phone.recordFile, "f.pcap");
+  EXPECT_TRUE(CommandLine::parse({"--phone"}).phoneWithoutHost);
   // Every switch --help lists is understood.
   for (const auto& s : CommandLine::switches()) {
     std::vector<std::string> args{s.name};
@@ -56,34 +67,6 @@ TEST(CommandLine, MatchesAreExactAndAnythingElseIsAnUnknownOption) {
     EXPECT_NE(CommandLine::parse(args).mode, Mode::usageError) << s.name;
     EXPECT_NE(CommandLine::helpText().find(std::string("  ") + s.name), std::string::npos) << s.name;
   }
-}
-
-TEST(CommandLine, RecordIsLookedAtOnlyForAnInteractiveRun) {
-  auto r = CommandLine::parse({"--record", "show.pcap"});
-  EXPECT_EQ(r.mode, Mode::interactive);
-  EXPECT_EQ(r.recordFile, "show.pcap");
-  // The batch switches keep their rules and win; a batch run records nothing.
-  for (const auto& args : std::vector<std::vector<std::string>>{{"--record", "f", "--run-tests"},
-                                                                {"--snapshot", "out", "--record", "f"},
-                                                                {"--record", "--snapshot", "out"}}) {
-    auto batch = CommandLine::parse(args);
-    EXPECT_NE(batch.mode, Mode::interactive) << args[0];
-    EXPECT_TRUE(batch.recordFile.empty()) << args[0];
-  }
-  // "--snapshot" as the last argument is ignored as before: an interactive
-  // run, recording to the file named after "--record".
-  auto last = CommandLine::parse({"--record", "f.pcap", "--snapshot"});
-  EXPECT_EQ(last.mode, Mode::interactive);
-  EXPECT_EQ(last.recordFile, "f.pcap");
-  auto missing = CommandLine::parse({"--record"});
-  EXPECT_EQ(missing.mode, Mode::interactive);
-  EXPECT_TRUE(missing.recordFile.empty());
-  EXPECT_TRUE(missing.recordWithoutFile);
-  // "--phone HOST" alongside, in either order; without a host it is noted.
-  auto phone = CommandLine::parse({"--phone", "192.168.1.7", "--record", "f.pcap"});
-  EXPECT_EQ(phone.phoneHost, "192.168.1.7");
-  EXPECT_EQ(phone.recordFile, "f.pcap");
-  EXPECT_TRUE(CommandLine::parse({"--phone"}).phoneWithoutHost);
 }
 
 }  // namespace

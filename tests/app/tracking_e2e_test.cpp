@@ -70,29 +70,5 @@ TEST(TrackingEndToEndTest, EveryFormatFromThePhoneSimulatorReachesTheState) {
   EXPECT_NE(std::find(lines.begin(), lines.end(), "[Velmora] Stopped cleanly"), lines.end()) << velmora.output();
 }
 
-TEST(TrackingEndToEndTest, UnknownFormatIsShownAsSuch) {
-  test::TempDir config;
-  const std::uint16_t port = test::freeUdpPort();
-  test::ChildProcess velmora({kVelmora}, {"VELMORA_CONFIG_DIR=" + config.path().string(),
-                               "VELMORA_TRACKING_PORTS=" + std::to_string(port)});
-  ASSERT_TRUE(velmora.started());
-  ASSERT_TRUE(velmora.waitForLine(
-      [&](const std::string& l) { return l.find("UDP port " + std::to_string(port)) != std::string::npos; }, 20.0))
-      << velmora.output();
-
-  const test::UdpSocket phone;
-  bool shown = false;
-  for (int i = 0; i < 200 && !shown; ++i) {  // up to about 4 s of 50 datagrams/s
-    phone.sendTo(port, "hello phone");
-    shown = velmora.waitForLine(
-        [](const std::string& l) {
-          return l.rfind("[Velmora] tracking: ", 0) == 0 && l.find(" (Unknown format), ") != std::string::npos;
-        },
-        0.02);
-  }
-  EXPECT_TRUE(shown) << velmora.output();
-  EXPECT_EQ(velmora.stop(SIGINT, 15.0), 0) << velmora.output();
-}
-
 }  // namespace
 }  // namespace velmora

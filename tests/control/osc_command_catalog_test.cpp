@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <map>
 #include <set>
@@ -191,71 +192,160 @@ TEST_F(CatalogTest, ResetRestoresDefaultsAndStopsTheCueAtOnce) {
   EXPECT_FALSE(controller().isFadingOut());
 }
 
-TEST_F(CatalogTest, NumberCommandsClampAndIgnoreUnusableArguments) {
-  struct Case {
+// One value of the state as a number, so one table holds every command
+// that sets a value: floats, switches (0/1), the model (0 mask, 1 ghost),
+// the preset (its index, -1 for none) and the light fields (the rest of the
+// look must stay theatrical).
+struct Field {
+  const char* name;
+  std::function<double()> get;
+  std::function<void(double)> set;
+  double LightingSettings::*light = nullptr;
+  bool single = false;  // a float: compared as one
+};
+
+Field number(const char* name, float (FaceTrackingState::*get)() const, void (FaceTrackingState::*set)(float)) {
+  return {name, [=] { return (FaceTrackingState::shared().*get)(); }, [=](double v) { (FaceTrackingState::shared().*set)(float(v)); }, nullptr, true};
+}
+Field flag(const char* name, bool (FaceTrackingState::*get)() const, void (FaceTrackingState::*set)(bool)) {
+  return {name, [=] { return double((FaceTrackingState::shared().*get)()); },
+          [=](double v) { (FaceTrackingState::shared().*set)(v != 0); }};
+}
+Field light(const char* name, double LightingSettings::*field) {
+  return {name, [=] { return FaceTrackingState::shared().lighting().*field; },
+          [](double) { FaceTrackingState::shared().setLighting(LightingSettings::theatrical()); }, field};
+}
+
+TEST_F(CatalogTest, ArgumentsSetTheirFieldClampedOrAreIgnored) {
+  const auto& presets = LightingSettings::presets();
+  const Field sens = number("sensitivity", &FaceTrackingState::globalSensitivity, &FaceTrackingState::setGlobalSensitivity);
+  const Field smooth = number("smoothing", &FaceTrackingState::smoothing, &FaceTrackingState::setSmoothing);
+  const Field opacity = number("opacity", &FaceTrackingState::maskOpacity, &FaceTrackingState::setMaskOpacity);
+  const Field master = number("intensity", &FaceTrackingState::lightIntensity, &FaceTrackingState::setLightIntensity);
+  const Field lock = flag("lock", &FaceTrackingState::lockRotation, &FaceTrackingState::setLockRotation);
+  const Field syphon = flag("syphon", &FaceTrackingState::isSyphonActive, &FaceTrackingState::setIsSyphonActive);
+  const Field ndi = flag("ndi", &FaceTrackingState::isNDIActive, &FaceTrackingState::setIsNDIActive);
+  const Field osc = flag("osc", &FaceTrackingState::isOSCEnabled, &FaceTrackingState::setIsOSCEnabled);
+  const Field model{"model", [] { return double(state().characterModel() == CharacterModelType::cartoonGhost); },
+                    [](double v) {
+                      state().setCharacterModel(v != 0 ? CharacterModelType::cartoonGhost
+                                                       : CharacterModelType::theatricalMask);
+                    }};
+  const Field preset{"preset",
+                     [&] {
+                       const auto it = std::find(presets.begin(), presets.end(), state().lighting());
+                       return it == presets.end() ? -1.0 : double(it - presets.begin());
+                     },
+                     [&](double i) { state().setLighting(presets[std::size_t(i)]); }};
+  const Field key = light("key", &LightingSettings::key), fill = light("fill", &LightingSettings::fill),
+              rim = light("rim", &LightingSettings::rim), ambient = light("ambient", &LightingSettings::ambient),
+              height = light("keyHeight", &LightingSettings::keyHeight),
+              side = light("keySide", &LightingSettings::keySide), warmth = light("warmth", &LightingSettings::warmth),
+              shadow = light("shadow", &LightingSettings::shadow);
+  const std::vector<OSCArgument> none;
+  struct Row {
     const char* address;
-    float (FaceTrackingState::*get)() const;
-    void (FaceTrackingState::*set)(float);
-    float start;
-    std::vector<std::pair<OSCArgument, float>> cases;
+    std::vector<OSCArgument> args;
+    const Field& field;
+    double start, expected;
   };
-  const std::vector<Case> commands = {
-      {"/velmora/sensitivity", &FaceTrackingState::globalSensitivity, &FaceTrackingState::setGlobalSensitivity, 1.7f,
-       {{7.5f, 5.0f}, {0.05f, 0.1f}, {0.1f, 0.1f}, {5.0f, 5.0f}, {2.25f, 2.25f}, {std::int32_t(3), 3.0f},
-        {1.5, 1.5f}, {-4.0f, 0.1f}, {kInf, 5.0f}, {-kInf, 0.1f}, {1e30f, 5.0f}}},
-      {"/smoothing", &FaceTrackingState::smoothing, &FaceTrackingState::setSmoothing, 0.25f,
-       {{1.5f, 1.0f}, {-0.3f, 0.0f}, {0.25f, 0.25f}}},
-      {"/opacity", &FaceTrackingState::maskOpacity, &FaceTrackingState::setMaskOpacity, 0.5f,
-       {{-1.0f, 0.0f}, {0.4f, 0.4f}, {1.0f, 1.0f}, {3.0f, 1.0f}, {kInf, 1.0f}, {std::int32_t(0), 0.0f}}},
-      {"/lighting", &FaceTrackingState::lightIntensity, &FaceTrackingState::setLightIntensity, 1.2f,
-       {{-2.0f, 0.0f}, {2.5f, 2.5f}, {5.0f, 5.0f}, {9.0f, 5.0f}, {1e30f, 5.0f}, {-kInf, 0.0f}}},
+  const Row rows[] = {
+      // Numbers clamp into their range; text, booleans, NaN and none keep the value.
+      {"/velmora/sensitivity", {7.5f}, sens, 1.7, 5.0}, {"/sensitivity", {0.05f}, sens, 1.7, 0.1},
+      {"/sensitivity", {0.1f}, sens, 1.7, 0.1f}, {"/sensitivity", {5.0f}, sens, 1.7, 5.0},
+      {"/sensitivity", {2.25f}, sens, 1.7, 2.25}, {"/sensitivity", {std::int32_t(3)}, sens, 1.7, 3.0},
+      {"/sensitivity", {1.5}, sens, 1.7, 1.5}, {"/sensitivity", {-4.0f}, sens, 1.7, 0.1f},
+      {"/sensitivity", {kInf}, sens, 1.7, 5.0}, {"/sensitivity", {-kInf}, sens, 1.7, 0.1f},
+      {"/sensitivity", {1e30f}, sens, 1.7, 5.0}, {"/sensitivity", {"2"}, sens, 1.7, 1.7f},
+      {"/sensitivity", {""}, sens, 1.7, 1.7f}, {"/sensitivity", {true}, sens, 1.7, 1.7f},
+      {"/sensitivity", {kNaN}, sens, 1.7, 1.7f}, {"/sensitivity", none, sens, 1.7, 1.7f},
+      {"/smoothing", {1.5f}, smooth, 0.25, 1.0}, {"/smoothing", {-0.3f}, smooth, 0.25, 0.0},
+      {"/smoothing", {0.25f}, smooth, 0.25, 0.25}, {"/smoothing", {"2"}, smooth, 0.25, 0.25},
+      {"/smoothing", {true}, smooth, 0.25, 0.25}, {"/smoothing", {kNaN}, smooth, 0.25, 0.25},
+      {"/smoothing", none, smooth, 0.25, 0.25},
+      {"/opacity", {-1.0f}, opacity, 0.5, 0.0}, {"/opacity", {0.4f}, opacity, 0.5, 0.4f},
+      {"/opacity", {1.0f}, opacity, 0.5, 1.0}, {"/opacity", {3.0f}, opacity, 0.5, 1.0},
+      {"/opacity", {kInf}, opacity, 0.5, 1.0}, {"/opacity", {std::int32_t(0)}, opacity, 0.5, 0.0},
+      {"/opacity", {""}, opacity, 0.5, 0.5}, {"/opacity", {true}, opacity, 0.5, 0.5},
+      {"/opacity", {kNaN}, opacity, 0.5, 0.5}, {"/opacity", none, opacity, 0.5, 0.5},
+      {"/lighting", {-2.0f}, master, 1.2, 0.0}, {"/lighting", {2.5f}, master, 1.2, 2.5},
+      {"/lighting", {5.0f}, master, 1.2, 5.0}, {"/lighting", {9.0f}, master, 1.2, 5.0},
+      {"/lighting", {1e30f}, master, 1.2, 5.0}, {"/lighting", {-kInf}, master, 1.2, 0.0},
+      {"/lighting", {"2"}, master, 1.2, 1.2f}, {"/lighting", {true}, master, 1.2, 1.2f},
+      {"/lighting", {kNaN}, master, 1.2, 1.2f}, {"/lighting", none, master, 1.2, 1.2f},
+      // Lock rotation: booleans and numbers above 0.5; text, NaN and none keep it.
+      {"/velmora/lockrotation", {true}, lock, 0, 1}, {"/velmora/lockrotation", {0.5f}, lock, 1, 0},
+      {"/velmora/lockrotation", {std::int32_t(1)}, lock, 0, 1}, {"/velmora/lockrotation", {"0"}, lock, 1, 1},
+      {"/velmora/lockrotation", {kNaN}, lock, 1, 1}, {"/velmora/lockrotation", none, lock, 1, 1},
+      {"/velmora/lockrotation", {false}, lock, 1, 0},
+      // Toggles: no boolean or number inverts; otherwise set (0.5 is not above 0.5).
+      {"/velmora/syphon", none, syphon, 1, 0}, {"/velmora/syphon", none, syphon, 0, 1},
+      {"/velmora/syphon", {"1"}, syphon, 1, 0}, {"/velmora/syphon", {std::int32_t(1)}, syphon, 0, 1},
+      {"/velmora/syphon", {std::int32_t(0)}, syphon, 1, 0}, {"/velmora/syphon", {0.51f}, syphon, 0, 1},
+      {"/velmora/syphon", {0.5f}, syphon, 1, 0}, {"/velmora/syphon", {true}, syphon, 1, 1},
+      {"/ndi", none, ndi, 0, 1}, {"/ndi", {"1"}, ndi, 1, 0}, {"/ndi", {std::int32_t(1)}, ndi, 0, 1},
+      {"/ndi", {std::int32_t(0)}, ndi, 1, 0}, {"/ndi", {0.51f}, ndi, 0, 1}, {"/ndi", {0.5f}, ndi, 1, 0},
+      {"/ndi", {true}, ndi, 0, 1}, {"/ndi", {true}, ndi, 1, 1},
+      {"/osc/enable", none, osc, 1, 0}, {"/osc/enable", {"1"}, osc, 0, 1}, {"/osc/enable", {std::int32_t(1)}, osc, 0, 1},
+      {"/osc/enable", {std::int32_t(0)}, osc, 1, 0}, {"/osc/enable", {0.51f}, osc, 0, 1},
+      {"/osc/enable", {0.5f}, osc, 1, 0}, {"/osc/enable", {true}, osc, 0, 1},
+      // The model: text by name (never as a number), numbers by >= 1; from either character.
+      {"/velmora/model", {"cartoon_ghost"}, model, 0, 1}, {"/character", {"GHOST"}, model, 0, 1},
+      {"/velmora/model", {"my Ghostly mask"}, model, 0, 1}, {"/velmora/model", {"theatrical_mask"}, model, 1, 0},
+      {"/velmora/model", {"MASK"}, model, 1, 0}, {"/character", {"Theatre"}, model, 1, 0},
+      {"/velmora/model", {"robot"}, model, 0, 0}, {"/character", {"robot"}, model, 1, 1},
+      {"/velmora/model", {""}, model, 1, 1}, {"/velmora/model", {""}, model, 0, 0}, {"/velmora/model", {"1"}, model, 0, 0},
+      {"/velmora/model", {std::int32_t(1)}, model, 0, 1}, {"/velmora/model", {std::int32_t(0)}, model, 1, 0},
+      {"/velmora/model", {std::int32_t(2)}, model, 1, 0}, {"/velmora/model", {std::int32_t(-1)}, model, 1, 0},
+      {"/velmora/model", {1.9f}, model, 0, 1}, {"/velmora/model", {1.0}, model, 0, 1},
+      {"/velmora/model", {0.99f}, model, 1, 0}, {"/velmora/model", {-0.5f}, model, 1, 0},
+      {"/velmora/model", {1e30f}, model, 1, 0}, {"/velmora/model", {kNaN}, model, 0, 0},
+      {"/velmora/model", {kNaN}, model, 1, 1}, {"/character", {kInf}, model, 1, 1},
+      {"/character", {kInf}, model, 0, 0}, {"/character", {-kInf}, model, 0, 0}, {"/character", {-kInf}, model, 1, 1}, {"/character", {true}, model, 0, 0}, {"/character", {true}, model, 1, 1},
+      // Presets by index (rounded away from zero) or by name; misses keep the look.
+      {"/lighting/preset", {std::int32_t(2)}, preset, 0, 2}, {"/lighting/preset", {1.5f}, preset, 0, 2},
+      {"/lighting/preset", {1.4f}, preset, 0, 1}, {"/lighting/preset", {2.5}, preset, 0, 3},
+      {"/lighting/preset", {4.6f}, preset, 0, 5}, {"/lighting/preset", {-0.4f}, preset, 1, 0},
+      {"/lighting/preset", {"+4"}, preset, 0, 4}, {"/lighting/preset", {"FLAT-EVEN"}, preset, 0, 5},
+      {"/velmora/lighting/preset", {std::int32_t(6)}, preset, 4, 4}, {"/lighting/preset", {-0.6f}, preset, 4, 4},
+      {"/lighting/preset", {"Custom"}, preset, 4, 4}, {"/lighting/preset", {kNaN}, preset, 4, 4},
+      {"/lighting/preset", {kInf}, preset, 4, 4}, {"/lighting/preset", {-kInf}, preset, 4, 4},
+      {"/lighting/preset", {3.0e38f}, preset, 4, 4}, {"/lighting/preset", {true}, preset, 4, 4},
+      {"/lighting/preset", {std::int32_t(-1)}, preset, 4, 4}, {"/lighting/preset", none, preset, 4, 4},
+      // Light fields clamp into their range; the float is widened (0.65f, not 0.65).
+      {"/velmora/lighting/key", {10.0f}, key, 0, 3.0}, {"/lighting/key", {-1.0f}, key, 0, 0.0},
+      {"/lighting/fill", {2.5f}, fill, 0, 2.5}, {"/lighting/rim", {4.0f}, rim, 0, 3.0},
+      {"/lighting/ambient", {std::int32_t(2)}, ambient, 0, 2.0}, {"/lighting/keyheight", {-5.0f}, height, 0, -3.0},
+      {"/lighting/keyside", {3.5f}, side, 0, 3.0}, {"/lighting/keyside", {-kInf}, side, 0, -3.0},
+      {"/lighting/warmth", {-2.0f}, warmth, 0, -1.0}, {"/lighting/color", {kInf}, warmth, 0, 1.0},
+      {"/velmora/lighting/colour", {0.5f}, warmth, 0, 0.5}, {"/lighting/colour", {0.65f}, warmth, 0, double(0.65f)},
+      {"/lighting/shadow", {1.5f}, shadow, 0, 1.0}, {"/lighting/shadow", {0.25}, shadow, 0, 0.25},
+      {"/lighting/key", {kNaN}, key, 0, LightingSettings::theatrical().key},
+      {"/lighting/key", {"2"}, key, 0, LightingSettings::theatrical().key},
+      {"/lighting/key", {true}, key, 0, LightingSettings::theatrical().key},
+      {"/lighting/key", none, key, 0, LightingSettings::theatrical().key},
   };
-  for (const Case& c : commands) {
-    SCOPED_TRACE(c.address);
-    for (const auto& [arg, expected] : c.cases) {
-      (state().*c.set)(c.start);
-      ASSERT_TRUE(dispatch(c.address, {arg}));
-      EXPECT_EQ((state().*c.get)(), expected) << arg.printed();
-    }
-    (state().*c.set)(c.start);
-    for (const OSCArgument& unusable : {OSCArgument("2"), OSCArgument(""), OSCArgument(true), OSCArgument(kNaN)}) {
-      EXPECT_TRUE(dispatch(c.address, {unusable}));
-      EXPECT_EQ((state().*c.get)(), c.start) << unusable.printed();
-    }
-    EXPECT_TRUE(dispatch(c.address));
-    EXPECT_EQ((state().*c.get)(), c.start);
-  }
-}
-
-TEST_F(CatalogTest, LockRotationTakesBooleansAndNumbers) {
-  // Unusable arguments (text, NaN, none) keep the last value.
-  const std::vector<std::pair<std::vector<OSCArgument>, bool>> steps = {
-      {{true}, true}, {{0.5f}, false} /* not above 0.5 */, {{std::int32_t(1)}, true}, {{"0"}, true},
-      {{kNaN}, true}, {{}, true},                            {{false}, false}};
-  for (const auto& [args, expected] : steps) {
-    dispatch("/velmora/lockrotation", args);
-    EXPECT_EQ(state().lockRotation(), expected) << msg("", args).printedArguments();
-  }
-}
-
-TEST_F(CatalogTest, ModelCommandTextAndNumberRules) {
-  const auto ghost = CharacterModelType::cartoonGhost, mask = CharacterModelType::theatricalMask;
-  const std::vector<std::pair<OSCArgument, std::optional<CharacterModelType>>> cases = {
-      {"cartoon_ghost", ghost}, {"GHOST", ghost}, {"my Ghostly mask", ghost}, {"theatrical_mask", mask},
-      {"MASK", mask},           {"Theatre", mask}, {"robot", std::nullopt},   {"", std::nullopt},
-      {"1", std::nullopt},  // text is never read as a number
-      {std::int32_t(1), ghost}, {std::int32_t(0), mask}, {std::int32_t(2), mask}, {std::int32_t(-1), mask},
-      {1.9f, ghost},            {1.0, ghost},            {0.99f, mask},          {-0.5f, mask},
-      {1e30f, mask},            {kNaN, std::nullopt},    {kInf, std::nullopt},   {-kInf, std::nullopt},
-      {true, std::nullopt},
-  };
-  for (const auto& [arg, expected] : cases) {
-    for (CharacterModelType start : {mask, ghost}) {
-      state().setCharacterModel(start);
-      ASSERT_TRUE(dispatch(start == mask ? "/velmora/model" : "/character", {arg}));
-      EXPECT_EQ(state().characterModel(), expected.value_or(start)) << arg.printed();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.address) + " " + msg("", row.args).printedArguments() + " on " + row.field.name);
+    row.field.set(row.start);
+    ASSERT_TRUE(dispatch(row.address, row.args));
+    if (row.field.single) EXPECT_EQ(float(row.field.get()), float(row.expected));
+    else EXPECT_EQ(row.field.get(), row.expected);
+    if (row.field.light) {
+      LightingSettings rest = state().lighting();
+      rest.*(row.field.light) = LightingSettings::theatrical().*(row.field.light);
+      EXPECT_EQ(rest, LightingSettings::theatrical());
+      // Saved in the settings store.
+      SettingsStore::shared().reload();
+      EXPECT_EQ(LightingSettings::load(SettingsStore::shared()), state().lighting());
     }
   }
+  // A preset is saved too; the OSC switch's status text follows.
+  dispatch("/lighting/preset", {std::int32_t(5)});
+  SettingsStore::shared().reload();
+  EXPECT_EQ(LightingSettings::load(SettingsStore::shared()), presets[5]);
+  dispatch("/osc", {false});
+  EXPECT_EQ(state().oscStatus(), "OSC cues: disabled");
 }
 
 TEST_F(CatalogTest, ModelCommandsRunTheModelChangeHandlingEvenWhenUnchanged) {
@@ -295,110 +385,6 @@ TEST_F(CatalogTest, CharacterFileCommandHandsItsTextOnAndABuiltInChoicePutsTheFi
   EXPECT_EQ(state().characterFile(), "");
   SettingsStore::shared().reload();
   EXPECT_EQ(SettingsStore::shared().string("characterFile"), "");
-}
-
-TEST_F(CatalogTest, TogglesInvertWithoutABooleanAndSetOtherwise) {
-  struct Toggle {
-    const char* address;
-    bool (FaceTrackingState::*get)() const;
-  };
-  for (const Toggle& t : {Toggle{"/velmora/syphon", &FaceTrackingState::isSyphonActive},
-                          Toggle{"/ndi", &FaceTrackingState::isNDIActive},
-                          Toggle{"/osc/enable", &FaceTrackingState::isOSCEnabled}}) {
-    SCOPED_TRACE(t.address);
-    auto value = [&] { return (state().*t.get)(); };
-    const bool start = value();
-    dispatch(t.address);
-    EXPECT_EQ(value(), !start);
-    dispatch(t.address);
-    EXPECT_EQ(value(), start);
-    dispatch(t.address, {std::string("1")});  // text: toggle
-    EXPECT_EQ(value(), !start);
-    // 0.5 is not above 0.5.
-    const std::vector<std::pair<OSCArgument, bool>> sets = {
-        {std::int32_t(1), true}, {std::int32_t(0), false}, {0.51f, true}, {0.5f, false}, {true, true}, {true, true}};
-    for (const auto& [arg, expected] : sets) {
-      dispatch(t.address, {arg});
-      EXPECT_EQ(value(), expected) << arg.printed();
-    }
-  }
-  dispatch("/osc", {false});
-  EXPECT_EQ(state().oscStatus(), "OSC cues: disabled");
-}
-
-// ---------------------------------------------------------------------------
-// [SECTION] Lighting
-// ---------------------------------------------------------------------------
-
-TEST_F(CatalogTest, PresetByIndexRoundedNumberAndName) {
-  const auto& presets = LightingSettings::presets();
-  const std::vector<std::pair<OSCArgument, std::size_t>> cases = {
-      {std::int32_t(2), 2},       {1.5f, 2},  // 1.5 rounds away from zero to "2"
-      {1.4f, 1},                  {2.5, 3},   {4.6f, 5}, {-0.4f, 0},
-      {std::string("+4"), 4},     {std::string("FLAT-EVEN"), 5},  // text: as the lighting lookup reads it
-  };
-  for (const auto& [arg, index] : cases) {
-    state().setLighting(presets[index == 0 ? 1 : 0]);
-    ASSERT_TRUE(dispatch("/lighting/preset", {arg}));
-    EXPECT_EQ(state().lighting(), presets[index]) << arg.printed();
-  }
-  // Saved in the settings store.
-  SettingsStore::shared().reload();
-  EXPECT_EQ(LightingSettings::load(SettingsStore::shared()), presets[5]);
-
-  const std::vector<OSCArgument> misses = {std::int32_t(6), -0.6f, std::string("Custom"), kNaN, kInf, -kInf,
-                                           3.0e38f,         true,  std::int32_t(-1)};
-  for (const OSCArgument& arg : misses) {
-    state().setLighting(presets[4]);
-    ASSERT_TRUE(dispatch("/velmora/lighting/preset", {arg}));
-    EXPECT_EQ(state().lighting(), presets[4]) << arg.printed();
-  }
-  dispatch("/velmora/lighting/preset");
-  EXPECT_EQ(state().lighting(), presets[4]);
-}
-
-TEST_F(CatalogTest, LightCommandsClampIntoTheirFieldAndSave) {
-  struct Case {
-    const char* address;
-    OSCArgument arg;
-    double LightingSettings::*field;
-    double expected;
-  };
-  const std::vector<Case> cases = {
-      {"/velmora/lighting/key", 10.0f, &LightingSettings::key, 3.0},
-      {"/lighting/key", -1.0f, &LightingSettings::key, 0.0},
-      {"/lighting/fill", 2.5f, &LightingSettings::fill, 2.5},
-      {"/lighting/rim", 4.0f, &LightingSettings::rim, 3.0},
-      {"/lighting/ambient", std::int32_t(2), &LightingSettings::ambient, 2.0},
-      {"/lighting/keyheight", -5.0f, &LightingSettings::keyHeight, -3.0},
-      {"/lighting/keyside", 3.5f, &LightingSettings::keySide, 3.0},
-      {"/lighting/keyside", -kInf, &LightingSettings::keySide, -3.0},
-      {"/lighting/warmth", -2.0f, &LightingSettings::warmth, -1.0},
-      {"/lighting/color", kInf, &LightingSettings::warmth, 1.0},
-      {"/velmora/lighting/colour", 0.5f, &LightingSettings::warmth, 0.5},
-      {"/lighting/shadow", 1.5f, &LightingSettings::shadow, 1.0},
-      {"/lighting/shadow", 0.25, &LightingSettings::shadow, 0.25},
-  };
-  for (const Case& c : cases) {
-    state().setLighting(LightingSettings::theatrical());
-    ASSERT_TRUE(dispatch(c.address, {c.arg}));
-    LightingSettings expected = LightingSettings::theatrical();
-    expected.*(c.field) = c.expected;
-    EXPECT_EQ(state().lighting(), expected) << c.address << " " << c.arg.printed();
-    SettingsStore::shared().reload();
-    EXPECT_EQ(LightingSettings::load(SettingsStore::shared()), expected) << c.address;
-  }
-  // The float is widened to double: 0.65f, not 0.65.
-  dispatch("/lighting/colour", {0.65f});
-  EXPECT_EQ(state().lighting().warmth, static_cast<double>(0.65f));
-
-  state().setLighting(LightingSettings::theatrical());
-  for (const OSCArgument& unusable : {OSCArgument(kNaN), OSCArgument("2"), OSCArgument(true)}) {
-    dispatch("/lighting/key", {unusable});
-    EXPECT_EQ(state().lighting(), LightingSettings::theatrical()) << unusable.printed();
-  }
-  dispatch("/lighting/key");
-  EXPECT_EQ(state().lighting(), LightingSettings::theatrical());
 }
 
 TEST_F(CatalogTest, LightingResetRestoresTheTheatricalLookAndMaster) {

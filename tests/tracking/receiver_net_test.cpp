@@ -275,31 +275,6 @@ TEST(TrackingReceiverNetTest, OscsendVmcBlendshape) {
   EXPECT_EQ(sink->frames()[1].rotationSet, (std::array<bool, 3>{false, true, false}));
 }
 
-TEST(TrackingReceiverNetTest, VmcStreamOfExactZerosRelaxesTheJaw) {
-  // The whole road into the state: socket, decoder, main-thread sink, filters.
-  test::StateFixture fixture;
-  FaceTrackingState& state = fixture.state;
-  auto sink = std::make_shared<MainThreadTrackingSink>(8, MainQueue::shared(), &state);
-  TrackingReceiver receiver(sink);
-  const std::uint16_t port = freeUdpPort();
-  ASSERT_TRUE(listen(receiver, port));
-  UdpSocket sender;
-  // A VMC sender's frames at 60 Hz: "/VMC/Ext/Blend/Val ,sf jawOpen <value>".
-  auto stream = [&](float value, int frames) {
-    for (int i = 0; i < frames; ++i) {
-      sender.sendTo(port, OSCWriter::message("/VMC/Ext/Blend/Val").s("jawOpen").f(value).bytes());
-      std::this_thread::sleep_for(std::chrono::milliseconds(16));
-      MainQueue::shared().drain();
-    }
-    MainQueue::shared().runUntil([&] { return sink->waitingSenders() == 0; }, 2.0);
-  };
-  stream(0.8f, 30);
-  ASSERT_GT(state.blendshapes().at("jawOpen"), 0.5f);
-  stream(0.0f, 240);
-  EXPECT_LT(state.blendshapes().at("jawOpen"), 1e-3f);  // at rest, not held at the last non-zero value
-  receiver.stopListening();
-}
-
 // The allow-list is the receiver's door: a refused sender's datagrams reach
 // neither the taps (relay, recorder) nor the sink, so nothing of them shows
 // in the face state, while an allowed sender's do; a list edit takes effect
@@ -373,6 +348,31 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   EXPECT_EQ(f.state.senderIP(), "127.0.0.3:" + std::to_string(refused.port()));
   EXPECT_EQ(receiver.statistics().refused, 4u);
   EXPECT_EQ(refusedLines("127.0.0.2"), 1);
+}
+
+TEST(TrackingReceiverNetTest, VmcStreamOfExactZerosRelaxesTheJaw) {
+  // The whole road into the state: socket, decoder, main-thread sink, filters.
+  test::StateFixture fixture;
+  FaceTrackingState& state = fixture.state;
+  auto sink = std::make_shared<MainThreadTrackingSink>(8, MainQueue::shared(), &state);
+  TrackingReceiver receiver(sink);
+  const std::uint16_t port = freeUdpPort();
+  ASSERT_TRUE(listen(receiver, port));
+  UdpSocket sender;
+  // A VMC sender's frames at 60 Hz: "/VMC/Ext/Blend/Val ,sf jawOpen <value>".
+  auto stream = [&](float value, int frames) {
+    for (int i = 0; i < frames; ++i) {
+      sender.sendTo(port, OSCWriter::message("/VMC/Ext/Blend/Val").s("jawOpen").f(value).bytes());
+      std::this_thread::sleep_for(std::chrono::milliseconds(16));
+      MainQueue::shared().drain();
+    }
+    MainQueue::shared().runUntil([&] { return sink->waitingSenders() == 0; }, 2.0);
+  };
+  stream(0.8f, 30);
+  ASSERT_GT(state.blendshapes().at("jawOpen"), 0.5f);
+  stream(0.0f, 240);
+  EXPECT_LT(state.blendshapes().at("jawOpen"), 1e-3f);  // at rest, not held at the last non-zero value
+  receiver.stopListening();
 }
 
 }  // namespace
