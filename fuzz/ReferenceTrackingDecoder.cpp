@@ -19,6 +19,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "osc/OSCParser.h"
@@ -449,24 +450,22 @@ std::string differences(const ReferenceFrame& expected, const DecodedDatagram& d
   }
   const bool frameExpected = expected.format != TrackingFormat::unknown;
   if (frameExpected != decoded.frame.has_value()) {
-    out += std::string("frame: expected ") + (frameExpected ? "one" : "none") + "\n";
+    out += std::string("frame: expected ") + (frameExpected ? "one\n" : "none\n");
   }
   if (!out.empty() || !decoded.frame) return out;
 
   const FaceFrame& got = decoded.frame->frame;
   if (expected.blendshapes.has_value() != got.blendshapes.has_value()) {
-    out += std::string("blendshapes: expected ") + (expected.blendshapes ? "a map" : "none") + "\n";
+    out += std::string("blendshapes: expected ") + (expected.blendshapes ? "a map\n" : "none\n");
   } else if (expected.blendshapes) {
     const ReferenceMap& want = *expected.blendshapes;
     std::size_t count = 0;
     for (const auto& [name, value] : *got.blendshapes) {
       ++count;
       const auto it = want.find(std::string(name));
-      if (it == want.end()) {
-        out += "blendshape \"" + std::string(name) + "\" not expected\n";
-      } else if (!same(it->second, value)) {
-        out += "blendshape \"" + std::string(name) + "\": expected " + shown(it->second) + ", decoded " +
-               shown(value) + "\n";
+      if (it == want.end() || !same(it->second, value)) {
+        const std::string wanted = it == want.end() ? "none" : shown(it->second);
+        out += "blendshape \"" + std::string(name) + "\": expected " + wanted + ", decoded " + shown(value) + "\n";
       }
     }
     for (const auto& [name, value] : want) {
@@ -477,17 +476,13 @@ std::string differences(const ReferenceFrame& expected, const DecodedDatagram& d
              " (size() " + std::to_string(got.blendshapes->size()) + ")\n";
     }
   }
-  if (!same(expected.rotation, got.rotation)) {
-    out += "rotation: expected " + shown(expected.rotation) + ", decoded " + shown(got.rotation) + "\n";
-  }
-  if (!same(expected.position, got.position)) {
-    out += "position: expected " + shown(expected.position) + ", decoded " + shown(got.position) + "\n";
-  }
-  if (!same(expected.leftEye, got.leftEyeRotation)) {
-    out += "left eye: expected " + shown(expected.leftEye) + ", decoded " + shown(got.leftEyeRotation) + "\n";
-  }
-  if (!same(expected.rightEye, got.rightEyeRotation)) {
-    out += "right eye: expected " + shown(expected.rightEye) + ", decoded " + shown(got.rightEyeRotation) + "\n";
+  for (const auto& [what, want, have] : {std::tuple{"rotation", &expected.rotation, &got.rotation},
+                                         std::tuple{"position", &expected.position, &got.position},
+                                         std::tuple{"left eye", &expected.leftEye, &got.leftEyeRotation},
+                                         std::tuple{"right eye", &expected.rightEye, &got.rightEyeRotation}}) {
+    if (!same(*want, *have)) {
+      out += std::string(what) + ": expected " + shown(*want) + ", decoded " + shown(*have) + "\n";
+    }
   }
   if (expected.faceFound != got.faceFound) out += "faceFound differs\n";
   if (expected.app != decoded.frame->app) {
