@@ -11,15 +11,13 @@
 //   [SECTION] Comparison
 
 #include <bit>
+#include <charconv>
 #include <cctype>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <string_view>
-#include <tuple>
 #include <vector>
 
 #include "osc/OSCParser.h"
@@ -420,78 +418,72 @@ ReferenceFrame decodeReference(std::span<const std::uint8_t> data) {
 
 namespace {
 
-bool same(float a, float b) {
-  return (std::isnan(a) && std::isnan(b)) || std::bit_cast<std::uint32_t>(a) == std::bit_cast<std::uint32_t>(b);
-}
-
+// The shortest text that reads back to the same bits ("-0" stays apart from
+// "0"); every NaN is "nan", so two NaNs agree whatever their payload.
 std::string shown(float v) {
-  char text[64];
-  std::snprintf(text, sizeof text, "%.9g (0x%08x)", double(v), std::bit_cast<std::uint32_t>(v));
-  return text;
+  if (std::isnan(v)) return "nan";
+  char text[32];
+  return std::string(text, std::to_chars(text, text + sizeof text, v).ptr);
 }
 
 std::string shown(const std::optional<float3>& v) {
-  if (!v) return "none";
-  return "(" + shown(v->x) + ", " + shown(v->y) + ", " + shown(v->z) + ")";
+  return v ? shown(v->x) + " " + shown(v->y) + " " + shown(v->z) : "none";
 }
 
-bool same(const std::optional<float3>& a, const std::optional<float3>& b) {
-  if (a.has_value() != b.has_value()) return false;
-  return !a || (same(a->x, b->x) && same(a->y, b->y) && same(a->z, b->z));
+std::string shown(const std::array<bool, 3>& set) {
+  return std::string{set[0] ? 'x' : '-', set[1] ? 'y' : '-', set[2] ? 'z' : '-'};
+}
+
+// Every field of a frame, one per line, names in byte order.
+std::string shown(const ReferenceFrame& f, bool frame) {
+  std::string out = "format " + std::string(trackingFormatName(f.format)) + (frame ? ", a frame" : ", no frame") +
+                    ", app " + std::string(trackingAppName(f.app)) + (f.faceFound ? ", face\n" : ", no face\n");
+  if (f.blendshapes) {
+    out += "blendshapes (" + std::to_string(f.blendshapes->size()) + "):";
+    for (const auto& [name, value] : std::map<std::string, float>(f.blendshapes->begin(), f.blendshapes->end())) {
+      out += " \"" + name + "\"=" + shown(value);
+    }
+    out += "\n";
+  }
+  out += "rotation " + shown(f.rotation) + " (set " + shown(f.rotationSet) + ")\n";
+  out += "position " + shown(f.position) + " (set " + shown(f.positionSet) + ")\n";
+  return out + "left eye " + shown(f.leftEye) + "\nright eye " + shown(f.rightEye) + "\n";
 }
 
 }  // namespace
 
 std::string differences(const ReferenceFrame& expected, const DecodedDatagram& decoded, const std::string& sender) {
+  // The decoded datagram in the reference's terms.
+  ReferenceFrame got;
+  got.format = decoded.format;
   std::string out;
-  if (expected.format != decoded.format) {
-    out += "format: expected " + std::string(trackingFormatName(expected.format)) + ", decoded " +
-           std::string(trackingFormatName(decoded.format)) + "\n";
-  }
-  const bool frameExpected = expected.format != TrackingFormat::unknown;
-  if (frameExpected != decoded.frame.has_value()) {
-    out += std::string("frame: expected ") + (frameExpected ? "one\n" : "none\n");
-  }
-  if (!out.empty() || !decoded.frame) return out;
-
-  const FaceFrame& got = decoded.frame->frame;
-  if (expected.blendshapes.has_value() != got.blendshapes.has_value()) {
-    out += std::string("blendshapes: expected ") + (expected.blendshapes ? "a map\n" : "none\n");
-  } else if (expected.blendshapes) {
-    const ReferenceMap& want = *expected.blendshapes;
-    std::size_t count = 0;
-    for (const auto& [name, value] : *got.blendshapes) {
-      ++count;
-      const auto it = want.find(std::string(name));
-      if (it == want.end() || !same(it->second, value)) {
-        const std::string wanted = it == want.end() ? "none" : shown(it->second);
-        out += "blendshape \"" + std::string(name) + "\": expected " + wanted + ", decoded " + shown(value) + "\n";
+  if (decoded.frame) {
+    const FaceFrame& f = decoded.frame->frame;
+    if (f.blendshapes) {
+      std::size_t count = 0;
+      got.blendshapes.emplace();
+      for (const auto& [name, value] : *f.blendshapes) {
+        ++count;
+        got.blendshapes->emplace(std::string(name), value);
+      }
+      if (count != f.blendshapes->size() || count != got.blendshapes->size()) {
+        out += "blendshapes: " + std::to_string(count) + " names iterated, " + std::to_string(got.blendshapes->size()) +
+               " distinct, size() " + std::to_string(f.blendshapes->size()) + "\n";
       }
     }
-    for (const auto& [name, value] : want) {
-      if (got.blendshapes->find(name) == got.blendshapes->end()) out += "blendshape \"" + name + "\" missing\n";
-    }
-    if (count != want.size() || got.blendshapes->size() != want.size()) {
-      out += "blendshapes: expected " + std::to_string(want.size()) + " names, decoded " + std::to_string(count) +
-             " (size() " + std::to_string(got.blendshapes->size()) + ")\n";
-    }
+    got.rotation = f.rotation;
+    got.position = f.position;
+    got.leftEye = f.leftEyeRotation;
+    got.rightEye = f.rightEyeRotation;
+    got.faceFound = f.faceFound;
+    got.app = decoded.frame->app;
+    got.rotationSet = decoded.frame->rotationSet;
+    got.positionSet = decoded.frame->positionSet;
+    if (f.sender != sender) out += "sender: expected " + sender + ", decoded " + f.sender + "\n";
   }
-  for (const auto& [what, want, have] : {std::tuple{"rotation", &expected.rotation, &got.rotation},
-                                         std::tuple{"position", &expected.position, &got.position},
-                                         std::tuple{"left eye", &expected.leftEye, &got.leftEyeRotation},
-                                         std::tuple{"right eye", &expected.rightEye, &got.rightEyeRotation}}) {
-    if (!same(*want, *have)) {
-      out += std::string(what) + ": expected " + shown(*want) + ", decoded " + shown(*have) + "\n";
-    }
-  }
-  if (expected.faceFound != got.faceFound) out += "faceFound differs\n";
-  if (expected.app != decoded.frame->app) {
-    out += "app: expected \"" + std::string(trackingAppName(expected.app)) + "\", decoded \"" +
-           std::string(trackingAppName(decoded.frame->app)) + "\"\n";
-  }
-  if (expected.rotationSet != decoded.frame->rotationSet) out += "rotation components set differ\n";
-  if (expected.positionSet != decoded.frame->positionSet) out += "position components set differ\n";
-  if (got.sender != sender) out += "sender: expected " + sender + ", decoded " + got.sender + "\n";
+  const std::string want = shown(expected, expected.format != TrackingFormat::unknown);
+  const std::string have = shown(got, decoded.frame.has_value());
+  if (want != have) out += "expected:\n" + want + "decoded:\n" + have;
   return out;
 }
 
