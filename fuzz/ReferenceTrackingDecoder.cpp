@@ -452,34 +452,49 @@ std::string shown(const ReferenceFrame& f, bool frame) {
 
 }  // namespace
 
-std::string differences(const ReferenceFrame& expected, const DecodedDatagram& decoded, const std::string& sender) {
-  // The decoded datagram in the reference's terms.
+namespace {
+
+// A decoded frame in the reference's terms; what cannot be said in them
+// (a map whose size() disagrees with its names) is added to `notes`.
+ReferenceFrame asReference(const DecodedFrame& decoded, std::string& notes) {
   ReferenceFrame got;
-  got.format = decoded.format;
-  std::string out;
-  if (decoded.frame) {
-    const FaceFrame& f = decoded.frame->frame;
-    if (f.blendshapes) {
-      std::size_t count = 0;
-      got.blendshapes.emplace();
-      for (const auto& [name, value] : *f.blendshapes) {
-        ++count;
-        got.blendshapes->emplace(std::string(name), value);
-      }
-      if (count != f.blendshapes->size() || count != got.blendshapes->size()) {
-        out += "blendshapes: " + std::to_string(count) + " names iterated, " + std::to_string(got.blendshapes->size()) +
-               " distinct, size() " + std::to_string(f.blendshapes->size()) + "\n";
-      }
+  const FaceFrame& f = decoded.frame;
+  if (f.blendshapes) {
+    std::size_t count = 0;
+    got.blendshapes.emplace();
+    for (const auto& [name, value] : *f.blendshapes) {
+      ++count;
+      got.blendshapes->emplace(std::string(name), value);
     }
-    got.rotation = f.rotation;
-    got.position = f.position;
-    got.leftEye = f.leftEyeRotation;
-    got.rightEye = f.rightEyeRotation;
-    got.faceFound = f.faceFound;
-    got.app = decoded.frame->app;
-    got.rotationSet = decoded.frame->rotationSet;
-    got.positionSet = decoded.frame->positionSet;
-    if (f.sender != sender) out += "sender: expected " + sender + ", decoded " + f.sender + "\n";
+    if (count != f.blendshapes->size() || count != got.blendshapes->size()) {
+      notes += "blendshapes: " + std::to_string(count) + " names iterated, " + std::to_string(got.blendshapes->size()) +
+               " distinct, size() " + std::to_string(f.blendshapes->size()) + "\n";
+    }
+  }
+  got.rotation = f.rotation;
+  got.position = f.position;
+  got.leftEye = f.leftEyeRotation;
+  got.rightEye = f.rightEyeRotation;
+  got.faceFound = f.faceFound;
+  got.app = decoded.app;
+  got.rotationSet = decoded.rotationSet;
+  got.positionSet = decoded.positionSet;
+  return got;
+}
+
+}  // namespace
+
+std::string shown(const DecodedFrame& frame) {
+  std::string notes;
+  return shown(asReference(frame, notes), true) + "sender " + frame.frame.sender + "\n" + notes;
+}
+
+std::string differences(const ReferenceFrame& expected, const DecodedDatagram& decoded, const std::string& sender) {
+  std::string out;
+  ReferenceFrame got = decoded.frame ? asReference(*decoded.frame, out) : ReferenceFrame{};
+  got.format = decoded.format;
+  if (decoded.frame && decoded.frame->frame.sender != sender) {
+    out += "sender: expected " + sender + ", decoded " + decoded.frame->frame.sender + "\n";
   }
   const std::string want = shown(expected, expected.format != TrackingFormat::unknown);
   const std::string have = shown(got, decoded.frame.has_value());
