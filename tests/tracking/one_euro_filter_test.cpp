@@ -38,7 +38,8 @@ TEST(OneEuroFilter1DTest, FirstSampleAfterConstructionOrResetIsExact) {
 }
 
 // The worked steps pin the smoothing factor, the derivative's own filter,
-// the speed term beta * |dx| and the 0.0001 s shortest step.
+// the speed term (for a rising signal; a falling one is the bank test's,
+// against the bank's own absolute value) and the 0.0001 s shortest step.
 TEST(OneEuroFilter1DTest, MatchesWorkedSinglePrecisionSteps) {
   OneEuroFilter1D filter(1.0f, 0.5f, 1.0f);
   EXPECT_EQ(filter.filter(0.2f, 10.0), 0.2f);
