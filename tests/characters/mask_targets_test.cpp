@@ -147,9 +147,7 @@ TEST(MaskTargets, TargetsAreMirrorSymmetric) {
         for (float x = i < 16 ? 0.0f : 0.0533f; x <= 0.8f; x += 0.0533f) {  // unsided: s = +1 at x = 0
           const float3 l = left.displacement({x, y}, lower);
           const float3 r = right.displacement({-x, y}, lower);
-          ASSERT_NEAR(l.x, -r.x, tolerance) << left.name << " at " << x << ", " << y;
-          ASSERT_NEAR(l.y, r.y, tolerance) << left.name;
-          ASSERT_NEAR(l.z, r.z, tolerance) << left.name;
+          ASSERT_LE(glm::length(l - float3(-r.x, r.y, r.z)), tolerance) << left.name << " at " << x << ", " << y;
         }
       }
     }

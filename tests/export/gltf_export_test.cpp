@@ -61,114 +61,99 @@ std::vector<std::string> targetNames(const tinygltf::Mesh& mesh) {
   return names;
 }
 
-class GltfExportTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    dir_ = std::make_unique<test::TempDir>();
-    test::LogCapture log;
-    outcomes_ = CharacterExport::run((dir_->path() / "characters").string());
-    lines_ = log.lines();
-  }
-  static void TearDownTestSuite() { dir_.reset(); }
+// The glTF node `index` against the scene node, recursively.
+void expectSameNode(const tinygltf::Model& doc, int index, const Node& node) {
+  SCOPED_TRACE(node.name);
+  const tinygltf::Node& out = doc.nodes.at(static_cast<std::size_t>(index));
+  EXPECT_EQ(out.name, node.name);
+  const std::vector<double> position{node.position.x, node.position.y, node.position.z};
+  const std::vector<double> origin(3, 0.0);
+  EXPECT_EQ(out.translation.empty() ? origin : out.translation, position);
+  ASSERT_EQ(out.children.size(), node.children().size());
+  for (std::size_t c = 0; c < out.children.size(); ++c) expectSameNode(doc, out.children[c], *node.children()[c]);
 
-  // The glTF node `index` against the scene node, recursively.
-  static void expectSameNode(const tinygltf::Model& doc, int index, const Node& node) {
-    SCOPED_TRACE(node.name);
-    const tinygltf::Node& out = doc.nodes.at(static_cast<std::size_t>(index));
-    EXPECT_EQ(out.name, node.name);
-    const std::vector<double> position{node.position.x, node.position.y, node.position.z};
-    const std::vector<double> origin(3, 0.0);
-    EXPECT_EQ(out.translation.empty() ? origin : out.translation, position);
-    ASSERT_EQ(out.children.size(), node.children().size());
-    for (std::size_t c = 0; c < out.children.size(); ++c) expectSameNode(doc, out.children[c], *node.children()[c]);
+  ASSERT_EQ(out.mesh >= 0, node.geometry != nullptr);
+  if (!node.geometry) return;
+  const Geometry& g = *node.geometry;
+  const tinygltf::Mesh& mesh = doc.meshes.at(static_cast<std::size_t>(out.mesh));
+  ASSERT_EQ(mesh.primitives.size(), g.elements.size());
+  const std::pair<const char*, GeometrySource::Semantic> streams[] = {
+      {"POSITION", GeometrySource::Semantic::vertex},
+      {"NORMAL", GeometrySource::Semantic::normal},
+      {"TEXCOORD_0", GeometrySource::Semantic::texcoord},
+      {"COLOR_0", GeometrySource::Semantic::color}};
+  const std::size_t targetCount = node.morpher ? node.morpher->targetCount() : 0;
+  const std::vector<std::string> names = targetCount ? targetNames(mesh) : std::vector<std::string>{};
+  ASSERT_EQ(names.size(), targetCount);
 
-    ASSERT_EQ(out.mesh >= 0, node.geometry != nullptr);
-    if (!node.geometry) return;
-    const Geometry& g = *node.geometry;
-    const tinygltf::Mesh& mesh = doc.meshes.at(static_cast<std::size_t>(out.mesh));
-    ASSERT_EQ(mesh.primitives.size(), g.elements.size());
-    const std::pair<const char*, GeometrySource::Semantic> streams[] = {
-        {"POSITION", GeometrySource::Semantic::vertex},
-        {"NORMAL", GeometrySource::Semantic::normal},
-        {"TEXCOORD_0", GeometrySource::Semantic::texcoord},
-        {"COLOR_0", GeometrySource::Semantic::color}};
-    const std::size_t targetCount = node.morpher ? node.morpher->targetCount() : 0;
-    const std::vector<std::string> names = targetCount ? targetNames(mesh) : std::vector<std::string>{};
-    ASSERT_EQ(names.size(), targetCount);
-
-    for (std::size_t e = 0; e < g.elements.size(); ++e) {
-      SCOPED_TRACE("element " + std::to_string(e));
-      const tinygltf::Primitive& p = mesh.primitives[e];
-      EXPECT_EQ(p.mode, TINYGLTF_MODE_TRIANGLES);
-      EXPECT_EQ(test::readIndices(doc, p.indices), *g.elements[e].indices);
-      for (const auto& [attribute, semantic] : streams) {
-        const auto expected = packedSource(g, semantic);
-        ASSERT_EQ(p.attributes.count(attribute), expected.empty() ? 0u : 1u) << attribute;
-        if (!expected.empty()) {
-          EXPECT_EQ(firstDifference(test::readFloats(doc, p.attributes.at(attribute)), expected), "") << attribute;
-        }
+  for (std::size_t e = 0; e < g.elements.size(); ++e) {
+    SCOPED_TRACE("element " + std::to_string(e));
+    const tinygltf::Primitive& p = mesh.primitives[e];
+    EXPECT_EQ(p.mode, TINYGLTF_MODE_TRIANGLES);
+    EXPECT_EQ(test::readIndices(doc, p.indices), *g.elements[e].indices);
+    for (const auto& [attribute, semantic] : streams) {
+      const auto expected = packedSource(g, semantic);
+      ASSERT_EQ(p.attributes.count(attribute), expected.empty() ? 0u : 1u) << attribute;
+      if (!expected.empty()) {
+        EXPECT_EQ(firstDifference(test::readFloats(doc, p.attributes.at(attribute)), expected), "") << attribute;
       }
+    }
 
-      const Material& m = g.materials[std::min(e, g.materials.size() - 1)];
-      const tinygltf::Material& mat = doc.materials.at(static_cast<std::size_t>(p.material));
-      EXPECT_EQ(mat.name, m.name);
-      EXPECT_EQ(mat.pbrMetallicRoughness.baseColorFactor,
-                (std::vector<double>{m.diffuse.r, m.diffuse.g, m.diffuse.b, m.diffuse.a}));
-      EXPECT_EQ(mat.pbrMetallicRoughness.roughnessFactor, double{m.roughness});
-      EXPECT_EQ(mat.pbrMetallicRoughness.metallicFactor, double{m.metalness});
-      EXPECT_EQ(mat.emissiveFactor, (std::vector<double>{m.emission.r, m.emission.g, m.emission.b}));
-      EXPECT_EQ(mat.doubleSided, m.doubleSided);
+    const Material& m = g.materials[std::min(e, g.materials.size() - 1)];
+    const tinygltf::Material& mat = doc.materials.at(static_cast<std::size_t>(p.material));
+    EXPECT_EQ(mat.name, m.name);
+    EXPECT_EQ(mat.pbrMetallicRoughness.baseColorFactor,
+              (std::vector<double>{m.diffuse.r, m.diffuse.g, m.diffuse.b, m.diffuse.a}));
+    EXPECT_EQ(mat.pbrMetallicRoughness.roughnessFactor, double{m.roughness});
+    EXPECT_EQ(mat.pbrMetallicRoughness.metallicFactor, double{m.metalness});
+    EXPECT_EQ(mat.emissiveFactor, (std::vector<double>{m.emission.r, m.emission.g, m.emission.b}));
+    EXPECT_EQ(mat.doubleSided, m.doubleSided);
 
-      // Every target of every primitive: the same deltas, float for float.
-      ASSERT_EQ(p.targets.size(), targetCount);
-      if (e > 0 && targetCount > 0) {
-        EXPECT_EQ(p.targets, mesh.primitives[0].targets);  // shared streams, already compared
-        continue;
-      }
-      for (std::size_t t = 0; t < targetCount; ++t) {
-        const Geometry& target = *(*node.morpher->targets)[t];
-        EXPECT_EQ(names[t], target.name);
-        for (const auto& [attribute, semantic] : {streams[0], streams[1]}) {
-          const auto base = packedSource(g, semantic);
-          auto expected = packedSource(target, semantic);
-          for (std::size_t i = 0; i < expected.size(); ++i) expected[i] -= base[i];
-          EXPECT_EQ(firstDifference(test::readFloats(doc, p.targets[t].at(attribute)), expected), "")
-              << target.name << " " << attribute;
-        }
+    // Every target of every primitive: the same deltas, float for float.
+    ASSERT_EQ(p.targets.size(), targetCount);
+    if (e > 0 && targetCount > 0) {
+      EXPECT_EQ(p.targets, mesh.primitives[0].targets);  // shared streams, already compared
+      continue;
+    }
+    for (std::size_t t = 0; t < targetCount; ++t) {
+      const Geometry& target = *(*node.morpher->targets)[t];
+      EXPECT_EQ(names[t], target.name);
+      for (const auto& [attribute, semantic] : {streams[0], streams[1]}) {
+        const auto base = packedSource(g, semantic);
+        auto expected = packedSource(target, semantic);
+        for (std::size_t i = 0; i < expected.size(); ++i) expected[i] -= base[i];
+        EXPECT_EQ(firstDifference(test::readFloats(doc, p.targets[t].at(attribute)), expected), "")
+            << target.name << " " << attribute;
       }
     }
   }
-
-  static std::unique_ptr<test::TempDir> dir_;
-  static std::vector<CharacterExport::Outcome> outcomes_;
-  static std::vector<std::string> lines_;
-};
-
-std::unique_ptr<test::TempDir> GltfExportTest::dir_;
-std::vector<CharacterExport::Outcome> GltfExportTest::outcomes_;
-std::vector<std::string> GltfExportTest::lines_;
+}
 
 // Round trip: one file per character, one line each and nothing else in the
 // folder; each file read back is the character in memory; its target names
 // are the ARKit names the character answers to, in its index order; deltas
 // that are mostly zero travel sparse.
-TEST_F(GltfExportTest, EachFileReadsBackAsTheCharacterInMemory) {
-  ASSERT_EQ(outcomes_.size(), 2u);
-  EXPECT_EQ(lines_.size(), 2u);
+TEST(CharacterExport, EachFileReadsBackAsTheCharacterInMemory) {
+  test::TempDir dir;
+  test::LogCapture log;
+  const auto outcomes = CharacterExport::run((dir.path() / "characters").string());
+  const auto lines = log.lines();
+  ASSERT_EQ(outcomes.size(), 2u);
+  EXPECT_EQ(lines.size(), 2u);
   std::set<std::string> written, present;
-  for (const auto& entry : fs::directory_iterator(dir_->path() / "characters")) present.insert(entry.path().filename().string());
-  for (const auto& o : outcomes_) {
+  for (const auto& entry : fs::directory_iterator(dir.path() / "characters")) present.insert(entry.path().filename().string());
+  for (const auto& o : outcomes) {
     SCOPED_TRACE(o.file.string());
     ASSERT_TRUE(o.written) << o.error;
     written.insert(o.file.filename().string());
-    EXPECT_EQ(o.file.parent_path(), dir_->path() / "characters");
+    EXPECT_EQ(o.file.parent_path(), dir.path() / "characters");
     EXPECT_EQ(fs::file_size(o.file), o.bytes);
     const CharacterBuild build = createCharacterNode(o.model);
     EXPECT_EQ(o.morphTargets, static_cast<int>(build.morpher->targetCount()));
-    EXPECT_NE(std::find(lines_.begin(), lines_.end(),
+    EXPECT_NE(std::find(lines.begin(), lines.end(),
                         "[export] Wrote " + o.file.string() + " (" + std::to_string(o.bytes) + " bytes, " +
                             std::to_string(o.morphTargets) + " morph targets)"),
-              lines_.end());
+              lines.end());
 
     tinygltf::Model doc;
     std::string err, warn;
@@ -270,17 +255,27 @@ TEST(GltfExporter, NodeTransformsMeanWhatTheSceneMeans) {
   }
 }
 
+// Run in the background (the menu's way; the same export as run()): a
+// folder that cannot be made fails every file with one line, writes nothing,
+// and the outcomes arrive on the main thread.
 TEST(CharacterExport, AFolderThatCannotBeCreatedFailsEveryFileWithOneLineAndWritesNothing) {
   test::TempDir dir;
   const fs::path blocker = dir.path() / "blocker";
   std::ofstream(blocker) << "a file where the folder should go\n";
   const fs::path folder = blocker / "characters";
   test::LogCapture log;
-  const auto outcomes = CharacterExport::run(folder.string());
+  std::vector<CharacterExport::Outcome> outcomes;
+  bool onMainThread = false;
+  CharacterExport::runInBackground(folder.string(), [&](std::vector<CharacterExport::Outcome> o) {
+    onMainThread = MainQueue::shared().isMainThread();
+    outcomes = std::move(o);
+  });
+  ASSERT_TRUE(MainQueue::shared().runUntil([&] { return !outcomes.empty(); }, 30.0));
+  EXPECT_TRUE(onMainThread);
   ASSERT_EQ(outcomes.size(), 2u);
+  EXPECT_EQ(log.lines().size(), 2u);
   for (const auto& o : outcomes) {
     EXPECT_FALSE(o.written);
-    EXPECT_EQ(log.lines().size(), 2u);
     EXPECT_TRUE(log.has("[export] Could not write " + (folder / CharacterExport::fileName(o.model)).string() +
                         ": cannot create the folder " + folder.string() + ": Not a directory"))
         << log.lines().front();
@@ -288,22 +283,6 @@ TEST(CharacterExport, AFolderThatCannotBeCreatedFailsEveryFileWithOneLineAndWrit
   std::vector<fs::path> left;
   for (const auto& entry : fs::recursive_directory_iterator(dir.path())) left.push_back(entry.path());
   EXPECT_EQ(left, std::vector<fs::path>{blocker});
-}
-
-TEST(CharacterExport, InTheBackgroundTheOutcomesArriveOnTheMainThread) {
-  test::TempDir dir;
-  std::ofstream(dir.path() / "blocker") << "a file where the folder should go\n";
-  test::LogCapture log;
-  std::vector<CharacterExport::Outcome> outcomes;
-  bool onMainThread = false;
-  CharacterExport::runInBackground((dir.path() / "blocker" / "x").string(), [&](std::vector<CharacterExport::Outcome> o) {
-    onMainThread = MainQueue::shared().isMainThread();
-    outcomes = std::move(o);
-  });
-  ASSERT_TRUE(MainQueue::shared().runUntil([&] { return !outcomes.empty(); }, 30.0));
-  EXPECT_TRUE(onMainThread);
-  EXPECT_EQ(outcomes.size(), 2u);
-  EXPECT_EQ(log.lines().size(), 2u);
 }
 
 }  // namespace

@@ -1,3 +1,6 @@
+// Senders' spellings of the 52 names: case and underscores do not matter, a
+// last "_L"/"_R" reads as Left/Right; anything else spells nothing.
+//
 // The blendshape map behaves as a map from name to value whatever a sender
 // sends: vocabulary names (fixed slots) and invented ones (side table) mixed,
 // any subset, erase and re-insert, iteration that visits each entry once and
@@ -6,15 +9,51 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <set>
+#include <optional>
 #include <random>
+#include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
+#include "stage/ARKitBlendShape.h"
 #include "stage/BlendshapeMap.h"
 
 namespace velmora {
 namespace {
+
+TEST(BlendShapeSpellingTest, SpellingsMapAndOtherNamesDoNot) {
+  using S = ARKitBlendShape;
+  const struct {
+    std::string_view spelling;
+    std::optional<S> shape;
+  } cases[] = {
+      {"jawOpen", S::jawOpen},                 // exact
+      {"JawOpen", S::jawOpen},                 // other engines' capitals
+      {"jawopen", S::jawOpen},
+      {"jaw_open", S::jawOpen},
+      {"JAW_OPEN", S::jawOpen},
+      {"eyeBlink_L", S::eyeBlinkLeft},         // the iFacialMocap app's side suffix
+      {"mouthSmile_R", S::mouthSmileRight},
+      {"eye_blink_l", S::eyeBlinkLeft},
+      {"EyeBlinkLeft", S::eyeBlinkLeft},
+      {"eye_Blink_Right", S::eyeBlinkRight},
+      {"mouthLowerDown_R", S::mouthLowerDownRight},  // the longest name
+      {"mouth_lower_down_right", S::mouthLowerDownRight},
+      {"tongue_Out", S::tongueOut},
+      {"cheekPuff_L", std::nullopt},           // no side to this one
+      {"eyeBlink", std::nullopt},
+      {"eyeBlinkL", std::nullopt},             // a side needs its underscore
+      {"eyeBlink_X", std::nullopt},
+      {"jaw-open", std::nullopt},
+      {"jawOpen ", std::nullopt},
+      {"_L", std::nullopt},
+      {"", std::nullopt},
+      {"mouthLowerDownRightmouthLowerDownRight", std::nullopt},  // longer than any key
+  };
+  for (const auto& c : cases) EXPECT_EQ(blendShapeFromSpelling(c.spelling), c.shape) << c.spelling;
+  for (const S shape : allCases<S>()) EXPECT_EQ(blendShapeFromSpelling(rawValue(shape)), shape);
+}
 
 std::unordered_map<std::string, float> asStdMap(const BlendshapeMap& map) {
   std::unordered_map<std::string, float> out;
