@@ -23,6 +23,13 @@ inline float2 maskLocal(float2 p, float cx, float cy, float angle) {
 // upper, 0.056 lower. Local y >= 0 is the upper lid.
 inline float2 maskEyeLocal(float2 p) { return maskLocal(p, 0.4f, 0.33f, -0.034906585f); }
 
+// World point of eye-local (lx, ly) on the eye of side s.
+inline float2 maskEyePoint(float s, float lx, float ly) {
+  const float c = std::cos(-0.034906585f);
+  const float sn = s * std::sin(-0.034906585f);
+  return {c * lx - sn * ly + s * 0.4f, sn * lx + c * ly + 0.33f};
+}
+
 inline float maskEyeRadius(float2 p) {
   const float2 l = maskEyeLocal(p);
   return std::hypot(l.x / 0.175f, l.y / (l.y >= 0.0f ? 0.046f : 0.056f));

@@ -35,9 +35,8 @@ TEST(MaskGeometry, CountsAndVertexOrder) {
   const std::size_t n = topo.frontCount();
   const std::size_t k = topo.rimCount();
   EXPECT_EQ(n, 30832u);  // 191 x 161 grid + 81 mouth-row duplicates
-  EXPECT_EQ(topo.uvs.size(), n);
-  EXPECT_EQ(topo.shellDirections.size(), n);
-  EXPECT_EQ(topo.lowerJaw.size(), n);
+  for (const std::size_t size : {topo.uvs.size(), topo.shellDirections.size(), topo.lowerJaw.size(), topo.snapped.size()})
+    EXPECT_EQ(size, n);
   EXPECT_GT(k, 0u);
 
   // Back triangles mirror the front ones with reversed winding.
@@ -60,10 +59,8 @@ TEST(MaskGeometry, CountsAndVertexOrder) {
   // The shell has 2n + 2k entries in every stream; back = front - 0.045
   // along the shell direction; the rim copies repeat front and back.
   const auto [pos, nrm] = G::assembleSources(G::neutralFront());
-  EXPECT_EQ(pos.vectorCount, static_cast<int>(2 * n + 2 * k));
-  EXPECT_EQ(nrm.vectorCount, static_cast<int>(2 * n + 2 * k));
-  EXPECT_EQ(G::makeUVSource().vectorCount, static_cast<int>(2 * n + 2 * k));
-  EXPECT_EQ(G::makeColorSource().vectorCount, static_cast<int>(2 * n + 2 * k));
+  for (const int count : {pos.vectorCount, nrm.vectorCount, G::makeUVSource().vectorCount, G::makeColorSource().vectorCount})
+    EXPECT_EQ(count, static_cast<int>(2 * n + 2 * k));
   for (std::size_t i = 0; i < n; ++i)
     ASSERT_NEAR(glm::length(pos.vec3(i) - pos.vec3(n + i) - 0.045f * topo.shellDirections[i]), 0.0f, 1e-6f) << i;
   for (std::size_t j = 0; j < k; ++j) {
@@ -108,11 +105,41 @@ TEST(MaskGeometry, NeutralSurfaceIsMirrorSymmetricBoundedAndRelieved) {
   EXPECT_NEAR(hi.x, 0.93f, 1e-4f);
   EXPECT_NEAR(lo.x, -0.93f, 1e-4f);
   EXPECT_NEAR(lo.y, -1.0f, 0.011f);
+  // Below y = 0.15 each row ends on the outline 0.93 (1 - t^2.2)^(1/2.2),
+  // t = (0.15 - y) / 1.15.
+  for (int i = 0; i < 191; ++i) {
+    const float3 end = front[static_cast<std::size_t>(i * 161 + 160)];
+    const float t = (0.15f - end.y) / 1.15f;
+    if (t > 0.0f) {
+      ASSERT_NEAR(end.x, 0.93f * std::pow(1.0f - std::pow(t, 2.2f), 1.0f / 2.2f), 2e-3f) << i;
+    }
+  }
   // The first row's centre is at y = 1.0455; row 136 follows the mouth
   // curve y = -0.41 + 0.14 x^2, at x = 0 on the centre column.
   EXPECT_NEAR(glm::length(float2(front[80]) - float2(0.0f, 1.0455f)), 0.0f, 1e-6f);
   EXPECT_NEAR(glm::length(float2(front[136 * 161 + 80]) - float2(0.0f, -0.41f)), 0.0f, 1e-6f);
   EXPECT_EQ(G::topology().uvs[80], float2(0.5f, 0.0f));
+}
+
+// Distance outside the eye outline (0 inside; the second result is the
+// eye-local y) and the lid fold it shapes, at hand-computed points.
+TEST(MaskGeometry, EyeDistanceAndLidFoldSpotValues) {
+  for (const float s : {1.0f, -1.0f}) {
+    const struct {
+      float lx, ly, distance;
+    } rows[] = {{0, 0, 0}, {0.1f, 0.02f, 0}, {-0.15f, -0.01f, 0},
+                {0, 0.066f, 0.02f},    // above the top: r = 0.066 / 0.046, |grad r| = 1 / 0.046
+                {0, -0.086f, 0.03f}};  // below the bottom (semi-axis 0.056)
+    for (const auto& r : rows) {
+      const auto [d, ly] = G::eyeRadialDistance(test::maskEyePoint(s, r.lx, r.ly));
+      EXPECT_NEAR(d, r.distance, 2e-5f) << s << ": " << r.lx << ", " << r.ly;
+      EXPECT_NEAR(ly, r.ly, 1e-6f) << s << ": " << r.lx << ", " << r.ly;
+    }
+  }
+  // At the eye centre: S = smoothstep(3/7) = 0.393586, edge 1;
+  // -0.06 exp(-(0.062/0.026)^2) + 0.05 exp(-(0.108/0.035)^2) = -1.99852e-4.
+  EXPECT_NEAR(G::lidFoldSculpt({0.4f, 0.33f}), 0.393586f * -1.99852e-4f, 2e-8f);
+  EXPECT_EQ(G::lidFoldSculpt({0.0f, -0.7f}), 0.0f);  // far from both eyes
 }
 
 TEST(MaskGeometry, SnapsLandOnTheEllipses) {

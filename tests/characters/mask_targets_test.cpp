@@ -165,6 +165,7 @@ TEST(MaskTargets, JawOpenOpensTheSlitWhileTheUpperLipStays) {
   for (std::size_t i = 30751; i < n; ++i)
     if (topo.gridPoints[i] == topo.gridPoints[upper]) lower = i;
   ASSERT_NE(lower, 0u);
+  EXPECT_EQ(targetPosition(build, "jawopen", upper), neutralPosition(build, upper));
   for (const std::size_t v : {lower, n + lower}) {
     const float3 moved = targetPosition(build, "jawopen", v) - neutralPosition(build, v);
     EXPECT_NEAR(moved.y, -0.24f, 1e-6f) << v;
