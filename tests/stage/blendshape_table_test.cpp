@@ -154,13 +154,9 @@ TEST(BlendshapeMapTest, IterationOrderWritesThroughAndSlotAccess) {
   EXPECT_FALSE(map.has(ARKitBlendShape::jawOpen));
   EXPECT_EQ(map.presentSlots(), (std::uint64_t{1} << index(ARKitBlendShape::browDownLeft)) |
                                     (std::uint64_t{1} << index(ARKitBlendShape::tongueOut)));
-  ASSERT_EQ(map.others().size(), 2u);
-
-  map["Third"] = 3.0f;
-  map.erase("zzInvented");
-  EXPECT_EQ(map.size(), 4u);
-  EXPECT_FALSE(map.contains("zzInvented"));
-  EXPECT_EQ(map.at("Third"), 3.0f);
+  EXPECT_EQ(map.others().size(), 2u);
+  // Inserting and erasing invented names next to the slots: the random
+  // operations test.
 }
 
 TEST(BlendshapeMapTest, ThousandsOfInventedNamesStayCheap) {
