@@ -192,12 +192,11 @@ struct Field {
   bool single = false;  // a float: compared as one
 };
 
-Field number(const char* name, float (FaceTrackingState::*get)() const, void (FaceTrackingState::*set)(float)) {
-  return {name, [=] { return (FaceTrackingState::shared().*get)(); }, [=](double v) { (FaceTrackingState::shared().*set)(float(v)); }, nullptr, true};
-}
-Field flag(const char* name, bool (FaceTrackingState::*get)() const, void (FaceTrackingState::*set)(bool)) {
+// A float or a switch of the state, through its getter and setter.
+template <class T>
+Field member(const char* name, T (FaceTrackingState::*get)() const, void (FaceTrackingState::*set)(T)) {
   return {name, [=] { return double((FaceTrackingState::shared().*get)()); },
-          [=](double v) { (FaceTrackingState::shared().*set)(v != 0); }};
+          [=](double v) { (FaceTrackingState::shared().*set)(static_cast<T>(v)); }, nullptr, std::is_same_v<T, float>};
 }
 Field light(const char* name, double LightingSettings::*field) {
   return {name, [=] { return FaceTrackingState::shared().lighting().*field; },
@@ -206,14 +205,14 @@ Field light(const char* name, double LightingSettings::*field) {
 
 TEST_F(CatalogTest, ArgumentsSetTheirFieldClampedOrAreIgnored) {
   const auto& presets = LightingSettings::presets();
-  const Field sens = number("sensitivity", &FaceTrackingState::globalSensitivity, &FaceTrackingState::setGlobalSensitivity);
-  const Field smooth = number("smoothing", &FaceTrackingState::smoothing, &FaceTrackingState::setSmoothing);
-  const Field opacity = number("opacity", &FaceTrackingState::maskOpacity, &FaceTrackingState::setMaskOpacity);
-  const Field master = number("intensity", &FaceTrackingState::lightIntensity, &FaceTrackingState::setLightIntensity);
-  const Field lock = flag("lock", &FaceTrackingState::lockRotation, &FaceTrackingState::setLockRotation);
-  const Field syphon = flag("syphon", &FaceTrackingState::isSyphonActive, &FaceTrackingState::setIsSyphonActive);
-  const Field ndi = flag("ndi", &FaceTrackingState::isNDIActive, &FaceTrackingState::setIsNDIActive);
-  const Field osc = flag("osc", &FaceTrackingState::isOSCEnabled, &FaceTrackingState::setIsOSCEnabled);
+  const Field sens = member("sensitivity", &FaceTrackingState::globalSensitivity, &FaceTrackingState::setGlobalSensitivity);
+  const Field smooth = member("smoothing", &FaceTrackingState::smoothing, &FaceTrackingState::setSmoothing);
+  const Field opacity = member("opacity", &FaceTrackingState::maskOpacity, &FaceTrackingState::setMaskOpacity);
+  const Field master = member("intensity", &FaceTrackingState::lightIntensity, &FaceTrackingState::setLightIntensity);
+  const Field lock = member("lock", &FaceTrackingState::lockRotation, &FaceTrackingState::setLockRotation);
+  const Field syphon = member("syphon", &FaceTrackingState::isSyphonActive, &FaceTrackingState::setIsSyphonActive);
+  const Field ndi = member("ndi", &FaceTrackingState::isNDIActive, &FaceTrackingState::setIsNDIActive);
+  const Field osc = member("osc", &FaceTrackingState::isOSCEnabled, &FaceTrackingState::setIsOSCEnabled);
   const Field model{"model", [] { return double(state().characterModel() == CharacterModelType::cartoonGhost); },
                     [](double v) {
                       state().setCharacterModel(v != 0 ? CharacterModelType::cartoonGhost

@@ -121,20 +121,18 @@ TEST(PcapReaderTest, OtherTrafficIsSkippedAndLinkLayersAreUnwrapped) {
   EXPECT_EQ(r.datagrams[1].envelope.arrivalMicroseconds - r.datagrams[0].envelope.arrivalMicroseconds, 500000);
   EXPECT_EQ(r.datagrams[0].envelope.senderText(), "10.0.0.2:50000");
 
-  // Ethernet, with and without a VLAN tag; ARP is skipped.
-  auto ethernet = [](std::vector<std::uint8_t> typeAndBody) {
-    std::vector<std::uint8_t> frame(12, 0x02);  // destination and source MAC
-    frame.insert(frame.end(), typeAndBody.begin(), typeAndBody.end());
+  // Ethernet, with and without a VLAN tag; ARP is skipped; padding after the IP packet is ignored.
+  const auto udp = PcapBytes::udp(payload, 39539);
+  auto ethernet = [](std::vector<std::uint8_t> frame, const std::vector<std::uint8_t>& body, std::size_t padding) {
+    frame.insert(frame.begin(), 12, 0x02);  // destination and source MAC before the type
+    frame.insert(frame.end(), body.begin(), body.end());
+    frame.resize(frame.size() + padding, 0);
     return frame;
   };
-  std::vector<std::uint8_t> ipv4 = {0x08, 0x00};
-  std::vector<std::uint8_t> vlan = {0x81, 0x00, 0x00, 0x05, 0x08, 0x00};
-  const auto udp = PcapBytes::udp(payload, 39539);
-  ipv4.insert(ipv4.end(), udp.begin(), udp.end());
-  vlan.insert(vlan.end(), udp.begin(), udp.end());
-  ipv4.resize(ipv4.size() + 6, 0);  // Ethernet padding after the IP packet is ignored
   PcapBytes eth(1);
-  eth.record(ethernet(ipv4)).record(ethernet(vlan)).record(ethernet({0x08, 0x06, 0, 1}));
+  eth.record(ethernet({0x08, 0x00}, udp, 6))
+      .record(ethernet({0x81, 0x00, 0x00, 0x05, 0x08, 0x00}, udp, 0))
+      .record(ethernet({0x08, 0x06, 0, 1}, {}, 0));
   r = PcapReader::readBytes(eth.bytes());
   ASSERT_TRUE(r) << r.error;
   EXPECT_EQ(r.skipped, 1u);
