@@ -163,7 +163,7 @@ TEST_F(CatalogTest, AddressMatchingIsCaseInsensitiveExactAndLogged) {
 // [SECTION] Calibration & Tracking
 // ---------------------------------------------------------------------------
 
-TEST_F(CatalogTest, ResetRestoresDefaultsAndStopsTheCueAtOnce) {
+TEST_F(CatalogTest, ResetCommandsRestoreDefaultsAndStopTheCueAtOnce) {
   dispatch("/velmora/recentre");
   state().setGlobalSensitivity(3.0f);
   state().setSmoothing(0.9f);
@@ -178,6 +178,14 @@ TEST_F(CatalogTest, ResetRestoresDefaultsAndStopsTheCueAtOnce) {
   EXPECT_FALSE(controller().activeCue());
   EXPECT_FALSE(controller().isPlaying());  // no fade
   EXPECT_FALSE(controller().isFadingOut());
+  // The lighting reset restores the theatrical look and master, and saves them.
+  dispatch("/lighting/preset", {std::int32_t(5)});
+  dispatch("/lighting", {3.0f});
+  ASSERT_TRUE(dispatch("/lighting/reset"));
+  EXPECT_EQ(state().lighting(), LightingSettings::theatrical());
+  EXPECT_EQ(state().lightIntensity(), 1.2f);
+  SettingsStore::shared().reload();
+  EXPECT_EQ(LightingSettings::load(SettingsStore::shared()), LightingSettings::theatrical());
 }
 
 // One value of the state as a number, so one table holds every command
@@ -325,7 +333,7 @@ TEST_F(CatalogTest, ArgumentsSetTheirFieldClampedOrAreIgnored) {
   EXPECT_EQ(state().oscStatus(), "OSC cues: disabled");
 }
 
-TEST_F(CatalogTest, ModelCommandsRunTheModelChangeHandlingEvenWhenUnchanged) {
+TEST_F(CatalogTest, ModelCommandsRunTheModelChangeEvenWhenUnchangedAndPutACharacterFileAway) {
   int notifications = 0;
   const int token = state().observe([&](FaceTrackingState::Property p) {
     notifications += p == FaceTrackingState::Property::characterModel;
@@ -344,9 +352,8 @@ TEST_F(CatalogTest, ModelCommandsRunTheModelChangeHandlingEvenWhenUnchanged) {
   dispatch("/velmora/model");  // no argument: nothing
   EXPECT_EQ(notifications, 4);  // the mask command only, not the empty model command
   state().unobserve(token);
-}
 
-TEST_F(CatalogTest, CharacterFileCommandHandsItsTextOnAndABuiltInChoicePutsTheFileAway) {
+  // A character file's name is handed on; a built-in choice puts the file away.
   std::vector<std::string> opened;
   CommandContext context{state(), controller(), [] { return uptime(); }};
   context.openCharacterFile = [&](const std::string& file) { opened.push_back(file); };
@@ -364,15 +371,6 @@ TEST_F(CatalogTest, CharacterFileCommandHandsItsTextOnAndABuiltInChoicePutsTheFi
   EXPECT_EQ(SettingsStore::shared().string("characterFile"), "");
 }
 
-TEST_F(CatalogTest, LightingResetRestoresTheTheatricalLookAndMaster) {
-  dispatch("/lighting/preset", {std::int32_t(5)});
-  dispatch("/lighting", {3.0f});
-  ASSERT_TRUE(dispatch("/lighting/reset"));
-  EXPECT_EQ(state().lighting(), LightingSettings::theatrical());
-  EXPECT_EQ(state().lightIntensity(), 1.2f);
-  SettingsStore::shared().reload();
-  EXPECT_EQ(LightingSettings::load(SettingsStore::shared()), LightingSettings::theatrical());
-}
 
 // ---------------------------------------------------------------------------
 // [SECTION] Cues
