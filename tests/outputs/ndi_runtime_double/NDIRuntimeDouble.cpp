@@ -8,7 +8,6 @@
 // Behaviour chosen by environment variables:
 //   NDI_DOUBLE_REFUSE_INIT=1       NDIlib_initialize reports failure
 //   NDI_DOUBLE_FAIL_CREATE=1       NDIlib_send_create returns no sender
-//   NDI_DOUBLE_SEND_DELAY_MS=<ms>  each send of a sender created now takes that long
 //   NDI_DOUBLE_CONNECTIONS=<n>     receivers reported per sender (default 0)
 //   NDI_DOUBLE_FAIL_FIND=1         NDIlib_find_create_v2 returns no finder
 //   NDI_DOUBLE_REMOTE_SOURCES=a,b  sources on other machines, listed after the local ones
@@ -55,30 +54,16 @@ typedef struct NDIlib_send_create_t {
   bool clock_audio;
 } NDIlib_send_create_t;
 static_assert(sizeof(NDIlib_send_create_t) == 24);
-static_assert(offsetof(NDIlib_send_create_t, clock_video) == 16);
-static_assert(offsetof(NDIlib_send_create_t, clock_audio) == 17);
 
-typedef enum NDIlib_FourCC_video_type_e : std::uint32_t {
-  NDIlib_FourCC_video_type_UYVY = 0x59565955,
-  NDIlib_FourCC_video_type_BGRA = 0x41524742,
-  NDIlib_FourCC_video_type_BGRX = 0x58524742,
-  NDIlib_FourCC_video_type_RGBA = 0x41424752,
-  NDIlib_FourCC_video_type_RGBX = 0x58424752,
-} NDIlib_FourCC_video_type_e;
-
-typedef enum NDIlib_frame_format_type_e : std::int32_t {
-  NDIlib_frame_format_type_interleaved = 0,
-  NDIlib_frame_format_type_progressive = 1,
-  NDIlib_frame_format_type_field_0 = 2,
-  NDIlib_frame_format_type_field_1 = 3,
-} NDIlib_frame_format_type_e;
+// The 4-byte FourCCs: BGRA, BGRX, RGBA, RGBX.
+constexpr std::uint32_t kFourByteFourCCs[] = {0x41524742, 0x58524742, 0x41424752, 0x58424752};
 
 typedef struct NDIlib_video_frame_v2_t {
   int xres, yres;
-  NDIlib_FourCC_video_type_e FourCC;
+  std::uint32_t FourCC;
   int frame_rate_N, frame_rate_D;
   float picture_aspect_ratio;
-  NDIlib_frame_format_type_e frame_format_type;
+  std::int32_t frame_format_type;
   std::int64_t timecode;
   std::uint8_t* p_data;
   union {
@@ -89,11 +74,6 @@ typedef struct NDIlib_video_frame_v2_t {
   std::int64_t timestamp;
 } NDIlib_video_frame_v2_t;
 static_assert(sizeof(NDIlib_video_frame_v2_t) == 72);
-static_assert(offsetof(NDIlib_video_frame_v2_t, timecode) == 32);
-static_assert(offsetof(NDIlib_video_frame_v2_t, p_data) == 40);
-static_assert(offsetof(NDIlib_video_frame_v2_t, line_stride_in_bytes) == 48);
-static_assert(offsetof(NDIlib_video_frame_v2_t, p_metadata) == 56);
-static_assert(offsetof(NDIlib_video_frame_v2_t, timestamp) == 64);
 
 typedef struct NDIlib_find_create_t {
   bool show_local_sources;
@@ -117,7 +97,6 @@ namespace {
 
 struct Sender {
   std::string name;
-  int delayMs = 0;
   bool readPixels = true;
   int sendsInProgress = 0;
 };
@@ -211,7 +190,6 @@ NDI_EXPORT NDIlib_send_instance_t NDIlib_send_create(const NDIlib_send_create_t*
   if (flag("NDI_DOUBLE_FAIL_CREATE")) return nullptr;
   auto sender = std::make_unique<Sender>();
   sender->name = s.lastName.empty() ? "Sender" : s.lastName;
-  sender->delayMs = std::max(0, number("NDI_DOUBLE_SEND_DELAY_MS"));
   sender->readPixels = !flag("NDI_DOUBLE_UNREAD_SENDS");
   s.senders.push_back(std::move(sender));
   return s.senders.back().get();
@@ -231,7 +209,6 @@ NDI_EXPORT void NDIlib_send_destroy(NDIlib_send_instance_t instance) {
 
 NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const NDIlib_video_frame_v2_t* frame) {
   State& s = state();
-  int delayMs = 0;
   bool readPixels = true;
   {
     std::lock_guard lock(s.mutex);
@@ -245,17 +222,13 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
       s.violations.push_back("NDIlib_send_send_video_v2: incomplete frame");
       return;
     }
-    const bool fourBytes = frame->FourCC == NDIlib_FourCC_video_type_BGRA ||
-                           frame->FourCC == NDIlib_FourCC_video_type_BGRX ||
-                           frame->FourCC == NDIlib_FourCC_video_type_RGBA ||
-                           frame->FourCC == NDIlib_FourCC_video_type_RGBX;
+    const bool fourBytes = std::ranges::count(kFourByteFourCCs, frame->FourCC) == 1;
     if (!fourBytes || frame->line_stride_in_bytes < frame->xres * 4) {
       s.violations.push_back("NDIlib_send_send_video_v2: stride or FourCC not a 4-byte format's");
       return;
     }
     ++sender->sendsInProgress;
     ++s.sendsInProgress;
-    delayMs = sender->delayMs;
     readPixels = sender->readPixels;
   }
   // The runtime owns the frame for the length of the call and no longer.
@@ -263,7 +236,6 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
     return readPixels ? checksum(frame->p_data, frame->xres, frame->yres, frame->line_stride_in_bytes) : 0;
   };
   const std::uint64_t sum = sumOf();
-  if (delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
 
   std::unique_lock lock(s.mutex);
   s.released.wait(lock, [&] { return !s.holdSends; });
@@ -377,24 +349,11 @@ NDI_EXPORT void NDIdouble_reset(void) {
   s.violations.clear();
 }
 
-NDI_EXPORT int NDIdouble_initialize_calls(void) {
-  std::lock_guard lock(state().mutex);
-  return state().initializeCalls;
-}
-
-NDI_EXPORT int NDIdouble_frames_sent(void) {
-  std::lock_guard lock(state().mutex);
-  return state().framesSent;
-}
-
-NDI_EXPORT int NDIdouble_live_senders(void) {
-  std::lock_guard lock(state().mutex);
-  return static_cast<int>(state().senders.size());
-}
-
-NDI_EXPORT int NDIdouble_sends_in_progress(void) {
-  std::lock_guard lock(state().mutex);
-  return state().sendsInProgress;
+// Initialize calls, frames sent, live senders and sends in progress, in that order.
+NDI_EXPORT void NDIdouble_counts(int* out) {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  for (int n : {s.initializeCalls, s.framesSent, static_cast<int>(s.senders.size()), s.sendsInProgress}) *out++ = n;
 }
 
 // The last frame sent (its p_data as handed over) and the checksum of its pixels.
