@@ -1,7 +1,8 @@
 // NDIPublisher against the runtime double: what a receiver gets (fields,
 // pixels, send settings), the one-frame pipeline (drops while busy, stop
 // waiting for a send), the search for the runtime and each way it fails,
-// receiver counts and discovery.
+// receiver counts and discovery; then the scene's output sync driving the
+// real publisher with the NDI switch (no GL: a stand-in renderer).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,10 +14,14 @@
 #include <limits>
 #include <thread>
 
+#include "animation/CharacterAnimationController.h"
 #include "outputs/NDIPublisher.h"
 #include "outputs/NDIRuntimeDoubleHandle.h"
+#include "scene/MaskSceneManager.h"
+#include "scene/StandInRenderer.h"  // tests/scene
 #include "support/LogCapture.h"
 #include "support/ScopedEnv.h"
+#include "support/StateFixture.h"
 #include "support/TempDir.h"
 
 namespace velmora {
@@ -233,13 +238,13 @@ TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
     std::string logLine;  // said once; empty: none checked
   };
   const Row rows[] = {
-      {"no runtime anywhere", [&] { v6.set(nullptr); }, [&] { v6.set(test::ndiDoubleDir.c_str()); }, kNotFound, false},
+      {"no runtime anywhere", [&] { v6.set(nullptr); }, [&] { v6.set(test::ndiDoubleDir.c_str()); }, kNotFound, false, ""},
       {"a runtime lacking an entry point", [&] { v6.set(test::ndiIncompleteDoubleDir.c_str()); },
        [&] { v6.set(test::ndiDoubleDir.c_str()); }, kNotFound, false, incompleteLine},
       {"initialisation refused", [&] { refuse.set("1"); }, [&] { refuse.set(nullptr); },
-       "NDI runtime refused to initialize (unsupported CPU?)", false},
+       "NDI runtime refused to initialize (unsupported CPU?)", false, ""},
       {"no sender", [&] { failCreate.set("1"); }, [&] { failCreate.set(nullptr); }, "NDI sender could not be created",
-       true},
+       true, ""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
@@ -259,7 +264,9 @@ TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
     now += 1.5;
     EXPECT_FALSE(publisher->start());  // tried again, same answer
     EXPECT_EQ(publisher->lastError(), row.error);
-    if (!row.logLine.empty()) EXPECT_EQ(std::ranges::count(log.lines(), row.logLine), 1);
+    if (!row.logLine.empty()) {
+      EXPECT_EQ(std::ranges::count(log.lines(), row.logLine), 1);
+    }
 
     row.cure();
     EXPECT_FALSE(publisher->start()) << "not tried again before " << NDIPublisher::retryInterval << " s";
@@ -323,6 +330,66 @@ TEST_F(NDIPublisherTest, DiscoveryFindsOurSourceUnderTheMachineName) {
 
   failFind.set("1");
   EXPECT_FALSE(publisher->findSources(0.05)) << "a finder that cannot be created";
+}
+
+// The NDI output as the operator drives it: the switch starts and stops the
+// sender, ndiStatus shows what it is doing, and the renderer's frames reach it.
+class NDIOutputSyncTest : public ::testing::Test, protected test::StateFixture {
+ protected:
+  NDIOutputSyncTest() {
+    scene.setRenderer(std::make_unique<test::StandInRenderer>());
+    scene.setOutputs(nullptr, &publisher);
+    state.setIsSyphonActive(false);
+  }
+  ~NDIOutputSyncTest() override { scene.shutdownOutputs(); }
+
+  // Past the status refresh interval, then one sync.
+  std::string syncedStatus() {
+    now += 0.6;
+    scene.syncOutputs(state);
+    return state.ndiStatus();
+  }
+
+  test::ScopedEnv v6{"NDI_RUNTIME_DIR_V6", test::ndiDoubleDir.c_str()};
+  test::ScopedEnv v5{"NDI_RUNTIME_DIR_V5", nullptr};
+  test::ScopedEnv connections{"NDI_DOUBLE_CONNECTIONS", nullptr};
+  test::NDIRuntimeDoubleHandle runtime;
+  test::TempDir noRuntime;
+  CharacterAnimationController animation;
+  MaskSceneManager scene{state, animation, [this] { return now; }};
+  NDIPublisher publisher{{noRuntime.path().string()}, [this] { return now; }};
+};
+
+TEST_F(NDIOutputSyncTest, TheSwitchStartsAndStopsTheSenderAndTheStatusCountsReceivers) {
+  ASSERT_TRUE(runtime.loaded());
+  test::LogCapture log;
+  EXPECT_EQ(syncedStatus(), "NDI: off");
+  EXPECT_FALSE(publisher.isRunning());
+
+  state.setIsNDIActive(true);
+  EXPECT_EQ(syncedStatus(), "NDI: ready, waiting for a receiver");
+  EXPECT_TRUE(publisher.isRunning());
+  EXPECT_TRUE(log.has("[NDI] Sending 'Velmora' using " + test::ndiDoubleDir + "/libndi.so.6"));
+
+  connections.set("1");
+  EXPECT_EQ(syncedStatus(), "NDI: sending to 1 receiver");
+  connections.set("2");
+  EXPECT_EQ(syncedStatus(), "NDI: sending to 2 receivers");
+
+  // Every rendered frame reaches the runtime, at output size.
+  scene.renderOffscreenFrame();
+  ASSERT_TRUE(waitUntil([&] { return runtime.framesSent() == 1; }));
+  test::NDIRuntimeDoubleHandle::Sent sent;
+  ASSERT_TRUE(runtime.lastFrame(sent));
+  EXPECT_EQ(sent.frame.xres, MaskSceneManager::outputWidth);
+  EXPECT_EQ(sent.frame.yres, MaskSceneManager::outputHeight);
+
+  state.setIsNDIActive(false);
+  EXPECT_EQ(syncedStatus(), "NDI: off");
+  EXPECT_FALSE(publisher.isRunning());
+  EXPECT_TRUE(log.has("[NDI] Sender stopped"));
+  EXPECT_EQ(runtime.liveSenders(), 0);
+  EXPECT_EQ(runtime.violations(), "");
 }
 
 }  // namespace

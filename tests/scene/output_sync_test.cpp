@@ -7,6 +7,7 @@
 #include "animation/CharacterAnimationController.h"
 #include "base/SettingsStore.h"
 #include "scene/MaskSceneManager.h"
+#include "scene/StandInRenderer.h"  // tests/scene
 #include "scene/OutputLatency.h"
 #include "support/StateFixture.h"
 #include "tracking/FaceTrackingState.h"
@@ -43,32 +44,10 @@ class ScriptedOutput : public VideoOutput {
   bool running = false;
 };
 
-// Hands every submitted description straight back as a finished frame.
-class ImmediateRenderer : public FrameRenderer {
- public:
-  int submitted = 0;
-  double* clock = nullptr;       // advanced by renderSeconds per frame, when set
-  double renderSeconds = 0.0;
-  void setFrameHandler(FrameHandler h) override { handler = std::move(h); }
-  void submit(std::shared_ptr<const FrameDescription> d) override {
-    ++submitted;
-    auto frame = std::make_shared<RenderedFrame>();
-    frame->width = d->width;
-    frame->height = d->height;
-    frame->time = d->time;
-    frame->newestArrival = d->newestArrival;
-    if (clock) *clock += renderSeconds;
-    if (handler) handler(frame);
-  }
-  Result renderNow(std::shared_ptr<const FrameDescription>) override { return {nullptr, "not here"}; }
-  void stop() override {}
-  FrameHandler handler;
-};
-
 class OutputSyncTest : public ::testing::Test, protected test::StateFixture {
  protected:
   OutputSyncTest() {
-    auto owned = std::make_unique<ImmediateRenderer>();
+    auto owned = std::make_unique<test::StandInRenderer>();
     renderer = owned.get();
     scene.setRenderer(std::move(owned));
     scene.setOutputs(&syphon, &ndi);
@@ -80,7 +59,7 @@ class OutputSyncTest : public ::testing::Test, protected test::StateFixture {
   CharacterAnimationController animation;
   MaskSceneManager scene{state, animation, [this] { return now; }};
   ScriptedOutput syphon, ndi;
-  ImmediateRenderer* renderer = nullptr;
+  test::StandInRenderer* renderer = nullptr;
   int syphonWrites = 0, ndiWrites = 0;
 };
 
@@ -126,7 +105,9 @@ TEST(OutputStatusText, EveryStateOfBothOutputs) {
     out.retry = row.retry;
     const std::string text = row.text(row.active, row.output ? &out : nullptr);
     EXPECT_EQ(text, row.expected);
-    if (row.retry && !row.running) EXPECT_EQ(MaskSceneManager::withoutRetryNote(text), "NDI: " + *row.error);
+    if (row.retry && !row.running) {
+      EXPECT_EQ(MaskSceneManager::withoutRetryNote(text), "NDI: " + *row.error);
+    }
   }
 }
 
@@ -197,7 +178,7 @@ TEST_F(OutputSyncTest, RendersOnlyForAnOutputThatCanTakeTheFrame) {
     scene.tick();
     EXPECT_EQ(syphon.running, row.syphonOn);
     EXPECT_EQ(ndi.running, row.ndiOn);
-    EXPECT_EQ(renderer->submitted, row.submitted);
+    EXPECT_EQ(int(renderer->sizes.size()), row.submitted);
     EXPECT_EQ(syphon.published, row.syphonPublished);
     EXPECT_EQ(ndi.published, row.ndiPublished);
   }
@@ -207,7 +188,7 @@ TEST_F(OutputSyncTest, RendersOnlyForAnOutputThatCanTakeTheFrame) {
   now += 1.0;
   scene.renderOffscreenFrame();
   EXPECT_EQ(state.syphonStatus(), "Syphon: unavailable");
-  EXPECT_EQ(renderer->submitted, 2);
+  EXPECT_EQ(int(renderer->sizes.size()), 2);
 }
 
 // Each datagram is measured once, from its arrival to the hand-off of the

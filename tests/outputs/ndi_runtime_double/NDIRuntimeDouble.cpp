@@ -114,16 +114,18 @@ struct State {
   std::condition_variable released;
   std::vector<std::unique_ptr<Sender>> senders;
   bool holdSends = false;
-  int initializeCalls = 0;
-  int framesSent = 0;
   int sendsInProgress = 0;
-  bool haveFrame = false;
-  NDIlib_video_frame_v2_t lastFrame{};
-  std::uint64_t lastChecksum = 0;
-  bool haveSettings = false;
-  std::string lastName;
-  bool lastGroupsNull = true, lastClockVideo = true, lastClockAudio = true;
-  std::vector<std::string> violations;
+  struct Recorded {  // what NDIdouble_reset forgets
+    int initializeCalls = 0;
+    int framesSent = 0;
+    bool haveFrame = false;
+    NDIlib_video_frame_v2_t lastFrame{};
+    std::uint64_t lastChecksum = 0;
+    bool haveSettings = false;
+    std::string lastName;
+    bool lastGroupsNull = true, lastClockVideo = true, lastClockAudio = true;
+    std::vector<std::string> violations;
+  } r;
 };
 
 State& state() {
@@ -134,11 +136,6 @@ State& state() {
 bool flag(const char* name) {
   const char* v = std::getenv(name);
   return v && *v && std::strcmp(v, "0") != 0;
-}
-
-int number(const char* name) {
-  const char* v = std::getenv(name);
-  return v ? std::atoi(v) : 0;
 }
 
 // Under the state's lock.
@@ -175,21 +172,21 @@ std::uint64_t checksum(const std::uint8_t* data, int width, int height, int stri
 NDI_EXPORT bool NDIlib_initialize(void) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  ++s.initializeCalls;
+  ++s.r.initializeCalls;
   return !flag("NDI_DOUBLE_REFUSE_INIT");
 }
 
 NDI_EXPORT NDIlib_send_instance_t NDIlib_send_create(const NDIlib_send_create_t* settings) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  s.haveSettings = true;
-  s.lastName = settings && settings->p_ndi_name ? settings->p_ndi_name : "";
-  s.lastGroupsNull = !settings || !settings->p_groups;
-  s.lastClockVideo = settings ? settings->clock_video : true;
-  s.lastClockAudio = settings ? settings->clock_audio : true;
+  s.r.haveSettings = true;
+  s.r.lastName = settings && settings->p_ndi_name ? settings->p_ndi_name : "";
+  s.r.lastGroupsNull = !settings || !settings->p_groups;
+  s.r.lastClockVideo = settings ? settings->clock_video : true;
+  s.r.lastClockAudio = settings ? settings->clock_audio : true;
   if (flag("NDI_DOUBLE_FAIL_CREATE")) return nullptr;
   auto sender = std::make_unique<Sender>();
-  sender->name = s.lastName.empty() ? "Sender" : s.lastName;
+  sender->name = s.r.lastName.empty() ? "Sender" : s.r.lastName;
   sender->readPixels = !flag("NDI_DOUBLE_UNREAD_SENDS");
   s.senders.push_back(std::move(sender));
   return s.senders.back().get();
@@ -200,10 +197,10 @@ NDI_EXPORT void NDIlib_send_destroy(NDIlib_send_instance_t instance) {
   std::lock_guard lock(s.mutex);
   Sender* sender = find(s, instance);
   if (!sender) {
-    s.violations.push_back("NDIlib_send_destroy: unknown sender");
+    s.r.violations.push_back("NDIlib_send_destroy: unknown sender");
     return;
   }
-  if (sender->sendsInProgress > 0) s.violations.push_back("NDIlib_send_destroy: sender destroyed during its own send");
+  if (sender->sendsInProgress > 0) s.r.violations.push_back("NDIlib_send_destroy: sender destroyed during its own send");
   s.senders.erase(std::find_if(s.senders.begin(), s.senders.end(), [&](auto& p) { return p.get() == sender; }));
 }
 
@@ -214,17 +211,17 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
     std::lock_guard lock(s.mutex);
     Sender* sender = find(s, instance);
     if (!sender) {
-      s.violations.push_back("NDIlib_send_send_video_v2: unknown sender");
+      s.r.violations.push_back("NDIlib_send_send_video_v2: unknown sender");
       return;
     }
     if (!frame || !frame->p_data || frame->xres <= 0 || frame->yres <= 0 || frame->frame_rate_D <= 0 ||
         frame->frame_rate_N <= 0) {
-      s.violations.push_back("NDIlib_send_send_video_v2: incomplete frame");
+      s.r.violations.push_back("NDIlib_send_send_video_v2: incomplete frame");
       return;
     }
     const bool fourBytes = std::ranges::count(kFourByteFourCCs, frame->FourCC) == 1;
     if (!fourBytes || frame->line_stride_in_bytes < frame->xres * 4) {
-      s.violations.push_back("NDIlib_send_send_video_v2: stride or FourCC not a 4-byte format's");
+      s.r.violations.push_back("NDIlib_send_send_video_v2: stride or FourCC not a 4-byte format's");
       return;
     }
     ++sender->sendsInProgress;
@@ -241,14 +238,14 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
   s.released.wait(lock, [&] { return !s.holdSends; });
   // Read again after waiting: the caller must not have let go of the pixels.
   if (sumOf() != sum)
-    s.violations.push_back("NDIlib_send_send_video_v2: pixels changed during the send");
+    s.r.violations.push_back("NDIlib_send_send_video_v2: pixels changed during the send");
   Sender* sender = find(s, instance);
   if (sender) --sender->sendsInProgress;
   --s.sendsInProgress;
-  ++s.framesSent;
-  s.haveFrame = true;
-  s.lastFrame = *frame;
-  s.lastChecksum = sum;
+  ++s.r.framesSent;
+  s.r.haveFrame = true;
+  s.r.lastFrame = *frame;
+  s.r.lastChecksum = sum;
 }
 
 #ifndef NDI_DOUBLE_WITHOUT_GET_NO_CONNECTIONS
@@ -256,10 +253,11 @@ NDI_EXPORT int NDIlib_send_get_no_connections(NDIlib_send_instance_t instance, s
   State& s = state();
   std::lock_guard lock(s.mutex);
   if (!find(s, instance)) {
-    s.violations.push_back("NDIlib_send_get_no_connections: unknown sender");
+    s.r.violations.push_back("NDIlib_send_get_no_connections: unknown sender");
     return 0;
   }
-  return std::max(0, number("NDI_DOUBLE_CONNECTIONS"));
+  const char* connections = std::getenv("NDI_DOUBLE_CONNECTIONS");
+  return connections ? std::max(0, std::atoi(connections)) : 0;
 }
 #endif
 
@@ -337,31 +335,23 @@ NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(NDIlib_find_in
 
 // Forgets what was recorded (live senders stay).
 NDI_EXPORT void NDIdouble_reset(void) {
-  State& s = state();
-  std::lock_guard lock(s.mutex);
-  s.initializeCalls = 0;
-  s.framesSent = 0;
-  s.haveFrame = false;
-  s.lastFrame = {};
-  s.lastChecksum = 0;
-  s.haveSettings = false;
-  s.lastName.clear();
-  s.violations.clear();
+  std::lock_guard lock(state().mutex);
+  state().r = {};
 }
 
 // Initialize calls, frames sent, live senders and sends in progress, in that order.
 NDI_EXPORT void NDIdouble_counts(int* out) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  for (int n : {s.initializeCalls, s.framesSent, static_cast<int>(s.senders.size()), s.sendsInProgress}) *out++ = n;
+  for (int n : {s.r.initializeCalls, s.r.framesSent, static_cast<int>(s.senders.size()), s.sendsInProgress}) *out++ = n;
 }
 
 // The last frame sent (its p_data as handed over) and the checksum of its pixels.
 NDI_EXPORT bool NDIdouble_last_frame(NDIlib_video_frame_v2_t* frame, std::uint64_t* sum) {
   std::lock_guard lock(state().mutex);
-  if (!state().haveFrame) return false;
-  *frame = state().lastFrame;
-  *sum = state().lastChecksum;
+  if (!state().r.haveFrame) return false;
+  *frame = state().r.lastFrame;
+  *sum = state().r.lastChecksum;
   return true;
 }
 
@@ -369,11 +359,11 @@ NDI_EXPORT bool NDIdouble_last_send_create(char* name, std::size_t capacity, boo
                                            bool* clockAudio) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  if (!s.haveSettings || capacity == 0) return false;
-  std::snprintf(name, capacity, "%s", s.lastName.c_str());
-  *groupsNull = s.lastGroupsNull;
-  *clockVideo = s.lastClockVideo;
-  *clockAudio = s.lastClockAudio;
+  if (!s.r.haveSettings || capacity == 0) return false;
+  std::snprintf(name, capacity, "%s", s.r.lastName.c_str());
+  *groupsNull = s.r.lastGroupsNull;
+  *clockVideo = s.r.lastClockVideo;
+  *clockAudio = s.r.lastClockAudio;
   return true;
 }
 
@@ -391,6 +381,6 @@ NDI_EXPORT void NDIdouble_hold_sends(bool hold) {
 NDI_EXPORT int NDIdouble_violations(char* text, std::size_t capacity) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  if (capacity) std::snprintf(text, capacity, "%s", s.violations.empty() ? "" : s.violations.front().c_str());
-  return static_cast<int>(s.violations.size());
+  if (capacity) std::snprintf(text, capacity, "%s", s.r.violations.empty() ? "" : s.r.violations.front().c_str());
+  return static_cast<int>(s.r.violations.size());
 }
