@@ -22,7 +22,6 @@
 #include "support/LogCapture.h"
 #include "support/ScopedEnv.h"
 #include "support/StateFixture.h"
-#include "support/TempDir.h"
 
 namespace velmora {
 namespace {

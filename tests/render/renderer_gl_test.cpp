@@ -9,20 +9,16 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <cmath>
-#include <thread>
+#include <functional>
 
 #include "animation/CharacterAnimationController.h"
-#include "base/SettingsStore.h"
 #include "render/RenderThread.h"
 #include "render/SceneRenderer.h"
 #include "render/ShaderProgram.h"
 #include "render/TestMeshes.h"  // tests/render
 #include "scene/MaskSceneManager.h"
 #include "support/StateFixture.h"
-#include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
@@ -72,6 +68,18 @@ float worstGap(const std::vector<float3>& a, const std::vector<float3>& b) {
 int alphaAt(const RenderedFrame& f, glm::ivec2 p) { return f.pixel(p.x, p.y)[3]; }
 
 float luminance(const std::uint8_t* p) { return (0.0722f * p[0] + 0.7152f * p[1] + 0.2126f * p[2]) / 255.0f; }
+
+// Calls each(pixel) for every fully opaque pixel; returns how many there were.
+int forEachOpaque(const RenderedFrame& f, const std::function<void(const std::uint8_t*)>& each) {
+  int covered = 0;
+  for (int y = 0; y < f.height; ++y)
+    for (int x = 0; x < f.width; ++x)
+      if (f.pixel(x, y)[3] == 255) {
+        ++covered;
+        each(f.pixel(x, y));
+      }
+  return covered;
+}
 
 std::shared_ptr<Node> sphereNode(float radius, float3 position, float4 colour = {0.8f, 0.78f, 0.74f, 1.0f}) {
   Material m = test::plaster();
@@ -143,15 +151,9 @@ TEST(RendererGLTest, MasterZeroGivesABlackButOpaqueCharacter) {
   auto frame = frameOf({face.node}, LightingSettings::theatrical(), 0.0f);
   auto out = render(frame);
   ASSERT_TRUE(out);
-  int covered = 0;
-  for (int y = 0; y < H; ++y)
-    for (int x = 0; x < W; ++x) {
-      const std::uint8_t* p = out->pixel(x, y);
-      if (p[3] != 255) continue;
-      ++covered;
-      ASSERT_EQ(p[0] + p[1] + p[2], 0) << x << "," << y;
-    }
-  EXPECT_GT(covered, 3000);
+  int lit = 0;
+  EXPECT_GT(forEachOpaque(*out, [&](const std::uint8_t* p) { lit += p[0] + p[1] + p[2] > 0; }), 3000);
+  EXPECT_EQ(lit, 0);
 }
 
 TEST(RendererGLTest, TheShadowAlphaDarkensWhatTheKeyLightCannotReach) {
@@ -269,11 +271,21 @@ class MaskSceneGLTest : public ::testing::Test {
   MaskSceneManager* scene = &stage->scene;
 };
 
-TEST_F(MaskSceneGLTest, JawOpenChangesTheMouthAndNotTheForehead) {
+// The eye openings are clear and the forehead solid; opening the jaw
+// changes the mouth and chin and not the forehead.
+TEST_F(MaskSceneGLTest, EyeHolesAreClearAndJawOpenChangesTheMouthAndNotTheForehead) {
   auto rest = renderNow();
   state->setBlendshapes({{"jawOpen", 1.0f}});
   auto open = renderNow();
   ASSERT_TRUE(rest && open);
+  for (float fx : {0.405f, 0.595f}) {  // near the centres of the two eye openings some pixel is fully clear
+    int clear = 0;
+    const int cx = int(fx * W), cy = int(0.35f * H);
+    for (int y = cy - 3; y <= cy + 3; ++y)
+      for (int x = cx - 4; x <= cx + 4; ++x) clear += rest->pixel(x, y)[3] == 0;
+    EXPECT_GT(clear, 5) << fx;
+  }
+  EXPECT_EQ(rest->pixel(W / 2, int(0.2f * H))[3], 255);
   auto changed = [&](int x0, int y0, int x1, int y1) {
     int n = 0;
     for (int y = y0; y < y1; ++y)
@@ -285,35 +297,16 @@ TEST_F(MaskSceneGLTest, JawOpenChangesTheMouthAndNotTheForehead) {
   EXPECT_EQ(changed(W * 2 / 5, H / 8, W * 3 / 5, H / 4), 0);          // forehead
 }
 
-TEST_F(MaskSceneGLTest, TheMaskEyeHolesAreTransparent) {
-  auto out = renderNow();
-  ASSERT_TRUE(out);
-  // Near the centres of the two eye openings some pixel is fully clear.
-  for (float fx : {0.405f, 0.595f}) {
-    int clear = 0;
-    const int cx = int(fx * W), cy = int(0.35f * H);
-    for (int y = cy - 3; y <= cy + 3; ++y)
-      for (int x = cx - 4; x <= cx + 4; ++x) clear += out->pixel(x, y)[3] == 0;
-    EXPECT_GT(clear, 5) << fx;
-  }
-  EXPECT_EQ(out->pixel(W / 2, int(0.2f * H))[3], 255);  // the forehead is solid
-}
-
 TEST_F(MaskSceneGLTest, TheDefaultLookIsWellExposed) {
   auto out = renderNow(480, 270, 4);
   ASSERT_TRUE(out);
   double sum = 0;
-  int covered = 0, clipped = 0, black = 0;
-  for (int y = 0; y < out->height; ++y)
-    for (int x = 0; x < out->width; ++x) {
-      const std::uint8_t* p = out->pixel(x, y);
-      if (p[3] != 255) continue;
-      const float l = luminance(p);
-      sum += l;
-      ++covered;
-      clipped += p[0] >= 254 && p[1] >= 254 && p[2] >= 254;
-      black += l < 0.04f;
-    }
+  int clipped = 0, black = 0;
+  const int covered = forEachOpaque(*out, [&](const std::uint8_t* p) {
+    sum += luminance(p);
+    clipped += p[0] >= 254 && p[1] >= 254 && p[2] >= 254;
+    black += luminance(p) < 0.04f;
+  });
   ASSERT_GT(covered, 10000);
   const double mean = sum / covered;
   EXPECT_GE(mean, 0.30);
@@ -334,15 +327,8 @@ TEST_F(MaskSceneGLTest, TheGhostRendersWithDarkEyes) {
   state->setCharacterModel(CharacterModelType::cartoonGhost);
   auto out = renderNow();
   ASSERT_TRUE(out);
-  int covered = 0, dark = 0;
-  for (int y = 0; y < H; ++y)
-    for (int x = 0; x < W; ++x) {
-      const std::uint8_t* p = out->pixel(x, y);
-      if (p[3] != 255) continue;
-      ++covered;
-      dark += luminance(p) < 0.1f;
-    }
-  EXPECT_GT(covered, 5000);
+  int dark = 0;
+  EXPECT_GT(forEachOpaque(*out, [&](const std::uint8_t* p) { dark += luminance(p) < 0.1f; }), 5000);
   EXPECT_GT(dark, 10);  // eyes and mouth
   EXPECT_EQ(out->pixel(0, 0)[3], 0);
 }

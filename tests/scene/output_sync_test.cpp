@@ -5,12 +5,10 @@
 #include <gtest/gtest.h>
 
 #include "animation/CharacterAnimationController.h"
-#include "base/SettingsStore.h"
 #include "scene/MaskSceneManager.h"
 #include "scene/StandInRenderer.h"  // tests/scene
 #include "scene/OutputLatency.h"
 #include "support/StateFixture.h"
-#include "tracking/FaceTrackingState.h"
 
 namespace velmora {
 namespace {

@@ -14,11 +14,9 @@
 #include <cmath>
 
 #include "animation/CharacterAnimationController.h"
-#include "base/SettingsStore.h"
 #include "scene/MaskSceneManager.h"
 #include "scene/StandInRenderer.h"  // tests/scene
 #include "support/StateFixture.h"
-#include "tracking/FaceTrackingState.h"
 
 namespace velmora {
 namespace {

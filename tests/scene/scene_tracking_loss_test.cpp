@@ -6,10 +6,8 @@
 #include <gtest/gtest.h>
 
 #include "animation/CharacterAnimationController.h"
-#include "base/SettingsStore.h"
 #include "scene/MaskSceneManager.h"
 #include "support/StateFixture.h"
-#include "tracking/FaceTrackingState.h"
 
 namespace velmora {
 namespace {

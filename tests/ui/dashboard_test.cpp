@@ -25,10 +25,8 @@
 #include "ui/WireframeTracker.h"
 #include "ui/OutputsPanel.h"
 #include "base/MainQueue.h"
-#include "base/SettingsStore.h"
 #include "control/OSCCommandCatalog.h"
 #include "support/StateFixture.h"
-#include "tracking/FaceTrackingState.h"
 
 namespace velmora {
 namespace {
@@ -254,7 +252,7 @@ struct HeadlessImGui {
 // Every panel and the commands window draw in a headless ImGui frame (no
 // GL: the preview shows its reason), and the windows are where the operator
 // expects them.
-TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrame) {
+TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrameAndStatusTextsWrap) {
   Fixture f;
   f.state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}, {"eyeBlinkLeft", 0.2f}}, float3(0.1f, 0.0f, 0.0f),
                        std::nullopt, "10.0.0.2:5000");
@@ -285,15 +283,11 @@ TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrame) {
     ImGui::Render();
     EXPECT_FALSE(ImGui::FindWindowByName(OSCCommandsWindow::title)->Active);
   }
-}
 
-// A long error in a narrow column wraps inside it: nothing is drawn past
-// the column's right edge, and the text takes more than one line.
-TEST(DashboardTest, StatusTextsWrapInsteadOfBeingCutOff) {
-  Fixture f;
+  // A long error in a narrow column wraps inside it: nothing is drawn past
+  // the column's right edge, and the text takes more than one line.
   f.state.setSyphonStatus("Syphon: PipeWire video source could not be created (is PipeWire running?)");
   f.state.setNdiStatus("NDI: NDI runtime refused to initialize (unsupported CPU?) (next try in 2 s)");
-  HeadlessImGui imgui;
   OutputsPanel panel(f.context);
   ImGui::NewFrame();
   ImGui::SetNextWindowSize(ImVec2(260, 400));

@@ -9,9 +9,7 @@
 #include "animation/CharacterAnimationController.h"
 #include "ui/DashboardContext.h"
 #include "ui/MenuCommands.h"
-#include "base/SettingsStore.h"
 #include "support/StateFixture.h"
-#include "tracking/FaceTrackingState.h"
 
 namespace velmora {
 namespace {
