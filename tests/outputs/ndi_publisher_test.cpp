@@ -257,19 +257,22 @@ TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
     EXPECT_FALSE(publisher->isRunning());
     EXPECT_FALSE(log.hasPrefix("[NDI] Sending"));
     const int initialized = runtime.initializeCalls();
+    const double failedAt = now;
     for (int frame = 0; frame < 30; ++frame, now += 1.0 / 60) EXPECT_FALSE(publisher->start());
     EXPECT_EQ(runtime.initializeCalls(), initialized) << "asked again before " << NDIPublisher::retryInterval << " s";
     EXPECT_NEAR(publisher->retryIn().value_or(0), 1.5, 1e-9);
-    now += 1.5;
+    now = failedAt + NDIPublisher::retryInterval;
     EXPECT_FALSE(publisher->start());  // tried again, same answer
+    EXPECT_EQ(runtime.initializeCalls(), initialized + (!row.runtimeLoaded && row.error != kNotFound));
     EXPECT_EQ(publisher->lastError(), row.error);
     if (!row.logLine.empty()) {
       EXPECT_EQ(std::ranges::count(log.lines(), row.logLine), 1);
     }
 
     row.cure();
+    now += NDIPublisher::retryInterval - 0.01;
     EXPECT_FALSE(publisher->start()) << "not tried again before " << NDIPublisher::retryInterval << " s";
-    now += NDIPublisher::retryInterval;
+    now += 0.01;
     EXPECT_TRUE(publisher->start()) << publisher->lastError().value_or("");
     EXPECT_FALSE(publisher->lastError());
     EXPECT_EQ(publisher->runtimePath(), test::ndiDoubleDir + "/libndi.so.6");
