@@ -36,6 +36,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -299,34 +300,21 @@ NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(NDIlib_find_in
   finder->names.clear();
   finder->urls.clear();
   finder->sources.clear();
-  State& s = state();
+  const auto add = [&](std::string name, const char* host) {
+    finder->names.push_back(std::move(name));
+    finder->urls.push_back(host + std::to_string(5961 + finder->urls.size()));
+  };
   {
+    State& s = state();
     std::lock_guard lock(s.mutex);
-    if (finder->showLocal) {
-      const std::string machine = machineName();
-      for (const auto& sender : s.senders) {
-        finder->names.push_back(machine + " (" + sender->name + ")");
-        finder->urls.push_back("127.0.0.1:" + std::to_string(5961 + finder->urls.size()));
-      }
-    }
+    for (const auto& sender : s.senders)
+      if (finder->showLocal) add(machineName() + " (" + sender->name + ")", "127.0.0.1:");
   }
-  if (const char* remote = std::getenv("NDI_DOUBLE_REMOTE_SOURCES")) {
-    std::string list(remote);
-    for (std::size_t start = 0; start < list.size();) {
-      const std::size_t comma = std::min(list.find(',', start), list.size());
-      if (comma > start) {
-        finder->names.push_back(list.substr(start, comma - start));
-        finder->urls.push_back("192.0.2.1:" + std::to_string(5961 + finder->urls.size()));
-      }
-      start = comma + 1;
-    }
-  }
-  for (std::size_t i = 0; i < finder->names.size(); ++i) {
-    NDIlib_source_t source{};
-    source.p_ndi_name = finder->names[i].c_str();
-    source.p_url_address = finder->urls[i].c_str();
-    finder->sources.push_back(source);
-  }
+  std::istringstream remote(std::getenv("NDI_DOUBLE_REMOTE_SOURCES") ? std::getenv("NDI_DOUBLE_REMOTE_SOURCES") : "");
+  for (std::string name; std::getline(remote, name, ',');)
+    if (!name.empty()) add(name, "192.0.2.1:");
+  for (std::size_t i = 0; i < finder->names.size(); ++i)
+    finder->sources.push_back(NDIlib_source_t{finder->names[i].c_str(), {finder->urls[i].c_str()}});
   if (p_no_sources) *p_no_sources = static_cast<std::uint32_t>(finder->sources.size());
   return finder->sources.empty() ? nullptr : finder->sources.data();
 }
