@@ -27,10 +27,10 @@ class NDIRuntimeDoubleHandle {
   bool loaded() const { return library_ != nullptr; }
 
   void reset() { call<void (*)()>("NDIdouble_reset")(); }
-  int initializeCalls() const { return call<int (*)()>("NDIdouble_initialize_calls")(); }
-  int framesSent() const { return call<int (*)()>("NDIdouble_frames_sent")(); }
-  int liveSenders() const { return call<int (*)()>("NDIdouble_live_senders")(); }
-  int sendsInProgress() const { return call<int (*)()>("NDIdouble_sends_in_progress")(); }
+  int initializeCalls() const { return count(0); }
+  int framesSent() const { return count(1); }
+  int liveSenders() const { return count(2); }
+  int sendsInProgress() const { return count(3); }
   void holdSends(bool hold) { call<void (*)(bool)>("NDIdouble_hold_sends")(hold); }
 
   struct Sent {
@@ -63,10 +63,14 @@ class NDIRuntimeDoubleHandle {
   }
 
  private:
-  static constexpr const char* kControls[] = {
-      "NDIdouble_reset",       "NDIdouble_initialize_calls", "NDIdouble_frames_sent",
-      "NDIdouble_live_senders", "NDIdouble_sends_in_progress", "NDIdouble_hold_sends",
-      "NDIdouble_last_frame",  "NDIdouble_last_send_create", "NDIdouble_violations"};
+  static constexpr const char* kControls[] = {"NDIdouble_reset",      "NDIdouble_counts",
+                                              "NDIdouble_hold_sends", "NDIdouble_last_frame",
+                                              "NDIdouble_last_send_create", "NDIdouble_violations"};
+  int count(int which) const {
+    int counts[4] = {};
+    call<void (*)(int*)>("NDIdouble_counts")(counts);
+    return counts[which];
+  }
 
   // Every control is checked present at construction (loaded() is false otherwise).
   template <class F>

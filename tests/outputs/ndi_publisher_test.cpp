@@ -1,14 +1,8 @@
 // NDIPublisher against the runtime double: what a receiver gets (fields,
 // pixels, send settings), the one-frame pipeline (drops while busy, stop
 // waiting for a send), the search for the runtime and each way it fails,
-// receiver counts and discovery.
-//
-// Index:
-//   [SECTION] Helpers and fixture
-//   [SECTION] What receivers get
-//   [SECTION] One frame in flight
-//   [SECTION] Finding the runtime, and failing to
-//   [SECTION] Discovery
+// receiver counts and discovery; then the scene's output sync driving the
+// real publisher with the NDI switch (no GL: a stand-in renderer).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,16 +14,17 @@
 #include <limits>
 #include <thread>
 
+#include "animation/CharacterAnimationController.h"
 #include "outputs/NDIPublisher.h"
 #include "outputs/NDIRuntimeDoubleHandle.h"
+#include "scene/MaskSceneManager.h"
+#include "scene/StandInRenderer.h"  // tests/scene
 #include "support/LogCapture.h"
 #include "support/ScopedEnv.h"
-#include "support/TempDir.h"
+#include "support/StateFixture.h"
 
 namespace velmora {
 namespace {
-
-// [SECTION] Helpers and fixture
 
 const std::string kNotFound = "NDI runtime not found. Install the free NDI Tools from https://ndi.video/tools/";
 
@@ -70,6 +65,11 @@ class NDIPublisherTest : public ::testing::Test {
     return std::make_unique<NDIPublisher>(std::vector<std::string>{noRuntime.path().string()},
                                           [this] { return now; });
   }
+  std::uint64_t lastChecksum() {
+    test::NDIRuntimeDoubleHandle::Sent sent;
+    EXPECT_TRUE(runtime.lastFrame(sent));
+    return sent.checksum;
+  }
 
   double now = 50.0;  // the publishers' clock, seconds
 
@@ -80,16 +80,14 @@ class NDIPublisherTest : public ::testing::Test {
   test::ScopedEnv failCreate{"NDI_DOUBLE_FAIL_CREATE", nullptr};
   test::ScopedEnv connections{"NDI_DOUBLE_CONNECTIONS", nullptr};
   test::ScopedEnv failFind{"NDI_DOUBLE_FAIL_FIND", nullptr};
-  test::ScopedEnv delay{"NDI_DOUBLE_SEND_DELAY_MS", nullptr};
   test::NDIRuntimeDoubleHandle runtime;
 };
-
-// [SECTION] What receivers get
 
 TEST_F(NDIPublisherTest, SendsEachFrameFromTheRenderedMemoryWithTheFieldsReceiversNeed) {
   auto publisher = makePublisher();
   EXPECT_FALSE(publisher->isRunning());
-  EXPECT_EQ(publisher->connectionCount(), 0);
+  connections.set("1");
+  EXPECT_EQ(publisher->connectionCount(), 0);  // no sender yet
 
   test::LogCapture log;
   ASSERT_TRUE(publisher->start()) << publisher->lastError().value_or("");
@@ -99,6 +97,11 @@ TEST_F(NDIPublisherTest, SendsEachFrameFromTheRenderedMemoryWithTheFieldsReceive
   EXPECT_TRUE(log.has("[NDI] Sending 'Velmora' using " + path));
   EXPECT_TRUE(publisher->start());  // a second start keeps the one sender
   EXPECT_EQ(runtime.liveSenders(), 1);
+  // Receiver counts come from the runtime, asked each time.
+  EXPECT_EQ(publisher->connectionCount(), 1);
+  connections.set("3");
+  EXPECT_EQ(publisher->connectionCount(), 3);
+  EXPECT_EQ(publisher->clientCount(), 3);
 
   test::NDIRuntimeDoubleHandle::Settings settings;
   ASSERT_TRUE(runtime.lastSendCreate(settings));
@@ -107,70 +110,50 @@ TEST_F(NDIPublisherTest, SendsEachFrameFromTheRenderedMemoryWithTheFieldsReceive
   EXPECT_FALSE(settings.clockVideo);  // not paced by the runtime
   EXPECT_FALSE(settings.clockAudio);
 
-  auto frame = patternFrame(1920, 1080, 3);
-  publisher->publish(frame);
-  ASSERT_TRUE(waitUntil([&] { return runtime.framesSent() == 1; }));
-  test::NDIRuntimeDoubleHandle::Sent sent;
-  ASSERT_TRUE(runtime.lastFrame(sent));
-  EXPECT_EQ(sent.frame.xres, 1920);
-  EXPECT_EQ(sent.frame.yres, 1080);
-  EXPECT_EQ(sent.frame.FourCC, 0x41524742u);  // 'B' 'G' 'R' 'A'
-  EXPECT_EQ(sent.frame.frame_rate_N, 60);
-  EXPECT_EQ(sent.frame.frame_rate_D, 1);
-  EXPECT_FLOAT_EQ(sent.frame.picture_aspect_ratio, 1920.0f / 1080.0f);
-  EXPECT_EQ(sent.frame.frame_format_type, 1);  // progressive
-  EXPECT_EQ(sent.frame.timecode, std::numeric_limits<std::int64_t>::max());  // runtime synthesises it
-  EXPECT_EQ(sent.frame.line_stride_in_bytes, 1920 * 4);
-  EXPECT_EQ(sent.frame.p_metadata, nullptr);
-  EXPECT_EQ(sent.frame.timestamp, 0);
-  // Straight from the rendered frame's memory, bytes unchanged.
-  EXPECT_EQ(sent.frame.p_data, frame->pixels.data());
-  EXPECT_EQ(sent.checksum, checksum(*frame));
-
-  // The publisher lets go of the frame once sent, so its buffer can be reused;
-  // a reused buffer goes out again from the same memory with its new content.
-  ASSERT_TRUE(waitUntil([&] { return frame.use_count() == 1; }));
-  frame->pixels[0] ^= 0xff;
-  publisher->publish(frame);
-  ASSERT_TRUE(waitUntil([&] { return runtime.framesSent() == 2; }));
-  ASSERT_TRUE(runtime.lastFrame(sent));
-  EXPECT_EQ(sent.frame.p_data, frame->pixels.data());
-  EXPECT_EQ(sent.checksum, checksum(*frame));
-
-  // Another size: every size-dependent field follows the frame.
-  ASSERT_TRUE(waitUntil([&] { return frame.use_count() == 1; }));
-  auto small = patternFrame(64, 32, 9);
-  publisher->publish(small);
-  ASSERT_TRUE(waitUntil([&] { return runtime.framesSent() == 3; }));
-  ASSERT_TRUE(runtime.lastFrame(sent));
-  EXPECT_EQ(sent.frame.xres, 64);
-  EXPECT_EQ(sent.frame.yres, 32);
-  EXPECT_EQ(sent.frame.line_stride_in_bytes, 256);
-  EXPECT_FLOAT_EQ(sent.frame.picture_aspect_ratio, 2.0f);
-  EXPECT_EQ(sent.checksum, checksum(*small));
+  // Every size-dependent field follows the frame; the frame goes out straight
+  // from its memory, and is let go once sent (so its buffer can be reused).
+  struct Row {
+    int w, h;
+    int stride;
+    float aspect;
+  };
+  const Row rows[] = {{1920, 1080, 7680, 1920.0f / 1080.0f}, {64, 32, 256, 2.0f}};
+  int sentSoFar = 0;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.w);
+    auto frame = patternFrame(row.w, row.h, 3);
+    publisher->publish(frame);
+    ASSERT_TRUE(waitUntil([&] { return runtime.framesSent() == sentSoFar + 1; }));
+    ++sentSoFar;
+    test::NDIRuntimeDoubleHandle::Sent sent;
+    ASSERT_TRUE(runtime.lastFrame(sent));
+    EXPECT_EQ(sent.frame.xres, row.w);
+    EXPECT_EQ(sent.frame.yres, row.h);
+    EXPECT_EQ(sent.frame.FourCC, 0x41524742u);  // 'B' 'G' 'R' 'A'
+    EXPECT_EQ(sent.frame.frame_rate_N, 60);
+    EXPECT_EQ(sent.frame.frame_rate_D, 1);
+    EXPECT_FLOAT_EQ(sent.frame.picture_aspect_ratio, row.aspect);
+    EXPECT_EQ(sent.frame.frame_format_type, 1);  // progressive
+    EXPECT_EQ(sent.frame.timecode, std::numeric_limits<std::int64_t>::max());  // runtime synthesises it
+    EXPECT_EQ(sent.frame.line_stride_in_bytes, row.stride);
+    EXPECT_EQ(sent.frame.p_metadata, nullptr);
+    EXPECT_EQ(sent.frame.timestamp, 0);
+    EXPECT_EQ(sent.frame.p_data, frame->pixels.data());
+    EXPECT_EQ(sent.checksum, checksum(*frame));
+    EXPECT_TRUE(waitUntil([&] { return frame.use_count() == 1; }));
+  }
 
   publisher->stop();
   EXPECT_EQ(runtime.liveSenders(), 0);
-  EXPECT_EQ(runtime.violations(), "");
-}
-
-TEST_F(NDIPublisherTest, ReceiverCountComesFromTheRuntime) {
-  auto publisher = makePublisher();
-  connections.set("1");
-  EXPECT_EQ(publisher->connectionCount(), 0);  // no sender yet
-  ASSERT_TRUE(publisher->start());
-  EXPECT_EQ(publisher->connectionCount(), 1);
-  EXPECT_EQ(publisher->clientCount(), 1);
-  connections.set("3");
-  EXPECT_EQ(publisher->connectionCount(), 3);
-  publisher->stop();
   EXPECT_EQ(publisher->connectionCount(), 0);
   EXPECT_EQ(runtime.violations(), "");
 }
 
-// [SECTION] One frame in flight
-
-TEST_F(NDIPublisherTest, OneFrameInFlightAndTheRestDropped) {
+// One frame in flight, the rest dropped and not held on to; nothing before
+// start or after stop; then the render thread keeps offering frames while the
+// operator flips the switch: a frame accepted just before a stop must never
+// reach a sender that stop() has already destroyed.
+TEST_F(NDIPublisherTest, OneFrameInFlightTheRestDroppedAndNoneReachesADestroyedSender) {
   auto publisher = makePublisher();
   publisher->publish(patternFrame(16, 8, 1));  // no sender yet: dropped
   ASSERT_TRUE(publisher->start());
@@ -181,30 +164,36 @@ TEST_F(NDIPublisherTest, OneFrameInFlightAndTheRestDropped) {
   ASSERT_TRUE(waitUntil([&] { return runtime.sendsInProgress() == 1; }));
   auto second = patternFrame(16, 8, 3);
   publisher->publish(second);  // busy: dropped, and not held on to
-  publisher->publish(patternFrame(16, 8, 4));
   EXPECT_EQ(second.use_count(), 1);
   runtime.holdSends(false);
   ASSERT_TRUE(waitUntil([&] { return first.use_count() == 1; }));
   EXPECT_EQ(runtime.framesSent(), 1);
-  test::NDIRuntimeDoubleHandle::Sent sent;
-  ASSERT_TRUE(runtime.lastFrame(sent));
-  EXPECT_EQ(sent.checksum, checksum(*first));
+  EXPECT_EQ(lastChecksum(), checksum(*first));
 
-  // Idle again: the next frame goes out.
-  auto third = patternFrame(16, 8, 5);
+  auto third = patternFrame(16, 8, 5);  // idle again: the next frame goes out
   publisher->publish(third);
   ASSERT_TRUE(waitUntil([&] { return runtime.framesSent() == 2; }));
-  ASSERT_TRUE(runtime.lastFrame(sent));
-  EXPECT_EQ(sent.checksum, checksum(*third));
-
+  EXPECT_EQ(lastChecksum(), checksum(*third));
   publisher->stop();
   publisher->publish(patternFrame(16, 8, 6));  // stopped: dropped
   EXPECT_EQ(runtime.framesSent(), 2);
+
+  std::atomic<bool> done{false};
+  std::thread render([&] {
+    auto frame = patternFrame(16, 8, 1);
+    while (!done) publisher->publish(frame);
+  });
+  for (int i = 0; i < 20000 && runtime.violations().empty(); ++i) {
+    ASSERT_TRUE(publisher->start());
+    publisher->stop();
+  }
+  done = true;
+  render.join();
   EXPECT_EQ(runtime.violations(), "");
+  EXPECT_EQ(runtime.liveSenders(), 0);
 }
 
 TEST_F(NDIPublisherTest, StopWaitsForTheSendInProgressAndSaysSoOnce) {
-  delay.set("20");  // also exercises a slow runtime without a hold
   auto publisher = makePublisher();
   ASSERT_TRUE(publisher->start());
   test::LogCapture log;
@@ -231,70 +220,60 @@ TEST_F(NDIPublisherTest, StopWaitsForTheSendInProgressAndSaysSoOnce) {
   publisher->stop();
   const auto lines = log.lines();
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "[NDI] Sender stopped"), 1);
-  EXPECT_EQ(publisher->connectionCount(), 0);
 }
 
-// The render thread keeps offering frames while the operator flips the switch
-// off and on: a frame accepted just before a stop must never reach a sender
-// that stop() has already destroyed.
-TEST_F(NDIPublisherTest, FramesOfferedDuringStopNeverReachADestroyedSender) {
-  auto publisher = makePublisher();
-  std::atomic<bool> done{false};
-  std::thread render([&] {
-    auto frame = patternFrame(16, 8, 1);
-    while (!done) publisher->publish(frame);
-  });
-  for (int i = 0; i < 20000 && runtime.violations().empty(); ++i) {
-    ASSERT_TRUE(publisher->start());
-    publisher->stop();
-  }
-  done = true;
-  render.join();
-  EXPECT_EQ(runtime.violations(), "");
-  EXPECT_EQ(runtime.liveSenders(), 0);
-}
-
-// [SECTION] Finding the runtime, and failing to
-
-// Each failure leaves its text, sends nothing, and a later start succeeds
-// once the cause is gone (nothing about a failed search is remembered).
+// Each failure leaves its text (and its log line once, however often it is
+// retried), sends nothing, is retried only every 2 s however often the output
+// sync asks, and a later start succeeds once the cause is gone (nothing about
+// a failed search is remembered).
 TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
-  struct Case {
+  const std::string incompleteLine =
+      "[NDI] " + test::ndiIncompleteDoubleDir + "/libndi.so.6 lacks NDIlib_send_get_no_connections; skipped";
+  struct Row {
     const char* what;
     std::function<void()> cause, cure;
     std::string error;
     bool runtimeLoaded;
+    std::string logLine;  // said once; empty: none checked
+    int initializedAgain;  // at the retry 2 s later
   };
-  const Case cases[] = {
-      {"no runtime anywhere", [&] { v6.set(nullptr); }, [&] { v6.set(test::ndiDoubleDir.c_str()); }, kNotFound,
-       false},
+  const Row rows[] = {
+      {"no runtime anywhere", [&] { v6.set(nullptr); }, [&] { v6.set(test::ndiDoubleDir.c_str()); }, kNotFound, false, "", 0},
       {"a runtime lacking an entry point", [&] { v6.set(test::ndiIncompleteDoubleDir.c_str()); },
-       [&] { v6.set(test::ndiDoubleDir.c_str()); }, kNotFound, false},
+       [&] { v6.set(test::ndiDoubleDir.c_str()); }, kNotFound, false, incompleteLine, 0},
       {"initialisation refused", [&] { refuse.set("1"); }, [&] { refuse.set(nullptr); },
-       "NDI runtime refused to initialize (unsupported CPU?)", false},
+       "NDI runtime refused to initialize (unsupported CPU?)", false, "", 1},
       {"no sender", [&] { failCreate.set("1"); }, [&] { failCreate.set(nullptr); }, "NDI sender could not be created",
-       true},
+       true, "", 0},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
     auto publisher = makePublisher();
     runtime.reset();
-    c.cause();
+    row.cause();
     test::LogCapture log;
     EXPECT_FALSE(publisher->start());
-    EXPECT_EQ(publisher->lastError(), c.error);
-    EXPECT_EQ(publisher->isRuntimeLoaded(), c.runtimeLoaded);
+    EXPECT_EQ(publisher->lastError(), row.error);
+    EXPECT_EQ(publisher->isRuntimeLoaded(), row.runtimeLoaded);
     EXPECT_FALSE(publisher->isRunning());
     EXPECT_FALSE(log.hasPrefix("[NDI] Sending"));
-    publisher->publish(patternFrame(16, 8, 1));
-    EXPECT_EQ(publisher->connectionCount(), 0);
-    now += NDIPublisher::retryInterval;
+    const int initialized = runtime.initializeCalls();
+    const double failedAt = now;
+    for (int frame = 0; frame < 30; ++frame, now += 1.0 / 60) EXPECT_FALSE(publisher->start());
+    EXPECT_EQ(runtime.initializeCalls(), initialized) << "asked again before " << NDIPublisher::retryInterval << " s";
+    EXPECT_NEAR(publisher->retryIn().value_or(0), 1.5, 1e-9);
+    now = failedAt + NDIPublisher::retryInterval;
     EXPECT_FALSE(publisher->start());  // tried again, same answer
-    EXPECT_EQ(publisher->lastError(), c.error);
+    EXPECT_EQ(runtime.initializeCalls(), initialized + row.initializedAgain);
+    EXPECT_EQ(publisher->lastError(), row.error);
+    if (!row.logLine.empty()) {
+      EXPECT_EQ(std::ranges::count(log.lines(), row.logLine), 1);
+    }
 
-    c.cure();
+    row.cure();
+    now += NDIPublisher::retryInterval - 0.01;
     EXPECT_FALSE(publisher->start()) << "not tried again before " << NDIPublisher::retryInterval << " s";
-    now += NDIPublisher::retryInterval;
+    now += 0.01;
     EXPECT_TRUE(publisher->start()) << publisher->lastError().value_or("");
     EXPECT_FALSE(publisher->lastError());
     EXPECT_EQ(publisher->runtimePath(), test::ndiDoubleDir + "/libndi.so.6");
@@ -302,32 +281,6 @@ TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
     EXPECT_EQ(runtime.framesSent(), 0);
     EXPECT_EQ(runtime.violations(), "");
   }
-}
-
-TEST_F(NDIPublisherTest, RefusedAndIncompleteRuntimesAreClosedAndExplained) {
-  refuse.set("1");
-  {
-    // The output sync asks every frame: the runtime is opened and asked to
-    // initialise again only once the retry interval has passed.
-    auto publisher = makePublisher();
-    for (int frame = 0; frame < 30; ++frame, now += 1.0 / 60) EXPECT_FALSE(publisher->start());
-    EXPECT_EQ(runtime.initializeCalls(), 1);
-    EXPECT_NEAR(publisher->retryIn().value_or(0), 1.5, 1e-9);
-    now = 50.0 + NDIPublisher::retryInterval;
-    EXPECT_FALSE(publisher->start());
-    EXPECT_EQ(runtime.initializeCalls(), 2);
-  }
-  refuse.set(nullptr);
-  v6.set(test::ndiIncompleteDoubleDir.c_str());
-  test::LogCapture log;
-  auto publisher = makePublisher();
-  EXPECT_FALSE(publisher->start());
-  now += NDIPublisher::retryInterval;
-  EXPECT_FALSE(publisher->start());
-  const std::string line =
-      "[NDI] " + test::ndiIncompleteDoubleDir + "/libndi.so.6 lacks NDIlib_send_get_no_connections; skipped";
-  const auto lines = log.lines();
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), line), 1) << "said once, however often it is retried";
 }
 
 TEST_F(NDIPublisherTest, SearchesTheEnvironmentFoldersFirstNewestRuntimeFirst) {
@@ -346,29 +299,23 @@ TEST_F(NDIPublisherTest, SearchesTheEnvironmentFoldersFirstNewestRuntimeFirst) {
   // in a fixed folder; an unusable one there is passed over.
   std::filesystem::copy_file(test::ndiDoubleDir + "/libndi.so.6", b.path() / "libndi.so.6");
   std::filesystem::copy_file(test::ndiDoubleDir + "/libndi.so.6", c.path() / "libndi.so.5");
-  v5.set(b.path().c_str());
-  v6.set(test::ndiDoubleDir.c_str());
-  {
+  struct Row {
+    const char* v6;
+    const char* v5;
+    std::string chosen;
+  };
+  const Row rows[] = {{test::ndiDoubleDir.c_str(), b.path().c_str(), test::ndiDoubleDir + "/libndi.so.6"},
+                      {test::ndiIncompleteDoubleDir.c_str(), b.path().c_str(), in(b, "libndi.so.6")},
+                      {nullptr, nullptr, in(c, "libndi.so.5")}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.chosen);
+    v6.set(row.v6);
+    v5.set(row.v5);
     NDIPublisher chosen({c.path().string()});
     ASSERT_TRUE(chosen.loadRuntime());
-    EXPECT_EQ(chosen.runtimePath(), test::ndiDoubleDir + "/libndi.so.6");
-  }
-  v6.set(test::ndiIncompleteDoubleDir.c_str());
-  {
-    NDIPublisher fallback({c.path().string()});
-    ASSERT_TRUE(fallback.loadRuntime());
-    EXPECT_EQ(fallback.runtimePath(), in(b, "libndi.so.6"));
-  }
-  v6.set(nullptr);
-  v5.set(nullptr);
-  {
-    NDIPublisher fixed({c.path().string()});
-    ASSERT_TRUE(fixed.loadRuntime());
-    EXPECT_EQ(fixed.runtimePath(), in(c, "libndi.so.5"));
+    EXPECT_EQ(chosen.runtimePath(), row.chosen);
   }
 }
-
-// [SECTION] Discovery
 
 TEST_F(NDIPublisherTest, DiscoveryFindsOurSourceUnderTheMachineName) {
   auto publisher = makePublisher();
@@ -386,6 +333,61 @@ TEST_F(NDIPublisherTest, DiscoveryFindsOurSourceUnderTheMachineName) {
 
   failFind.set("1");
   EXPECT_FALSE(publisher->findSources(0.05)) << "a finder that cannot be created";
+}
+
+// The NDI output as the operator drives it: the switch starts and stops the
+// sender, ndiStatus shows what it is doing, and the renderer's frames reach it.
+class NDIOutputSyncTest : public ::testing::Test, protected test::StateFixture {
+ protected:
+  NDIOutputSyncTest() {
+    scene.setRenderer(std::make_unique<test::StandInRenderer>());
+    scene.setOutputs(nullptr, &publisher);
+    state.setIsSyphonActive(false);
+  }
+  ~NDIOutputSyncTest() override { scene.shutdownOutputs(); }
+
+  // Past the status refresh interval, then one sync.
+  std::string syncedStatus() {
+    now += 0.6;
+    scene.syncOutputs(state);
+    return state.ndiStatus();
+  }
+
+  test::ScopedEnv v6{"NDI_RUNTIME_DIR_V6", test::ndiDoubleDir.c_str()};
+  test::ScopedEnv v5{"NDI_RUNTIME_DIR_V5", nullptr};
+  test::ScopedEnv connections{"NDI_DOUBLE_CONNECTIONS", nullptr};
+  test::NDIRuntimeDoubleHandle runtime;
+  test::TempDir noRuntime;
+  CharacterAnimationController animation;
+  MaskSceneManager scene{state, animation, [this] { return now; }};
+  NDIPublisher publisher{{noRuntime.path().string()}, [this] { return now; }};
+};
+
+TEST_F(NDIOutputSyncTest, TheSwitchStartsAndStopsTheSenderAndTheStatusCountsReceivers) {
+  ASSERT_TRUE(runtime.loaded());
+  EXPECT_EQ(syncedStatus(), "NDI: off");
+  EXPECT_FALSE(publisher.isRunning());
+
+  state.setIsNDIActive(true);
+  EXPECT_EQ(syncedStatus(), "NDI: ready, waiting for a receiver");
+  EXPECT_TRUE(publisher.isRunning());
+
+  connections.set("1");
+  EXPECT_EQ(syncedStatus(), "NDI: sending to 1 receiver");
+
+  // Every rendered frame reaches the runtime, at output size.
+  scene.renderOffscreenFrame();
+  ASSERT_TRUE(waitUntil([&] { return runtime.framesSent() == 1; }));
+  test::NDIRuntimeDoubleHandle::Sent sent;
+  ASSERT_TRUE(runtime.lastFrame(sent));
+  EXPECT_EQ(sent.frame.xres, MaskSceneManager::outputWidth);
+  EXPECT_EQ(sent.frame.yres, MaskSceneManager::outputHeight);
+
+  state.setIsNDIActive(false);
+  EXPECT_EQ(syncedStatus(), "NDI: off");
+  EXPECT_FALSE(publisher.isRunning());
+  EXPECT_EQ(runtime.liveSenders(), 0);
+  EXPECT_EQ(runtime.violations(), "");
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 // as consumers come and go, and the daemon missing, killed and restarted.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -41,25 +40,14 @@ std::shared_ptr<const RenderedFrame> quadrantFrame(std::uint64_t sequence) {
   return frame;
 }
 
-// Publishes a frame every 20 ms on its own thread, as the render thread would.
-class Feeder {
- public:
-  explicit Feeder(SyphonPublisher& publisher) : thread_([this, &publisher] {
-      auto frame = quadrantFrame(0);
-      while (!done_) {
-        publisher.publish(frame);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      }
-    }) {}
-  ~Feeder() {
-    done_ = true;
-    thread_.join();
-  }
-
- private:
-  std::atomic<bool> done_{false};
-  std::thread thread_;
-};
+// Publishes a frame every 20 ms on its own thread, as the render thread
+// would, until the returned thread is destroyed.
+std::jthread feed(SyphonPublisher& publisher) {
+  return std::jthread([&publisher](std::stop_token stop) {
+    const auto frame = quadrantFrame(0);
+    for (; !stop.stop_requested(); std::this_thread::sleep_for(std::chrono::milliseconds(20))) publisher.publish(frame);
+  });
+}
 
 bool waitFor(const std::function<bool()>& condition, double seconds) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
@@ -136,7 +124,7 @@ TEST(SyphonPublisherPipeWire, ConsumersReceiveFramesAndComeAndGo) {
   SyphonPublisher publisher({systemFolder});
   ASSERT_TRUE(publisher.start());
   ASSERT_TRUE(session.waitForNode("Velmora", 5.0));
-  Feeder feeder(publisher);
+  const auto feeder = feed(publisher);
 
   const std::string png = (session.dir() / "received.png").string();
   ASSERT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
@@ -200,7 +188,7 @@ TEST(SyphonPublisherPipeWire, DaemonKilledAndRestarted) {
   now += 2.5;
   EXPECT_TRUE(publisher.start());
   EXPECT_TRUE(session.waitForNode("Velmora", 5.0));
-  Feeder feeder(publisher);
+  const auto feeder = feed(publisher);
   const std::string png = (session.dir() / "after-restart.png").string();
   EXPECT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
   EXPECT_TRUE(std::filesystem::exists(png));

@@ -71,30 +71,25 @@ inline TestMesh makeTestFace() {
   const std::vector<float3> holes = {{-0.35f, 0.3f, 1.0f}, {0.35f, 0.3f, 1.0f}};
   const float holeAngle = 0.16f;
   auto base = sphereGeometry(0.5f, 48, 64, nullptr, holes, holeAngle, plaster());
-  auto jaw = sphereGeometry(
-      0.5f, 48, 64,
-      [](const float3& d) { return d.y < 0.0f && d.z > 0.0f ? float3(0.0f, 0.25f * d.y * d.z, 0.15f * d.z * -d.y) : float3(0.0f); },
-      holes, holeAngle, plaster());
-  auto bulge = sphereGeometry(
-      0.5f, 48, 64, [](const float3& d) { return d.x > 0.0f ? d * (0.1f * d.x) : float3(0.0f); }, holes, holeAngle,
-      plaster());
   // The targets carry positions and normals only; the normals of the
   // displaced shapes are left as the sphere's, rotated a little so the GPU
   // has a normal delta to blend.
-  auto tilt = [](const std::shared_ptr<Geometry>& g, float amount) {
+  const auto target = [&](const std::function<float3(const float3&)>& displace, float tilt) {
+    auto g = sphereGeometry(0.5f, 48, 64, displace, holes, holeAngle, plaster());
     std::vector<float3> n = g->source(GeometrySource::Semantic::normal)->toVec3();
-    for (auto& v : n) v = glm::normalize(v + float3(amount, 0.0f, 0.0f));
+    for (auto& v : n) v = glm::normalize(v + float3(tilt, 0.0f, 0.0f));
     g->sources[1] = GeometrySource::make(GeometrySource::Semantic::normal, n);
     g->elements.clear();
     g->materials.clear();
+    return g;
   };
-  tilt(jaw, 0.3f);
-  tilt(bulge, -0.2f);
-  auto targets = std::make_shared<std::vector<std::shared_ptr<const Geometry>>>();
-  targets->push_back(jaw);
-  targets->push_back(bulge);
+  auto jaw = target(
+      [](const float3& d) { return d.y < 0.0f && d.z > 0.0f ? float3(0.0f, 0.25f * d.y * d.z, 0.15f * d.z * -d.y) : float3(0.0f); },
+      0.3f);
+  auto bulge = target([](const float3& d) { return d.x > 0.0f ? d * (0.1f * d.x) : float3(0.0f); }, -0.2f);
   auto morpher = std::make_shared<Morpher>();
-  morpher->targets = targets;
+  morpher->targets = std::make_shared<std::vector<std::shared_ptr<const Geometry>>>(
+      std::vector<std::shared_ptr<const Geometry>>{jaw, bulge});
   morpher->weights.assign(2, 0.0f);
   auto node = Node::make("TestFace");
   node->geometry = base;

@@ -36,6 +36,10 @@ TEST(EnvironmentLightingTest, AUniformSkyGivesPiTimesItsRadianceFromEveryDirecti
   EXPECT_EQ(lighting.specular[0].width, 128);
   EXPECT_EQ(lighting.specular.back().width, 4);
   for (const auto& level : lighting.specular) EXPECT_NEAR(level.at(level.width / 2, level.height / 2).y, 1.0f, 1e-3f);
+  // An empty image gives no ambient at all.
+  const auto none = EnvironmentLighting::compute(EnvironmentImage{});
+  EXPECT_TRUE(none.specular.empty());
+  EXPECT_EQ(none.irradiance({0, 1, 0}), float3(0.0f));
 }
 
 TEST(EnvironmentLightingTest, ABrightSkyLightsUpFacingSurfacesMore) {
@@ -48,12 +52,6 @@ TEST(EnvironmentLightingTest, ABrightSkyLightsUpFacingSurfacesMore) {
   // The rough levels blur the horizon: straight up stays bright, the horizon is half lit.
   const auto& rough = lighting.specular.back();
   EXPECT_GT(rough.at(0, 0).x, rough.at(0, rough.height - 1).x);
-}
-
-TEST(EnvironmentLightingTest, AnEmptyImageGivesNoAmbient) {
-  const auto lighting = EnvironmentLighting::compute(EnvironmentImage{});
-  EXPECT_TRUE(lighting.specular.empty());
-  EXPECT_EQ(lighting.irradiance({0, 1, 0}), float3(0.0f));
 }
 
 TEST(EnvironmentLightingTest, TheStageEnvironmentIsLitFromAbove) {

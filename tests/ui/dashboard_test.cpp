@@ -1,10 +1,13 @@
 // The dashboard's views without a display: the controls change the state as
 // an operator expects, the cue port entry refuses what the cue server
 // cannot use, "Copy as text" lists the whole catalogue, and every panel
-// draws in a headless ImGui frame.
+// draws in a headless ImGui frame; the menus and their shortcuts.
 #include <gtest/gtest.h>
 #include <imgui.h>
 #include <imgui_internal.h>
+
+#define GLFW_INCLUDE_NONE
+#include <GLFW/glfw3.h>
 
 #include <cmath>
 
@@ -17,6 +20,7 @@
 #include "ui/ExportPanel.h"
 #include "ui/ExpressionPanel.h"
 #include "ui/LightingPanel.h"
+#include "ui/MenuCommands.h"
 #include "ui/OSCCommandsText.h"
 #include "ui/OSCCommandsWindow.h"
 #include "ui/OscPortField.h"
@@ -25,10 +29,8 @@
 #include "ui/WireframeTracker.h"
 #include "ui/OutputsPanel.h"
 #include "base/MainQueue.h"
-#include "base/SettingsStore.h"
 #include "control/OSCCommandCatalog.h"
 #include "support/StateFixture.h"
-#include "tracking/FaceTrackingState.h"
 
 namespace velmora {
 namespace {
@@ -254,7 +256,7 @@ struct HeadlessImGui {
 // Every panel and the commands window draw in a headless ImGui frame (no
 // GL: the preview shows its reason), and the windows are where the operator
 // expects them.
-TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrame) {
+TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrameAndStatusTextsWrap) {
   Fixture f;
   f.state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}, {"eyeBlinkLeft", 0.2f}}, float3(0.1f, 0.0f, 0.0f),
                        std::nullopt, "10.0.0.2:5000");
@@ -285,15 +287,11 @@ TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrame) {
     ImGui::Render();
     EXPECT_FALSE(ImGui::FindWindowByName(OSCCommandsWindow::title)->Active);
   }
-}
 
-// A long error in a narrow column wraps inside it: nothing is drawn past
-// the column's right edge, and the text takes more than one line.
-TEST(DashboardTest, StatusTextsWrapInsteadOfBeingCutOff) {
-  Fixture f;
+  // A long error in a narrow column wraps inside it: nothing is drawn past
+  // the column's right edge, and the text takes more than one line.
   f.state.setSyphonStatus("Syphon: PipeWire video source could not be created (is PipeWire running?)");
   f.state.setNdiStatus("NDI: NDI runtime refused to initialize (unsupported CPU?) (next try in 2 s)");
-  HeadlessImGui imgui;
   OutputsPanel panel(f.context);
   ImGui::NewFrame();
   ImGui::SetNextWindowSize(ImVec2(260, 400));
@@ -322,6 +320,70 @@ TEST(DashboardTest, SafetyListsAreEditedOneEntryPerLineAndKept) {
   FaceTrackingState reloaded(f.store);
   EXPECT_EQ(reloaded.relayTargets(), f.state.relayTargets());
   EXPECT_EQ(reloaded.oscAllowedSenders(), (std::vector<std::string>{"192.168.1.20", "10.0.0.0/24"}));
+}
+
+// The menus and shortcuts of the main window: the entries an operator sees,
+// the keys that reach them from any window, and what each entry does to the
+// state.
+// Every shortcut shown in a menu is one the keyboard reaches, and runs that
+// entry; shortcuts need Control alone and ignore the lock keys.
+TEST(MenuCommandsTest, MenusListTheEntriesWithTheirShortcutsAndTheKeysReachThem) {
+  const std::map<std::string, int> keys = {{"Ctrl+R", GLFW_KEY_R}, {"Ctrl+P", GLFW_KEY_P}, {"Ctrl+O", GLFW_KEY_O},
+                                           {"Ctrl+Q", GLFW_KEY_Q}};
+  std::vector<std::string> seen;
+  for (const auto& menu : MenuCommands::menus()) {
+    seen.push_back("# " + menu.title);
+    for (const auto& e : menu.entries) {
+      seen.push_back((e.separatorBefore ? "--- " : "") + e.label + (e.shortcut.empty() ? "" : " [" + e.shortcut + "]"));
+      if (e.shortcut.empty()) continue;
+      ASSERT_TRUE(keys.count(e.shortcut)) << e.shortcut;
+      EXPECT_EQ(MenuCommands::forShortcut(keys.at(e.shortcut), GLFW_MOD_CONTROL), e.command) << e.label;
+    }
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{"# Stage Control", "Recentre Neutral Pose [Ctrl+R]", "Reset Calibration",
+                                            "--- Toggle Fullscreen Projector [Ctrl+P]", "Toggle Syphon Output",
+                                            "Toggle NDI Output", "Toggle OSC Cues", "--- Quit [Ctrl+Q]", "# Window",
+                                            "OSC Commands & Cues [Ctrl+O]"}));
+  EXPECT_EQ(MenuCommands::forShortcut(GLFW_KEY_P, GLFW_MOD_CONTROL | GLFW_MOD_CAPS_LOCK), MenuCommand::toggleProjector);
+  EXPECT_EQ(MenuCommands::forShortcut(GLFW_KEY_O, GLFW_MOD_CONTROL | GLFW_MOD_NUM_LOCK),
+            MenuCommand::toggleOSCCommandsWindow);
+  EXPECT_FALSE(MenuCommands::forShortcut(GLFW_KEY_R, 0));
+  EXPECT_FALSE(MenuCommands::forShortcut(GLFW_KEY_P, GLFW_MOD_CONTROL | GLFW_MOD_SHIFT));
+  EXPECT_FALSE(MenuCommands::forShortcut(GLFW_KEY_O, GLFW_MOD_CONTROL | GLFW_MOD_ALT));
+  EXPECT_FALSE(MenuCommands::forShortcut(GLFW_KEY_S, GLFW_MOD_CONTROL));
+}
+
+TEST(MenuCommandsTest, EntriesActOnTheStateThroughItsSetters) {
+  Fixture f;
+  f.state.ingestPacket(std::nullopt, float3(0.1f, 0.2f, 0.3f), std::nullopt, "10.0.0.2:5000");
+  MenuCommands::perform(MenuCommand::recentreNeutralPose, f.context);
+  EXPECT_TRUE(f.state.isCalibrated());
+  EXPECT_EQ(f.state.zeroRotationOffset(), float3(0.1f, 0.2f, 0.3f));
+  MenuCommands::perform(MenuCommand::resetCalibration, f.context);
+  EXPECT_FALSE(f.state.isCalibrated());
+  EXPECT_EQ(f.state.zeroRotationOffset(), float3(0.0f));
+
+  const bool syphon = f.state.isSyphonActive(), ndi = f.state.isNDIActive(), osc = f.state.isOSCEnabled();
+  MenuCommands::perform(MenuCommand::toggleSyphon, f.context);
+  MenuCommands::perform(MenuCommand::toggleNDI, f.context);
+  MenuCommands::perform(MenuCommand::toggleOSCCues, f.context);
+  EXPECT_EQ(f.state.isSyphonActive(), !syphon);
+  EXPECT_EQ(f.state.isNDIActive(), !ndi);
+  EXPECT_EQ(f.state.isOSCEnabled(), !osc);
+
+  int toggles = 0;
+  MenuCommands::perform(MenuCommand::toggleProjector, f.context);  // no window system: nothing happens
+  f.context.toggleProjector = [&] { ++toggles; };
+  MenuCommands::perform(MenuCommand::toggleProjector, f.context);
+  EXPECT_EQ(toggles, 1);
+  MenuCommands::perform(MenuCommand::toggleOSCCommandsWindow, f.context);
+  EXPECT_TRUE(f.context.showOSCCommands);
+  MenuCommands::perform(MenuCommand::toggleOSCCommandsWindow, f.context);
+  EXPECT_FALSE(f.context.showOSCCommands);
+  int quits = 0;
+  f.context.quit = [&] { ++quits; };
+  MenuCommands::perform(MenuCommand::quit, f.context);
+  EXPECT_EQ(quits, 1);
 }
 
 }  // namespace

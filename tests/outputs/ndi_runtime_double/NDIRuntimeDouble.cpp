@@ -8,7 +8,6 @@
 // Behaviour chosen by environment variables:
 //   NDI_DOUBLE_REFUSE_INIT=1       NDIlib_initialize reports failure
 //   NDI_DOUBLE_FAIL_CREATE=1       NDIlib_send_create returns no sender
-//   NDI_DOUBLE_SEND_DELAY_MS=<ms>  each send of a sender created now takes that long
 //   NDI_DOUBLE_CONNECTIONS=<n>     receivers reported per sender (default 0)
 //   NDI_DOUBLE_FAIL_FIND=1         NDIlib_find_create_v2 returns no finder
 //   NDI_DOUBLE_REMOTE_SOURCES=a,b  sources on other machines, listed after the local ones
@@ -37,6 +36,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,30 +55,16 @@ typedef struct NDIlib_send_create_t {
   bool clock_audio;
 } NDIlib_send_create_t;
 static_assert(sizeof(NDIlib_send_create_t) == 24);
-static_assert(offsetof(NDIlib_send_create_t, clock_video) == 16);
-static_assert(offsetof(NDIlib_send_create_t, clock_audio) == 17);
 
-typedef enum NDIlib_FourCC_video_type_e : std::uint32_t {
-  NDIlib_FourCC_video_type_UYVY = 0x59565955,
-  NDIlib_FourCC_video_type_BGRA = 0x41524742,
-  NDIlib_FourCC_video_type_BGRX = 0x58524742,
-  NDIlib_FourCC_video_type_RGBA = 0x41424752,
-  NDIlib_FourCC_video_type_RGBX = 0x58424752,
-} NDIlib_FourCC_video_type_e;
-
-typedef enum NDIlib_frame_format_type_e : std::int32_t {
-  NDIlib_frame_format_type_interleaved = 0,
-  NDIlib_frame_format_type_progressive = 1,
-  NDIlib_frame_format_type_field_0 = 2,
-  NDIlib_frame_format_type_field_1 = 3,
-} NDIlib_frame_format_type_e;
+// The 4-byte FourCCs: BGRA, BGRX, RGBA, RGBX.
+constexpr std::uint32_t kFourByteFourCCs[] = {0x41524742, 0x58524742, 0x41424752, 0x58424752};
 
 typedef struct NDIlib_video_frame_v2_t {
   int xres, yres;
-  NDIlib_FourCC_video_type_e FourCC;
+  std::uint32_t FourCC;
   int frame_rate_N, frame_rate_D;
   float picture_aspect_ratio;
-  NDIlib_frame_format_type_e frame_format_type;
+  std::int32_t frame_format_type;
   std::int64_t timecode;
   std::uint8_t* p_data;
   union {
@@ -89,11 +75,6 @@ typedef struct NDIlib_video_frame_v2_t {
   std::int64_t timestamp;
 } NDIlib_video_frame_v2_t;
 static_assert(sizeof(NDIlib_video_frame_v2_t) == 72);
-static_assert(offsetof(NDIlib_video_frame_v2_t, timecode) == 32);
-static_assert(offsetof(NDIlib_video_frame_v2_t, p_data) == 40);
-static_assert(offsetof(NDIlib_video_frame_v2_t, line_stride_in_bytes) == 48);
-static_assert(offsetof(NDIlib_video_frame_v2_t, p_metadata) == 56);
-static_assert(offsetof(NDIlib_video_frame_v2_t, timestamp) == 64);
 
 typedef struct NDIlib_find_create_t {
   bool show_local_sources;
@@ -117,7 +98,6 @@ namespace {
 
 struct Sender {
   std::string name;
-  int delayMs = 0;
   bool readPixels = true;
   int sendsInProgress = 0;
 };
@@ -135,16 +115,18 @@ struct State {
   std::condition_variable released;
   std::vector<std::unique_ptr<Sender>> senders;
   bool holdSends = false;
-  int initializeCalls = 0;
-  int framesSent = 0;
   int sendsInProgress = 0;
-  bool haveFrame = false;
-  NDIlib_video_frame_v2_t lastFrame{};
-  std::uint64_t lastChecksum = 0;
-  bool haveSettings = false;
-  std::string lastName;
-  bool lastGroupsNull = true, lastClockVideo = true, lastClockAudio = true;
-  std::vector<std::string> violations;
+  struct Recorded {  // what NDIdouble_reset forgets
+    int initializeCalls = 0;
+    int framesSent = 0;
+    bool haveFrame = false;
+    NDIlib_video_frame_v2_t lastFrame{};
+    std::uint64_t lastChecksum = 0;
+    bool haveSettings = false;
+    std::string lastName;
+    bool lastGroupsNull = true, lastClockVideo = true, lastClockAudio = true;
+    std::vector<std::string> violations;
+  } r;
 };
 
 State& state() {
@@ -155,11 +137,6 @@ State& state() {
 bool flag(const char* name) {
   const char* v = std::getenv(name);
   return v && *v && std::strcmp(v, "0") != 0;
-}
-
-int number(const char* name) {
-  const char* v = std::getenv(name);
-  return v ? std::atoi(v) : 0;
 }
 
 // Under the state's lock.
@@ -196,22 +173,21 @@ std::uint64_t checksum(const std::uint8_t* data, int width, int height, int stri
 NDI_EXPORT bool NDIlib_initialize(void) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  ++s.initializeCalls;
+  ++s.r.initializeCalls;
   return !flag("NDI_DOUBLE_REFUSE_INIT");
 }
 
 NDI_EXPORT NDIlib_send_instance_t NDIlib_send_create(const NDIlib_send_create_t* settings) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  s.haveSettings = true;
-  s.lastName = settings && settings->p_ndi_name ? settings->p_ndi_name : "";
-  s.lastGroupsNull = !settings || !settings->p_groups;
-  s.lastClockVideo = settings ? settings->clock_video : true;
-  s.lastClockAudio = settings ? settings->clock_audio : true;
+  s.r.haveSettings = true;
+  s.r.lastName = settings && settings->p_ndi_name ? settings->p_ndi_name : "";
+  s.r.lastGroupsNull = !settings || !settings->p_groups;
+  s.r.lastClockVideo = settings ? settings->clock_video : true;
+  s.r.lastClockAudio = settings ? settings->clock_audio : true;
   if (flag("NDI_DOUBLE_FAIL_CREATE")) return nullptr;
   auto sender = std::make_unique<Sender>();
-  sender->name = s.lastName.empty() ? "Sender" : s.lastName;
-  sender->delayMs = std::max(0, number("NDI_DOUBLE_SEND_DELAY_MS"));
+  sender->name = s.r.lastName.empty() ? "Sender" : s.r.lastName;
   sender->readPixels = !flag("NDI_DOUBLE_UNREAD_SENDS");
   s.senders.push_back(std::move(sender));
   return s.senders.back().get();
@@ -222,40 +198,35 @@ NDI_EXPORT void NDIlib_send_destroy(NDIlib_send_instance_t instance) {
   std::lock_guard lock(s.mutex);
   Sender* sender = find(s, instance);
   if (!sender) {
-    s.violations.push_back("NDIlib_send_destroy: unknown sender");
+    s.r.violations.push_back("NDIlib_send_destroy: unknown sender");
     return;
   }
-  if (sender->sendsInProgress > 0) s.violations.push_back("NDIlib_send_destroy: sender destroyed during its own send");
+  if (sender->sendsInProgress > 0) s.r.violations.push_back("NDIlib_send_destroy: sender destroyed during its own send");
   s.senders.erase(std::find_if(s.senders.begin(), s.senders.end(), [&](auto& p) { return p.get() == sender; }));
 }
 
 NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const NDIlib_video_frame_v2_t* frame) {
   State& s = state();
-  int delayMs = 0;
   bool readPixels = true;
   {
     std::lock_guard lock(s.mutex);
     Sender* sender = find(s, instance);
     if (!sender) {
-      s.violations.push_back("NDIlib_send_send_video_v2: unknown sender");
+      s.r.violations.push_back("NDIlib_send_send_video_v2: unknown sender");
       return;
     }
     if (!frame || !frame->p_data || frame->xres <= 0 || frame->yres <= 0 || frame->frame_rate_D <= 0 ||
         frame->frame_rate_N <= 0) {
-      s.violations.push_back("NDIlib_send_send_video_v2: incomplete frame");
+      s.r.violations.push_back("NDIlib_send_send_video_v2: incomplete frame");
       return;
     }
-    const bool fourBytes = frame->FourCC == NDIlib_FourCC_video_type_BGRA ||
-                           frame->FourCC == NDIlib_FourCC_video_type_BGRX ||
-                           frame->FourCC == NDIlib_FourCC_video_type_RGBA ||
-                           frame->FourCC == NDIlib_FourCC_video_type_RGBX;
+    const bool fourBytes = std::ranges::count(kFourByteFourCCs, frame->FourCC) == 1;
     if (!fourBytes || frame->line_stride_in_bytes < frame->xres * 4) {
-      s.violations.push_back("NDIlib_send_send_video_v2: stride or FourCC not a 4-byte format's");
+      s.r.violations.push_back("NDIlib_send_send_video_v2: stride or FourCC not a 4-byte format's");
       return;
     }
     ++sender->sendsInProgress;
     ++s.sendsInProgress;
-    delayMs = sender->delayMs;
     readPixels = sender->readPixels;
   }
   // The runtime owns the frame for the length of the call and no longer.
@@ -263,20 +234,19 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
     return readPixels ? checksum(frame->p_data, frame->xres, frame->yres, frame->line_stride_in_bytes) : 0;
   };
   const std::uint64_t sum = sumOf();
-  if (delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
 
   std::unique_lock lock(s.mutex);
   s.released.wait(lock, [&] { return !s.holdSends; });
   // Read again after waiting: the caller must not have let go of the pixels.
   if (sumOf() != sum)
-    s.violations.push_back("NDIlib_send_send_video_v2: pixels changed during the send");
+    s.r.violations.push_back("NDIlib_send_send_video_v2: pixels changed during the send");
   Sender* sender = find(s, instance);
   if (sender) --sender->sendsInProgress;
   --s.sendsInProgress;
-  ++s.framesSent;
-  s.haveFrame = true;
-  s.lastFrame = *frame;
-  s.lastChecksum = sum;
+  ++s.r.framesSent;
+  s.r.haveFrame = true;
+  s.r.lastFrame = *frame;
+  s.r.lastChecksum = sum;
 }
 
 #ifndef NDI_DOUBLE_WITHOUT_GET_NO_CONNECTIONS
@@ -284,10 +254,11 @@ NDI_EXPORT int NDIlib_send_get_no_connections(NDIlib_send_instance_t instance, s
   State& s = state();
   std::lock_guard lock(s.mutex);
   if (!find(s, instance)) {
-    s.violations.push_back("NDIlib_send_get_no_connections: unknown sender");
+    s.r.violations.push_back("NDIlib_send_get_no_connections: unknown sender");
     return 0;
   }
-  return std::max(0, number("NDI_DOUBLE_CONNECTIONS"));
+  const char* connections = std::getenv("NDI_DOUBLE_CONNECTIONS");
+  return connections ? std::max(0, std::atoi(connections)) : 0;
 }
 #endif
 
@@ -329,34 +300,21 @@ NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(NDIlib_find_in
   finder->names.clear();
   finder->urls.clear();
   finder->sources.clear();
-  State& s = state();
+  const auto add = [&](std::string name, const char* host) {
+    finder->names.push_back(std::move(name));
+    finder->urls.push_back(host + std::to_string(5961 + finder->urls.size()));
+  };
   {
+    State& s = state();
     std::lock_guard lock(s.mutex);
-    if (finder->showLocal) {
-      const std::string machine = machineName();
-      for (const auto& sender : s.senders) {
-        finder->names.push_back(machine + " (" + sender->name + ")");
-        finder->urls.push_back("127.0.0.1:" + std::to_string(5961 + finder->urls.size()));
-      }
-    }
+    for (const auto& sender : s.senders)
+      if (finder->showLocal) add(machineName() + " (" + sender->name + ")", "127.0.0.1:");
   }
-  if (const char* remote = std::getenv("NDI_DOUBLE_REMOTE_SOURCES")) {
-    std::string list(remote);
-    for (std::size_t start = 0; start < list.size();) {
-      const std::size_t comma = std::min(list.find(',', start), list.size());
-      if (comma > start) {
-        finder->names.push_back(list.substr(start, comma - start));
-        finder->urls.push_back("192.0.2.1:" + std::to_string(5961 + finder->urls.size()));
-      }
-      start = comma + 1;
-    }
-  }
-  for (std::size_t i = 0; i < finder->names.size(); ++i) {
-    NDIlib_source_t source{};
-    source.p_ndi_name = finder->names[i].c_str();
-    source.p_url_address = finder->urls[i].c_str();
-    finder->sources.push_back(source);
-  }
+  std::istringstream remote(std::getenv("NDI_DOUBLE_REMOTE_SOURCES") ? std::getenv("NDI_DOUBLE_REMOTE_SOURCES") : "");
+  for (std::string name; std::getline(remote, name, ',');)
+    if (!name.empty()) add(name, "192.0.2.1:");
+  for (std::size_t i = 0; i < finder->names.size(); ++i)
+    finder->sources.push_back(NDIlib_source_t{finder->names[i].c_str(), {finder->urls[i].c_str()}});
   if (p_no_sources) *p_no_sources = static_cast<std::uint32_t>(finder->sources.size());
   return finder->sources.empty() ? nullptr : finder->sources.data();
 }
@@ -365,44 +323,23 @@ NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(NDIlib_find_in
 
 // Forgets what was recorded (live senders stay).
 NDI_EXPORT void NDIdouble_reset(void) {
+  std::lock_guard lock(state().mutex);
+  state().r = {};
+}
+
+// Initialize calls, frames sent, live senders and sends in progress, in that order.
+NDI_EXPORT void NDIdouble_counts(int* out) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  s.initializeCalls = 0;
-  s.framesSent = 0;
-  s.haveFrame = false;
-  s.lastFrame = {};
-  s.lastChecksum = 0;
-  s.haveSettings = false;
-  s.lastName.clear();
-  s.violations.clear();
-}
-
-NDI_EXPORT int NDIdouble_initialize_calls(void) {
-  std::lock_guard lock(state().mutex);
-  return state().initializeCalls;
-}
-
-NDI_EXPORT int NDIdouble_frames_sent(void) {
-  std::lock_guard lock(state().mutex);
-  return state().framesSent;
-}
-
-NDI_EXPORT int NDIdouble_live_senders(void) {
-  std::lock_guard lock(state().mutex);
-  return static_cast<int>(state().senders.size());
-}
-
-NDI_EXPORT int NDIdouble_sends_in_progress(void) {
-  std::lock_guard lock(state().mutex);
-  return state().sendsInProgress;
+  for (int n : {s.r.initializeCalls, s.r.framesSent, static_cast<int>(s.senders.size()), s.sendsInProgress}) *out++ = n;
 }
 
 // The last frame sent (its p_data as handed over) and the checksum of its pixels.
 NDI_EXPORT bool NDIdouble_last_frame(NDIlib_video_frame_v2_t* frame, std::uint64_t* sum) {
   std::lock_guard lock(state().mutex);
-  if (!state().haveFrame) return false;
-  *frame = state().lastFrame;
-  *sum = state().lastChecksum;
+  if (!state().r.haveFrame) return false;
+  *frame = state().r.lastFrame;
+  *sum = state().r.lastChecksum;
   return true;
 }
 
@@ -410,11 +347,11 @@ NDI_EXPORT bool NDIdouble_last_send_create(char* name, std::size_t capacity, boo
                                            bool* clockAudio) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  if (!s.haveSettings || capacity == 0) return false;
-  std::snprintf(name, capacity, "%s", s.lastName.c_str());
-  *groupsNull = s.lastGroupsNull;
-  *clockVideo = s.lastClockVideo;
-  *clockAudio = s.lastClockAudio;
+  if (!s.r.haveSettings || capacity == 0) return false;
+  std::snprintf(name, capacity, "%s", s.r.lastName.c_str());
+  *groupsNull = s.r.lastGroupsNull;
+  *clockVideo = s.r.lastClockVideo;
+  *clockAudio = s.r.lastClockAudio;
   return true;
 }
 
@@ -432,6 +369,6 @@ NDI_EXPORT void NDIdouble_hold_sends(bool hold) {
 NDI_EXPORT int NDIdouble_violations(char* text, std::size_t capacity) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  if (capacity) std::snprintf(text, capacity, "%s", s.violations.empty() ? "" : s.violations.front().c_str());
-  return static_cast<int>(s.violations.size());
+  if (capacity) std::snprintf(text, capacity, "%s", s.r.violations.empty() ? "" : s.r.violations.front().c_str());
+  return static_cast<int>(s.r.violations.size());
 }
