@@ -158,17 +158,17 @@ const MeshCache::MorphDeltas* MeshCache::deltas(const Geometry& base, const std:
     out[2] = glm::packHalf1x16(d.z);
   };
   for (std::size_t ti = 0; ti < t; ++ti) {
-    const Geometry* target = (*targets)[ti].get();
+    const MorphTarget* target = (*targets)[ti].get();
     if (!target) continue;
-    const GeometrySource* tp = target->source(Semantic::vertex);
-    const GeometrySource* tn = target->source(Semantic::normal);
     // Same rule as the CPU reference blend: vertices the target lacks do not move.
-    const std::size_t np = tp && tp->data ? std::min(n, static_cast<std::size_t>(tp->vectorCount)) : 0;
-    const std::size_t nn =
-        (tn && tn->data && bn && bn->data) ? std::min({n, static_cast<std::size_t>(tn->vectorCount), static_cast<std::size_t>(bn->vectorCount)}) : 0;
+    const bool normals = target->hasNormals && bn && bn->data;
     std::uint16_t* out = texels.data() + ti * n * kHalvesPerVertex;
-    for (std::size_t v = 0; v < np; ++v) put(out + v * kHalvesPerVertex, tp->vec3(v) - bp->vec3(v));
-    for (std::size_t v = 0; v < nn; ++v) put(out + v * kHalvesPerVertex + 3, tn->vec3(v) - bn->vec3(v));
+    for (std::size_t k = 0; k < target->vertices.size(); ++k) {
+      const std::size_t v = target->vertices[k];
+      if (v >= n) break;  // ascending
+      if (target->hasPositions) put(out + v * kHalvesPerVertex, target->positionDeltas[k]);
+      if (normals && v < static_cast<std::size_t>(bn->vectorCount)) put(out + v * kHalvesPerVertex + 3, target->normalDeltas[k]);
+    }
   }
   DeltaEntry entry;
   entry.targets = targets;

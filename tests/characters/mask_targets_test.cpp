@@ -3,6 +3,8 @@
 // mesh, and the shared (built-once) character data.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <cctype>
 #include <cmath>
 #include <set>
@@ -32,9 +34,11 @@ const T::Entry& entry(const std::string& name) {
   throw std::runtime_error("no entry " + name);
 }
 
-float3 targetPosition(const CharacterBuild& build, const std::string& name, std::size_t vertex) {
-  const int index = build.targetNameToIndex.at(name);
-  return (*build.morpher->targets)[static_cast<std::size_t>(index)]->source(GeometrySource::Semantic::vertex)->vec3(vertex);
+// How far the named target moves a vertex (zero where it moves nothing).
+float3 targetDelta(const CharacterBuild& build, const std::string& name, std::size_t vertex) {
+  const auto& target = *(*build.morpher->targets)[static_cast<std::size_t>(build.targetNameToIndex.at(name))];
+  const auto it = std::find(target.vertices.begin(), target.vertices.end(), static_cast<std::uint32_t>(vertex));
+  return it == target.vertices.end() ? float3(0.0f) : target.positionDeltas[static_cast<std::size_t>(it - target.vertices.begin())];
 }
 
 float3 neutralPosition(const CharacterBuild& build, std::size_t vertex) {
@@ -179,18 +183,18 @@ TEST(MaskTargets, JawOpenOpensTheSlitWhileTheUpperLipStays) {
     if (topo.gridPoints[i] == topo.gridPoints[upper]) lower = i;
   ASSERT_NE(lower, 0u);
 
-  EXPECT_EQ(targetPosition(build, "jawopen", upper), neutralPosition(build, upper));
-  const float3 moved = targetPosition(build, "jawopen", lower) - neutralPosition(build, lower);
+  EXPECT_EQ(targetDelta(build, "jawopen", upper), float3(0.0f));
+  const float3 moved = targetDelta(build, "jawopen", lower);
   EXPECT_NEAR(moved.y, -0.24f, 1e-6f);
   EXPECT_NEAR(moved.z, -0.06f, 1e-6f);
   // The back shell follows the front along the shell direction.
   const std::size_t n = topo.frontCount();
-  const float3 backMoved = targetPosition(build, "jawopen", n + lower) - neutralPosition(build, n + lower);
+  const float3 backMoved = targetDelta(build, "jawopen", n + lower);
   EXPECT_NEAR(backMoved.y, -0.24f, 1e-6f);
   // Every upper-face vertex of the jaw targets stays put.
   for (std::size_t i = 0; i < n; i += 11) {
     if (topo.lowerJaw[i]) continue;
-    ASSERT_EQ(targetPosition(build, "jawopen", i), neutralPosition(build, i));
+    ASSERT_EQ(targetDelta(build, "jawopen", i), float3(0.0f));
   }
 }
 
@@ -210,11 +214,11 @@ TEST(MaskTargets, EyeBlinkClosesTheEyeOpening) {
     ASSERT_LT(bestTop, 0.03f);
     ASSERT_LT(bestBottom, 0.03f);
     const float openGap = neutralPosition(build, top).y - neutralPosition(build, bottom).y;
-    const float closedGap = targetPosition(build, name, top).y - targetPosition(build, name, bottom).y;
+    const float closedGap = openGap + targetDelta(build, name, top).y - targetDelta(build, name, bottom).y;
     EXPECT_GT(openGap, 0.09f) << name;
     EXPECT_LT(std::fabs(closedGap), 0.01f) << name;  // the lids meet
     // The upper lid travels about hu + 0.75 hl.
-    const float travel = neutralPosition(build, top).y - targetPosition(build, name, top).y;
+    const float travel = -targetDelta(build, name, top).y;
     EXPECT_NEAR(travel, 0.046f + 0.75f * 0.056f, 0.006f) << name;
   }
 }
@@ -244,8 +248,9 @@ TEST(MaskTargets, SecondBuildSharesTheMeshArrays) {
   EXPECT_EQ(g.materials.size(), 3u);
   EXPECT_EQ(a.morpher->calculationMode, Morpher::CalculationMode::normalized);
   for (const auto& target : *a.morpher->targets) {
-    ASSERT_EQ(target->vertexCount(), topo.shellCount());
-    ASSERT_EQ(target->source(GeometrySource::Semantic::normal)->vectorCount, static_cast<int>(topo.shellCount()));
+    ASSERT_TRUE(target->hasPositions && target->hasNormals);
+    ASSERT_FALSE(target->vertices.empty());
+    ASSERT_LT(target->vertices.back(), topo.shellCount());
   }
 }
 
@@ -256,21 +261,25 @@ TEST(MaskTargets, TargetsMatchAFreshAssemblyAndTheReferenceBlend) {
   const auto& table = T::blendShapeDisplacements();
   for (const std::size_t t : {std::size_t{0}, std::size_t{24}, std::size_t{33}}) {
     const auto shell = G::assemble(T::displacedFront(table[t], G::neutralFront()));
-    const Geometry& target = *(*build.morpher->targets)[t];
+    const MorphTarget& target = *(*build.morpher->targets)[t];
     EXPECT_EQ(target.name, table[t].name);
+    const auto neutral = G::assemble(G::neutralFront());
+    const auto dp = target.densePositionDeltas(shell.positions.size());
+    const auto dn = target.denseNormalDeltas(shell.normals.size());
     for (std::size_t i = 0; i < shell.positions.size(); i += 101) {
-      ASSERT_EQ(target.source(GeometrySource::Semantic::vertex)->vec3(i), shell.positions[i]);
-      ASSERT_EQ(target.source(GeometrySource::Semantic::normal)->vec3(i), shell.normals[i]);
+      ASSERT_EQ(dp[i], shell.positions[i] - neutral.positions[i]);
+      ASSERT_EQ(dn[i], shell.normals[i] - neutral.normals[i]);
     }
   }
 
   // Weight 1 on one target reproduces it; weight 0 everywhere is neutral.
   build.morpher->setWeight(33, 1.0f);  // cheekPuff
   const auto blended = referenceBlend(*build.node->geometry, *build.morpher);
-  const Geometry& puff = *(*build.morpher->targets)[33];
+  const auto neutral = G::assemble(G::neutralFront());
+  const auto puff = G::assemble(T::displacedFront(table[33], G::neutralFront()));
   for (std::size_t i = 0; i < blended.positions.size(); i += 37) {
-    ASSERT_NEAR(glm::length(blended.positions[i] - puff.source(GeometrySource::Semantic::vertex)->vec3(i)), 0.0f, 1e-6f);
-    ASSERT_NEAR(glm::length(blended.normals[i] - puff.source(GeometrySource::Semantic::normal)->vec3(i)), 0.0f, 1e-5f);
+    ASSERT_NEAR(glm::length(blended.positions[i] - puff.positions[i]), 0.0f, 1e-6f);
+    ASSERT_NEAR(glm::length(blended.normals[i] - puff.normals[i]), 0.0f, 1e-5f);
   }
   build.morpher->setWeight(33, 0.0f);
   const auto rest = referenceBlend(*build.node->geometry, *build.morpher);
@@ -278,17 +287,15 @@ TEST(MaskTargets, TargetsMatchAFreshAssemblyAndTheReferenceBlend) {
 }
 
 TEST(MaskTargets, WireframeMorpherHasFrontOnlyTargets) {
-  const auto geometry = G::makeWireframeGeometry();
   const auto morpher = makeWireframeMorpher();
   ASSERT_EQ(morpher->targetCount(), 43u);
   EXPECT_EQ(makeWireframeMorpher()->targets, morpher->targets);  // shared
   const auto& topo = G::topology();
-  const Geometry& open = *(*morpher->targets)[34];
+  const MorphTarget& open = *(*morpher->targets)[34];
   EXPECT_EQ(open.name, "jawOpen");
-  EXPECT_EQ(open.vertexCount(), topo.frontCount());
+  EXPECT_LT(open.vertices.back(), topo.frontCount());
   const std::size_t lower = topo.frontCount() - 41;  // a mouth-row duplicate near x = 0
-  const float dy = open.source(GeometrySource::Semantic::vertex)->vec3(lower).y -
-                   geometry->source(GeometrySource::Semantic::vertex)->vec3(lower).y;
+  const float dy = open.densePositionDeltas(topo.frontCount())[lower].y;
   EXPECT_LT(dy, -0.2f);
 }
 

@@ -90,9 +90,9 @@ inline TestMesh makeTestFace() {
   };
   tilt(jaw, 0.3f);
   tilt(bulge, -0.2f);
-  auto targets = std::make_shared<std::vector<std::shared_ptr<const Geometry>>>();
-  targets->push_back(jaw);
-  targets->push_back(bulge);
+  auto targets = std::make_shared<MorphTargetList>();
+  targets->push_back(MorphTarget::fromGeometry(*base, *jaw));
+  targets->push_back(MorphTarget::fromGeometry(*base, *bulge));
   auto morpher = std::make_shared<Morpher>();
   morpher->targets = targets;
   morpher->weights.assign(2, 0.0f);
