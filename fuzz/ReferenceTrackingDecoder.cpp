@@ -11,13 +11,12 @@
 //   [SECTION] Comparison
 
 #include <bit>
+#include <charconv>
 #include <cctype>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <string_view>
 #include <vector>
 
@@ -419,84 +418,87 @@ ReferenceFrame decodeReference(std::span<const std::uint8_t> data) {
 
 namespace {
 
-bool same(float a, float b) {
-  return (std::isnan(a) && std::isnan(b)) || std::bit_cast<std::uint32_t>(a) == std::bit_cast<std::uint32_t>(b);
-}
-
+// The shortest text that reads back to the same bits ("-0" stays apart from
+// "0"); every NaN is "nan", so two NaNs agree whatever their payload.
 std::string shown(float v) {
-  char text[64];
-  std::snprintf(text, sizeof text, "%.9g (0x%08x)", double(v), std::bit_cast<std::uint32_t>(v));
-  return text;
+  if (std::isnan(v)) return "nan";
+  char text[32];
+  return std::string(text, std::to_chars(text, text + sizeof text, v).ptr);
 }
 
 std::string shown(const std::optional<float3>& v) {
-  if (!v) return "none";
-  return "(" + shown(v->x) + ", " + shown(v->y) + ", " + shown(v->z) + ")";
+  return v ? shown(v->x) + " " + shown(v->y) + " " + shown(v->z) : "none";
 }
 
-bool same(const std::optional<float3>& a, const std::optional<float3>& b) {
-  if (a.has_value() != b.has_value()) return false;
-  return !a || (same(a->x, b->x) && same(a->y, b->y) && same(a->z, b->z));
+std::string shown(const std::array<bool, 3>& set) {
+  return std::string{set[0] ? 'x' : '-', set[1] ? 'y' : '-', set[2] ? 'z' : '-'};
+}
+
+// Every field of a frame, one per line, names in byte order.
+std::string shown(const ReferenceFrame& f, bool frame) {
+  std::string out = "format " + std::string(trackingFormatName(f.format)) + (frame ? ", a frame" : ", no frame") +
+                    ", app " + std::string(trackingAppName(f.app)) + (f.faceFound ? ", face\n" : ", no face\n");
+  if (f.blendshapes) {
+    out += "blendshapes (" + std::to_string(f.blendshapes->size()) + "):";
+    for (const auto& [name, value] : std::map<std::string, float>(f.blendshapes->begin(), f.blendshapes->end())) {
+      out += " \"" + name + "\"=" + shown(value);
+    }
+    out += "\n";
+  }
+  out += "rotation " + shown(f.rotation) + " (set " + shown(f.rotationSet) + ")\n";
+  out += "position " + shown(f.position) + " (set " + shown(f.positionSet) + ")\n";
+  return out + "left eye " + shown(f.leftEye) + "\nright eye " + shown(f.rightEye) + "\n";
 }
 
 }  // namespace
 
+namespace {
+
+// A decoded frame in the reference's terms; what cannot be said in them
+// (a map whose size() disagrees with its names) is added to `notes`.
+ReferenceFrame asReference(const DecodedFrame& decoded, std::string& notes) {
+  ReferenceFrame got;
+  const FaceFrame& f = decoded.frame;
+  if (f.blendshapes) {
+    std::size_t count = 0;
+    got.blendshapes.emplace();
+    for (const auto& [name, value] : *f.blendshapes) {
+      ++count;
+      got.blendshapes->emplace(std::string(name), value);
+    }
+    if (count != f.blendshapes->size() || count != got.blendshapes->size()) {
+      notes += "blendshapes: " + std::to_string(count) + " names iterated, " + std::to_string(got.blendshapes->size()) +
+               " distinct, size() " + std::to_string(f.blendshapes->size()) + "\n";
+    }
+  }
+  got.rotation = f.rotation;
+  got.position = f.position;
+  got.leftEye = f.leftEyeRotation;
+  got.rightEye = f.rightEyeRotation;
+  got.faceFound = f.faceFound;
+  got.app = decoded.app;
+  got.rotationSet = decoded.rotationSet;
+  got.positionSet = decoded.positionSet;
+  return got;
+}
+
+}  // namespace
+
+std::string shown(const DecodedFrame& frame) {
+  std::string notes;
+  return shown(asReference(frame, notes), true) + "sender " + frame.frame.sender + "\n" + notes;
+}
+
 std::string differences(const ReferenceFrame& expected, const DecodedDatagram& decoded, const std::string& sender) {
   std::string out;
-  if (expected.format != decoded.format) {
-    out += "format: expected " + std::string(trackingFormatName(expected.format)) + ", decoded " +
-           std::string(trackingFormatName(decoded.format)) + "\n";
+  ReferenceFrame got = decoded.frame ? asReference(*decoded.frame, out) : ReferenceFrame{};
+  got.format = decoded.format;
+  if (decoded.frame && decoded.frame->frame.sender != sender) {
+    out += "sender: expected " + sender + ", decoded " + decoded.frame->frame.sender + "\n";
   }
-  const bool frameExpected = expected.format != TrackingFormat::unknown;
-  if (frameExpected != decoded.frame.has_value()) {
-    out += std::string("frame: expected ") + (frameExpected ? "one" : "none") + "\n";
-  }
-  if (!out.empty() || !decoded.frame) return out;
-
-  const FaceFrame& got = decoded.frame->frame;
-  if (expected.blendshapes.has_value() != got.blendshapes.has_value()) {
-    out += std::string("blendshapes: expected ") + (expected.blendshapes ? "a map" : "none") + "\n";
-  } else if (expected.blendshapes) {
-    const ReferenceMap& want = *expected.blendshapes;
-    std::size_t count = 0;
-    for (const auto& [name, value] : *got.blendshapes) {
-      ++count;
-      const auto it = want.find(std::string(name));
-      if (it == want.end()) {
-        out += "blendshape \"" + std::string(name) + "\" not expected\n";
-      } else if (!same(it->second, value)) {
-        out += "blendshape \"" + std::string(name) + "\": expected " + shown(it->second) + ", decoded " +
-               shown(value) + "\n";
-      }
-    }
-    for (const auto& [name, value] : want) {
-      if (got.blendshapes->find(name) == got.blendshapes->end()) out += "blendshape \"" + name + "\" missing\n";
-    }
-    if (count != want.size() || got.blendshapes->size() != want.size()) {
-      out += "blendshapes: expected " + std::to_string(want.size()) + " names, decoded " + std::to_string(count) +
-             " (size() " + std::to_string(got.blendshapes->size()) + ")\n";
-    }
-  }
-  if (!same(expected.rotation, got.rotation)) {
-    out += "rotation: expected " + shown(expected.rotation) + ", decoded " + shown(got.rotation) + "\n";
-  }
-  if (!same(expected.position, got.position)) {
-    out += "position: expected " + shown(expected.position) + ", decoded " + shown(got.position) + "\n";
-  }
-  if (!same(expected.leftEye, got.leftEyeRotation)) {
-    out += "left eye: expected " + shown(expected.leftEye) + ", decoded " + shown(got.leftEyeRotation) + "\n";
-  }
-  if (!same(expected.rightEye, got.rightEyeRotation)) {
-    out += "right eye: expected " + shown(expected.rightEye) + ", decoded " + shown(got.rightEyeRotation) + "\n";
-  }
-  if (expected.faceFound != got.faceFound) out += "faceFound differs\n";
-  if (expected.app != decoded.frame->app) {
-    out += "app: expected \"" + std::string(trackingAppName(expected.app)) + "\", decoded \"" +
-           std::string(trackingAppName(decoded.frame->app)) + "\"\n";
-  }
-  if (expected.rotationSet != decoded.frame->rotationSet) out += "rotation components set differ\n";
-  if (expected.positionSet != decoded.frame->positionSet) out += "position components set differ\n";
-  if (got.sender != sender) out += "sender: expected " + sender + ", decoded " + got.sender + "\n";
+  const std::string want = shown(expected, expected.format != TrackingFormat::unknown);
+  const std::string have = shown(got, decoded.frame.has_value());
+  if (want != have) out += "expected:\n" + want + "decoded:\n" + have;
   return out;
 }
 

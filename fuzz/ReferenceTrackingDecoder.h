@@ -46,6 +46,11 @@ ReferenceFrame decodeReference(std::span<const std::uint8_t> data);
 // agree when their bits are equal, or when both are NaN.
 std::string differences(const ReferenceFrame& expected, const DecodedDatagram& decoded, const std::string& sender);
 
+// Every field of a decoded frame as text, names in byte order, floats as
+// their shortest exact text (NaN as "nan"): two frames with the same text
+// agree bit for bit.
+std::string shown(const DecodedFrame& frame);
+
 // decodeDatagram and decodeReference over the same bytes; the differences
 // (empty when none).
 std::string crossCheck(std::span<const std::uint8_t> data);

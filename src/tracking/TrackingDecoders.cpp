@@ -291,25 +291,15 @@ std::optional<std::pair<std::string_view, float>> vmcPair(const OSCMessageView& 
   return std::pair<std::string_view, float>(*name, *value);
 }
 
-const float* floatArgument(const OSCMessage& m, std::size_t i) { return m.arguments[i].get<float>(); }
-const float* floatArgument(const OSCMessageView& m, std::size_t i) { return std::get_if<float>(&m.arguments[i]); }
-bool isHeadBone(const OSCMessage& m) {
-  const auto* name = m.arguments[0].get<std::string>();
-  return name && *name == "Head";
-}
-bool isHeadBone(const OSCMessageView& m) {
-  const auto* name = std::get_if<std::string_view>(&m.arguments[0]);
-  return name && *name == "Head";
-}
-
 // "/VMC/Ext/Bone/Pos" of the bone "Head": its seven float32 (position x, y,
 // z, quaternion x, y, z, w); none for other bones or other arguments.
-template <class Message>
-std::optional<std::array<float, 7>> vmcHeadBone(const Message& m) {
-  if (m.arguments.size() < 8 || !isHeadBone(m)) return std::nullopt;
+std::optional<std::array<float, 7>> vmcHeadBone(const OSCMessageView& m) {
+  if (m.arguments.size() < 8) return std::nullopt;
+  const auto* name = std::get_if<std::string_view>(&m.arguments[0]);
+  if (!name || *name != "Head") return std::nullopt;
   std::array<float, 7> v{};
   for (std::size_t i = 0; i < 7; ++i) {
-    const float* f = floatArgument(m, i + 1);
+    const float* f = std::get_if<float>(&m.arguments[i + 1]);
     if (!f) return std::nullopt;
     v[i] = *f;
   }

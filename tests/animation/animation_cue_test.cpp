@@ -4,7 +4,7 @@
 
 #include <cmath>
 #include <limits>
-#include <set>
+#include <iterator>
 
 #include "animation/AnimationOutput.h"
 
@@ -13,36 +13,43 @@ namespace {
 
 using K = AnimationCue::Kind;
 
-TEST(AnimationCue, NamesAreDistinctDisplayTextsInCatalogueOrder) {
-  std::set<std::string> distinct;
-  for (std::size_t i = 0; i < AnimationCue::allKinds.size(); ++i) {
-    EXPECT_EQ(static_cast<std::size_t>(AnimationCue::allKinds[i]), i) << "allKinds must list the kinds in index order";
-    distinct.insert(AnimationCue::name(AnimationCue::allKinds[i]));
-  }
-  EXPECT_EQ(distinct.size(), 15u);
-  EXPECT_EQ(AnimationCue::name(K::ghostFlyIn), "Ghost Fly In");
-  EXPECT_EQ(AnimationCue::name(K::ghostSpook), "Ghost Spook (Boo!)");
-  EXPECT_EQ(AnimationCue::name(K::ghostLaugh), "Ghost Chuckle & Laugh");
-  EXPECT_EQ(AnimationCue::name(K::maskLaugh), "Mask Belly Laugh");
-  EXPECT_EQ(AnimationCue::name(K::maskGlare), "Mask Menacing Glare");
-  // "Ghost 360° Spin": 16 bytes of UTF-8, whatever the requested duration.
-  const std::string spin = AnimationCue::make(K::ghostSpin, -3).name();
-  EXPECT_EQ(spin, "Ghost 360\xC2\xB0 Spin");
-  EXPECT_EQ(spin.size(), 16u);
-}
-
-TEST(AnimationCue, DurationIsRaisedToTheKindsMinimum) {
-  const std::set<K> shortKinds = {K::ghostSpook, K::ghostShiver, K::maskGasp,
-                                  K::maskNod,    K::maskShake,   K::maskGlare};
-  for (K kind : AnimationCue::allKinds) {
-    const double minimum = shortKinds.count(kind) ? 0.4 : 0.5;
-    SCOPED_TRACE(AnimationCue::name(kind));
-    EXPECT_EQ(AnimationCue::make(kind, 0).duration(), minimum);
-    EXPECT_EQ(AnimationCue::make(kind, -2).duration(), minimum);
-    EXPECT_EQ(AnimationCue::make(kind, 0.45).duration(), std::max(0.45, minimum));
-    EXPECT_EQ(AnimationCue::make(kind, std::nan("")).duration(), minimum);
-    EXPECT_EQ(AnimationCue::make(kind, -std::numeric_limits<double>::infinity()).duration(), minimum);
-    EXPECT_EQ(AnimationCue::make(kind, 3.25).duration(), 3.25);
+// Every kind in catalogue order: its display text (exact), its minimum
+// duration and whether it is a ghost cue.
+TEST(AnimationCue, EveryKindsTextMinimumAndCharacter) {
+  const struct {
+    K kind;
+    const char* name;
+    double minimum;
+    bool ghost;
+  } rows[] = {
+      {K::ghostFlyIn, "Ghost Fly In", 0.5, true},
+      {K::ghostFlyOut, "Ghost Fly Out", 0.5, true},
+      {K::ghostSpook, "Ghost Spook (Boo!)", 0.4, true},
+      {K::ghostSpin, "Ghost 360\xC2\xB0 Spin", 0.5, true},  // 16 bytes of UTF-8
+      {K::ghostWobble, "Ghost Eerie Wobble", 0.5, true},
+      {K::ghostPeek, "Ghost Side Peek", 0.5, true},
+      {K::ghostLaugh, "Ghost Chuckle & Laugh", 0.5, true},
+      {K::ghostShiver, "Ghost Scared Shiver", 0.4, true},
+      {K::maskBow, "Mask Dramatic Bow", 0.5, false},
+      {K::maskGasp, "Mask Gasp", 0.4, false},
+      {K::maskNod, "Mask Nod", 0.4, false},
+      {K::maskShake, "Mask Shake", 0.4, false},
+      {K::maskLaugh, "Mask Belly Laugh", 0.5, false},
+      {K::maskSob, "Mask Tragedy Sob", 0.5, false},
+      {K::maskGlare, "Mask Menacing Glare", 0.4, false},
+  };
+  ASSERT_EQ(AnimationCue::allKinds.size(), std::size(rows));
+  for (std::size_t i = 0; i < std::size(rows); ++i) {
+    const auto& r = rows[i];
+    SCOPED_TRACE(r.name);
+    EXPECT_EQ(AnimationCue::allKinds[i], r.kind) << "allKinds must list the kinds in index order";
+    EXPECT_EQ(static_cast<std::size_t>(r.kind), i);
+    EXPECT_EQ(AnimationCue::make(r.kind, -3).name(), r.name);  // whatever the requested duration
+    EXPECT_EQ(AnimationCue::isGhostCue(r.kind), r.ghost);
+    for (const double requested : {0.0, -2.0, std::nan(""), -std::numeric_limits<double>::infinity()})
+      EXPECT_EQ(AnimationCue::make(r.kind, requested).duration(), r.minimum) << requested;
+    EXPECT_EQ(AnimationCue::make(r.kind, 0.45).duration(), std::max(0.45, r.minimum));
+    EXPECT_EQ(AnimationCue::make(r.kind, 3.25).duration(), 3.25);
   }
 }
 
@@ -52,13 +59,6 @@ TEST(AnimationCue, EqualityComparesKindAndRequestedDuration) {
   EXPECT_NE(AnimationCue::make(K::ghostSpook, 1.0), AnimationCue::make(K::ghostShiver, 1.0));
   // Requested values below the minimum are still distinct cues.
   EXPECT_NE(AnimationCue::make(K::maskNod, 0.0), AnimationCue::make(K::maskNod, 0.1));
-}
-
-TEST(AnimationCue, CharacterOfEachKind) {
-  for (K kind : AnimationCue::allKinds) {
-    const bool ghost = AnimationCue::name(kind).rfind("Ghost", 0) == 0;
-    EXPECT_EQ(AnimationCue::isGhostCue(kind), ghost) << AnimationCue::name(kind);
-  }
 }
 
 TEST(AnimationOutput, NeutralIsIdentity) {

@@ -1,28 +1,39 @@
+// The settings file and the whole-file replacement under it: new bytes
+// replace the old ones entirely, no temporary file stays behind, a write that
+// cannot happen leaves the folder as it was and says why.
 #include "base/SettingsStore.h"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
+#include "base/AtomicFile.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 namespace velmora {
 namespace {
 
-std::string readFile(const std::filesystem::path& p) {
-  std::ifstream in(p);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+namespace fs = std::filesystem;
+
+std::string contents(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-TEST(SettingsStore, ValuesSurviveANewInstanceOnTheSameFolder) {
+int entries(const fs::path& dir) {
+  int n = 0;
+  for ([[maybe_unused]] const auto& e : fs::directory_iterator(dir)) ++n;
+  return n;
+}
+
+TEST(SettingsStore, ValuesSurviveANewInstanceAndTypedReadsRefuseOtherKinds) {
   test::TempDir dir;
   {
     SettingsStore store(dir.path());
     EXPECT_TRUE(store.set("text", "cartoon_ghost"));
+    store.set("three", "3");
     store.set("int", 53100);
     store.set("flag", false);
     store.set("real", 0.25);
@@ -34,66 +45,49 @@ TEST(SettingsStore, ValuesSurviveANewInstanceOnTheSameFolder) {
   EXPECT_EQ(again.integer("int"), 53100);
   EXPECT_EQ(again.boolean("flag"), false);
   EXPECT_EQ(again.number("real"), 0.25);
+  EXPECT_EQ(again.number("int"), 53100.0);  // any number reads as a double
   ASSERT_TRUE(again.array("list"));
   EXPECT_EQ(again.array("list")->size(), 2u);
   ASSERT_TRUE(again.dictionary("dict"));
   EXPECT_TRUE(again.dictionary("dict")->contains("jawOpen"));
+  EXPECT_FALSE(again.integer("three"));  // a string that looks like a number is not an integer
+  EXPECT_FALSE(again.integer("real"));   // a fractional number is not an integer
+  EXPECT_FALSE(again.integer("flag"));
+  EXPECT_FALSE(again.boolean("int"));  // 1/0 are not booleans
+  EXPECT_FALSE(again.string("int"));
+  EXPECT_FALSE(again.object("absent"));
+  EXPECT_FALSE(again.dictionary("text"));
+  EXPECT_FALSE(again.array("text"));
 }
 
-TEST(SettingsStore, TypedReadsRefuseOtherKinds) {
-  test::TempDir dir;
-  SettingsStore store(dir.path());
-  store.set("s", "3");
-  store.set("d", 2.5);
-  store.set("b", true);
-  store.set("i", 7);
-  EXPECT_FALSE(store.integer("s"));  // a string that looks like a number is not an integer
-  EXPECT_FALSE(store.integer("d"));  // a fractional number is not an integer
-  EXPECT_FALSE(store.integer("b"));
-  EXPECT_FALSE(store.boolean("i"));  // 1/0 are not booleans
-  EXPECT_FALSE(store.string("i"));
-  EXPECT_EQ(store.number("i"), 7.0);  // any number reads as a double
-  EXPECT_FALSE(store.object("absent"));
-  EXPECT_FALSE(store.dictionary("s"));
-  EXPECT_FALSE(store.array("s"));
-}
-
+// A file cut short mid-write by some other program, or one whose top level
+// is not an object, is moved aside with one log line; the next write is valid.
 TEST(SettingsStore, CorruptFileIsMovedAsideWithOneLogLineAndTheNextWriteIsValid) {
-  test::TempDir dir;
-  {
-    std::ofstream out(dir.path() / "settings.json");
-    out << "{ \"characterModel\": \"cartoon_gh";  // truncated mid-write by some other program
-  }
-  test::LogCapture log;
-  SettingsStore store(dir.path());
-  const auto lines = log.lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].rfind("[Settings] ", 0), 0u);
-  EXPECT_FALSE(store.object("characterModel"));
-
-  int aside = 0;
-  for (const auto& e : std::filesystem::directory_iterator(dir.path()))
-    if (e.path().filename().string().rfind("settings.json.corrupt-", 0) == 0) {
-      ++aside;
-      EXPECT_NE(readFile(e.path()).find("cartoon_gh"), std::string::npos) << "the old content is kept";
+  for (const char* corrupt : {"{ \"characterModel\": \"cartoon_gh", "[1, 2, 3]"}) {
+    SCOPED_TRACE(corrupt);
+    test::TempDir dir;
+    std::ofstream(dir.path() / "settings.json") << corrupt;
+    test::LogCapture log;
+    SettingsStore store(dir.path());
+    const auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].rfind("[Settings] ", 0), 0u);
+    EXPECT_FALSE(store.object("characterModel"));
+    EXPECT_FALSE(store.object("0"));
+    EXPECT_FALSE(std::filesystem::exists(store.filePath()));
+    int aside = 0;
+    for (const auto& e : std::filesystem::directory_iterator(dir.path())) {
+      if (e.path().filename().string().rfind("settings.json.corrupt-", 0) == 0) {
+        ++aside;
+        EXPECT_EQ(contents(e.path()), corrupt) << "the old content is kept";
+      }
     }
-  EXPECT_EQ(aside, 1);
-
-  store.set("characterModel", "theatrical_mask");
-  auto parsed = nlohmann::json::parse(readFile(store.filePath()), nullptr, false);
-  ASSERT_TRUE(parsed.is_object());
-  EXPECT_EQ(parsed["characterModel"], "theatrical_mask");
-}
-
-TEST(SettingsStore, ATopLevelThatIsNotAnObjectCountsAsCorrupt) {
-  test::TempDir dir;
-  {
-    std::ofstream out(dir.path() / "settings.json");
-    out << "[1, 2, 3]";
+    EXPECT_EQ(aside, 1);
+    store.set("characterModel", "theatrical_mask");
+    auto parsed = nlohmann::json::parse(contents(store.filePath()), nullptr, false);
+    ASSERT_TRUE(parsed.is_object());
+    EXPECT_EQ(parsed["characterModel"], "theatrical_mask");
   }
-  SettingsStore store(dir.path());
-  EXPECT_FALSE(store.object("0"));
-  EXPECT_FALSE(std::filesystem::exists(store.filePath()));
 }
 
 TEST(SettingsStore, WritesLeaveNoTemporaryFilesAndCreateTheFolder) {
@@ -101,9 +95,7 @@ TEST(SettingsStore, WritesLeaveNoTemporaryFilesAndCreateTheFolder) {
   SettingsStore store(dir.path() / "nested" / "velmora");
   EXPECT_TRUE(store.set("a", 1));
   EXPECT_TRUE(store.remove("a"));
-  int files = 0;
-  for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(store.folder())) ++files;
-  EXPECT_EQ(files, 1);
+  EXPECT_EQ(entries(store.folder()), 1);
   EXPECT_FALSE(SettingsStore(store.folder()).object("a"));
 }
 
@@ -130,6 +122,30 @@ TEST(SettingsStore, DefaultFolderFollowsTheEnvironment) {
   ::setenv("HOME", "/home/op", 1);
   EXPECT_EQ(SettingsStore::defaultFolder(), "/home/op/.config/velmora");
   ::setenv("VELMORA_CONFIG_DIR", saved.c_str(), 1);
+}
+
+TEST(AtomicFile, ReplacesTheWholeFileAndLeavesNoTemporaryFile) {
+  test::TempDir dir;
+  const fs::path file = dir.path() / "a.bin";
+  ASSERT_EQ(AtomicFile::write(file, std::string(10000, 'x')), "");
+  const std::string shorter("\0glb\0", 5);  // binary-safe, and shorter than before
+  ASSERT_EQ(AtomicFile::write(file, shorter), "");
+  EXPECT_EQ(contents(file), shorter);
+  EXPECT_EQ(entries(dir.path()), 1);
+
+  const fs::path secret = dir.path() / "settings.json";
+  ASSERT_EQ(AtomicFile::write(secret, "{}", 0600), "");
+  EXPECT_EQ(fs::status(secret).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+}
+
+TEST(AtomicFile, AWriteThatCannotHappenSaysWhyAndLeavesNothing) {
+  test::TempDir dir;
+  EXPECT_EQ(AtomicFile::write(dir.path() / "missing" / "a.bin", "data"), "No such file or directory");
+  const fs::path asFolder = dir.path() / "taken";
+  fs::create_directory(asFolder);  // a folder where the file should go: the rename fails
+  EXPECT_EQ(AtomicFile::write(asFolder, "data"), "Is a directory");
+  EXPECT_TRUE(fs::is_directory(asFolder));
+  EXPECT_EQ(entries(dir.path()), 1);
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 // The cartoon ghost: node tree and names, target map, framing limits, the
-// shell, the mouth (rim, opening, cavity that follows) and the head metric.
+// shell, what each expression does to the mouth, and mirrored sides.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cctype>
 #include <cmath>
 #include <set>
@@ -15,14 +16,6 @@ namespace velmora {
 namespace {
 
 using Semantic = GeometrySource::Semantic;
-
-// Every ARKit blendshape name but the given ones.
-std::set<std::string> arkitNamesExcept(std::initializer_list<const char*> excluded) {
-  std::set<std::string> names;
-  for (const auto shape : allCases<ARKitBlendShape>()) names.insert(std::string(rawValue(shape)));
-  for (const char* name : excluded) names.erase(name);
-  return names;
-}
 
 struct Bounds {
   float3 lo{1e9f}, hi{-1e9f};
@@ -42,69 +35,54 @@ void addBounds(const Node& node, Bounds& b) {
   for (const auto& c : node.children()) addBounds(*c, b);
 }
 
-// Vertical extent of the mouth opening near x = 0 in a blended outer surface.
-std::pair<float, float> mouthGap(const std::vector<float3>& positions) {
-  const auto& body = CartoonGhost::body();
-  float top = -1e9f, bottom = 1e9f;
-  for (const auto i : body.mouthRim) {
-    if (std::fabs(body.outer[static_cast<std::size_t>(i)].x) > 0.03f) continue;
-    top = std::max(top, positions[static_cast<std::size_t>(i)].y);
-    bottom = std::min(bottom, positions[static_cast<std::size_t>(i)].y);
-  }
-  return {bottom, top};
-}
-
 TEST(CartoonGhost, NodeTreeNamesAndEyes) {
   const auto build = createGhostNode();
   ASSERT_TRUE(build.node);
   EXPECT_EQ(build.node->name, "CartoonGhost");
-  EXPECT_EQ(build.node->morpher, build.morpher);
-  const auto left = build.node->find("LeftEye");
-  const auto right = build.node->find("RightEye");
-  const auto cavity = build.node->find("MouthCavityBacking");
-  ASSERT_TRUE(left && right && cavity);
   // The "Left" eye is on the x >= 0 side; the pivot is the eye's centre, so
-  // the geometry is centred on the node.
-  EXPECT_FLOAT_EQ(left->position.x, 0.21f);
-  EXPECT_FLOAT_EQ(right->position.x, -0.21f);
-  EXPECT_NEAR(left->position.y, 0.42f, 1e-6f);
-  EXPECT_GT(left->position.z, 0.25f);
-  Bounds eye;
-  const auto* eyePos = left->geometry->source(Semantic::vertex);
-  for (int i = 0; i < eyePos->vectorCount; ++i) eye.add(eyePos->vec3(static_cast<std::size_t>(i)));
-  EXPECT_NEAR(eye.hi.x - eye.lo.x, 0.09f, 1e-3f);
-  EXPECT_NEAR(eye.hi.y - eye.lo.y, 0.13f, 1e-3f);
-  EXPECT_NEAR(eye.hi.x + eye.lo.x, 0.0f, 1e-5f);
-  EXPECT_NEAR(eye.hi.y + eye.lo.y, 0.0f, 1e-5f);
-  EXPECT_LT(left->geometry->materials[0].roughness, 0.3f);  // glossy
-  // A blink squash keeps the eye centred where it was.
-  left->scale = float3(1.0f, 0.08f, 1.0f);
-  EXPECT_EQ(float3(left->worldTransform()[3]), left->position);
+  // the geometry is centred on the node (0.09 wide, 0.13 tall).
+  const struct {
+    const char* name;
+    float x;
+  } eyes[] = {{"LeftEye", 0.21f}, {"RightEye", -0.21f}};
+  for (const auto& e : eyes) {
+    const auto eye = build.node->find(e.name);
+    ASSERT_TRUE(eye) << e.name;
+    EXPECT_FLOAT_EQ(eye->position.x, e.x);
+    EXPECT_NEAR(eye->position.y, 0.42f, 1e-6f);
+    EXPECT_GT(eye->position.z, 0.25f);
+    EXPECT_LT(eye->geometry->materials[0].roughness, 0.3f);  // glossy
+    Bounds b;
+    addBounds(*eye, b);
+    EXPECT_NEAR(b.hi.x - b.lo.x, 0.09f, 1e-3f) << e.name;
+    EXPECT_NEAR(b.hi.y - b.lo.y, 0.13f, 1e-3f) << e.name;
+    EXPECT_NEAR((b.hi.x + b.lo.x) / 2, e.x, 1e-5f) << e.name;
+    EXPECT_NEAR((b.hi.y + b.lo.y) / 2, 0.42f, 1e-5f) << e.name;
+    // A blink squash keeps the eye centred where it was.
+    eye->scale = float3(1.0f, 0.08f, 1.0f);
+    EXPECT_EQ(float3(eye->worldTransform()[3]), eye->position);
+  }
+  ASSERT_TRUE(build.node->find("MouthCavityBacking"));
 }
 
 TEST(CartoonGhost, TargetMapCoversTheListedExpressions) {
   const auto build = createGhostNode();
   const auto& map = build.targetNameToIndex;
   EXPECT_EQ(map.size(), build.morpher->targetCount());
-  EXPECT_EQ(map.size(), 41u);
-  // An ARKit name each, every one but gaze, blink (the eye nodes) and the tongue.
+  EXPECT_EQ(CartoonGhost::displacements().size(), 41u);
+  // An ARKit name each, every one but gaze, blink (the eye nodes) and the
+  // tongue.
+  std::set<std::string> expected;
+  for (const auto shape : allCases<ARKitBlendShape>()) expected.insert(std::string(rawValue(shape)));
+  for (const char* gone : {"eyeLookDownLeft", "eyeLookDownRight", "eyeLookInLeft", "eyeLookInRight", "eyeLookOutLeft",
+                           "eyeLookOutRight", "eyeLookUpLeft", "eyeLookUpRight", "tongueOut", "eyeBlinkLeft",
+                           "eyeBlinkRight"})
+    expected.erase(gone);
   std::set<std::string> names;
   for (const auto& entry : CartoonGhost::displacements()) names.insert(entry.name);
-  EXPECT_EQ(CartoonGhost::displacements().size(), 41u);
-  EXPECT_EQ(names, arkitNamesExcept({"eyeLookDownLeft", "eyeLookDownRight", "eyeLookInLeft", "eyeLookInRight", "eyeLookOutLeft",
-                              "eyeLookOutRight", "eyeLookUpLeft", "eyeLookUpRight", "tongueOut", "eyeBlinkLeft", "eyeBlinkRight"}));
-  // Spelled lower-case, both sides.
-  for (const char* name : {"jawopen", "mouthsmileleft", "mouthsmileright", "cheekpuff", "nosesneerright"})
-    EXPECT_EQ(map.count(name), 1u) << name;
-  // Blink and gaze act through the eye nodes, not targets.
-  EXPECT_EQ(map.count("eyeblinkleft"), 0u);
-  EXPECT_EQ(map.count("eyelookupleft"), 0u);
-  // Indices match the target names.
-  for (const auto& [key, index] : map) {
-    std::string name = (*build.morpher->targets)[static_cast<std::size_t>(index)]->name;
-    for (auto& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    EXPECT_EQ(name, key);
-  }
+  EXPECT_EQ(names, expected);
+  // That each key names its own target (lower-cased) is checked by the
+  // export round trip (CharacterExport.EachFileReadsBackAsTheCharacterInMemory).
 }
 
 TEST(CartoonGhost, FitsTheFrameAtRest) {
@@ -117,10 +95,12 @@ TEST(CartoonGhost, FitsTheFrameAtRest) {
   EXPECT_LE(b.hi.y, 1.0f);
   EXPECT_GE(b.lo.z, -0.45f);
   EXPECT_LE(b.hi.z, 0.45f);
-  // And it fills it: a head near 0.95, tails near -1.0, a flared hem.
+  // And it fills it: a rounded head near 0.95, tails near -1.0, a flared hem.
   EXPECT_GT(b.hi.y, 0.9f);
   EXPECT_LT(b.lo.y, -0.95f);
   EXPECT_GT(b.hi.x, 0.7f);
+  const float headTop = ghostHeadTopHalfWidth();
+  EXPECT_TRUE(headTop >= 0.08f && headTop < 0.4f) << headTop;
 }
 
 TEST(CartoonGhost, ShellIsClosedAndFacesOutwards) {
@@ -153,8 +133,7 @@ TEST(CartoonGhost, ShellIsClosedAndFacesOutwards) {
   }
   EXPECT_EQ(hem, 144);
   EXPECT_EQ(k, static_cast<std::size_t>(hem) + body.mouthRim.size());
-
-  // Inside darker than the outside; the mouth rim darkest.
+  // Inside darker than the outside.
   const auto* colours = geometry->source(Semantic::color);
   ASSERT_NE(colours, nullptr);
   const float3 outside = colours->vec3(0);
@@ -163,73 +142,74 @@ TEST(CartoonGhost, ShellIsClosedAndFacesOutwards) {
   EXPECT_NEAR(outside.z, 1.0f, 1e-6f);
 }
 
-TEST(CartoonGhost, MouthRimOnTheEllipseAndOpensWithTheJaw) {
+// The mouth at rest is the ellipse centred at y 0.08 with semi-axes 0.16 x
+// 0.05, on the front. Each row sets weights and bounds one measure of the
+// mouth rim relative to rest (NaN: no bound).
+TEST(CartoonGhost, ExpressionsMoveTheirFeatureTheRightWay) {
   const auto& body = CartoonGhost::body();
   ASSERT_GT(body.mouthRim.size(), 20u);
   for (const auto i : body.mouthRim) {
     const float3 p = body.outer[static_cast<std::size_t>(i)];
-    const float a = p.x / CartoonGhost::mouthHalfWidth;
-    const float b = (p.y - CartoonGhost::mouthCentreY) / CartoonGhost::mouthHalfHeight;
-    EXPECT_NEAR(std::sqrt(a * a + b * b), 1.0f, 1e-4f);
-    EXPECT_GT(p.z, 0.2f);  // on the front
+    EXPECT_NEAR(std::hypot(p.x / 0.16f, (p.y - 0.08f) / 0.05f), 1.0f, 1e-4f);
+    EXPECT_GT(p.z, 0.2f);
+  }
+  const auto build = createGhostNode();
+  // Measures: 0 rim bottom near x = 0, 1 rim top there, 2 the x >= 0
+  // ("Left") corner's height, 3 the rim's half-width, 4 the opening's height.
+  const auto measure = [&](const std::vector<std::pair<const char*, float>>& weights) {
+    build.morpher->weights.assign(build.morpher->targetCount(), 0.0f);
+    for (const auto& [name, w] : weights) build.morpher->setWeight(static_cast<std::size_t>(build.targetNameToIndex.at(name)), w);
+    const auto blended = referenceBlend(*build.node->geometry, *build.morpher).positions;
+    std::array<float, 5> m{1e9f, -1e9f, 0.0f, 0.0f, 0.0f};
+    float cornerX = 0.0f;
+    for (const auto i : body.mouthRim) {
+      const float3 rest = body.outer[static_cast<std::size_t>(i)];
+      const float3 p = blended[static_cast<std::size_t>(i)];
+      if (std::fabs(rest.x) <= 0.03f) m[0] = std::min(m[0], p.y), m[1] = std::max(m[1], p.y);
+      if (rest.x > cornerX) cornerX = rest.x, m[2] = p.y;
+      m[3] = std::max(m[3], std::fabs(p.x));
+    }
+    m[4] = m[1] - m[0];
+    return m;
+  };
+  const auto rest = measure({});
+  EXPECT_NEAR(rest[4], 0.1f, 1e-3f);
+  constexpr float N = NAN;
+  const struct {
+    std::vector<std::pair<const char*, float>> weights;
+    int measure;
+    float lo, hi;  // bounds of (measure - rest)
+  } rows[] = {
+      {{{"jawopen", 1.0f}}, 1, -1e-4f, 1e-4f},  // the upper rim stays
+      {{{"jawopen", 1.0f}}, 0, N, -0.15f},      // the lower rim drops
+      {{{"mouthsmileleft", 1.0f}}, 2, 0.04f, N},
+      {{{"mouthfrownleft", 1.0f}}, 2, N, -0.04f},
+      {{{"mouthsmileright", 1.0f}}, 2, -0.01f, 0.01f},  // the other corner
+      {{{"jawopen", 0.95f}, {"mouthfunnel", 0.7f}}, 4, 0.1f, N},  // the spook: a tall, rounder O
+      {{{"jawopen", 0.95f}, {"mouthfunnel", 0.7f}}, 3, N, 0.16f - rest[3]},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(std::string(r.weights[0].first) + " measure " + std::to_string(r.measure));
+    const float delta = measure(r.weights)[static_cast<std::size_t>(r.measure)] - rest[static_cast<std::size_t>(r.measure)];
+    EXPECT_TRUE(std::isnan(r.lo) || delta > r.lo) << delta;
+    EXPECT_TRUE(std::isnan(r.hi) || delta < r.hi) << delta;
   }
 
-  const auto build = createGhostNode();
-  const auto rest = referenceBlend(*build.node->geometry, *build.morpher);
-  const auto [restBottom, restTop] = mouthGap(rest.positions);
-  EXPECT_NEAR(restTop - restBottom, 0.1f, 1e-3f);
-
-  build.morpher->setWeight(static_cast<std::size_t>(build.targetNameToIndex.at("jawopen")), 1.0f);
-  const auto open = referenceBlend(*build.node->geometry, *build.morpher);
-  const auto [openBottom, openTop] = mouthGap(open.positions);
-  EXPECT_NEAR(openTop, restTop, 1e-4f);           // the upper rim stays
-  EXPECT_LT(openBottom, restBottom - 0.15f);      // the lower rim drops
-
-  // The cavity follows the same weights and still backs the whole opening.
+  // The cavity follows the body's weights (this build's only) and still
+  // backs the whole opening, behind the front, in front of the back.
+  const auto open = measure({{"jawopen", 1.0f}});
   const auto cavityNode = build.node->find("MouthCavityBacking");
   ASSERT_TRUE(cavityNode && cavityNode->morpher);
-  EXPECT_EQ(cavityNode->morpher->weight(static_cast<std::size_t>(build.targetNameToIndex.at("jawopen"))), 1.0f);
-  const auto cavity = referenceBlend(*cavityNode->geometry, *cavityNode->morpher);
+  const auto jaw = static_cast<std::size_t>(build.targetNameToIndex.at("jawopen"));
+  EXPECT_EQ(cavityNode->morpher->weight(jaw), 1.0f);
+  EXPECT_EQ(createGhostNode().node->find("MouthCavityBacking")->morpher->weight(jaw), 0.0f);
   Bounds cb;
-  for (const auto& p : cavity.positions) cb.add(p);
-  EXPECT_LT(cb.lo.y, openBottom - 0.05f);
-  EXPECT_GT(cb.hi.y, openTop + 0.05f);
-  EXPECT_GT(cb.hi.x, CartoonGhost::mouthHalfWidth + 0.08f);
-  // Behind the front surface, in front of the back of the body.
-  EXPECT_LT(cb.hi.z, rest.positions[static_cast<std::size_t>(body.mouthRim[0])].z);
+  for (const auto& p : referenceBlend(*cavityNode->geometry, *cavityNode->morpher).positions) cb.add(p);
+  EXPECT_LT(cb.lo.y, open[0] - 0.05f);
+  EXPECT_GT(cb.hi.y, open[1] + 0.05f);
+  EXPECT_GT(cb.hi.x, 0.16f + 0.08f);
+  EXPECT_LT(cb.hi.z, body.outer[static_cast<std::size_t>(body.mouthRim[0])].z);
   EXPECT_GT(cb.lo.z, 0.0f);
-}
-
-TEST(CartoonGhost, SmileFrownAndSpookReadClearly) {
-  const auto build = createGhostNode();
-  const auto& body = CartoonGhost::body();
-  const auto cornerHeight = [&](const char* name, float weight) {
-    build.morpher->weights.assign(build.morpher->targetCount(), 0.0f);
-    build.morpher->setWeight(static_cast<std::size_t>(build.targetNameToIndex.at(name)), weight);
-    const auto blended = referenceBlend(*build.node->geometry, *build.morpher);
-    float y = 0.0f;
-    float bestX = 0.0f;
-    for (const auto i : body.mouthRim) {
-      const float x = body.outer[static_cast<std::size_t>(i)].x;
-      if (x > bestX) bestX = x, y = blended.positions[static_cast<std::size_t>(i)].y;
-    }
-    return y;  // the x >= 0 ("Left") corner
-  };
-  const float rest = cornerHeight("mouthsmileleft", 0.0f);
-  EXPECT_GT(cornerHeight("mouthsmileleft", 1.0f), rest + 0.04f);
-  EXPECT_LT(cornerHeight("mouthfrownleft", 1.0f), rest - 0.04f);
-  EXPECT_NEAR(cornerHeight("mouthsmileright", 1.0f), rest, 0.01f);  // the other corner
-
-  // The spook: jawOpen 0.95 with mouthFunnel 0.7 gives a tall, rounder O.
-  build.morpher->weights.assign(build.morpher->targetCount(), 0.0f);
-  build.morpher->setWeight(static_cast<std::size_t>(build.targetNameToIndex.at("jawopen")), 0.95f);
-  build.morpher->setWeight(static_cast<std::size_t>(build.targetNameToIndex.at("mouthfunnel")), 0.7f);
-  const auto spook = referenceBlend(*build.node->geometry, *build.morpher);
-  const auto [bottom, top] = mouthGap(spook.positions);
-  float width = 0.0f;
-  for (const auto i : body.mouthRim) width = std::max(width, std::fabs(spook.positions[static_cast<std::size_t>(i)].x));
-  EXPECT_GT(top - bottom, 0.2f);
-  EXPECT_LT(width, CartoonGhost::mouthHalfWidth);
 }
 
 TEST(CartoonGhost, SidesMirrorAndTheBackStaysStill) {
@@ -244,9 +224,7 @@ TEST(CartoonGhost, SidesMirrorAndTheBackStaysStill) {
       for (float x = 0.0f; x < 0.5f; x += 0.041f) {
         const float3 l = table[t].displacement({x, y, 0.3f});
         const float3 r = right.displacement({-x, y, 0.3f});
-        ASSERT_NEAR(l.x, -r.x, 1e-6f) << name;
-        ASSERT_NEAR(l.y, r.y, 1e-6f) << name;
-        ASSERT_NEAR(l.z, r.z, 1e-6f) << name;
+        ASSERT_LE(glm::length(l - float3(-r.x, r.y, r.z)), 1e-6f) << name << " at " << x << ", " << y;
       }
     }
   }
@@ -258,21 +236,6 @@ TEST(CartoonGhost, SidesMirrorAndTheBackStaysStill) {
       }
     }
   }
-}
-
-TEST(CartoonGhost, HeadTopIsARoundedDomeAndBuildsShareData) {
-  const float hw = ghostHeadTopHalfWidth();
-  EXPECT_GE(hw, 0.08f);
-  EXPECT_LT(hw, 0.4f);
-  const auto a = createGhostNode();
-  const auto b = createGhostNode();
-  EXPECT_NE(a.node, b.node);
-  EXPECT_EQ(a.node->geometry, b.node->geometry);
-  EXPECT_EQ(a.morpher->targets, b.morpher->targets);
-  // Each build's cavity follows its own body morpher only.
-  a.morpher->setWeight(0, 0.5f);
-  EXPECT_EQ(a.node->find("MouthCavityBacking")->morpher->weight(0), 0.5f);
-  EXPECT_EQ(b.node->find("MouthCavityBacking")->morpher->weight(0), 0.0f);
 }
 
 }  // namespace

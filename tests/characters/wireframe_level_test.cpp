@@ -5,6 +5,7 @@
 #include <cmath>
 #include <set>
 
+#include "MaskFeatures.h"
 #include "characters/TheatricalMaskGeometry.h"
 #include "characters/WireframeLevel.h"
 
@@ -13,34 +14,31 @@ namespace {
 
 using G = TheatricalMaskGeometry;
 
-constexpr TrackingDetail allLevels[] = {TrackingDetail::simple, TrackingDetail::standard, TrackingDetail::detailed,
-                                        TrackingDetail::many};
-
+// Sizes grow with detail: simple 60..100 points; standard a 17 x 15 grid
+// less holes plus outline points; many every third row (65 with the last)
+// and column (55), minus holes, plus the off-grid outline points.
 TEST(WireframeLevel, SizesGrowWithDetail) {
-  const auto simple = wireframeForDetail(TrackingDetail::simple, {});
-  EXPECT_GE(simple.points.size(), 60u);
-  EXPECT_LE(simple.points.size(), 100u);
-  std::size_t previous = simple.points.size();
-  for (const auto detail : {TrackingDetail::standard, TrackingDetail::detailed, TrackingDetail::many}) {
-    const auto level = wireframeForDetail(detail, {});
-    EXPECT_GT(level.points.size(), previous);
-    previous = level.points.size();
+  const struct {
+    TrackingDetail detail;
+    std::size_t above, below;
+  } rows[] = {{TrackingDetail::simple, 59, 101},
+              {TrackingDetail::standard, 17 * 15, 17 * 15 + 80},
+              {TrackingDetail::detailed, 0, 65 * 55 + 80},
+              {TrackingDetail::many, 3300, 65 * 55 + 80}};
+  std::size_t previous = 0;
+  for (const auto& r : rows) {
+    const std::size_t size = wireframeForDetail(r.detail, {}).points.size();
+    EXPECT_GT(size, std::max(previous, r.above)) << static_cast<int>(r.detail);
+    EXPECT_LT(size, r.below) << static_cast<int>(r.detail);
+    previous = size;
   }
-  // Many: every third row (65 with the last) and column (55), minus holes,
-  // plus the outline points that are off that grid.
-  const auto many = wireframeForDetail(TrackingDetail::many, {});
-  EXPECT_GT(many.points.size(), 3300u);
-  EXPECT_LT(many.points.size(), 65u * 55u + 80u);
-  const auto standard = wireframeForDetail(TrackingDetail::standard, {});
-  EXPECT_GT(standard.points.size(), 17u * 15u);  // 17 x 15 grid points less holes, plus outlines
-  EXPECT_LT(standard.points.size(), 17u * 15u + 80u);
 }
 
 TEST(WireframeLevel, SegmentsAreValidAndAvoidHolesAndTheSlit) {
   const auto& topo = G::topology();
   std::vector<bool> used(topo.frontCount(), false);
   for (const auto i : topo.frontTriangles) used[static_cast<std::size_t>(i)] = true;
-  for (const auto detail : allLevels) {
+  for (const auto detail : {TrackingDetail::simple, TrackingDetail::standard, TrackingDetail::detailed, TrackingDetail::many}) {
     const auto level = wireframeForDetail(detail, {});
     ASSERT_EQ(level.points.size(), level.vertices.size());
     std::set<std::int32_t> unique(level.vertices.begin(), level.vertices.end());
@@ -52,19 +50,14 @@ TEST(WireframeLevel, SegmentsAreValidAndAvoidHolesAndTheSlit) {
       ASSERT_LT(static_cast<std::size_t>(a), level.points.size());
       ASSERT_LT(static_cast<std::size_t>(b), level.points.size());
       ASSERT_NE(a, b);
-      // No segment's midpoint lies inside an eye or a nostril.
-      const float2 mid = (topo.gridPoints[static_cast<std::size_t>(level.vertices[static_cast<std::size_t>(a)])] +
-                          topo.gridPoints[static_cast<std::size_t>(level.vertices[static_cast<std::size_t>(b)])]) *
-                         0.5f;
-      ASSERT_GT(G::eyeEllipseRadius(mid), 0.9f);
-      // Lines that cross the mouth slit would join the lips.
-      const auto va = static_cast<std::size_t>(level.vertices[static_cast<std::size_t>(a)]);
-      const auto vb = static_cast<std::size_t>(level.vertices[static_cast<std::size_t>(b)]);
-      const bool aUpper = va <= 22056, bUpper = vb <= 22056;
-      if (aUpper != bUpper) {
-        const float x = topo.gridPoints[va].x;
-        ASSERT_TRUE(std::fabs(x) >= G::mouthHalfWidth || std::fabs(topo.gridPoints[vb].x) >= G::mouthHalfWidth)
-            << "segment across the mouth at x " << x;
+      const float2 pa = topo.gridPoints[static_cast<std::size_t>(level.vertices[static_cast<std::size_t>(a)])];
+      const float2 pb = topo.gridPoints[static_cast<std::size_t>(level.vertices[static_cast<std::size_t>(b)])];
+      // No segment's midpoint lies inside an eye.
+      ASSERT_GT(test::maskEyeRadius((pa + pb) * 0.5f), 0.9f);
+      // Lines that cross the mouth slit (upper face: vertices up to 22056,
+      // the last of the mouth row) would join the lips.
+      if ((level.vertices[static_cast<std::size_t>(a)] <= 22056) != (level.vertices[static_cast<std::size_t>(b)] <= 22056)) {
+        ASSERT_TRUE(std::fabs(pa.x) >= 0.33f || std::fabs(pb.x) >= 0.33f) << "segment across the mouth at x " << pa.x;
       }
     }
   }

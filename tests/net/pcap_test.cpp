@@ -1,15 +1,24 @@
 // Session recording files: what PcapWriter stores (synthesised IPv4/UDP
-// around each payload), what PcapReader gives back, and how the reader
-// refuses files that are not captures, are cut short or lie about lengths.
+// around each payload), what PcapReader gives back, how the reader refuses
+// files that are not captures, are cut short or lie about lengths, and the
+// recorder that writes them while the show runs.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
+#include <chrono>
+#include <functional>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <vector>
 
-#include "support/PcapBytes.h"
-#include "support/TempDir.h"
 #include "net/PcapReader.h"
 #include "net/PcapWriter.h"
+#include "net/SessionRecorder.h"
+#include "support/LogCapture.h"
+#include "support/PcapBytes.h"
+#include "support/TempDir.h"
 
 namespace velmora {
 namespace {
@@ -17,6 +26,7 @@ namespace {
 using test::PcapBytes;
 
 std::vector<std::uint8_t> bytesOf(std::string_view text) { return {text.begin(), text.end()}; }
+std::vector<std::uint8_t> bytes(std::size_t n, std::uint8_t fill) { return std::vector<std::uint8_t>(n, fill); }
 
 DatagramEnvelope envelope(std::uint16_t destinationPort, std::int64_t micros) {
   DatagramEnvelope e;
@@ -26,6 +36,10 @@ DatagramEnvelope envelope(std::uint16_t destinationPort, std::int64_t micros) {
   e.destinationPort = destinationPort;
   e.arrivalMicroseconds = micros;
   return e;
+}
+
+auto fields(const DatagramEnvelope& e) {
+  return std::tuple(e.sourceAddress, e.sourcePort, e.destinationAddress, e.destinationPort, e.arrivalMicroseconds);
 }
 
 TEST(PcapWriterTest, SynthesisedHeadersAroundThePayload) {
@@ -75,11 +89,7 @@ TEST(PcapWriterTest, WhatIsWrittenReadsBackUnchanged) {
   for (std::size_t i = 0; i < sent.size(); ++i) {
     const auto& got = read.datagrams[i];
     EXPECT_EQ(got.payload, sent[i].payload) << i;
-    EXPECT_EQ(got.envelope.sourceAddress, sent[i].envelope.sourceAddress) << i;
-    EXPECT_EQ(got.envelope.sourcePort, sent[i].envelope.sourcePort) << i;
-    EXPECT_EQ(got.envelope.destinationAddress, sent[i].envelope.destinationAddress) << i;
-    EXPECT_EQ(got.envelope.destinationPort, sent[i].envelope.destinationPort) << i;
-    EXPECT_EQ(got.envelope.arrivalMicroseconds, sent[i].envelope.arrivalMicroseconds) << i;
+    EXPECT_EQ(fields(got.envelope), fields(sent[i].envelope)) << i;
   }
   EXPECT_EQ(read.datagrams[0].envelope.senderText(), "192.168.1.23:50123");
 }
@@ -111,20 +121,18 @@ TEST(PcapReaderTest, OtherTrafficIsSkippedAndLinkLayersAreUnwrapped) {
   EXPECT_EQ(r.datagrams[1].envelope.arrivalMicroseconds - r.datagrams[0].envelope.arrivalMicroseconds, 500000);
   EXPECT_EQ(r.datagrams[0].envelope.senderText(), "10.0.0.2:50000");
 
-  // Ethernet, with and without a VLAN tag; ARP is skipped.
-  auto ethernet = [](std::vector<std::uint8_t> typeAndBody) {
-    std::vector<std::uint8_t> frame(12, 0x02);  // destination and source MAC
-    frame.insert(frame.end(), typeAndBody.begin(), typeAndBody.end());
+  // Ethernet, with and without a VLAN tag; ARP is skipped; padding after the IP packet is ignored.
+  const auto udp = PcapBytes::udp(payload, 39539);
+  auto ethernet = [](std::vector<std::uint8_t> frame, const std::vector<std::uint8_t>& body, std::size_t padding) {
+    frame.insert(frame.begin(), 12, 0x02);  // destination and source MAC before the type
+    frame.insert(frame.end(), body.begin(), body.end());
+    frame.resize(frame.size() + padding, 0);
     return frame;
   };
-  std::vector<std::uint8_t> ipv4 = {0x08, 0x00};
-  std::vector<std::uint8_t> vlan = {0x81, 0x00, 0x00, 0x05, 0x08, 0x00};
-  const auto udp = PcapBytes::udp(payload, 39539);
-  ipv4.insert(ipv4.end(), udp.begin(), udp.end());
-  vlan.insert(vlan.end(), udp.begin(), udp.end());
-  ipv4.resize(ipv4.size() + 6, 0);  // Ethernet padding after the IP packet is ignored
   PcapBytes eth(1);
-  eth.record(ethernet(ipv4)).record(ethernet(vlan)).record(ethernet({0x08, 0x06, 0, 1}));
+  eth.record(ethernet({0x08, 0x00}, udp, 6))
+      .record(ethernet({0x81, 0x00, 0x00, 0x05, 0x08, 0x00}, udp, 0))
+      .record(ethernet({0x08, 0x06, 0, 1}, {}, 0));
   r = PcapReader::readBytes(eth.bytes());
   ASSERT_TRUE(r) << r.error;
   EXPECT_EQ(r.skipped, 1u);
@@ -176,6 +184,99 @@ TEST(PcapReaderTest, HostileFilesGetOneLineAndNoDatagrams) {
   }
   EXPECT_EQ(PcapReader::readFile("/nonexistent/f.pcap").error,
             "/nonexistent/f.pcap: cannot be opened (No such file or directory)");
+}
+
+// The session recorder on the test thread standing in for the receiver's
+// queue: everything handed to it reaches the file in order, the file is
+// readable while recording goes on (flushed at least every flushInterval),
+// and a write failure ends the recording with a message but keeps what was
+// written.
+bool waitFor(const std::function<bool()>& pred, double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (pred()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return pred();
+}
+
+TEST(SessionRecorderTest, RecordsInOrderAndTheFileIsReadableWhileRecording) {
+  test::LogCapture log;
+  test::TempDir dir;
+  const auto path = (dir.path() / "show.pcap").string();
+  auto created = SessionRecorder::create(path);
+  ASSERT_TRUE(created) << created.reason;
+  SessionRecorder& recorder = *created.value;
+  EXPECT_TRUE(log.has("[SessionRecorder] Recording tracking datagrams to " + path));
+
+  for (int i = 0; i < 50; ++i) {
+    recorder.datagramArrived(bytes(100 + i, std::uint8_t(i)), envelope(i % 2 ? 11111 : 39539, 1000000 + i * 16667));
+  }
+  // Without stopping: within about a second the file holds all of them.
+  ASSERT_TRUE(waitFor([&] { return PcapReader::readFile(path).datagrams.size() == 50; }, 3.0))
+      << PcapReader::readFile(path).error;
+  EXPECT_EQ(recorder.status().datagrams, 50u);
+  EXPECT_TRUE(recorder.status().recording);
+  EXPECT_EQ(recorder.statusText(), "Recording: 50 datagrams to " + path);
+
+  recorder.datagramArrived(bytes(3, 0xEE), envelope(49983, 2000000));
+  recorder.stop();
+  EXPECT_TRUE(log.has("[SessionRecorder] Recording stopped: 51 datagrams in " + path));
+  EXPECT_EQ(recorder.statusText(), "Recorded 51 datagrams to " + path);
+  recorder.datagramArrived(bytes(3, 0xEE), envelope(49983, 3000000));  // after stop: ignored
+  recorder.stop();                                                       // idempotent
+
+  const auto read = PcapReader::readFile(path);
+  ASSERT_TRUE(read) << read.error;
+  ASSERT_EQ(read.datagrams.size(), 51u);
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(read.datagrams[i].payload, bytes(100 + i, std::uint8_t(i))) << i;
+    EXPECT_EQ(read.datagrams[i].envelope.destinationPort, i % 2 ? 11111 : 39539) << i;
+    EXPECT_EQ(read.datagrams[i].envelope.arrivalMicroseconds, 1000000 + i * 16667) << i;
+  }
+  EXPECT_EQ(read.datagrams[50].envelope.destinationPort, 49983);
+}
+
+TEST(SessionRecorderTest, WriteFailureEndsTheRecordingButKeepsWhatWasWritten) {
+  // A file size limit fails writes the way a full disk does (the process
+  // ignores SIGXFSZ, as velmora does, so the write reports an error).
+  test::LogCapture log;
+  test::TempDir dir;
+  const auto path = (dir.path() / "limited.pcap").string();
+  rlimit old{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+  auto oldHandler = ::signal(SIGXFSZ, SIG_IGN);
+  rlimit small = old;
+  small.rlim_cur = 64 * 1024;
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+
+  auto created = SessionRecorder::create(path);
+  ASSERT_TRUE(created) << created.reason;
+  SessionRecorder& recorder = *created.value;
+  for (int i = 0; i < 10; ++i) recorder.datagramArrived(bytes(1000, 1), envelope(11111, i));
+  ASSERT_TRUE(waitFor([&] { return PcapReader::readFile(path).datagrams.size() == 10; }, 3.0));
+  for (int i = 0; i < 200 && recorder.status().recording; ++i) {
+    recorder.datagramArrived(bytes(1000, 2), envelope(11111, 100 + i));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  ASSERT_TRUE(waitFor([&] { return !recorder.status().recording; }, 3.0));
+  ::setrlimit(RLIMIT_FSIZE, &old);
+  ::signal(SIGXFSZ, oldHandler);
+
+  const auto status = recorder.status();
+  EXPECT_EQ(status.error, "could not write " + path + ": File too large");
+  const std::string expected = "Recording stopped: could not write " + path + ": File too large (" +
+                               std::to_string(status.datagrams) + " datagrams kept)";
+  EXPECT_EQ(recorder.statusText(), expected);
+  EXPECT_TRUE(log.has("[SessionRecorder] " + expected));
+  recorder.stop();  // nothing more to say
+  EXPECT_EQ(log.lines().size(), 2u);
+
+  // The file was cut back to whole records: every datagram kept reads back.
+  const auto read = PcapReader::readFile(path);
+  ASSERT_TRUE(read) << read.error;
+  EXPECT_GE(read.datagrams.size(), 10u);
+  EXPECT_EQ(read.datagrams.size(), status.datagrams);
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 // small enough that cutting and slot boundaries show.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <fstream>
 #include <future>
 #include <mutex>
@@ -26,8 +28,7 @@ struct Seen {
   std::vector<std::string> datagrams;
   std::vector<std::uint16_t> senderPorts;
   std::vector<std::size_t> batches;
-  int readiness = 0;
-  int drained = 0;
+  std::atomic<int> readiness = 0, drained = 0;
 
   std::size_t count() {
     std::lock_guard lock(mutex);
@@ -35,114 +36,101 @@ struct Seen {
   }
 };
 
-UdpListener::Callbacks recordInto(Seen& seen) {
+// A listener on its own queue, opened on a free loopback port with
+// callbacks that record into `seen`.
+struct Harness {
+  SerialQueue queue{"test.listener"};
+  UdpListener listener;
+  std::vector<std::uint8_t> buffer;
+  Seen seen;
   UdpListener::Callbacks callbacks;
-  callbacks.onDatagram = [&seen](std::span<const std::uint8_t> bytes, const UdpSender& from) {
-    std::lock_guard lock(seen.mutex);
-    seen.datagrams.emplace_back(bytes.begin(), bytes.end());
-    seen.senderPorts.push_back(from.port);
-  };
-  callbacks.onBatch = [&seen](std::size_t n) {
-    std::lock_guard lock(seen.mutex);
-    seen.batches.push_back(n);
-  };
-  callbacks.onReadiness = [&seen] {
-    std::lock_guard lock(seen.mutex);
-    ++seen.readiness;
-  };
-  callbacks.onDrained = [&seen] {
-    std::lock_guard lock(seen.mutex);
-    ++seen.drained;
-  };
-  return callbacks;
-}
+  const std::uint16_t port = freeUdpPort();
+  UdpSocket phone;
 
-bool waitFor(const std::function<bool()>& pred) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  Harness(UdpListener::Options options, std::size_t bufferBytes) : listener(queue.context(), options), buffer(bufferBytes) {
+    callbacks.onDatagram = [this](std::span<const std::uint8_t> bytes, const UdpSender& from) {
+      std::lock_guard lock(seen.mutex);
+      seen.datagrams.emplace_back(bytes.begin(), bytes.end());
+      seen.senderPorts.push_back(from.port);
+    };
+    callbacks.onBatch = [this](std::size_t n) {
+      std::lock_guard lock(seen.mutex);
+      seen.batches.push_back(n);
+    };
+    callbacks.onReadiness = [this] { ++seen.readiness; };
+    callbacks.onDrained = [this] { ++seen.drained; };
   }
-  return pred();
-}
-
-// Holds the queue until the returned promise is set, so datagrams pile up.
-std::promise<void> holdQueue(SerialQueue& queue) {
-  std::promise<void> release;
-  auto released = release.get_future().share();
-  queue.post([released] { released.wait(); });
-  return release;
-}
+  bool open() {
+    bool opened = false;
+    queue.sync([&] { opened = bool(listener.open(port, buffer, callbacks, 0x7F000001)); });
+    return opened;
+  }
+  // Sends while the queue is held, so that everything waits and is read in one go.
+  void sendWhileBusy(const std::function<void()>& send) {
+    std::promise<void> release;
+    queue.post([released = release.get_future().share()] { released.wait(); });
+    send();
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    release.set_value();
+  }
+  bool waitFor(std::size_t n) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (seen.count() < n && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return seen.count() >= n;
+  }
+};
 
 TEST(UdpListenerNetTest, BatchesCutEachDatagramToItsSlotAndKeepOrder) {
-  SerialQueue queue("test.listener");
   // 4 slots of 10 bytes; at most 9 datagrams per readiness event.
-  UdpListener listener(queue.context(), {.maxDatagramsPerEvent = 9, .datagramsPerRead = 4});
-  std::vector<std::uint8_t> buffer(40);
-  Seen seen;
-  const std::uint16_t port = freeUdpPort();
-  bool opened = false;
-  queue.sync([&] { opened = bool(listener.open(port, buffer, recordInto(seen), 0x7F000001)); });
-  ASSERT_TRUE(opened);
-
-  auto release = holdQueue(queue);
-  UdpSocket phone;
+  Harness h({.maxDatagramsPerEvent = 9, .datagramsPerRead = 4}, 40);
+  ASSERT_TRUE(h.open());
   std::vector<std::string> sent;
-  for (int i = 0; i < 14; ++i) {
-    // Alternately short, exactly one slot, and longer than a slot.
-    std::string d = std::to_string(i) + (i % 3 == 0 ? "" : i % 3 == 1 ? "-abcdefgh" : "-abcdefghijklmnop");
-    if (i % 3 == 1) d.resize(10);
-    if (i == 7) phone.sendTo(port, "");  // empty: skipped, the rest still read
-    phone.sendTo(port, d);
-    sent.push_back(d);
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  release.set_value();
-
-  ASSERT_TRUE(waitFor([&] { return seen.count() == sent.size(); }));
-  queue.sync([&] { listener.close(); });
-  std::lock_guard lock(seen.mutex);
+  h.sendWhileBusy([&] {
+    for (int i = 0; i < 14; ++i) {
+      // Alternately short, exactly one slot, and longer than a slot.
+      std::string d = std::to_string(i) + (i % 3 == 0 ? "" : i % 3 == 1 ? "-abcdefgh" : "-abcdefghijklmnop");
+      if (i % 3 == 1) d.resize(10);
+      if (i == 7) h.phone.sendTo(h.port, "");  // empty: skipped, the rest still read
+      h.phone.sendTo(h.port, d);
+      sent.push_back(d);
+    }
+  });
+  ASSERT_TRUE(h.waitFor(sent.size()));
+  h.queue.sync([&] { h.listener.close(); });
+  std::lock_guard lock(h.seen.mutex);
+  ASSERT_EQ(h.seen.datagrams.size(), sent.size());
   for (std::size_t i = 0; i < sent.size(); ++i) {
-    EXPECT_EQ(seen.datagrams[i], sent[i].substr(0, 10)) << i;
-    EXPECT_EQ(seen.senderPorts[i], phone.port());
+    EXPECT_EQ(h.seen.datagrams[i], sent[i].substr(0, 10)) << i;
+    EXPECT_EQ(h.seen.senderPorts[i], h.phone.port());
   }
   // 15 datagrams (one empty) in reads of at most 4, at most 9 per event:
   // 4 + 4 + 1 | 4 + 2.
-  EXPECT_EQ(seen.batches, (std::vector<std::size_t>{4, 4, 1, 4, 2}));
-  EXPECT_EQ(seen.readiness, 2);
-  EXPECT_EQ(seen.drained, 2);
+  EXPECT_EQ(h.seen.batches, (std::vector<std::size_t>{4, 4, 1, 4, 2}));
+  EXPECT_EQ(h.seen.readiness, 2);
+  EXPECT_EQ(h.seen.drained, 2);
 }
 
 TEST(UdpListenerNetTest, ClosingFromACallbackStopsTheBatch) {
-  SerialQueue queue("test.listener");
-  UdpListener listener(queue.context(), {.datagramsPerRead = 8});
-  std::vector<std::uint8_t> buffer(8 * 64);
-  Seen seen;
-  auto callbacks = recordInto(seen);
-  auto record = callbacks.onDatagram;
-  callbacks.onDatagram = [&, record](std::span<const std::uint8_t> bytes, const UdpSender& from) {
+  Harness h({.datagramsPerRead = 8}, 8 * 64);
+  auto record = h.callbacks.onDatagram;
+  h.callbacks.onDatagram = [&, record](std::span<const std::uint8_t> bytes, const UdpSender& from) {
     record(bytes, from);
-    if (std::string(bytes.begin(), bytes.end()) == "stop") listener.close();
+    if (std::string(bytes.begin(), bytes.end()) == "stop") h.listener.close();
   };
-  const std::uint16_t port = freeUdpPort();
-  bool opened = false;
-  queue.sync([&] { opened = bool(listener.open(port, buffer, std::move(callbacks), 0x7F000001)); });
-  ASSERT_TRUE(opened);
-
-  auto release = holdQueue(queue);
-  UdpSocket phone;
-  for (const char* d : {"one", "two", "stop", "after", "more"}) phone.sendTo(port, d);
+  ASSERT_TRUE(h.open());
+  h.sendWhileBusy([&] {
+    for (const char* d : {"one", "two", "stop", "after", "more"}) h.phone.sendTo(h.port, d);
+  });
+  ASSERT_TRUE(h.waitFor(3));
+  h.queue.sync([] {});
   std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  release.set_value();
-
-  ASSERT_TRUE(waitFor([&] { return seen.count() >= 3; }));
-  queue.sync([] {});
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  std::lock_guard lock(seen.mutex);
-  EXPECT_EQ(seen.datagrams, (std::vector<std::string>{"one", "two", "stop"}));
-  EXPECT_TRUE(seen.batches.empty());  // the batch ended with the close
-  EXPECT_EQ(seen.drained, 0);
-  EXPECT_FALSE(listener.isOpen());
+  std::lock_guard lock(h.seen.mutex);
+  EXPECT_EQ(h.seen.datagrams, (std::vector<std::string>{"one", "two", "stop"}));
+  EXPECT_TRUE(h.seen.batches.empty());  // the batch ended with the close
+  EXPECT_EQ(h.seen.drained, 0);
+  EXPECT_FALSE(h.listener.isOpen());
 }
 
 // A burst far beyond the default receive buffer (about 160 small datagrams)
@@ -152,26 +140,16 @@ TEST(UdpListenerNetTest, ALargerReceiveBufferKeepsALongBurst) {
   long rmemMax = 0;
   std::ifstream("/proc/sys/net/core/rmem_max") >> rmemMax;
   if (rmemMax < kBuffer) GTEST_SKIP() << "net.core.rmem_max is " << rmemMax << ", below " << kBuffer;
-  SerialQueue queue("test.listener");
-  UdpListener listener(queue.context(), {.datagramsPerRead = 32, .receiveBufferBytes = kBuffer});
-  std::vector<std::uint8_t> buffer(32 * 64);
-  Seen seen;
-  const std::uint16_t port = freeUdpPort();
-  bool opened = false;
-  queue.sync([&] { opened = bool(listener.open(port, buffer, recordInto(seen), 0x7F000001)); });
-  ASSERT_TRUE(opened);
-
-  auto release = holdQueue(queue);
-  UdpSocket phone;
+  Harness h({.datagramsPerRead = 32, .receiveBufferBytes = kBuffer}, 32 * 64);
+  ASSERT_TRUE(h.open());
   constexpr int kBurst = 1500;
-  for (int i = 0; i < kBurst; ++i) phone.sendTo(port, std::to_string(i));
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  release.set_value();
-
-  ASSERT_TRUE(waitFor([&] { return seen.count() == kBurst; })) << seen.count() << " of " << kBurst;
-  queue.sync([&] { listener.close(); });
-  std::lock_guard lock(seen.mutex);
-  for (int i = 0; i < kBurst; ++i) ASSERT_EQ(seen.datagrams[i], std::to_string(i));
+  h.sendWhileBusy([&] {
+    for (int i = 0; i < kBurst; ++i) h.phone.sendTo(h.port, std::to_string(i));
+  });
+  ASSERT_TRUE(h.waitFor(kBurst)) << h.seen.count() << " of " << kBurst;
+  h.queue.sync([&] { h.listener.close(); });
+  std::lock_guard lock(h.seen.mutex);
+  for (int i = 0; i < kBurst; ++i) ASSERT_EQ(h.seen.datagrams[i], std::to_string(i));
 }
 
 }  // namespace

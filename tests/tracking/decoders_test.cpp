@@ -1,11 +1,12 @@
-// The four tracking wire formats and the receiver's format detection, on
-// literal payloads without sockets.
+// The four tracking wire formats, the phone apps' datagrams and the
+// receiver's format detection, on literal payloads without sockets.
 //
 // Index of this file:
 //   [SECTION] Live Link
 //   [SECTION] iFacialMocap
 //   [SECTION] OSC
 //   [SECTION] JSON
+//   [SECTION] Phone apps
 //   [SECTION] Detection order
 
 #include <gtest/gtest.h>
@@ -18,14 +19,9 @@
 #include <string>
 #include <vector>
 
-#include "base/MainQueue.h"
-#include "base/SettingsStore.h"
+#include "base/Clock.h"
 #include "osc/OSCWriter.h"
 #include "support/OscBytes.h"
-#include "support/TempDir.h"
-#include "base/Clock.h"
-#include "tracking/FaceTrackingState.h"
-#include "tracking/LiveLinkNames.h"
 #include "tracking/RecordingSink.h"
 #include "tracking/TrackingDecoders.h"
 #include "tracking/TrackingReceiver.h"
@@ -103,20 +99,15 @@ TEST(LiveLinkDecoderTest, ClampsAndDropsNonFinite) {
 // [SECTION] iFacialMocap
 // ---------------------------------------------------------------------------
 
+// Items and fields that do not parse (three parts, no dash, spaces, empty
+// values), a second "=" and a non-finite angle: corpus edge_text_07,
+// edge_text_13 and edge_text_14 (reference_decoder_test).
 TEST(IFacialMocapDecoderTest, BlendshapesAndHead) {
-  auto d = decodeIFacialMocap("jawOpen-50|eyeBlinkLeft-100", kSender);
-  ASSERT_TRUE(d.frame.blendshapes);
-  EXPECT_EQ(d.frame.blendshapes->size(), 2u);
-  EXPECT_EQ(d.frame.blendshapes->at("jawOpen"), 0.5f);
-  EXPECT_EQ(d.frame.blendshapes->at("eyeBlinkLeft"), 1.0f);
-  EXPECT_FALSE(d.frame.rotation);
-  EXPECT_FALSE(d.frame.position);
-
-  d = decodeIFacialMocap("jawOpen-50=10,20,30,1,2,3", kSender);
+  auto d = decodeIFacialMocap("jawOpen-50=10,20,30,1,2,3", kSender);
   ASSERT_TRUE(d.frame.rotation);
   EXPECT_EQ(*d.frame.rotation, float3(10 * kDeg, 20 * kDeg, 30 * kDeg));
   EXPECT_EQ(*d.frame.position, float3(0.01f, 0.02f, 0.03f));
-  EXPECT_EQ(d.frame.blendshapes->at("jawOpen"), 0.5f);
+  EXPECT_EQ(*d.frame.blendshapes, BlendshapeMap({{"jawOpen", 0.5f}}));
 
   // Five head fields: neither rotation nor position. Seven: the seventh ignored.
   d = decodeIFacialMocap("jawOpen-50=10,20,30,1,2", kSender);
@@ -126,33 +117,9 @@ TEST(IFacialMocapDecoderTest, BlendshapesAndHead) {
   ASSERT_TRUE(d.frame.position);
   EXPECT_EQ(d.frame.position->z, 0.06f);
   EXPECT_TRUE(d.frame.blendshapes && d.frame.blendshapes->empty());
-}
-
-TEST(IFacialMocapDecoderTest, ItemsAndFieldsThatDoNotParse) {
-  // Negative (three parts), no dash, space in the value, empty value,
-  // label: skipped. The name is taken as it is, spaces included.
-  auto d = decodeIFacialMocap("a--5|b5| c-5|d- 5|e-|f-x|g-1e1|h-+7|i-2.5|", kSender);
-  const auto& map = *d.frame.blendshapes;
-  EXPECT_EQ(map.size(), 4u);
-  EXPECT_EQ(map.at(" c"), 0.05f);
-  EXPECT_EQ(map.at("g"), 0.1f);
-  EXPECT_EQ(map.at("h"), 0.07f);
-  EXPECT_EQ(map.at("i"), 0.025f);
-  // A label other than "head#" makes its field count as 0; the rest parse,
-  // the sixth up to the "|"; an eye needs three fields.
-  d = decodeIFacialMocap("x-1=pose#10,20,30,1,2,3|rightEye#4", kSender);
-  ASSERT_TRUE(d.frame.rotation);
-  EXPECT_EQ(d.frame.rotation->x, 0.0f);
-  EXPECT_EQ(d.frame.rotation->y, 20 * kDeg);
-  EXPECT_EQ(d.frame.position->z, 0.03f);
-  EXPECT_FALSE(d.frame.rightEyeRotation);
-  // Only the piece between the first and second "=" is the head.
-  d = decodeIFacialMocap("=1,2,3,4,5,6=7,8,9,10,11,12", kSender);
-  EXPECT_EQ(d.frame.position->x, 0.04f);
-  // A non-finite head angle drops the rotation, the position stays.
-  d = decodeIFacialMocap("=nan,0,0,1,2,3", kSender);
-  EXPECT_FALSE(d.frame.rotation);
-  EXPECT_TRUE(d.frame.position);
+  // A label other than "head#" makes its field count as 0; the rest parse.
+  d = decodeIFacialMocap("x-1=pose#10,20,30,1,2,3", kSender);
+  EXPECT_EQ(*d.frame.rotation, float3(0.0f, 20 * kDeg, 30 * kDeg));
 }
 
 TEST(TrackingNumberTest, WholeStringOnly) {
@@ -233,15 +200,9 @@ TEST(OSCTrackingDecoderTest, HeadComponentsAndPartialUpdates) {
   EXPECT_EQ(*g.rotation, float3(10.0f * kDeg, 7.0f, -20.0f * kDeg));
   EXPECT_EQ(*g.position, float3(5.0f * 0.01f, 8.0f, -3.0f * 0.01f));
 
-  // "/tracking/Head/Yaw" is a head message (the head rules come first).
-  d = decodeOSC(oscMessage("/tracking/Head/Yaw", {45.0f}));
-  EXPECT_TRUE(d.frame.rotation);
-  EXPECT_TRUE(d.frame.blendshapes->empty());
-  // A later message for the same component wins; an infinite angle drops the rotation.
-  d = decodeOSC(oscBundle({oscMessage("/Head/Yaw", {1.0f}), oscMessage("/Head/Yaw", {2.0f})}));
-  EXPECT_EQ(d.frame.rotation->y, 2.0f * kDeg);
-  d = decodeOSC(withDouble("/Head/Yaw", 1e300));
-  EXPECT_FALSE(d.frame.rotation);
+  // "/tracking/Head/Yaw" being a head message, a later message for the same
+  // component winning and an infinite angle dropping the rotation: corpus
+  // edge_osc_34, edge_osc_40 and edge_osc_38 (reference_decoder_test).
 }
 
 // ---------------------------------------------------------------------------
@@ -269,34 +230,114 @@ TEST(JSONTrackingDecoderTest, Parts) {
   EXPECT_FALSE(d.frame.rotation);
 }
 
-TEST(JSONTrackingDecoderTest, DecodingWhileParsingMatchesTheDocument) {
-  // The receiver's path (decodeJSONText) must give what parsing the whole
-  // document and then decodeJSON gives, duplicate keys included.
-  for (const char* text : {
-           R"({"blendshapes": {"jawOpen": 0.5, "a": 1, "a": "x", "b": [1], "c": {"d": 2}, "e": null}})",
-           R"({"blendshapes": {"a": 1}, "blendshapes": 5, "rotation": [1, 2, 3], "rotation": [1, 2]})",
-           R"({"rotation": [1, [2], 3], "position": [1, 2, 3, {"x": 1}], "other": {"rotation": [1, 2, 3]}})",
-           R"({"rotation": [0.5, -1e-3, 7], "position": [true, false, 2e3], "blendshapes": {}})",
-           R"({"rotation": [1e300, 0, 0]})",
-           R"({})",
-       }) {
-    const std::string_view view(text);
-    const Bytes bytes(view.begin(), view.end());
-    auto fast = decodeJSONText(bytes, kSender);
-    auto reference = decodeJSON(nlohmann::json::parse(text), kSender);
-    ASSERT_TRUE(fast) << text;
-    EXPECT_EQ(fast->frame.blendshapes, reference.frame.blendshapes) << text;
-    EXPECT_EQ(fast->frame.rotation, reference.frame.rotation) << text;
-    EXPECT_EQ(fast->frame.position, reference.frame.position) << text;
+// ---------------------------------------------------------------------------
+// [SECTION] Phone apps
+// ---------------------------------------------------------------------------
+// The apps' datagrams exactly as they send them: iFacialMocap's line (its own
+// spellings, labelled head and eyes), its newer "name&value" items, a VMC
+// sender's head bone, VTube Studio's phone JSON.
+
+DecodedDatagram decodeText(std::string_view text) {
+  return decodeDatagram({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, kSender);
+}
+
+TEST(PhoneAppsTest, IFacialMocapLineGivesEveryNameWithItsValueAndTheHead) {
+  // Every one of the 52, as the app spells them, at (case index + 1) percent.
+  const std::string line =
+    "browDown_L-1|browDown_R-2|browInnerUp-3|browOuterUp_L-4|browOuterUp_R-5|cheekPuff-6|cheekSquint_L-7|"
+    "cheekSquint_R-8|eyeBlink_L-9|eyeBlink_R-10|eyeLookDown_L-11|eyeLookDown_R-12|eyeLookIn_L-13|eyeLookI"
+    "n_R-14|eyeLookOut_L-15|eyeLookOut_R-16|eyeLookUp_L-17|eyeLookUp_R-18|eyeSquint_L-19|eyeSquint_R-20|e"
+    "yeWide_L-21|eyeWide_R-22|jawForward-23|jawLeft-24|jawOpen-25|jawRight-26|mouthClose-27|mouthDimple_L"
+    "-28|mouthDimple_R-29|mouthFrown_L-30|mouthFrown_R-31|mouthFunnel-32|mouthLeft-33|mouthLowerDown_L-34"
+    "|mouthLowerDown_R-35|mouthPress_L-36|mouthPress_R-37|mouthPucker-38|mouthRight-39|mouthRollLower-40|"
+    "mouthRollUpper-41|mouthShrugLower-42|mouthShrugUpper-43|mouthSmile_L-44|mouthSmile_R-45|mouthStretch"
+    "_L-46|mouthStretch_R-47|mouthUpperUp_L-48|mouthUpperUp_R-49|noseSneer_L-50|noseSneer_R-51|tongueOut-"
+    "52|=head#-21.5,-6.04,-6.6,-0.031,-0.103,-0.658|rightEye#6.03,2.44,0.26|leftEye#6.03,-1.67,-0.18|";
+  const auto d = decodeText(line);
+  ASSERT_EQ(d.format, TrackingFormat::iFacialMocap);
+  const FaceFrame& f = d.frame->frame;
+  EXPECT_EQ(d.frame->app, TrackingApp::iFacialMocap);
+  EXPECT_EQ(f.blendshapes->size(), 52u);
+  for (const auto shape : allCases<ARKitBlendShape>()) {
+    const float* value = f.blendshapes->get(shape);
+    ASSERT_TRUE(value) << rawValue(shape);
+    EXPECT_EQ(*value, static_cast<float>(index(shape) + 1) / 100.0f) << rawValue(shape);
   }
-  for (const char* notAnObject : {"[1, 2]", "5", "\"text\"", "{\"a\": }", "{} {}", "{\"a\": 1e400}", ""}) {
-    const std::string_view view(notAnObject);
-    EXPECT_FALSE(decodeJSONText(Bytes(view.begin(), view.end()), kSender)) << notAnObject;
+  EXPECT_EQ(*f.rotation, float3(-21.5f, -6.04f, -6.6f) * kDeg);  // pitch from the labelled first field
+  EXPECT_EQ(*f.position, float3(-0.031f, -0.103f, -0.658f) / 100.0f);  // the sixth field ends at "|"
+  EXPECT_EQ(*f.rightEyeRotation, float3(6.03f, 2.44f, 0.26f) * kDeg);
+  EXPECT_EQ(*f.leftEyeRotation, float3(6.03f, -1.67f, -0.18f) * kDeg);
+
+  // Newer versions: "name&value"; names that spell none of the 52 stay as they are.
+  const auto v2 = decodeText("eyeLookOutLeft&3|mouthPress_R&14|FM_SAD&7|=head#1,2,3,4,5,6|");
+  EXPECT_EQ(*v2.frame->frame.blendshapes,
+            BlendshapeMap({{"eyeLookOutLeft", 0.03f}, {"mouthPressRight", 0.14f}, {"FM_SAD", 0.07f}}));
+  EXPECT_EQ(v2.frame->frame.position->z, 0.06f);
+}
+
+TEST(PhoneAppsTest, VMCHeadBoneTurnedAboutEachAxis) {
+  // One VMC bundle: the Head bone turned +30 degrees about Unity's x, then
+  // the end of a blendshape set.
+  std::vector<std::uint8_t> bundle = {
+      '#', 'b', 'u', 'n', 'd', 'l', 'e', 0, 0, 0, 0, 0, 0, 0, 0, 1,  //  0: "#bundle", time tag "now"
+      0, 0, 0, 68,                                                   // 16: first element's size
+      '/', 'V', 'M', 'C', '/', 'E', 'x', 't', '/', 'B', 'o', 'n',    // 20: "/VMC/Ext/Bone/Pos"
+      'e', '/', 'P', 'o', 's', 0, 0, 0,                              //     and 3 zeros
+      ',', 's', 'f', 'f', 'f', 'f', 'f', 'f', 'f', 0, 0, 0,          // 40: ",sfffffff"
+      'H', 'e', 'a', 'd', 0, 0, 0, 0,                                // 52: "Head"
+      0x3c, 0x23, 0xd7, 0x0a, 0x3f, 0xc0, 0, 0, 0x3c, 0xa3, 0xd7, 0x0a,  // 60: position 0.01, 1.5, 0.02 m
+      0x3e, 0x84, 0x83, 0xee, 0, 0, 0, 0, 0, 0, 0, 0, 0x3f, 0x77, 0x46, 0xea,  // 72: quaternion x, y, z, w
+      0, 0, 0, 28,                                                   // 88: second element's size
+      '/', 'V', 'M', 'C', '/', 'E', 'x', 't', '/', 'B', 'l', 'e',    // 92: "/VMC/Ext/Blend/Apply"
+      'n', 'd', '/', 'A', 'p', 'p', 'l', 'y', 0, 0, 0, 0,            //     and 4 zeros
+      ',', 0, 0, 0,                                                  // 116: no arguments
+  };
+  // The quaternion's component at byte 72 + 4 * axis is sin 15 degrees.
+  const struct {
+    int axis;
+    float3 degrees;  // pitch, yaw, roll: down, turn, tilt as Velmora's signs say
+  } cases[] = {{0, {30, 0, 0}}, {1, {0, -30, 0}}, {2, {0, 0, -30}}};
+  for (const auto& c : cases) {
+    std::vector<std::uint8_t> datagram = bundle;
+    std::memset(datagram.data() + 72, 0, 12);
+    std::memcpy(datagram.data() + 72 + 4 * c.axis, bundle.data() + 72, 4);
+    const auto d = decodeDatagram(datagram, kSender);
+    ASSERT_EQ(d.format, TrackingFormat::osc);
+    EXPECT_EQ(d.frame->app, TrackingApp::vmc);
+    const float3 r = *d.frame->frame.rotation / kDeg;
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(r[i], c.degrees[i], 1e-3) << "axis " << c.axis << ", component " << i;
+    EXPECT_EQ(*d.frame->frame.position, float3(-0.01f, 1.5f, 0.02f));  // Unity's x mirrored
   }
-  // A zero byte after the object ends the text (a C string's terminator);
-  // inside the object it is an error.
-  EXPECT_TRUE(decodeJSONText(bytesOf(std::string("{\"rotation\": [1, 2, 3]} \0 junk", 30)), kSender));
-  EXPECT_FALSE(decodeJSONText(bytesOf(std::string("{\"a\": 1\0}", 9)), kSender));
+  // Names through the same mapping; another bone, or a non-Head one, moves nothing.
+  const auto named = decodeDatagram(test::oscMessage("/VMC/Ext/Blend/Val", {std::string("MouthSmile_L"), 0.5f}), kSender);
+  EXPECT_EQ(*named.frame->frame.blendshapes, BlendshapeMap({{"mouthSmileLeft", 0.5f}}));
+  const auto hips = decodeDatagram(test::oscMessage("/VMC/Ext/Bone/Pos", {std::string("Hips"), 0.f, 0.f, 0.f, 0.3f, 0.f, 0.f, 0.9f}), kSender);
+  EXPECT_FALSE(hips.frame->frame.rotation);
+}
+
+TEST(PhoneAppsTest, VTubeStudioJSON) {
+  const auto d = decodeText(
+      R"({"Timestamp":1732500000123,"Hotkey":-1,"FaceFound":false,)"
+      R"("Rotation":{"x":10.0,"y":-20.0,"z":5.0},"Position":{"x":0.5,"y":-1.0,"z":2.0},)"
+      R"("EyeLeft":{"x":4.0,"y":-8.0,"z":0.0},"EyeRight":{"x":4.0,"y":-7.0,"z":0.0},)"
+      R"("BlendShapes":[{"k":"EyeBlinkLeft","v":0.25},{"k":"jaw_open","v":0.7},{"k":"JawOpen","v":0.5},)"
+      R"({"k":"jawOpen","v":0.125},{"k":"MouthSmile_R","v":1},{"k":"CustomShape","v":0.5},{"k":"bad"}]})");
+  ASSERT_EQ(d.format, TrackingFormat::json);
+  const DecodedFrame& f = *d.frame;
+  EXPECT_EQ(f.app, TrackingApp::vtubeStudio);
+  // The exact name wins over other spellings of it.
+  EXPECT_EQ(*f.frame.blendshapes, BlendshapeMap({{"eyeBlinkLeft", 0.25f},
+                                                 {"jawOpen", 0.125f},
+                                                 {"mouthSmileRight", 1.0f},
+                                                 {"CustomShape", 0.5f}}));
+  EXPECT_EQ(*f.frame.rotation, float3(10.0f, -20.0f, 5.0f) * kDeg);
+  EXPECT_EQ(*f.frame.position, float3(0.5f, -1.0f, 2.0f));
+  EXPECT_EQ(*f.frame.leftEyeRotation, float3(4.0f, -8.0f, 0.0f) * kDeg);
+  EXPECT_FALSE(f.frame.faceFound);
+  // Without the app's keys: plain JSON; spellings map there too, the first in byte order winning.
+  const auto plain = decodeText(R"({"blendshapes":{"jaw_open":0.7,"JawOpen":0.5}})");
+  EXPECT_EQ(plain.frame->app, TrackingApp::json);
+  EXPECT_EQ(*plain.frame->frame.blendshapes, BlendshapeMap({{"jawOpen", 0.5f}}));
 }
 
 // ---------------------------------------------------------------------------

@@ -37,6 +37,9 @@ TEST(OneEuroFilter1DTest, FirstSampleAfterConstructionOrResetIsExact) {
   EXPECT_EQ(filter.dCutoff, 1.0f);
 }
 
+// The worked steps pin the smoothing factor, the derivative's own filter,
+// the speed term (for a rising signal; a falling one is the bank test's,
+// against the bank's own absolute value) and the 0.0001 s shortest step.
 TEST(OneEuroFilter1DTest, MatchesWorkedSinglePrecisionSteps) {
   OneEuroFilter1D filter(1.0f, 0.5f, 1.0f);
   EXPECT_EQ(filter.filter(0.2f, 10.0), 0.2f);
@@ -45,18 +48,10 @@ TEST(OneEuroFilter1DTest, MatchesWorkedSinglePrecisionSteps) {
   // Same timestamp again: dt counts as 0.0001 s.
   EXPECT_EQ(bits(filter.filter(0.4f, 10.05)), 0x3ec1e871u);  // 0.378726512
   EXPECT_EQ(bits(filter.filter(1.0f, 10.2)), 0x3f55b9e4u);   // 0.834867716
-}
-
-TEST(OneEuroFilter1DTest, EqualAndBackwardTimestampsUseTheShortestStep) {
-  OneEuroFilter1D same(1.0f, 0.0f, 1.0f), backwards(1.0f, 0.0f, 1.0f), shortest(1.0f, 0.0f, 1.0f);
-  for (auto* f : {&same, &backwards, &shortest}) f->filter(0.0f, 3.0);
-  const float a = same.filter(1.0f, 3.0);
-  const float b = backwards.filter(1.0f, 2.0);
-  const float c = shortest.filter(1.0f, 3.0 + 0.0001);
-  EXPECT_EQ(a, b);
-  EXPECT_EQ(a, c);
-  // alpha = 1 / (1 + tau/te), tau = 1/(2 pi), te = 0.0001 -> about 6.28e-4.
-  EXPECT_NEAR(a, 6.27924e-4f, 1e-8f);
+  // A timestamp before the previous one takes the same shortest step.
+  OneEuroFilter1D same(1.0f, 0.0f, 1.0f), backwards(1.0f, 0.0f, 1.0f);
+  for (auto* f : {&same, &backwards}) f->filter(0.0f, 3.0);
+  EXPECT_EQ(bits(backwards.filter(1.0f, 2.0)), bits(same.filter(1.0f, 3.0)));
 }
 
 TEST(OneEuroFilter1DTest, NonFiniteSampleLeavesStateUntouched) {
@@ -75,40 +70,6 @@ TEST(OneEuroFilter1DTest, NonFiniteSampleLeavesStateUntouched) {
   EXPECT_EQ(a.filter(-inf, 1.6), out);
   // The rejected samples moved neither the time nor the derivative.
   EXPECT_EQ(a.filter(0.3f, 1.04), b.filter(0.3f, 1.04));
-}
-
-TEST(OneEuroFilter1DTest, BetaZeroKeepsTheCutoffWhateverTheSpeed) {
-  // With beta 0 the response to a step is the same for a small and a large
-  // step (scaled), because the cut-off does not depend on the derivative.
-  OneEuroFilter1D small(1.5f, 0.0f, 1.0f), large(1.5f, 0.0f, 1.0f);
-  small.filter(0.0f, 0.0);
-  large.filter(0.0f, 0.0);
-  for (int i = 1; i <= 5; ++i) {
-    const double t = i / 60.0;
-    const float s = small.filter(0.01f, t);
-    const float l = large.filter(100.0f, t);
-    EXPECT_NEAR(l / 100.0f, s / 0.01f, 1e-5f) << i;
-  }
-  // With beta > 0 the fast signal follows more closely.
-  OneEuroFilter1D slow(1.5f, 1.0f, 1.0f), fast(1.5f, 1.0f, 1.0f);
-  slow.filter(0.0f, 0.0);
-  fast.filter(0.0f, 0.0);
-  EXPECT_GT(fast.filter(100.0f, 1 / 60.0) / 100.0f, slow.filter(0.01f, 1 / 60.0) / 0.01f);
-}
-
-TEST(OneEuroFilter1DTest, ParameterChangesDoNotReset) {
-  OneEuroFilter1D filter(1.0f, 0.0f, 1.0f);
-  filter.filter(0.0f, 0.0);
-  filter.minCutoff = 50.0f;
-  EXPECT_TRUE(filter.isPrimed());
-  const float out = filter.filter(1.0f, 0.1);
-  EXPECT_GT(out, 0.9f);  // high cut-off: follows almost at once
-  EXPECT_LT(out, 1.0f);
-}
-
-TEST(OneEuroFilter1DTest, ConstantInputStaysPut) {
-  OneEuroFilter1D filter(1.98f, 0.0165f, 1.0f);
-  for (int i = 0; i < 10; ++i) EXPECT_EQ(filter.filter(0.5f, i / 60.0), 0.5f);
 }
 
 TEST(OneEuroFilter1DTest, SharedTimeStepGivesTheSameBits) {
@@ -192,38 +153,28 @@ TEST(OneEuroFilterBankTest, EveryLaneIsBitForBitItsOwnFilter) {
   EXPECT_FALSE(empty.canShare(0, OneEuroFilter1D::timeStep(0.0, 1.0, 0.0f)));
 }
 
+// Each component is its own filter on the same time; a non-finite component
+// is filtered as 0; new parameters keep dCutoff and the state.
 TEST(OneEuroFilter3DTest, ComponentsFilterIndependentlyWithTheSameTime) {
   OneEuroFilter3D vector(1.0f, 0.5f, 1.0f);
   OneEuroFilter1D x(1.0f, 0.5f, 1.0f), y(1.0f, 0.5f, 1.0f), z(1.0f, 0.5f, 1.0f);
-  const float3 samples[] = {{0.2f, -1.0f, 3.0f}, {0.9f, -0.5f, 2.0f}, {0.4f, 0.0f, 2.5f}};
-  const double times[] = {10.0, 10.0166, 10.05};
-  for (int i = 0; i < 3; ++i) {
+  const float3 samples[] = {{0.2f, -1.0f, 3.0f}, {0.9f, nan, 2.0f}, {0.4f, 0.0f, inf}, {0.1f, 0.5f, 1.0f}};
+  const double times[] = {10.0, 10.0166, 10.05, 10.1};
+  for (int i = 0; i < 4; ++i) {
+    if (i == 3) {
+      vector.updateParameters(0.2f, 0.001f);
+      for (auto* f : {&x, &y, &z}) f->minCutoff = 0.2f, f->beta = 0.001f;
+    }
     const float3 out = vector.filter(samples[i], times[i]);
-    EXPECT_EQ(out.x, x.filter(samples[i].x, times[i]));
-    EXPECT_EQ(out.y, y.filter(samples[i].y, times[i]));
-    EXPECT_EQ(out.z, z.filter(samples[i].z, times[i]));
+    auto zeroed = [](float v) { return std::isfinite(v) ? v : 0.0f; };
+    EXPECT_EQ(out.x, x.filter(zeroed(samples[i].x), times[i])) << i;
+    EXPECT_EQ(out.y, y.filter(zeroed(samples[i].y), times[i])) << i;
+    EXPECT_EQ(out.z, z.filter(zeroed(samples[i].z), times[i])) << i;
   }
-}
-
-TEST(OneEuroFilter3DTest, NonFiniteComponentIsFilteredAsZero) {
-  OneEuroFilter3D vector(1.0f, 0.0f, 1.0f);
-  EXPECT_EQ(vector.filter(float3(nan, 2.0f, inf), 0.0), float3(0.0f, 2.0f, 0.0f));
-  const float3 out = vector.filter(float3(1.0f, nan, 1.0f), 0.1);
-  // y was fed 0 after 2: it moved towards 0 instead of holding 2.
-  EXPECT_LT(out.y, 2.0f);
-  EXPECT_GT(out.y, 0.0f);
-  EXPECT_EQ(out.x, out.z);
-}
-
-TEST(OneEuroFilter3DTest, UpdateParametersKeepsDCutoffAndState) {
-  OneEuroFilter3D vector(1.2f, 0.01f, 1.0f);
-  vector.filter(float3(1.0f), 0.0);
-  vector.updateParameters(0.2f, 0.001f);
   for (const OneEuroFilter1D* f : {&vector.x(), &vector.y(), &vector.z()}) {
     EXPECT_EQ(f->minCutoff, 0.2f);
     EXPECT_EQ(f->beta, 0.001f);
     EXPECT_EQ(f->dCutoff, 1.0f);
-    EXPECT_TRUE(f->isPrimed());
   }
   vector.reset();
   EXPECT_FALSE(vector.x().isPrimed());

@@ -50,6 +50,15 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
     state.setIsOSCEnabled(false);
     state.setIsNDIActive(true);
     state.setLighting(lighting);
+    EXPECT_EQ(state.trackingTimeout(), 0.5);
+    EXPECT_TRUE(state.relayTargets().empty());
+    EXPECT_TRUE(state.trackingAllowedSenders().empty());
+    state.setTrackingTimeout(1.25);
+    state.setRelayTargets({"127.0.0.1:9000", "lighting-desk:7000"});
+    state.setTrackingBindAddress("192.168.1.5");
+    state.setOscBindAddress("127.0.0.1");
+    state.setTrackingAllowedSenders({"192.168.1.0/24"});
+    state.setOscAllowedSenders({"10.0.0.7", "10.0.1.0/28"});
     // Not persisted:
     state.setSmoothing(0.9f);
     state.setMaskOpacity(0.2f);
@@ -65,6 +74,8 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
   EXPECT_EQ(store.object("blendshapeRanges"),
             (json{{"jawOpen", {static_cast<double>(0.1f), static_cast<double>(0.8f)}},
                   {"eyeBlinkLeft", {0.0, static_cast<double>(0.3f)}}}));
+  EXPECT_EQ(*store.object("trackingTimeout"), json(1.25));
+  EXPECT_EQ(*store.object("oscAllowedSenders"), json({"10.0.0.7", "10.0.1.0/28"}));
   EXPECT_FALSE(store.object("smoothing"));
   EXPECT_FALSE(store.object("maskOpacity"));
 
@@ -80,51 +91,57 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
   EXPECT_FLOAT_EQ(restarted.smoothing(), 0.45f);
   EXPECT_EQ(restarted.maskOpacity(), 1.0f);
   EXPECT_EQ(restarted.globalSensitivity(), 1.0f);
+  EXPECT_EQ(restarted.trackingTimeout(), 1.25);
+  EXPECT_EQ(restarted.trackingLoss().timeout(), 1.25);
+  EXPECT_EQ(restarted.relayTargets(), (std::vector<std::string>{"127.0.0.1:9000", "lighting-desk:7000"}));
+  EXPECT_EQ(restarted.trackingBindAddress(), "192.168.1.5");
+  EXPECT_EQ(restarted.oscBindAddress(), "127.0.0.1");
+  EXPECT_EQ(restarted.trackingAllowedSenders(), std::vector<std::string>{"192.168.1.0/24"});
+  EXPECT_EQ(restarted.oscAllowedSenders(), (std::vector<std::string>{"10.0.0.7", "10.0.1.0/28"}));
 }
 
-TEST(TrackingSettingsTest, CharacterModelFallback) {
-  EXPECT_EQ(Stored(json{{"characterModel", "cartoon_ghost"}}).state->characterModel(),
-            CharacterModelType::cartoonGhost);
-  for (const json& bad : {json("ghost"), json("Cartoon Ghost"), json(1), json(true), json::array()}) {
-    EXPECT_EQ(Stored(json{{"characterModel", bad}}).state->characterModel(), CharacterModelType::theatricalMask)
-        << bad.dump();
-  }
-}
-
-TEST(TrackingSettingsTest, TrackingDetailFallback) {
-  EXPECT_EQ(Stored(json{{"trackingDetail", 0}}).state->trackingDetail(), TrackingDetail::simple);
-  EXPECT_EQ(Stored(json{{"trackingDetail", 3}}).state->trackingDetail(), TrackingDetail::many);
-  for (const json& bad : {json(7), json(-1), json(4), json("3"), json(true), json::object()}) {
-    EXPECT_EQ(Stored(json{{"trackingDetail", bad}}).state->trackingDetail(), TrackingDetail::detailed)
-        << bad.dump();
-  }
-}
-
-TEST(TrackingSettingsTest, OSCPortFallback) {
-  struct Case {
-    json stored;
-    int expected;
+// Each key read back from a stored value: unusable values give the key's
+// default. A value read from the state, as the JSON it would be stored as.
+TEST(TrackingSettingsTest, EveryKeyFallsBackFromUnusableValues) {
+  using Read = json (*)(const FaceTrackingState&);
+  const Read model = [](const FaceTrackingState& s) { return json(rawValue(s.characterModel())); };
+  const Read detail = [](const FaceTrackingState& s) { return json(rawValue(s.trackingDetail())); };
+  const Read port = [](const FaceTrackingState& s) { return json(s.oscPort()); };
+  const Read osc = [](const FaceTrackingState& s) { return json(s.isOSCEnabled()); };
+  const Read ndi = [](const FaceTrackingState& s) { return json(s.isNDIActive()); };
+  const Read timeout = [](const FaceTrackingState& s) { return json(s.trackingTimeout()); };
+  const Read bind = [](const FaceTrackingState& s) { return json(s.oscBindAddress()); };
+  struct Row {
+    const char* key;
+    Read read;
+    std::vector<json> stored;
+    json expected;
   };
-  const Case cases[] = {
-      {json(80), 53100},     {json(70000), 53100}, {json(1023), 53100},   {json(65536), 53100},
-      {json(1024), 1024},    {json(65535), 65535}, {json(53210), 53210},  {json("53210"), 53100},
-      {json(-53210), 53100}, {json(false), 53100}, {json(1e12), 53100},
+  const Row rows[] = {
+      {"characterModel", model, {"cartoon_ghost"}, "cartoon_ghost"},
+      {"characterModel", model, {"ghost", "Cartoon Ghost", 1, true, json::array()}, "theatrical_mask"},
+      {"trackingDetail", detail, {0}, 0},
+      {"trackingDetail", detail, {3}, 3},
+      {"trackingDetail", detail, {7, -1, 4, "3", true, json::object()}, 2},
+      {"oscCuePort", port, {1024}, 1024},
+      {"oscCuePort", port, {65535}, 65535},
+      {"oscCuePort", port, {53210}, 53210},
+      {"oscCuePort", port, {80, 70000, 1023, 65536, "53210", -53210, false, 1e12}, 53100},
+      {"isOSCEnabled", osc, {false}, false},
+      {"isOSCEnabled", osc, {0, 1, "false", nullptr}, true},
+      {"ndiOutputEnabled", ndi, {true}, true},
+      {"ndiOutputEnabled", ndi, {1, "true", json::array({true})}, false},
+      {"trackingTimeout", timeout, {-1}, 0.5},
+      {"oscBindAddress", bind, {7}, ""},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(Stored(json{{"oscCuePort", c.stored}}).state->oscPort(), c.expected) << c.stored.dump();
+  for (const Row& r : rows) {
+    for (const json& stored : r.stored) {
+      SCOPED_TRACE(std::string(r.key) + " " + stored.dump());
+      EXPECT_EQ(r.read(*Stored(json{{r.key, stored}}).state), r.expected);
+    }
   }
   EXPECT_EQ(Stored(json::object()).state->oscPort(), FaceTrackingState::defaultOSCPort);
-}
-
-TEST(TrackingSettingsTest, SwitchFallbacksAcceptOnlyBooleans) {
-  EXPECT_FALSE(Stored(json{{"isOSCEnabled", false}}).state->isOSCEnabled());
-  for (const json& bad : {json(0), json(1), json("false"), json(nullptr)}) {
-    EXPECT_TRUE(Stored(json{{"isOSCEnabled", bad}}).state->isOSCEnabled()) << bad.dump();
-  }
-  EXPECT_TRUE(Stored(json{{"ndiOutputEnabled", true}}).state->isNDIActive());
-  for (const json& bad : {json(1), json("true"), json::array({true})}) {
-    EXPECT_FALSE(Stored(json{{"ndiOutputEnabled", bad}}).state->isNDIActive()) << bad.dump();
-  }
+  EXPECT_EQ(FaceTrackingState::defaultOSCPort, 53100);
 }
 
 TEST(TrackingSettingsTest, LightingFallback) {
@@ -182,34 +199,6 @@ TEST(TrackingSettingsTest, UnusableStoredValuesAreLoggedOnce) {
   EXPECT_EQ(lines[1], "[Settings] Stored \"oscCuePort\" value 80 is not usable; using 53100");
 }
 
-TEST(TrackingSettingsTest, ShowSafetySettingsSurviveARestart) {
-  test::TempDir dir;
-  {
-    SettingsStore store(dir.path());
-    FaceTrackingState state(store);
-    EXPECT_EQ(state.trackingTimeout(), 0.5);
-    EXPECT_TRUE(state.relayTargets().empty());
-    EXPECT_TRUE(state.trackingAllowedSenders().empty());
-    state.setTrackingTimeout(1.25);
-    state.setRelayTargets({"127.0.0.1:9000", "lighting-desk:7000"});
-    state.setTrackingBindAddress("192.168.1.5");
-    state.setOscBindAddress("127.0.0.1");
-    state.setTrackingAllowedSenders({"192.168.1.0/24"});
-    state.setOscAllowedSenders({"10.0.0.7", "10.0.1.0/28"});
-  }
-  SettingsStore store(dir.path());
-  EXPECT_EQ(*store.object("trackingTimeout"), json(1.25));
-  EXPECT_EQ(*store.object("oscAllowedSenders"), json({"10.0.0.7", "10.0.1.0/28"}));
-  FaceTrackingState state(store);
-  EXPECT_EQ(state.trackingTimeout(), 1.25);
-  EXPECT_EQ(state.trackingLoss().timeout(), 1.25);
-  EXPECT_EQ(state.relayTargets(), (std::vector<std::string>{"127.0.0.1:9000", "lighting-desk:7000"}));
-  EXPECT_EQ(state.trackingBindAddress(), "192.168.1.5");
-  EXPECT_EQ(state.oscBindAddress(), "127.0.0.1");
-  EXPECT_EQ(state.trackingAllowedSenders(), std::vector<std::string>{"192.168.1.0/24"});
-  EXPECT_EQ(state.oscAllowedSenders(), (std::vector<std::string>{"10.0.0.7", "10.0.1.0/28"}));
-}
-
 TEST(TrackingSettingsTest, StoredAllowListsNeverComeBackEmptyByAccident) {
   test::LogCapture log;
   // Whatever is stored restricts: a lone string, non-string elements and
@@ -221,8 +210,6 @@ TEST(TrackingSettingsTest, StoredAllowListsNeverComeBackEmptyByAccident) {
                      {"oscBindAddress", 7}});
   EXPECT_EQ(stored.state->oscAllowedSenders(), std::vector<std::string>{"10.0.0.7"});
   EXPECT_EQ(stored.state->trackingAllowedSenders(), (std::vector<std::string>{"10.0.0.8", "42", "null"}));
-  EXPECT_EQ(stored.state->trackingTimeout(), 0.5);
-  EXPECT_EQ(stored.state->oscBindAddress(), "");
   EXPECT_TRUE(log.has("[Settings] Stored \"trackingTimeout\" value -1 is not usable; using 0.5"));
   EXPECT_TRUE(log.has("[Settings] Stored \"oscBindAddress\" value 7 is not usable; using \"\""));
   Stored other(json{{"oscAllowedSenders", json::object({{"a", 1}})}});

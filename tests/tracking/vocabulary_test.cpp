@@ -16,36 +16,32 @@
 namespace velmora {
 namespace {
 
-TEST(ARKitBlendShapeTest, CasesAreAlphabeticalWithTheirIndices) {
+TEST(ARKitBlendShapeTest, CasesAreAlphabeticalWithTheirIndicesAndRoundTrip) {
   const auto all = allCases<ARKitBlendShape>();
   ASSERT_EQ(all.size(), 52u);
-  for (std::size_t i = 0; i < all.size(); ++i) EXPECT_EQ(index(all[i]), i);
-  EXPECT_EQ(rawValue(all.front()), "browDownLeft");
-  EXPECT_EQ(rawValue(all.back()), "tongueOut");
-  EXPECT_EQ(rawValue(ARKitBlendShape::jawOpen), "jawOpen");
-  EXPECT_EQ(index(ARKitBlendShape::jawOpen), 24u);
-  EXPECT_EQ(index(ARKitBlendShape::mouthClose), 26u);
-  EXPECT_EQ(rawValue(all[39]), "mouthRollLower");
-  EXPECT_EQ(rawValue(all[13]), "eyeLookInRight");
   std::vector<std::string> names;
-  for (auto shape : all) names.emplace_back(rawValue(shape));
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    EXPECT_EQ(index(all[i]), i);
+    EXPECT_EQ(fromRawValue<ARKitBlendShape>(rawValue(all[i])), all[i]) << rawValue(all[i]);
+    names.emplace_back(rawValue(all[i]));
+  }
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
   EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), 52u);
-}
-
-TEST(ARKitBlendShapeTest, RawValueRoundTripAndUnknownNames) {
-  for (auto shape : allCases<ARKitBlendShape>()) {
-    EXPECT_EQ(fromRawValue<ARKitBlendShape>(rawValue(shape)), shape) << rawValue(shape);
+  for (const auto& [i, name] : {std::pair{0, "browDownLeft"}, std::pair{13, "eyeLookInRight"},
+                                std::pair{24, "jawOpen"}, std::pair{26, "mouthClose"},
+                                std::pair{39, "mouthRollLower"}, std::pair{51, "tongueOut"}}) {
+    EXPECT_EQ(rawValue(all[i]), name);
   }
-  for (const std::string_view unknown : {std::string_view(""), std::string_view("JawOpen"), std::string_view("jawopen"),
-                                         std::string_view("jawOpen "), std::string_view("jawOpen\0", 8),
-                                         std::string_view("tongueOutX"), std::string_view("aaa"), std::string_view("zzz"),
-                                         std::string_view("browDown"), std::string_view("mouthSmileLeftX")}) {
+  EXPECT_EQ(all[24], ARKitBlendShape::jawOpen);
+  using std::string_view;
+  for (const string_view unknown : {string_view(""), string_view("JawOpen"), string_view("jawopen"),
+                                    string_view("jawOpen "), string_view("jawOpen\0", 8), string_view("tongueOutX"),
+                                    string_view("aaa"), string_view("zzz"), string_view("browDown"),
+                                    string_view("mouthSmileLeftX")}) {
     EXPECT_FALSE(fromRawValue<ARKitBlendShape>(unknown)) << unknown;
   }
-  std::unordered_set<ARKitBlendShape> set(allCases<ARKitBlendShape>().begin(), allCases<ARKitBlendShape>().end());
+  std::unordered_set<ARKitBlendShape> set(all.begin(), all.end());
   EXPECT_EQ(set.size(), 52u);
-  EXPECT_TRUE(set.contains(ARKitBlendShape::cheekPuff));
 }
 
 TEST(LiveLinkNamesTest, WireOrderCoversTheVocabularyOnce) {
@@ -56,53 +52,56 @@ TEST(LiveLinkNamesTest, WireOrderCoversTheVocabularyOnce) {
     seen.insert(name);
   }
   EXPECT_EQ(seen.size(), 52u);
-  EXPECT_EQ(unrealARKitNames[0], "eyeBlinkLeft");
-  EXPECT_EQ(unrealARKitNames[17], "jawOpen");
-  EXPECT_EQ(unrealARKitNames[41], "browDownLeft");
-  EXPECT_EQ(unrealARKitNames[46], "cheekPuff");
-  EXPECT_EQ(unrealARKitNames[51], "tongueOut");
+  for (const auto& [i, name] : {std::pair{0, "eyeBlinkLeft"}, std::pair{17, "jawOpen"}, std::pair{41, "browDownLeft"},
+                                std::pair{46, "cheekPuff"}, std::pair{51, "tongueOut"}}) {
+    EXPECT_EQ(unrealARKitNames[i], name);
+  }
 }
 
 TEST(BlendshapeRegionTest, PlainCaseSensitivePrefix) {
-  EXPECT_EQ(blendshapeRegion("jawOpen"), BlendshapeRegion::mouth);
-  EXPECT_EQ(blendshapeRegion("mouthSmileLeft"), BlendshapeRegion::mouth);
-  EXPECT_EQ(blendshapeRegion("browInnerUp"), BlendshapeRegion::brow);
-  EXPECT_EQ(blendshapeRegion("eyeBlinkRight"), BlendshapeRegion::eye);
-  EXPECT_EQ(blendshapeRegion("eye"), BlendshapeRegion::eye);
-  for (const char* none : {"cheekPuff", "noseSneerLeft", "tongueOut", "JawOpen", "Mouth", "", "ja", "eyBlink"}) {
-    EXPECT_EQ(blendshapeRegion(none), BlendshapeRegion::none) << none;
-  }
+  const std::pair<const char*, BlendshapeRegion> rows[] = {
+      {"jawOpen", BlendshapeRegion::mouth}, {"mouthSmileLeft", BlendshapeRegion::mouth},
+      {"browInnerUp", BlendshapeRegion::brow}, {"eyeBlinkRight", BlendshapeRegion::eye},
+      {"eye", BlendshapeRegion::eye}, {"cheekPuff", BlendshapeRegion::none},
+      {"noseSneerLeft", BlendshapeRegion::none}, {"tongueOut", BlendshapeRegion::none},
+      {"JawOpen", BlendshapeRegion::none}, {"Mouth", BlendshapeRegion::none},
+      {"", BlendshapeRegion::none}, {"ja", BlendshapeRegion::none},
+      {"eyBlink", BlendshapeRegion::none},
+  };
+  for (const auto& [name, region] : rows) EXPECT_EQ(blendshapeRegion(name), region) << name;
 }
 
-TEST(CharacterModelTypeTest, RawValuesAndNames) {
-  const auto all = allCases<CharacterModelType>();
-  ASSERT_EQ(all.size(), 2u);
-  EXPECT_EQ(all[0], CharacterModelType::theatricalMask);
-  EXPECT_EQ(all[1], CharacterModelType::cartoonGhost);
-  EXPECT_EQ(rawValue(CharacterModelType::theatricalMask), "theatrical_mask");
-  EXPECT_EQ(rawValue(CharacterModelType::cartoonGhost), "cartoon_ghost");
-  EXPECT_EQ(displayName(CharacterModelType::theatricalMask), "Theatrical Mask");
-  EXPECT_EQ(displayName(CharacterModelType::cartoonGhost), "Cartoon Ghost");
-  EXPECT_EQ(fromRawValue<CharacterModelType>("theatrical_mask"), CharacterModelType::theatricalMask);
-  EXPECT_EQ(fromRawValue<CharacterModelType>("cartoon_ghost"), CharacterModelType::cartoonGhost);
+TEST(PersistedEnumerationsTest, RawValuesNamesAndLabels) {
+  const auto models = allCases<CharacterModelType>();
+  ASSERT_EQ(models.size(), 2u);
+  const struct {
+    CharacterModelType model;
+    const char* raw;
+    const char* name;
+  } rows[] = {{CharacterModelType::theatricalMask, "theatrical_mask", "Theatrical Mask"},
+              {CharacterModelType::cartoonGhost, "cartoon_ghost", "Cartoon Ghost"}};
+  for (std::size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(models[i], rows[i].model);
+    EXPECT_EQ(rawValue(rows[i].model), rows[i].raw);
+    EXPECT_EQ(displayName(rows[i].model), rows[i].name);
+    EXPECT_EQ(fromRawValue<CharacterModelType>(rows[i].raw), rows[i].model);
+  }
   for (const char* other : {"ghost", "Cartoon Ghost", "CARTOON_GHOST", "", "0", "1"}) {
     EXPECT_FALSE(fromRawValue<CharacterModelType>(other)) << other;
   }
-}
 
-TEST(TrackingDetailTest, RawValuesAndLabels) {
-  const auto all = allCases<TrackingDetail>();
-  ASSERT_EQ(all.size(), 4u);
+  const auto details = allCases<TrackingDetail>();
+  ASSERT_EQ(details.size(), 4u);
   const char* labels[] = {"Simple", "Standard", "Detailed", "Many"};
   for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(rawValue(all[i]), i);
-    EXPECT_EQ(label(all[i]), labels[i]);
-    EXPECT_EQ(fromRawValue<TrackingDetail>(i), all[i]);
+    EXPECT_EQ(rawValue(details[i]), i);
+    EXPECT_EQ(label(details[i]), labels[i]);
+    EXPECT_EQ(fromRawValue<TrackingDetail>(i), details[i]);
   }
   EXPECT_EQ(fromRawValue<TrackingDetail>(3), TrackingDetail::many);
-  EXPECT_FALSE(fromRawValue<TrackingDetail>(4));
-  EXPECT_FALSE(fromRawValue<TrackingDetail>(-1));
-  EXPECT_FALSE(fromRawValue<TrackingDetail>(std::int64_t{1} << 40));
+  for (std::int64_t bad : {std::int64_t{4}, std::int64_t{-1}, std::int64_t{1} << 40}) {
+    EXPECT_FALSE(fromRawValue<TrackingDetail>(bad)) << bad;
+  }
 }
 
 }  // namespace
