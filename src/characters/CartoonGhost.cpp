@@ -472,7 +472,7 @@ const std::vector<std::int32_t>& cavityTriangles() {
 // [SECTION] Shared data and the builder
 // ---------------------------------------------------------------------------
 
-using TargetList = std::vector<std::shared_ptr<const Geometry>>;
+using TargetList = MorphTargetList;
 
 struct GhostCache {
   std::shared_ptr<const Geometry> body, eye, cavity;
@@ -533,7 +533,7 @@ const GhostCache& ghostCache() {
       auto [pos, nrm] = assembleShell(body, outer);
       g->sources = {std::move(pos), std::move(nrm)};
       g->elements = elements;
-      (*bodyTargets)[t] = std::move(g);
+      (*bodyTargets)[t] = MorphTarget::fromGeometry(*c.body, *g);
 
       std::vector<float3> cavity(cavityRest.size());
       for (std::size_t i = 0; i < cavity.size(); ++i) cavity[i] = cavityRest[i] + table[t].displacement(cavityRest[i]);
@@ -542,7 +542,7 @@ const GhostCache& ghostCache() {
       auto [cp, cn] = TheatricalMaskGeometry::makeSources(cavity, TheatricalMaskGeometry::smoothNormals(cavity, cavityTriangles()));
       h->sources = {std::move(cp), std::move(cn)};
       h->elements = cavityElements;
-      (*cavityTargets)[t] = std::move(h);
+      (*cavityTargets)[t] = MorphTarget::fromGeometry(*c.cavity, *h);
     });
     c.bodyTargets = std::move(bodyTargets);
     c.cavityTargets = std::move(cavityTargets);

@@ -77,8 +77,8 @@ class CartoonGhost {
   static std::shared_ptr<const Geometry> bodyGeometry();
   static std::shared_ptr<const Geometry> eyeGeometry();
   static std::shared_ptr<const Geometry> cavityGeometry();
-  static std::shared_ptr<const std::vector<std::shared_ptr<const Geometry>>> bodyTargets();
-  static std::shared_ptr<const std::vector<std::shared_ptr<const Geometry>>> cavityTargets();
+  static std::shared_ptr<const MorphTargetList> bodyTargets();
+  static std::shared_ptr<const MorphTargetList> cavityTargets();
   static const std::unordered_map<std::string, int>& targetNameToIndex();
 };
 

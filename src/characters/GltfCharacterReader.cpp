@@ -901,7 +901,7 @@ void assemble(FileCharacter& out, Scene& scene) {
     auto node = Node::make(p.name);
     node->geometry = g;
     bool anyTarget = false;
-    auto targets = std::make_shared<std::vector<std::shared_ptr<const Geometry>>>(order.size());
+    auto targets = std::make_shared<MorphTargetList>(order.size());
     const GeometrySource& baseNormals = g->sources[1];
     for (std::size_t k = 0; k < order.size(); ++k) {
       const auto pos = p.targetPositions.find(order[k]);
@@ -913,7 +913,7 @@ void assemble(FileCharacter& out, Scene& scene) {
                                                           : g->sources[0]);
       t->sources.push_back(nrm != p.targetNormals.end() ? packedSource(GeometrySource::Semantic::normal, nrm->second)
                                                         : baseNormals);
-      (*targets)[k] = std::move(t);
+      (*targets)[k] = MorphTarget::fromGeometry(*g, *t);
       anyTarget = true;
     }
     p.targetPositions.clear();

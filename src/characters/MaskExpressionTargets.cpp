@@ -209,7 +209,7 @@ std::vector<MaskExpressionTargets::Entry> buildTable() {
   return table;
 }
 
-using TargetList = std::vector<std::shared_ptr<const Geometry>>;
+using TargetList = MorphTargetList;
 
 struct MaskCache {
   std::shared_ptr<const Geometry> neutral;
@@ -248,7 +248,7 @@ const MaskCache& maskCache() {
       g->name = table[t].name;
       g->sources = {std::move(pos), std::move(nrm)};
       g->elements = elements;
-      (*list)[t] = std::move(g);
+      (*list)[t] = MorphTarget::fromGeometry(*c.neutral, *g);
     });
     c.targets = std::move(list);
     return c;
@@ -371,7 +371,7 @@ std::shared_ptr<const TargetList> MaskExpressionTargets::wireframeTargets() {
       g->name = table[t].name;
       g->sources = {std::move(pos), std::move(nrm)};
       g->elements = base->elements;
-      (*list)[t] = std::move(g);
+      (*list)[t] = MorphTarget::fromGeometry(*base, *g);
     });
     return std::shared_ptr<const TargetList>(std::move(list));
   }();

@@ -63,9 +63,9 @@ class MaskExpressionTargets {
   // (shared, built once).
   static std::shared_ptr<const Geometry> neutralGeometry();
   // The 43 full-shell target geometries in table order (shared, built once).
-  static std::shared_ptr<const std::vector<std::shared_ptr<const Geometry>>> targets();
+  static std::shared_ptr<const MorphTargetList> targets();
   // The 43 front-only targets of the wireframe view (shared, built once).
-  static std::shared_ptr<const std::vector<std::shared_ptr<const Geometry>>> wireframeTargets();
+  static std::shared_ptr<const MorphTargetList> wireframeTargets();
 
   // Displaced front of one table entry: neutral front + displacement.
   static std::vector<float3> displacedFront(const Entry& entry, const std::vector<float3>& neutralFront);

@@ -254,10 +254,13 @@ WireframeLevel wireframeForDetail(TrackingDetail detail, const BlendshapeMap& bl
   for (std::size_t t = 0; t < morpher->targetCount(); ++t) {
     const float w = morpher->weight(t);
     if (w == 0.0f) continue;
-    const auto* target = (*morpher->targets)[t]->source(GeometrySource::Semantic::vertex);
+    const MorphTarget& target = *(*morpher->targets)[t];
+    if (!target.hasPositions) continue;
     for (std::size_t p = 0; p < layout.vertices.size(); ++p) {
-      const auto v = static_cast<std::size_t>(layout.vertices[p]);
-      level.points[p] += w * (target->vec3(v) - base->vec3(v));
+      const auto v = static_cast<std::uint32_t>(layout.vertices[p]);
+      const auto it = std::lower_bound(target.vertices.begin(), target.vertices.end(), v);
+      if (it != target.vertices.end() && *it == v)
+        level.points[p] += w * target.positionDeltas[static_cast<std::size_t>(it - target.vertices.begin())];
     }
   }
   return level;

@@ -162,10 +162,11 @@ std::vector<float> packed(const GeometrySource& source) {
   return out;
 }
 
-// target - base per float; both packed alike.
-std::vector<float> difference(const std::vector<float>& target, const std::vector<float>& base) {
-  std::vector<float> out(base.size(), 0.0f);
-  for (std::size_t i = 0; i < std::min(base.size(), target.size()); ++i) out[i] = target[i] - base[i];
+// Displacements packed like a three-component base stream.
+std::vector<float> packed(const std::vector<float3>& deltas) {
+  std::vector<float> out;
+  out.reserve(deltas.size() * 3);
+  for (const float3& d : deltas) out.insert(out.end(), {d.x, d.y, d.z});
   return out;
 }
 
@@ -232,10 +233,10 @@ class DocumentBuilder {
       tinygltf::Value::Array names;
       for (const auto& target : *morpher->targets) {
         std::map<std::string, int> deltas;
-        if (const auto* p = target->source(GeometrySource::Semantic::vertex); p && !basePositions.empty())
-          deltas["POSITION"] = packer_.deltas(difference(packed(*p), basePositions), true);
-        if (const auto* n = target->source(GeometrySource::Semantic::normal); n && !baseNormals.empty())
-          deltas["NORMAL"] = packer_.deltas(difference(packed(*n), baseNormals), false);
+        if (target->hasPositions && !basePositions.empty())
+          deltas["POSITION"] = packer_.deltas(packed(target->densePositionDeltas(basePositions.size() / 3)), true);
+        if (target->hasNormals && !baseNormals.empty())
+          deltas["NORMAL"] = packer_.deltas(packed(target->denseNormalDeltas(baseNormals.size() / 3)), false);
         targets.push_back(std::move(deltas));
         names.emplace_back(target->name);
       }

@@ -4,6 +4,10 @@
 
 #include <algorithm>
 #include <glm/gtc/packing.hpp>
+#include <string>
+
+#include "base/Log.h"
+#include "render/Shaders.h"
 
 namespace velmora {
 
@@ -11,8 +15,9 @@ namespace {
 
 using Semantic = GeometrySource::Semantic;
 
-// Position delta x, y, z, then normal delta x, y, z.
-constexpr std::size_t kHalvesPerVertex = 6;
+// One entry of the morph program's delta buffer: the target's index, then
+// position delta x, y, z and normal delta x, y, z as half floats.
+constexpr std::size_t kTexelsPerEntry = 4;
 
 GLenum glMode(GeometryElement::Primitive p) {
   switch (p) {
@@ -146,29 +151,41 @@ const MeshCache::MorphDeltas* MeshCache::deltas(const Geometry& base, const std:
   }
 
   const std::size_t n = static_cast<std::size_t>(bp->vectorCount);
-  const std::size_t t = targets->size();
-  // Half floats, six per (target, vertex) with no padding: the mask's 43
-  // full-shell targets of ~64 000 vertices take 33 MB this way (85 MB as
-  // floats, 44 MB as RGBA16F texel pairs), and a half keeps a 5 cm delta to
-  // 0.03 mm, far below a pixel.
-  std::vector<std::uint16_t> texels(t * n * kHalvesPerVertex, glm::packHalf1x16(0.0f));
-  auto put = [](std::uint16_t* out, const float3& d) {
-    out[0] = glm::packHalf1x16(d.x);
-    out[1] = glm::packHalf1x16(d.y);
-    out[2] = glm::packHalf1x16(d.z);
-  };
+  // The morph program weighs at most maxMorphTargets targets of one mesh;
+  // characters have one per blendshape, at most 52.
+  const std::size_t t = std::min(targets->size(), static_cast<std::size_t>(shaders::maxMorphTargets));
+  if (t < targets->size())
+    logLine("Renderer", "MeshCache: a mesh with " + std::to_string(targets->size()) + " morph targets; those past the " +
+                            std::to_string(shaders::maxMorphTargets) + "th do not move");
+  const std::size_t normalCount = bn && bn->data ? static_cast<std::size_t>(std::max(0, bn->vectorCount)) : 0;
+  // Per vertex, the targets that move it, in target order (see the morph
+  // program): only moved vertices have entries, so the mask's 43 targets
+  // take about 16 MB, against 33 MB with a delta for every (target, vertex),
+  // and a half keeps a 5 cm delta to 0.03 mm, far below a pixel. Same rule
+  // as the CPU reference blend: vertices the target lacks do not move.
+  std::vector<std::uint32_t> texels(n + 1, 0);
+  for (std::size_t ti = 0; ti < t; ++ti)
+    if (const MorphTarget* target = (*targets)[ti].get())
+      for (const std::uint32_t v : target->vertices)
+        if (v < n) ++texels[v + 1];
+  for (std::size_t v = 0; v < n; ++v) texels[v + 1] += texels[v];
+  std::vector<std::uint32_t> cursor(texels.begin(), texels.end() - 1);
+  texels.resize(n + 1 + texels[n] * kTexelsPerEntry, 0);
+  auto half = [](float value) { return static_cast<std::uint32_t>(glm::packHalf1x16(value)); };
   for (std::size_t ti = 0; ti < t; ++ti) {
-    const Geometry* target = (*targets)[ti].get();
+    const MorphTarget* target = (*targets)[ti].get();
     if (!target) continue;
-    const GeometrySource* tp = target->source(Semantic::vertex);
-    const GeometrySource* tn = target->source(Semantic::normal);
-    // Same rule as the CPU reference blend: vertices the target lacks do not move.
-    const std::size_t np = tp && tp->data ? std::min(n, static_cast<std::size_t>(tp->vectorCount)) : 0;
-    const std::size_t nn =
-        (tn && tn->data && bn && bn->data) ? std::min({n, static_cast<std::size_t>(tn->vectorCount), static_cast<std::size_t>(bn->vectorCount)}) : 0;
-    std::uint16_t* out = texels.data() + ti * n * kHalvesPerVertex;
-    for (std::size_t v = 0; v < np; ++v) put(out + v * kHalvesPerVertex, tp->vec3(v) - bp->vec3(v));
-    for (std::size_t v = 0; v < nn; ++v) put(out + v * kHalvesPerVertex + 3, tn->vec3(v) - bn->vec3(v));
+    for (std::size_t k = 0; k < target->vertices.size(); ++k) {
+      const std::uint32_t v = target->vertices[k];
+      if (v >= n) break;  // ascending
+      const float3 dp = target->hasPositions ? target->positionDeltas[k] : float3(0.0f);
+      const float3 dn = target->hasNormals && v < normalCount ? target->normalDeltas[k] : float3(0.0f);
+      std::uint32_t* out = texels.data() + n + 1 + cursor[v]++ * kTexelsPerEntry;
+      out[0] = static_cast<std::uint32_t>(ti);
+      out[1] = half(dp.x) | half(dp.y) << 16;
+      out[2] = half(dp.z) | half(dn.x) << 16;
+      out[3] = half(dn.y) | half(dn.z) << 16;
+    }
   }
   DeltaEntry entry;
   entry.targets = targets;
@@ -179,11 +196,11 @@ const MeshCache::MorphDeltas* MeshCache::deltas(const Geometry& base, const std:
   d.targetCount = static_cast<int>(t);
   glGenBuffers(1, &d.buffer);
   glBindBuffer(GL_TEXTURE_BUFFER, d.buffer);
-  glBufferData(GL_TEXTURE_BUFFER, static_cast<GLsizeiptr>(texels.size() * sizeof(std::uint16_t)), texels.data(),
+  glBufferData(GL_TEXTURE_BUFFER, static_cast<GLsizeiptr>(texels.size() * sizeof(std::uint32_t)), texels.data(),
                GL_STATIC_DRAW);
   glGenTextures(1, &d.texture);
   glBindTexture(GL_TEXTURE_BUFFER, d.texture);
-  glTexBuffer(GL_TEXTURE_BUFFER, GL_R32UI, d.buffer);  // two halves a texel, decoded by the morph shader
+  glTexBuffer(GL_TEXTURE_BUFFER, GL_R32UI, d.buffer);  // decoded by the morph program
   glBindTexture(GL_TEXTURE_BUFFER, 0);
   glBindBuffer(GL_TEXTURE_BUFFER, 0);
   ++uploads_;

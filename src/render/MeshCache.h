@@ -19,12 +19,13 @@
 #include <vector>
 
 #include "stage/Geometry.h"
+#include "stage/Morpher.h"
 
 namespace velmora {
 
 class MeshCache {
  public:
-  using TargetList = std::vector<std::shared_ptr<const Geometry>>;
+  using TargetList = MorphTargetList;
 
   struct Mesh {
     unsigned vertexArray = 0;

@@ -105,8 +105,6 @@ struct SceneRenderer::Impl {
   std::vector<Prepared> items;      // this frame's draw items (the first preparedCount), reused
   std::size_t preparedCount = 0;
   std::vector<const Prepared*> translucent;
-  std::vector<std::pair<int, float>> activeMorphs;
-  std::vector<int> morphIndices;
   std::vector<float> morphWeights;
   GLuint emptyVertexArray = 0;
   GLuint specularTexture = 0, blackTexture = 0;
@@ -118,7 +116,6 @@ struct SceneRenderer::Impl {
   int maxSamples = 1;
   int maxSize = 0;
   bool reportedGlError = false;
-  bool reportedMorphLimit = false;
 
   ~Impl() {
     for (Targets& t : targetSets) releaseTargets(t);
@@ -322,42 +319,21 @@ struct SceneRenderer::Impl {
       morphBufferBytes[slot] = bytes;
     }
 
-    // Valid, non-zero weights; beyond the uniform array's size the strongest win.
-    std::vector<std::pair<int, float>>& active = activeMorphs;
-    active.clear();
-    const int targetCount = deltas ? deltas->targetCount : 0;
+    // One weight per target the deltas hold (valid and non-zero, else 0:
+    // the program then skips the target).
+    std::vector<float>& weights = morphWeights;
+    weights.assign(static_cast<std::size_t>(deltas ? deltas->targetCount : 0), 0.0f);
     for (std::size_t i = 0; i < item.morphIndices.size() && i < item.morphWeights.size(); ++i) {
       const int index = item.morphIndices[i];
       const float w = item.morphWeights[i];
-      if (index >= 0 && index < targetCount && w != 0.0f && std::isfinite(w)) active.emplace_back(index, w);
-    }
-    if (active.size() > static_cast<std::size_t>(shaders::maxActiveMorphTargets)) {
-      if (!reportedMorphLimit) {
-        logLine("Renderer", "SceneRenderer: more than " + std::to_string(shaders::maxActiveMorphTargets) +
-                                " active morph targets on one mesh; the weakest are left out");
-        reportedMorphLimit = true;
-      }
-      std::stable_sort(active.begin(), active.end(),
-                       [](const auto& a, const auto& b) { return std::fabs(a.second) > std::fabs(b.second); });
-      active.resize(static_cast<std::size_t>(shaders::maxActiveMorphTargets));
-      std::sort(active.begin(), active.end());
-    }
-    std::vector<int>& indices = morphIndices;
-    std::vector<float>& weights = morphWeights;
-    indices.clear();
-    weights.clear();
-    for (const auto& [i, w] : active) {
-      indices.push_back(i);
-      weights.push_back(w);
+      if (index >= 0 && static_cast<std::size_t>(index) < weights.size() && std::isfinite(w))
+        weights[static_cast<std::size_t>(index)] = w;
     }
 
     morph->use();
     morph->set("uVertexCount", mesh.vertexCount);
-    morph->set("uMorphCount", static_cast<int>(indices.size()));
-    if (!indices.empty()) {
-      morph->setArray("uMorphIndex", indices.data(), static_cast<int>(indices.size()));
-      morph->setArray("uMorphWeight", weights.data(), static_cast<int>(weights.size()));
-    }
+    morph->set("uTargetCount", static_cast<int>(weights.size()));
+    if (!weights.empty()) morph->setArray("uMorphWeight", weights.data(), static_cast<int>(weights.size()));
     glActiveTexture(GL_TEXTURE0 + kUnitDeltas);
     glBindTexture(GL_TEXTURE_BUFFER, deltas ? deltas->texture : 0);
     bindGeometry(mesh, 0);

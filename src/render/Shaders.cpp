@@ -5,13 +5,15 @@ namespace velmora::shaders {
 const char* const morphVertex = R"GLSL(#version 330 core
 layout(location = 0) in vec3 aPosition;
 layout(location = 1) in vec3 aNormal;
-// Three texels per (target, vertex), two half floats each, low half first:
-// position delta x y z, normal delta x y z.
+// Per vertex, the targets that move it, in target order, as R32UI texels:
+// first one offset per vertex and one past the last (where the vertex's
+// entries start), then four texels per entry: the target's index and its
+// deltas as half floats, two a texel, low half first: position x y, z and
+// normal x, normal y z.
 uniform usamplerBuffer uDeltas;
 uniform int uVertexCount;
-uniform int uMorphCount;
-uniform int uMorphIndex[128];
-uniform float uMorphWeight[128];
+uniform int uTargetCount;         // 0: no deltas bound, nothing moves
+uniform float uMorphWeight[128];  // per target; 0 leaves the target out
 out vec3 vPosition;
 out vec3 vNormal;
 // A half float (the low 16 bits) as the float of the same value, exactly:
@@ -27,12 +29,18 @@ vec2 halves(uint word) { return vec2(halfValue(word & 0xFFFFu), halfValue(word >
 void main() {
   vec3 p = aPosition;
   vec3 n = aNormal;
-  for (int i = 0; i < uMorphCount; ++i) {
-    int texel = 3 * (uMorphIndex[i] * uVertexCount + gl_VertexID);
-    float w = uMorphWeight[i];
-    vec2 pxy = halves(texelFetch(uDeltas, texel).r);
-    vec2 pzNx = halves(texelFetch(uDeltas, texel + 1).r);
-    vec2 nyz = halves(texelFetch(uDeltas, texel + 2).r);
+  int first = 0, last = 0;
+  if (uTargetCount > 0) {
+    first = int(texelFetch(uDeltas, gl_VertexID).r);
+    last = int(texelFetch(uDeltas, gl_VertexID + 1).r);
+  }
+  for (int e = first; e < last; ++e) {
+    int texel = uVertexCount + 1 + 4 * e;
+    float w = uMorphWeight[texelFetch(uDeltas, texel).r];
+    if (w == 0.0) continue;
+    vec2 pxy = halves(texelFetch(uDeltas, texel + 1).r);
+    vec2 pzNx = halves(texelFetch(uDeltas, texel + 2).r);
+    vec2 nyz = halves(texelFetch(uDeltas, texel + 3).r);
     p += w * vec3(pxy, pzNx.x);
     n += w * vec3(pzNx.y, nyz);
   }

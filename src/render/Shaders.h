@@ -7,7 +7,7 @@
 
 namespace velmora::shaders {
 
-inline constexpr int maxActiveMorphTargets = 128;  // per draw; uniform array size
+inline constexpr int maxMorphTargets = 128;  // per mesh; the morph program's weight array size
 inline constexpr int shadowSamples = 16;
 
 // Transform feedback: neutral + sum w * delta for positions and normals,

@@ -32,7 +32,7 @@ struct FrameDrawItem {
   float4x4 worldTransform{1.0f};
   std::shared_ptr<const Geometry> geometry;
   // The morpher's targets and the non-zero weights, in target order.
-  std::shared_ptr<const std::vector<std::shared_ptr<const Geometry>>> morphTargets;
+  std::shared_ptr<const MorphTargetList> morphTargets;
   std::vector<int> morphIndices;
   std::vector<float> morphWeights;
   float opacity = 1.0f;  // the node's opacity times its ancestors', 0..1

@@ -1,23 +1,52 @@
 #pragma once
-// Morph targets over a base geometry. Each target is a whole geometry with
-// position and normal sources in the base's vertex order. In normalised mode
-// the blended result is base + sum(weight_i * (target_i - base)) for
+// Morph targets over a base geometry. Each target holds, for the vertices
+// it moves, the displacement of position and normal from the base. In
+// normalised mode the blended result is base + sum(weight_i * delta_i) for
 // positions and normals; the renderer's GPU path must match
 // referenceBlend() below.
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "stage/Geometry.h"
 
 namespace velmora {
 
+// One target as the vertices it moves. Characters are built with whole
+// target geometries (every vertex, in the base's order); only the moved
+// vertices are kept, since a face's expressions each move a region: the
+// mask's 43 targets move about a third of its 64 000 vertices and take
+// about 28 MB this way instead of 88 MB as whole geometries.
+struct MorphTarget {
+  std::string name;
+  std::vector<std::uint32_t> vertices;  // indices into the base, ascending
+  // Parallel to `vertices` when present (target minus base: metres, and a
+  // difference of unit normals); absent when the target has no such source,
+  // and then that attribute does not move.
+  std::vector<float3> positionDeltas, normalDeltas;
+  bool hasPositions = false, hasNormals = false;
+
+  // The moved vertices of `target` (its sources in `base`'s vertex order;
+  // vertices beyond the shorter of the two do not move): those whose
+  // position or normal differs from the base's.
+  static std::shared_ptr<const MorphTarget> fromGeometry(const Geometry& base, const Geometry& target);
+
+  // The target's displacements over all `vertexCount` vertices, zero where
+  // it moves nothing (empty when the attribute is absent).
+  std::vector<float3> densePositionDeltas(std::size_t vertexCount) const;
+  std::vector<float3> denseNormalDeltas(std::size_t vertexCount) const;
+};
+
+using MorphTargetList = std::vector<std::shared_ptr<const MorphTarget>>;
+
 struct Morpher {
   enum class CalculationMode { normalized = 0, additive = 1 };
 
   CalculationMode calculationMode = CalculationMode::normalized;
-  std::shared_ptr<const std::vector<std::shared_ptr<const Geometry>>> targets;
+  std::shared_ptr<const MorphTargetList> targets;
   std::vector<float> weights;  // one per target, 0..1
   // Morphers of other nodes of the same character that take the same weights
   // (e.g. a part that must move with the body); setWeight forwards to them.
@@ -34,7 +63,7 @@ struct BlendedMesh {
   std::vector<float3> normals;  // renormalised
 };
 
-// The CPU reference blend: base + sum w * (target - base) for positions and
+// The CPU reference blend: base + sum w * delta for positions and
 // normals (normals renormalised; a zero-length normal stays as blended).
 // Targets with weight 0, and null targets (a part a blendshape does not
 // move), are skipped.

@@ -22,10 +22,12 @@ using T = MaskExpressionTargets;
 using Semantic = GeometrySource::Semantic;
 
 // The one place these tests reach into a morpher's target storage.
-const Geometry& target(const Morpher& morpher, std::size_t index) { return *(*morpher.targets)[index]; }
+const MorphTarget& target(const Morpher& morpher, std::size_t index) { return *(*morpher.targets)[index]; }
 
-float3 targetPosition(const CharacterBuild& build, const std::string& name, std::size_t vertex) {
-  return target(*build.morpher, static_cast<std::size_t>(build.targetNameToIndex.at(name))).source(Semantic::vertex)->vec3(vertex);
+// The named target's displacement of every vertex (zero where it moves nothing).
+std::vector<float3> targetDeltas(const CharacterBuild& build, const std::string& name) {
+  return target(*build.morpher, static_cast<std::size_t>(build.targetNameToIndex.at(name)))
+      .densePositionDeltas(build.node->geometry->vertexCount());
 }
 
 float3 neutralPosition(const CharacterBuild& build, std::size_t vertex) {
@@ -161,15 +163,13 @@ TEST(MaskTargets, JawOpenOpensTheSlitWhileTheUpperLipStays) {
   for (std::size_t i = 30751; i < n; ++i)
     if (topo.gridPoints[i] == topo.gridPoints[upper]) lower = i;
   ASSERT_NE(lower, 0u);
-  EXPECT_EQ(targetPosition(build, "jawopen", upper), neutralPosition(build, upper));
-  for (const std::size_t v : {lower, n + lower}) {
-    const float3 moved = targetPosition(build, "jawopen", v) - neutralPosition(build, v);
-    EXPECT_NEAR(moved.y, -0.24f, 1e-6f) << v;
-  }
-  EXPECT_NEAR(targetPosition(build, "jawopen", lower).z - neutralPosition(build, lower).z, -0.06f, 1e-6f);
+  const auto jaw = targetDeltas(build, "jawopen");
+  EXPECT_EQ(jaw[upper], float3(0.0f));
+  for (const std::size_t v : {lower, n + lower}) EXPECT_NEAR(jaw[v].y, -0.24f, 1e-6f) << v;
+  EXPECT_NEAR(jaw[lower].z, -0.06f, 1e-6f);
   int moving = 0;
   for (std::size_t i = 0; i < n; ++i) {
-    const bool moves = targetPosition(build, "jawopen", i) != neutralPosition(build, i);
+    const bool moves = jaw[i] != float3(0.0f);
     ASSERT_TRUE(!moves || topo.lowerJaw[i]) << i;
     moving += moves;
   }
@@ -192,11 +192,12 @@ TEST(MaskTargets, EyeBlinkClosesTheEyeOpening) {
     ASSERT_LT(bestTop, 0.03f);
     ASSERT_LT(bestBottom, 0.03f);
     const float openGap = neutralPosition(build, top).y - neutralPosition(build, bottom).y;
-    const float closedGap = targetPosition(build, name, top).y - targetPosition(build, name, bottom).y;
+    const auto blink = targetDeltas(build, name);
+    const float closedGap = openGap + blink[top].y - blink[bottom].y;
     EXPECT_GT(openGap, 0.09f) << name;
     EXPECT_LT(std::fabs(closedGap), 0.01f) << name;  // the lids meet
     // The upper lid travels about hu + 0.75 hl.
-    const float travel = neutralPosition(build, top).y - targetPosition(build, name, top).y;
+    const float travel = -blink[top].y;
     EXPECT_NEAR(travel, 0.046f + 0.75f * 0.056f, 0.006f) << name;
   }
   const float nostril = maskNostrilOcclusionMetric();  // natural, but marks the openings
@@ -233,36 +234,38 @@ TEST(MaskTargets, TargetsMatchAFreshAssemblyAndTheReferenceBlend) {
   const auto& table = T::blendShapeDisplacements();
   for (const std::size_t t : {std::size_t{0}, std::size_t{24}, std::size_t{33}}) {
     const auto [positions, normals] = G::assembleSources(T::displacedFront(table[t], G::neutralFront()));
-    const Geometry& built = target(*build.morpher, t);
+    const MorphTarget& built = target(*build.morpher, t);
     EXPECT_EQ(built.name, table[t].name);
-    ASSERT_EQ(built.vertexCount(), G::topology().shellCount());
-    for (std::size_t i = 0; i < built.vertexCount(); i += 101) {
-      ASSERT_EQ(built.source(Semantic::vertex)->vec3(i), positions.vec3(i));
-      ASSERT_EQ(built.source(Semantic::normal)->vec3(i), normals.vec3(i));
+    const Geometry& base = *build.node->geometry;
+    ASSERT_LT(built.vertices.back(), base.vertexCount());
+    const auto dp = built.densePositionDeltas(base.vertexCount());
+    const auto dn = built.denseNormalDeltas(base.vertexCount());
+    for (std::size_t i = 0; i < base.vertexCount(); i += 101) {
+      ASSERT_EQ(dp[i], positions.vec3(i) - base.source(Semantic::vertex)->vec3(i));
+      ASSERT_EQ(dn[i], normals.vec3(i) - base.source(Semantic::normal)->vec3(i));
     }
   }
   // Weight 1 on one target reproduces it; weight 0 everywhere is neutral.
   build.morpher->setWeight(33, 1.0f);  // cheekPuff
   const auto blended = referenceBlend(*build.node->geometry, *build.morpher);
-  const Geometry& puff = target(*build.morpher, 33);
+  const auto [puffPositions, puffNormals] = G::assembleSources(T::displacedFront(table[33], G::neutralFront()));
   for (std::size_t i = 0; i < blended.positions.size(); i += 37) {
-    ASSERT_NEAR(glm::length(blended.positions[i] - puff.source(Semantic::vertex)->vec3(i)), 0.0f, 1e-6f);
-    ASSERT_NEAR(glm::length(blended.normals[i] - puff.source(Semantic::normal)->vec3(i)), 0.0f, 1e-5f);
+    ASSERT_NEAR(glm::length(blended.positions[i] - puffPositions.vec3(i)), 0.0f, 1e-6f);
+    ASSERT_NEAR(glm::length(blended.normals[i] - puffNormals.vec3(i)), 0.0f, 1e-5f);
   }
   build.morpher->setWeight(33, 0.0f);
   EXPECT_EQ(referenceBlend(*build.node->geometry, *build.morpher).positions[1234], neutralPosition(build, 1234));
 }
 
 TEST(MaskTargets, WireframeMorpherHasFrontOnlyTargets) {
-  const auto geometry = G::makeWireframeGeometry();
   const auto morpher = makeWireframeMorpher();
   ASSERT_EQ(morpher->targetCount(), 43u);
   EXPECT_EQ(makeWireframeMorpher()->targets, morpher->targets);  // shared
-  const Geometry& open = target(*morpher, 34);
+  const MorphTarget& open = target(*morpher, 34);
   EXPECT_EQ(open.name, "jawOpen");
-  EXPECT_EQ(open.vertexCount(), G::topology().frontCount());
+  EXPECT_LT(open.vertices.back(), G::topology().frontCount());
   const std::size_t lower = G::topology().frontCount() - 41;  // a mouth-row duplicate near x = 0
-  EXPECT_LT(open.source(Semantic::vertex)->vec3(lower).y - geometry->source(Semantic::vertex)->vec3(lower).y, -0.2f);
+  EXPECT_LT(open.densePositionDeltas(G::topology().frontCount())[lower].y, -0.2f);
 }
 
 }  // namespace

@@ -88,8 +88,8 @@ inline TestMesh makeTestFace() {
       0.3f);
   auto bulge = target([](const float3& d) { return d.x > 0.0f ? d * (0.1f * d.x) : float3(0.0f); }, -0.2f);
   auto morpher = std::make_shared<Morpher>();
-  morpher->targets = std::make_shared<std::vector<std::shared_ptr<const Geometry>>>(
-      std::vector<std::shared_ptr<const Geometry>>{jaw, bulge});
+  morpher->targets = std::make_shared<MorphTargetList>(
+      MorphTargetList{MorphTarget::fromGeometry(*base, *jaw), MorphTarget::fromGeometry(*base, *bulge)});
   morpher->weights.assign(2, 0.0f);
   auto node = Node::make("TestFace");
   node->geometry = base;
