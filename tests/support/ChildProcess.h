@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -41,10 +42,7 @@ class ChildProcess {
     out_ = fds[0];
   }
   ~ChildProcess() {
-    if (pid_ > 0 && !exited_) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
+    if (!exited_) stopProcess(pid_, SIGKILL);
     if (out_ >= 0) ::close(out_);
   }
   ChildProcess(const ChildProcess&) = delete;
@@ -95,6 +93,11 @@ class ChildProcess {
   void signal(int sig) { ::kill(pid_, sig); }
 
   const std::vector<std::string>& lines() const { return lines_; }
+  // How many lines read so far are `line`, or start with `prefix`.
+  long printed(const std::string& line) const { return std::count(lines_.begin(), lines_.end(), line); }
+  long printedStarting(const std::string& prefix) const {
+    return std::count_if(lines_.begin(), lines_.end(), [&](const std::string& l) { return l.starts_with(prefix); });
+  }
   std::string output() const {
     std::string all;
     for (const auto& l : lines_) all += l + "\n";
@@ -129,6 +132,16 @@ class ChildProcess {
   std::vector<std::string> lines_;
   std::size_t next_ = 0;
 };
+
+// Polls `pred` until it holds or `seconds` pass; its last answer.
+inline bool eventually(const std::function<bool()>& pred, double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (pred()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return pred();
+}
 
 // How a program run to its end went: its exit status (-1 when it did not
 // start or did not exit within the time) and its output.
