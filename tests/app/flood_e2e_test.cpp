@@ -79,18 +79,16 @@ class Flood {
       datagrams_.push_back(liveLinkDatagram(f));
       datagrams_.push_back(oscTrackingBundle(f));
     }
-    for (std::uint16_t port : ports) threads_.emplace_back([this, port] { run(port); });
+    for (std::uint16_t port : ports) threads_.emplace_back([this, port](std::stop_token stop) { run(stop, port); });
   }
-  ~Flood() { stop(); }
-  void stop() {
-    stop_ = true;
-    for (auto& t : threads_)
-      if (t.joinable()) t.join();
+  // Stops and joins the senders (also when the object goes); how many datagrams they sent.
+  std::uint64_t stop() {
+    threads_.clear();
+    return sent_.load();
   }
-  std::uint64_t sent() const { return sent_.load(); }
 
  private:
-  void run(std::uint16_t port) {
+  void run(const std::stop_token& stop, std::uint16_t port) {
     test::UdpSocket a, b;  // two senders per port
     sockaddr_in to{};
     to.sin_family = AF_INET;
@@ -107,7 +105,7 @@ class Flood {
       messages[i].msg_hdr.msg_iov = &iov[i];
       messages[i].msg_hdr.msg_iovlen = 1;
     }
-    for (std::uint64_t round = 0; !stop_.load(std::memory_order_relaxed); ++round) {
+    for (std::uint64_t round = 0; !stop.stop_requested(); ++round) {
       const int fd = round % 2 ? a.descriptor() : b.descriptor();
       const int n = ::sendmmsg(fd, messages.data(), kBatch, MSG_DONTWAIT);
       if (n > 0) sent_.fetch_add(static_cast<std::uint64_t>(n), std::memory_order_relaxed);
@@ -115,9 +113,8 @@ class Flood {
   }
 
   std::vector<Bytes> datagrams_;
-  std::vector<std::thread> threads_;
-  std::atomic<bool> stop_{false};
   std::atomic<std::uint64_t> sent_{0};
+  std::vector<std::jthread> threads_;  // last: joined before the rest goes
 };
 
 // The cue values: exact in binary and in their shortest decimal form.
@@ -162,7 +159,7 @@ TEST(FloodEndToEndTest, EveryCueIsHandledAndMemoryStaysFlatWhileAllTrackingPorts
 
   long rssAt2s = -1;
   const auto start = Clock::now();
-  auto flood = std::make_unique<Flood>(velmora.ports);
+  Flood flood(velmora.ports);
   for (int i = 0; i < cues; ++i) {
     readUntil(start + i * kCueInterval);
     cueSender.sendTo(velmora.cuePort, test::oscMessage("/velmora/sensitivity", {cueValue(i)}));
@@ -171,10 +168,8 @@ TEST(FloodEndToEndTest, EveryCueIsHandledAndMemoryStaysFlatWhileAllTrackingPorts
   readUntil(start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(kFloodSeconds)));
   const long rssAtEnd = residentKiB(velmora->pid());
   const auto floodEnd = Clock::now();
-  flood->stop();
   std::printf("[flood] %llu datagrams sent in %.1f s; RSS at 2 s %ld KiB, at the end %ld KiB\n",
-              static_cast<unsigned long long>(flood->sent()), kFloodSeconds, rssAt2s, rssAtEnd);
-  flood.reset();
+              static_cast<unsigned long long>(flood.stop()), kFloodSeconds, rssAt2s, rssAtEnd);
 
   // The rest of the cue lines, then a status line counting what came.
   const auto grace = Clock::now() + std::chrono::seconds(10);

@@ -27,13 +27,13 @@ std::optional<OSCMessage> receiveMessage(const test::UdpSocket& socket) {
   return messages.front();
 }
 
-// The "data" of a reply to `address` whose status is `status`.
-nlohmann::json replyData(const test::UdpSocket& socket, const std::string& address, const char* status = "ok") {
+// The "data" of a reply to `address` whose status is "ok".
+nlohmann::json replyData(const test::UdpSocket& socket, const std::string& address) {
   const auto reply = receiveMessage(socket);
   EXPECT_TRUE(reply && reply->address == "/reply" + address) << (reply ? reply->address : "no reply");
   if (!reply) return {};
   const auto body = nlohmann::json::parse(reply->stringValue().value_or(""), nullptr, false);
-  EXPECT_EQ(body["status"], status) << body.dump();
+  EXPECT_EQ(body["status"], "ok") << body.dump();
   return body["data"];
 }
 
@@ -59,22 +59,12 @@ TEST(VelmoraE2E, HeadlessRunTakesCuesFromOscsendAndAnswersAController) {
   ASSERT_TRUE(velmora.ready()) << velmora->output();
   // Integer 0 and float 0.0 right after the type tags arrive as arguments.
   sendAll(velmora, {{{"/velmora/ndi", "i", "0"}, "[OSC] /velmora/ndi [0]"},
-                    {{"/velmora/opacity", "f", "0"}, "[OSC] /velmora/opacity [0]"},
-                    {{"/velmora/lighting/preset", "i", "3"}, ""},
-                    {{"/velmora/lighting/preset", "i", "0"}, "[OSC] /velmora/lighting/preset [0]"}});
-
-  // A controller bound to its own port asks, and is answered from the cue port.
+                    {{"/velmora/opacity", "f", "0"}, "[OSC] /velmora/opacity [0]"}});
+  // A controller bound to its own port asks, and is answered from the cue
+  // port; what each request answers is qlab_osc_server_net_test's.
   const test::UdpSocket controller;
-  controller.sendTo(velmora.cuePort, test::oscMessage("/velmora/get", {std::string("ndi")}));
-  EXPECT_EQ(replyData(controller, "/velmora/get"), false);
   controller.sendTo(velmora.cuePort, test::oscMessage("/velmora/get", {std::string("opacity")}));
   EXPECT_EQ(replyData(controller, "/velmora/get"), 0.0);
-  controller.sendTo(velmora.cuePort, test::oscMessage("/velmora/state"));
-  EXPECT_EQ(replyData(controller, "/velmora/state")["lighting"]["preset"], "Theatrical");
-  controller.sendTo(velmora.cuePort, test::oscMessage("/velmora/bogus"));
-  replyData(controller, "/velmora/bogus", "error");
-  controller.sendTo(velmora.cuePort, test::oscMessage("/reply/velmora/state", {std::string("{}")}));
-  EXPECT_FALSE(controller.receive(1.0));
   // Subscribed, it hears a cue that oscsend (another sender) fires start and finish.
   controller.sendTo(velmora.cuePort, test::oscMessage("/velmora/updates", {1.0f}));
   EXPECT_EQ(replyData(controller, "/velmora/updates"), true);
