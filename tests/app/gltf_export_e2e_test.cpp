@@ -32,13 +32,7 @@ const char* const kNodePackages = "gltf-validator@2.0.0-dev.3.10 three@0.187.0";
 const char* const kFiles[] = {"theatrical_mask.glb", "cartoon_ghost.glb"};
 
 using Outcome = test::Finished;
-
-// A shell command; $1, $2, ... are `params` (no quoting needed).
-Outcome shell(const std::string& script, const std::vector<std::string>& params = {}, double seconds = 300) {
-  std::vector<std::string> args{"/bin/sh", "-c", script, "sh"};
-  args.insert(args.end(), params.begin(), params.end());
-  return test::runToEnd(args, {}, seconds);
-}
+using test::shell;
 
 tinygltf::Model load(const fs::path& file) {
   tinygltf::Model doc;
@@ -63,7 +57,7 @@ std::string installNodeConsumers(bool& unreachable) {
       "mkdir -p \"$1\" && exec flock \"$1/.install-lock\" sh -c '"
       "test -f \"$1/node_modules/gltf-validator/package.json\" -a -f \"$1/node_modules/three/package.json\" || "
       "npm install --prefix \"$1\" --no-audit --no-fund --fetch-retries=1 --fetch-timeout=30000 $2' sh \"$1\" \"$2\" 2>&1",
-      {kNodeModules.string(), kNodePackages}, 240);
+      {kNodeModules.string(), kNodePackages}, {}, 240);
   unreachable = std::regex_search(
       npm.output, std::regex("ENOTFOUND|EAI_AGAIN|ECONNREFUSED|ETIMEDOUT|ECONNRESET|ENETUNREACH|EHOSTUNREACH"));
   return npm.status == 0 ? "" : "npm could not install " + std::string(kNodePackages) + ":\n" + npm.output;

@@ -9,7 +9,6 @@
 // <build>/screenshots for people (and the README's pictures).
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -30,12 +29,7 @@ const std::filesystem::path kShots = VELMORA_BINARY_DIR "/screenshots";
 
 // Runs a command against the display; its standard output, trailing newline removed.
 std::string run(const std::string& display, const std::string& command) {
-  std::string out;
-  if (FILE* p = ::popen(("DISPLAY=" + display + " " + command + " 2>/dev/null").c_str(), "r")) {
-    char buffer[512];
-    while (std::fgets(buffer, sizeof buffer, p)) out += buffer;
-    ::pclose(p);
-  }
+  std::string out = test::shell("{ " + command + "; } 2>/dev/null", {}, {"DISPLAY=" + display}, 120).output;
   while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) out.pop_back();
   return out;
 }

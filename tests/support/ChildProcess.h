@@ -159,4 +159,12 @@ inline Finished runToEnd(const std::vector<std::string>& args, std::vector<std::
   return {status, child.output()};
 }
 
+// Runs a /bin/sh script to the end; $1, $2, ... are `params` (no quoting needed).
+inline Finished shell(const std::string& script, const std::vector<std::string>& params = {},
+                      std::vector<std::string> env = {}, double seconds = 300) {
+  std::vector<std::string> args{"/bin/sh", "-c", script, "sh"};
+  args.insert(args.end(), params.begin(), params.end());
+  return runToEnd(args, std::move(env), seconds);
+}
+
 }  // namespace velmora::test
