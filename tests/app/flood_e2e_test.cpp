@@ -1,5 +1,6 @@
 // The built velmora under a flood: all three tracking ports hammered for ten
-// seconds with Live Link datagrams and OSC tracking bundles from several
+// seconds with Live Link datagrams and OSC tracking bundles (52 VMC
+// blendshapes, the intake benchmarks' bytes) from several
 // senders, as fast as this machine sends them, while a numbered series of
 // remote cue commands goes to the cue port. Every command must be handled
 // while the flood runs, resident memory must stay flat, and the program
@@ -8,7 +9,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <charconv>
 #include <chrono>
@@ -20,11 +20,9 @@
 #include <thread>
 #include <vector>
 
-#include "osc/OSCWriter.h"
+#include "IntakeDatagrams.h"
 #include "support/OscBytes.h"
 #include "support/VelmoraRun.h"
-#include "tracking/LiveLinkNames.h"
-#include "tracking/LiveLinkWriter.h"
 
 namespace velmora {
 namespace {
@@ -54,31 +52,12 @@ long residentKiB(pid_t pid) {
   return -1;
 }
 
-Bytes liveLinkDatagram(int frame) {
-  std::array<float, LiveLinkWriter::kValueCount> values{};
-  for (std::size_t i = 0; i < values.size(); ++i) values[i] = 0.01f * static_cast<float>((i + static_cast<std::size_t>(frame)) % 90);
-  return LiveLinkWriter::packet("device", "iPhone", {static_cast<std::uint32_t>(frame)}, values);  // 282 bytes
-}
-
-// 52 VMC blendshape messages and a head rotation in one bundle.
-Bytes oscTrackingBundle(int frame) {
-  auto b = OSCWriter::bundle();
-  for (std::size_t i = 0; i < unrealARKitNames.size(); ++i) {
-    b.message("/VMC/Ext/Blend/Val").s(unrealARKitNames[i]).f(0.01f * static_cast<float>((i + static_cast<std::size_t>(frame)) % 90));
-  }
-  for (const char* axis : {"/Head/Pitch", "/Head/Yaw", "/Head/Roll"}) b.message(axis).f(static_cast<float>(frame % 30));
-  return b.bytes();
-}
-
 // One thread per tracking port, each sending from two sockets of its own,
 // 64 datagrams per sendmmsg, alternating Live Link and OSC, until stopped.
 class Flood {
  public:
   explicit Flood(const std::vector<std::uint16_t>& ports) {
-    for (int f = 0; f < 8; ++f) {
-      datagrams_.push_back(liveLinkDatagram(f));
-      datagrams_.push_back(oscTrackingBundle(f));
-    }
+    datagrams_ = {intake::liveLink(), intake::oscBundle()};  // the intake benchmarks' bytes
     for (std::uint16_t port : ports) threads_.emplace_back([this, port](std::stop_token stop) { run(stop, port); });
   }
   // Stops and joins the senders (also when the object goes); how many datagrams they sent.
