@@ -1,45 +1,34 @@
 // The built velmora under a flood: all three tracking ports hammered for ten
-// seconds with Live Link datagrams and OSC tracking bundles from several
+// seconds with Live Link datagrams and OSC tracking bundles (52 VMC
+// blendshapes, the intake benchmarks' bytes) from several
 // senders, as fast as this machine sends them, while a numbered series of
 // remote cue commands goes to the cue port. Every command must be handled
 // while the flood runs, resident memory must stay flat, and the program
 // must still stop cleanly.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <bit>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <map>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <regex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "osc/OSCWriter.h"
-#include "support/ChildProcess.h"
+#include "IntakeDatagrams.h"
 #include "support/OscBytes.h"
-#include "support/TempDir.h"
-#include "support/UdpSocket.h"
-#include "tracking/LiveLinkNames.h"
-#include "tracking/LiveLinkWriter.h"
+#include "support/VelmoraRun.h"
 
 namespace velmora {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using test::Bytes;
-
-const std::string kVelmora = test::builtProgram("velmora");
 
 constexpr double kFloodSeconds = 10.0;
 constexpr auto kCueInterval = std::chrono::milliseconds(100);
@@ -63,43 +52,22 @@ long residentKiB(pid_t pid) {
   return -1;
 }
 
-Bytes liveLinkDatagram(int frame) {
-  std::array<float, LiveLinkWriter::kValueCount> values{};
-  for (std::size_t i = 0; i < values.size(); ++i) values[i] = 0.01f * static_cast<float>((i + static_cast<std::size_t>(frame)) % 90);
-  return LiveLinkWriter::packet("device", "iPhone", {static_cast<std::uint32_t>(frame)}, values);  // 282 bytes
-}
-
-// 52 VMC blendshape messages and a head rotation in one bundle.
-Bytes oscTrackingBundle(int frame) {
-  auto b = OSCWriter::bundle();
-  for (std::size_t i = 0; i < unrealARKitNames.size(); ++i) {
-    b.message("/VMC/Ext/Blend/Val").s(unrealARKitNames[i]).f(0.01f * static_cast<float>((i + static_cast<std::size_t>(frame)) % 90));
-  }
-  for (const char* axis : {"/Head/Pitch", "/Head/Yaw", "/Head/Roll"}) b.message(axis).f(static_cast<float>(frame % 30));
-  return b.bytes();
-}
-
 // One thread per tracking port, each sending from two sockets of its own,
 // 64 datagrams per sendmmsg, alternating Live Link and OSC, until stopped.
 class Flood {
  public:
   explicit Flood(const std::vector<std::uint16_t>& ports) {
-    for (int f = 0; f < 8; ++f) {
-      datagrams_.push_back(liveLinkDatagram(f));
-      datagrams_.push_back(oscTrackingBundle(f));
-    }
-    for (std::uint16_t port : ports) threads_.emplace_back([this, port] { run(port); });
+    datagrams_ = {intake::liveLink(), intake::oscBundle()};  // the intake benchmarks' bytes
+    for (std::uint16_t port : ports) threads_.emplace_back([this, port](std::stop_token stop) { run(stop, port); });
   }
-  ~Flood() { stop(); }
-  void stop() {
-    stop_ = true;
-    for (auto& t : threads_)
-      if (t.joinable()) t.join();
+  // Stops and joins the senders (also when the object goes); how many datagrams they sent.
+  std::uint64_t stop() {
+    threads_.clear();
+    return sent_.load();
   }
-  std::uint64_t sent() const { return sent_.load(); }
 
  private:
-  void run(std::uint16_t port) {
+  void run(const std::stop_token& stop, std::uint16_t port) {
     test::UdpSocket a, b;  // two senders per port
     sockaddr_in to{};
     to.sin_family = AF_INET;
@@ -116,7 +84,7 @@ class Flood {
       messages[i].msg_hdr.msg_iov = &iov[i];
       messages[i].msg_hdr.msg_iovlen = 1;
     }
-    for (std::uint64_t round = 0; !stop_.load(std::memory_order_relaxed); ++round) {
+    for (std::uint64_t round = 0; !stop.stop_requested(); ++round) {
       const int fd = round % 2 ? a.descriptor() : b.descriptor();
       const int n = ::sendmmsg(fd, messages.data(), kBatch, MSG_DONTWAIT);
       if (n > 0) sent_.fetch_add(static_cast<std::uint64_t>(n), std::memory_order_relaxed);
@@ -124,9 +92,8 @@ class Flood {
   }
 
   std::vector<Bytes> datagrams_;
-  std::vector<std::thread> threads_;
-  std::atomic<bool> stop_{false};
   std::atomic<std::uint64_t> sent_{0};
+  std::vector<std::jthread> threads_;  // last: joined before the rest goes
 };
 
 // The cue values: exact in binary and in their shortest decimal form.
@@ -139,33 +106,19 @@ std::string shortest(float v) {
 }
 
 TEST(FloodEndToEndTest, EveryCueIsHandledAndMemoryStaysFlatWhileAllTrackingPortsAreFlooded) {
-  test::TempDir config;
-  const std::uint16_t cuePort = test::freeUdpPort();
-  std::ofstream(config.path() / "settings.json") << nlohmann::json{{"oscCuePort", cuePort}}.dump();
-  const std::vector<std::uint16_t> ports{test::freeUdpPort(), test::freeUdpPort(), test::freeUdpPort()};
-  const std::string portList =
-      std::to_string(ports[0]) + "," + std::to_string(ports[1]) + "," + std::to_string(ports[2]);
-  test::ChildProcess velmora({kVelmora},
-                             {"VELMORA_CONFIG_DIR=" + config.path().string(), "VELMORA_TRACKING_PORTS=" + portList});
-  ASSERT_TRUE(velmora.started()) << kVelmora;
-  // The cue server and the three ports, in whatever order they open.
-  std::set<std::string> opening{"[QLabOSCServer] QLab Remote Cue listener active on UDP port " + std::to_string(cuePort)};
-  for (std::uint16_t port : ports) {
-    opening.insert("[TrackingReceiver] Listening for ARKit facial tracking on UDP port " + std::to_string(port));
-  }
-  ASSERT_TRUE(velmora.waitForLine([&](const std::string& l) { return opening.erase(l) == 1 && opening.empty(); }, 20.0))
-      << velmora.output();
+  test::VelmoraRun velmora({.ports = {test::freeUdpPort(), test::freeUdpPort(), test::freeUdpPort()}});
+  ASSERT_TRUE(velmora.ready()) << velmora->output();
 
   // Every line goes through here while the test waits, so velmora never
   // blocks on a full pipe: the cue lines by value, and the last status line.
   std::map<std::string, int> cueIndex;
   const int cues = static_cast<int>(kFloodSeconds * 1000 / kCueInterval.count());
   for (int i = 0; i < cues; ++i) cueIndex["[OSC] /velmora/sensitivity [" + shortest(cueValue(i)) + "]"] = i;
-  std::vector<Clock::time_point> sentAt(cues), handled(cues);
+  std::vector<Clock::time_point> handled(cues);
   std::vector<int> handledOrder;
   std::string lastStatus;
   auto readUntil = [&](Clock::time_point until) {
-    velmora.waitForLine(
+    velmora->waitForLine(
         [&](const std::string& l) {
           if (const auto it = cueIndex.find(l); it != cueIndex.end()) {
             handled[it->second] = Clock::now();
@@ -180,26 +133,22 @@ TEST(FloodEndToEndTest, EveryCueIsHandledAndMemoryStaysFlatWhileAllTrackingPorts
 
   // Ready for commands before the flood: one cue outside the series.
   const test::UdpSocket cueSender;
-  cueSender.sendTo(cuePort, test::oscMessage("/velmora/sensitivity", {0.5f}));
-  ASSERT_TRUE(velmora.waitForLine("[OSC] /velmora/sensitivity [0.5]", 20.0)) << velmora.output();
-  const long idleKiB = residentKiB(velmora.pid());
+  cueSender.sendTo(velmora.cuePort, test::oscMessage("/velmora/sensitivity", {0.5f}));
+  ASSERT_TRUE(velmora->waitForLine("[OSC] /velmora/sensitivity [0.5]", 20.0)) << velmora->output();
 
   long rssAt2s = -1;
   const auto start = Clock::now();
-  auto flood = std::make_unique<Flood>(ports);
+  Flood flood(velmora.ports);
   for (int i = 0; i < cues; ++i) {
-    const auto sendAt = start + i * kCueInterval;
-    readUntil(sendAt);
-    sentAt[i] = Clock::now();
-    cueSender.sendTo(cuePort, test::oscMessage("/velmora/sensitivity", {cueValue(i)}));
-    if (rssAt2s < 0 && Clock::now() - start >= std::chrono::seconds(2)) rssAt2s = residentKiB(velmora.pid());
+    readUntil(start + i * kCueInterval);
+    cueSender.sendTo(velmora.cuePort, test::oscMessage("/velmora/sensitivity", {cueValue(i)}));
+    if (rssAt2s < 0 && Clock::now() - start >= std::chrono::seconds(2)) rssAt2s = residentKiB(velmora->pid());
   }
   readUntil(start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(kFloodSeconds)));
-  const long rssAtEnd = residentKiB(velmora.pid());
+  const long rssAtEnd = residentKiB(velmora->pid());
   const auto floodEnd = Clock::now();
-  flood->stop();
-  const std::uint64_t sent = flood->sent();
-  flood.reset();
+  std::printf("[flood] %llu datagrams sent in %.1f s; RSS at 2 s %ld KiB, at the end %ld KiB\n",
+              static_cast<unsigned long long>(flood.stop()), kFloodSeconds, rssAt2s, rssAtEnd);
 
   // The rest of the cue lines, then a status line counting what came.
   const auto grace = Clock::now() + std::chrono::seconds(10);
@@ -208,22 +157,9 @@ TEST(FloodEndToEndTest, EveryCueIsHandledAndMemoryStaysFlatWhileAllTrackingPorts
   }
   readUntil(Clock::now() + std::chrono::milliseconds(2500));
 
-  std::vector<double> latencies;
-  for (int c : handledOrder) {
-    latencies.push_back(std::chrono::duration<double>(handled[c] - sentAt[c]).count());
-    if (latencies.back() > 0.1) std::printf("[flood] cue %d handled after %.3f s\n", c, latencies.back());
-  }
-  std::sort(latencies.begin(), latencies.end());
-  const double worstLatency = latencies.empty() ? 0.0 : latencies.back();
-  const double medianLatency = latencies.empty() ? 0.0 : latencies[latencies.size() / 2];
-  std::printf("[flood] %llu datagrams sent in %.1f s; RSS idle %ld KiB, at 2 s %ld KiB, at the end %ld KiB; "
-              "%zu of %d cues handled, median after %.3f s, the slowest after %.3f s; %s\n",
-              static_cast<unsigned long long>(sent), kFloodSeconds, idleKiB, rssAt2s, rssAtEnd, handledOrder.size(),
-              cues, medianLatency, worstLatency, lastStatus.c_str());
-
   // Every command, once each, in the order sent; each one sent before the
   // last second of the flood was handled while the flood still ran.
-  ASSERT_EQ(handledOrder.size(), static_cast<std::size_t>(cues)) << velmora.output();
+  ASSERT_EQ(handledOrder.size(), static_cast<std::size_t>(cues)) << velmora->output();
   for (int i = 0; i < cues; ++i) EXPECT_EQ(handledOrder[i], i);
   for (int i = 0; i < cues - 10; ++i) EXPECT_LT(handled[i], floodEnd) << "cue " << i;
 
@@ -237,9 +173,7 @@ TEST(FloodEndToEndTest, EveryCueIsHandledAndMemoryStaysFlatWhileAllTrackingPorts
   ASSERT_GT(rssAt2s, 0);
   ASSERT_GT(rssAtEnd, 0);
   EXPECT_LE(rssAtEnd - rssAt2s, kRssMarginKiB) << "resident memory grew from " << rssAt2s << " to " << rssAtEnd << " KiB";
-
-  EXPECT_EQ(velmora.stop(SIGINT, 20.0), 0) << velmora.output();
-  EXPECT_TRUE(velmora.waitForLine("[Velmora] Stopped cleanly", 0)) << velmora.output();
+  EXPECT_TRUE(velmora.stopsCleanly()) << velmora->output();
 }
 
 }  // namespace

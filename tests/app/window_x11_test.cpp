@@ -9,23 +9,14 @@
 // <build>/screenshots for people (and the README's pictures).
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdio>
 #include <cstring>
-#include <functional>
-#include <memory>
 #include <filesystem>
-#include <fstream>
+#include <memory>
 #include <string>
-#include <thread>
-#include <vector>
 
-#include <nlohmann/json.hpp>
-
-#include "support/ChildProcess.h"
 #include "support/PrivatePipeWire.h"
 #include "support/StbImage.h"
-#include "support/TempDir.h"
+#include "support/VelmoraRun.h"
 #include "support/XorgDummy.h"
 
 // Last: Xlib's macros (None, Bool, Status) must not reach the headers above.
@@ -34,49 +25,21 @@
 namespace velmora {
 namespace {
 
-const std::string kVelmora = test::builtProgram("velmora");
-const std::string kPhoneSim = test::builtProgram("velmora-phone-sim");
 const std::filesystem::path kShots = VELMORA_BINARY_DIR "/screenshots";
 
 // Runs a command against the display; its standard output, trailing newline removed.
 std::string run(const std::string& display, const std::string& command) {
-  std::string out;
-  if (FILE* p = ::popen(("DISPLAY=" + display + " " + command + " 2>/dev/null").c_str(), "r")) {
-    char buffer[512];
-    while (std::fgets(buffer, sizeof buffer, p)) out += buffer;
-    ::pclose(p);
-  }
+  std::string out = test::shell("{ " + command + "; } 2>/dev/null", {}, {"DISPLAY=" + display}, 120).output;
   while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) out.pop_back();
   return out;
 }
 
-struct Image {
-  int width = 0, height = 0;
-  std::vector<unsigned char> rgb;
-  const unsigned char* at(int x, int y) const { return rgb.data() + (static_cast<std::size_t>(y) * width + x) * 3; }
-  // Pixels in the rectangle for which pred(r, g, b) holds.
-  template <class Pred>
-  int count(int x0, int y0, int x1, int y1, Pred pred) const {
-    int n = 0;
-    for (int y = y0; y < y1; ++y)
-      for (int x = x0; x < x1; ++x) n += pred(at(x, y)[0], at(x, y)[1], at(x, y)[2]) ? 1 : 0;
-    return n;
-  }
-};
-
 // One monitor's area of the screen, saved as a PNG under kShots and loaded back.
-Image screenshot(const std::string& display, int monitor, const std::string& name) {
+test::Picture screenshot(const std::string& display, int monitor, const std::string& name) {
   std::filesystem::create_directories(kShots);
-  const auto path = kShots / name;
-  run(display, "xwd -root -silent | convert xwd:- -crop 1920x1080+" + std::to_string(monitor * 1920) +
-                   "+0 +repage " + path.string());
-  Image image;
-  int channels = 0;
-  if (unsigned char* data = stbi_load(path.c_str(), &image.width, &image.height, &channels, 3)) {
-    image.rgb.assign(data, data + static_cast<std::size_t>(image.width) * image.height * 3);
-    stbi_image_free(data);
-  }
-  return image;
+  run(display, "xwd -root -silent | convert xwd:- -crop 1920x1080+" + std::to_string(monitor * 1920) + "+0 +repage " +
+                   (kShots / name).string());
+  return test::loadPicture((kShots / name).string());
 }
 
 // What a window manager sends when the operator clicks the close box.
@@ -107,186 +70,151 @@ bool isMonitorFullScreen(const std::string& display, const std::string& window) 
   return got && attributes.override_redirect;
 }
 
-// Presses a key combination in a window (focused first: no window manager gives focus).
-void press(const std::string& display, const std::string& window, const std::string& keys) {
-  run(display, "xdotool windowfocus --sync " + window);
-  run(display, "xdotool key " + keys);
-}
-
-bool eventually(const std::function<bool()>& pred, double seconds) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(250));
-  }
-  return pred();
-}
-
 // The character on black: every corner black, something bright in the middle.
-bool showsCharacterOnBlack(const Image& s) {
+bool showsCharacterOnBlack(const test::Picture& s) {
   if (s.width != 1920 || s.height != 1080) return false;
-  auto black = [](int r, int g, int b) { return r == 0 && g == 0 && b == 0; };
+  auto black = [](int r, int g, int b, int) { return r == 0 && g == 0 && b == 0; };
   for (auto [x, y] : {std::pair{0, 0}, {1800, 0}, {0, 1000}, {1800, 1000}}) {
     if (s.count(x, y, x + 100, y + 60, black) != 100 * 60) return false;
   }
-  return s.count(760, 340, 1160, 740, [](int r, int g, int b) { return r + g + b > 300; }) > 20000;
+  return s.count(760, 340, 1160, 740, [](int r, int g, int b, int) { return r + g + b > 300; }) > 20000;
 }
 
+const std::string kClosed = "[ProjectorWindowController] Closed projector window.";
+
+// A private X server with `monitors` monitors and velmora on it, its main window found.
 struct Session {
   explicit Session(int monitors) : xorg(dir.path(), monitors) {}
-  void start(const std::vector<std::string>& extraEnv = {}, bool ndi = false) {
-    std::ofstream(dir.path() / "settings.json")
-        << nlohmann::json{{"oscCuePort", test::freeUdpPort()}, {"ndiOutputEnabled", ndi}}.dump();
-    std::vector<std::string> env{"DISPLAY=" + xorg.display(), "VELMORA_CONFIG_DIR=" + dir.path().string(),
-                                 "VELMORA_TRACKING_PORTS=" + std::to_string(trackingPort)};
-    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-    velmora = std::make_unique<test::ChildProcess>(std::vector<std::string>{kVelmora}, env);
-  }
-  bool logged(const std::string& line, double seconds = 30.0) {
-    return velmora->waitForLine([&](const std::string& l) { return l == line; }, seconds);
+  void start(std::vector<std::string> env = {}, bool ndi = false) {
+    ASSERT_TRUE(xorg.ready()) << "Xorg with the dummy driver did not start; see " << xorg.logFile();
+    env.push_back("DISPLAY=" + xorg.display());
+    velmora = std::make_unique<test::VelmoraRun>(test::VelmoraOptions{.settings = {{"ndiOutputEnabled", ndi}}, .env = env});
+    ASSERT_TRUE((*velmora)->waitForLine("[Velmora] Main window open; close it (or press Ctrl-C) to stop", 30))
+        << (*velmora)->output();
+    ASSERT_TRUE(test::eventually([&] { return !(main = window("Velmora")).empty(); }, 10.0));
   }
   std::string window(const std::string& name) {
     return run(xorg.display(), "xdotool search --onlyvisible --name '^" + name + "$' | head -1");
   }
+  // Presses a key combination in a window (focused first: no window manager gives focus).
+  void press(const std::string& window, const std::string& keys) {
+    run(xorg.display(), "xdotool windowfocus --sync " + window);
+    run(xorg.display(), "xdotool key " + keys);
+  }
+  bool logged(const std::string& line) { return (*velmora)->waitForLine(line, 30.0); }
+  // Ctrl+P on the main window: the projector covers the monitor, black with the character.
+  std::string openProjector(int monitor) {
+    press(main, "ctrl+p");
+    EXPECT_TRUE(logged("[ProjectorWindowController] Opened fullscreen projector window on 'DUMMY" +
+                       std::to_string(monitor) + "'"))
+        << (*velmora)->output();
+    std::string projector;
+    EXPECT_TRUE(test::eventually([&] { return !(projector = window("Velmora Projector")).empty(); }, 10.0));
+    const std::string geometry = run(xorg.display(), "xdotool getwindowgeometry " + projector);
+    EXPECT_NE(geometry.find("Position: " + std::to_string(monitor * 1920) + ",0"), std::string::npos) << geometry;
+    EXPECT_NE(geometry.find("Geometry: 1920x1080"), std::string::npos) << geometry;
+    const std::string shot = "projector-" + std::to_string(monitor) + ".png";
+    EXPECT_TRUE(test::eventually([&] { return showsCharacterOnBlack(screenshot(xorg.display(), monitor, shot)); }, 90.0))
+        << "see " << (kShots / shot);
+    return projector;
+  }
+  // The projector went and the main window has the focus again.
+  void expectProjectorClosed() {
+    EXPECT_TRUE(logged(kClosed)) << (*velmora)->output();
+    EXPECT_TRUE(test::eventually([&] { return window("Velmora Projector").empty(); }, 10.0));
+    EXPECT_TRUE(test::eventually([&] { return run(xorg.display(), "xdotool getwindowfocus") == main; }, 10.0));
+  }
 
   test::TempDir dir;
   test::XorgDummy xorg;
-  std::uint16_t trackingPort = test::freeUdpPort();
-  std::unique_ptr<test::ChildProcess> velmora;
+  std::unique_ptr<test::VelmoraRun> velmora;
+  std::string main;
 };
 
 TEST(WindowX11Test, DashboardProjectorShortcutsAndClosingOnTwoMonitors) {
   Session s(2);
-  ASSERT_TRUE(s.xorg.ready()) << "Xorg with the dummy driver did not start; see " << s.xorg.logFile();
   // Both publishers run (a private PipeWire, the NDI runtime double), so
   // closing the window must stop them.
   test::PrivatePipeWire pipewire;
   ASSERT_TRUE(pipewire.start());
   std::vector<std::string> env = pipewire.env();
-  env.push_back(std::string("NDI_RUNTIME_DIR_V6=") + VELMORA_NDI_DOUBLE_DIR);
-  s.start(env, true);
-  ASSERT_TRUE(s.velmora->started());
-  ASSERT_TRUE(s.logged("[Velmora] Main window open; close it (or press Ctrl-C) to stop")) << s.velmora->output();
-  std::string main;
-  ASSERT_TRUE(eventually([&] { return !(main = s.window("Velmora")).empty(); }, 10.0));
-  EXPECT_EQ(run(s.xorg.display(), "xdotool getwindowfocus"), main) << "the main window comes to the front";
+  env.push_back("NDI_RUNTIME_DIR_V6=" VELMORA_NDI_DOUBLE_DIR);
+  ASSERT_NO_FATAL_FAILURE(s.start(env, true));
+  EXPECT_EQ(run(s.xorg.display(), "xdotool getwindowfocus"), s.main) << "the main window comes to the front";
 
   // The phone streams; the expression bars and the preview fill in.
-  test::ChildProcess phone({kPhoneSim, "--port", std::to_string(s.trackingPort), "--duration", "60"}, {});
-  ASSERT_TRUE(phone.started());
-  Image dashboard;
-  auto processedBar = [](int r, int g, int b) { return r == 80 && g == 150 && b == 250; };
-  ASSERT_TRUE(eventually(
+  test::ChildProcess phone({test::builtProgram("velmora-phone-sim"), "--port", std::to_string(s.velmora->ports[0]),
+                            "--duration", "60"},
+                           {});
+  test::Picture dashboard;
+  ASSERT_TRUE(test::eventually(
       [&] {
         dashboard = screenshot(s.xorg.display(), 0, "dashboard.png");
         // The bars, and a rendered frame in the preview (more than its checks and caption).
-        auto notChecker = [](int r, int g, int b) {
-          return !(r == g && g == b && (r == 150 || r == 105 || r == 255));
-        };
-        return dashboard.width == 1920 && dashboard.count(0, 0, 1340, 690, processedBar) > 200 &&
-               dashboard.count(390, 70, 820, 300, notChecker) > 5000;
+        return dashboard.width == 1920 &&
+               dashboard.count(0, 0, 1340, 690, [](int r, int g, int b, int) { return r == 80 && g == 150 && b == 250; }) > 200 &&
+               dashboard.count(390, 70, 820, 300, [](int r, int g, int b, int) {
+                 return !(r == g && g == b && (r == 150 || r == 105 || r == 255));
+               }) > 5000;
       },
       90.0))
       << "no expression bars or no preview frame in " << (kShots / "dashboard.png");
-  // The three columns carry their panels' title bars (blue headers).
-  auto header = [](int r, int g, int b) { return b > 70 && b > r + 40 && g > r + 15; };
-  EXPECT_GT(dashboard.count(10, 30, 350, 680, header), 2000) << "left column";
-  EXPECT_GT(dashboard.count(390, 30, 840, 680, header), 2000) << "middle column";
-  EXPECT_GT(dashboard.count(880, 30, 1320, 680, header), 2000) << "right column";
-  // The preview's checkerboard.
-  EXPECT_GT(dashboard.count(380, 30, 840, 400, [](int r, int g, int b) { return r == 150 && g == 150 && b == 150; }),
-            2000);
+  // The three columns carry their panels' title bars (blue headers); the preview its checkerboard.
+  auto header = [](int r, int g, int b, int) { return b > 70 && b > r + 40 && g > r + 15; };
+  EXPECT_GT(dashboard.count(10, 30, 350, 680, header), 2000u) << "left column";
+  EXPECT_GT(dashboard.count(390, 30, 840, 680, header), 2000u) << "middle column";
+  EXPECT_GT(dashboard.count(880, 30, 1320, 680, header), 2000u) << "right column";
+  EXPECT_GT(dashboard.count(380, 30, 840, 400, [](int r, int g, int b, int) { return r == 150 && g == 150 && b == 150; }),
+            2000u);
 
-  // Ctrl+P: the projector covers the second monitor, black with the character.
-  press(s.xorg.display(), main, "ctrl+p");
-  ASSERT_TRUE(s.logged("[ProjectorWindowController] Opened fullscreen projector window on 'DUMMY1'"))
-      << s.velmora->output();
-  std::string projector;
-  ASSERT_TRUE(eventually([&] { return !(projector = s.window("Velmora Projector")).empty(); }, 10.0));
-  const std::string geometry = run(s.xorg.display(), "xdotool getwindowgeometry " + projector);
-  EXPECT_NE(geometry.find("Position: 1920,0"), std::string::npos) << geometry;
-  EXPECT_NE(geometry.find("Geometry: 1920x1080"), std::string::npos) << geometry;
-  Image shown;
-  EXPECT_TRUE(eventually(
-      [&] { return showsCharacterOnBlack(shown = screenshot(s.xorg.display(), 1, "projector.png")); }, 90.0))
-      << "see " << (kShots / "projector.png");
+  // Ctrl+P puts the projector on the second monitor; Ctrl+P again, from the projector, takes it away.
+  s.press(s.openProjector(1), "ctrl+p");
+  EXPECT_TRUE(s.logged(kClosed)) << s.velmora->process->output();
+  EXPECT_TRUE(test::eventually([&] { return s.window("Velmora Projector").empty(); }, 10.0));
 
-  // Ctrl+P again, from the projector: it goes, and only the main window is left.
-  press(s.xorg.display(), projector, "ctrl+p");
-  ASSERT_TRUE(s.logged("[ProjectorWindowController] Closed projector window.")) << s.velmora->output();
-  EXPECT_TRUE(eventually([&] { return s.window("Velmora Projector").empty(); }, 10.0));
-
-  press(s.xorg.display(), main, "ctrl+r");
-  EXPECT_TRUE(s.logged("[Dashboard] Stage Control > Recentre Neutral Pose")) << s.velmora->output();
-  press(s.xorg.display(), main, "ctrl+o");
-  EXPECT_TRUE(s.logged("[Dashboard] Window > OSC Commands & Cues")) << s.velmora->output();
+  s.press(s.main, "ctrl+r");
+  EXPECT_TRUE(s.logged("[Dashboard] Stage Control > Recentre Neutral Pose")) << s.velmora->process->output();
+  s.press(s.main, "ctrl+o");
+  EXPECT_TRUE(s.logged("[Dashboard] Window > OSC Commands & Cues")) << s.velmora->process->output();
   // The commands window covers the middle of the dashboard.
-  auto changedFromDashboard = [&](const Image& now) {
-    int differ = 0;
-    for (int y = 200; y < 500; ++y)
-      for (int x = 400; x < 960; ++x) differ += std::memcmp(now.at(x, y), dashboard.at(x, y), 3) != 0;
-    return differ;
-  };
-  EXPECT_TRUE(eventually(
+  EXPECT_TRUE(test::eventually(
       [&] {
-        const Image osc = screenshot(s.xorg.display(), 0, "osc-commands.png");
-        return osc.width == 1920 && changedFromDashboard(osc) > 560 * 300 / 4;
+        const test::Picture osc = screenshot(s.xorg.display(), 0, "osc-commands.png");
+        int differ = 0;
+        for (int y = 200; y < 500 && osc.width == 1920; ++y)
+          for (int x = 400; x < 960; ++x) differ += std::memcmp(osc.at(x, y), dashboard.at(x, y), 3) != 0;
+        return differ > 560 * 300 / 4;
       },
       10.0))
       << "see " << (kShots / "osc-commands.png");
 
-  // Closing the main window (the close box) ends the run cleanly.
-  requestClose(s.xorg.display(), main);
-  EXPECT_EQ(s.velmora->wait(60), 0) << s.velmora->output();
-  const std::string out = s.velmora->output();
-  EXPECT_NE(out.find("[Velmora] Main window closed, shutting down"), std::string::npos) << out;
-  EXPECT_NE(out.find("[Syphon] Server stopped"), std::string::npos) << out;
-  EXPECT_NE(out.find("[NDI] Sender stopped"), std::string::npos) << out;
-  EXPECT_NE(out.find("[Velmora] Stopped cleanly"), std::string::npos) << out;
+  // Closing the main window (the close box) ends the run cleanly, both publishers stopped.
+  requestClose(s.xorg.display(), s.main);
+  EXPECT_TRUE(s.velmora->stopsCleanly(0)) << s.velmora->process->output();  // signal 0: it ends by itself
+  for (const char* line : {"[Velmora] Main window closed, shutting down", "[Syphon] Server stopped", "[NDI] Sender stopped"})
+    EXPECT_EQ(s.velmora->process->printed(line), 1) << line << "\n" << s.velmora->process->output();
 }
 
 TEST(WindowX11Test, WithOneMonitorTheProjectorCoversItAndSigtermEndsTheRun) {
   Session s(1);
-  ASSERT_TRUE(s.xorg.ready()) << "Xorg with the dummy driver did not start; see " << s.xorg.logFile();
-  s.start();
-  ASSERT_TRUE(s.logged("[Velmora] Main window open; close it (or press Ctrl-C) to stop")) << s.velmora->output();
-  std::string main;
-  ASSERT_TRUE(eventually([&] { return !(main = s.window("Velmora")).empty(); }, 10.0));
-  press(s.xorg.display(), main, "ctrl+p");
-  ASSERT_TRUE(s.logged("[ProjectorWindowController] Opened fullscreen projector window on 'DUMMY0'"))
-      << s.velmora->output();
-  std::string projector;
-  ASSERT_TRUE(eventually([&] { return !(projector = s.window("Velmora Projector")).empty(); }, 10.0));
-  const std::string geometry = run(s.xorg.display(), "xdotool getwindowgeometry " + projector);
-  EXPECT_NE(geometry.find("Position: 0,0"), std::string::npos) << geometry;
-  EXPECT_NE(geometry.find("Geometry: 1920x1080"), std::string::npos) << geometry;
-  EXPECT_TRUE(eventually(
-      [&] { return showsCharacterOnBlack(screenshot(s.xorg.display(), 0, "projector-one-monitor.png")); }, 90.0));
+  ASSERT_NO_FATAL_FAILURE(s.start());
+  std::string projector = s.openProjector(0);
   EXPECT_TRUE(isMonitorFullScreen(s.xorg.display(), projector));
   // It covers the dashboard: the log says how to come back, and Esc, or the
   // window manager's close request, brings the dashboard back as Ctrl+P does.
   EXPECT_TRUE(s.logged("[ProjectorWindowController] One monitor: the projector covers the dashboard. "
                        "Press Esc or Ctrl+P on it to close it."))
-      << s.velmora->output();
-  for (const char* how : {"Esc", "close request"}) {
-    SCOPED_TRACE(how);
-    if (std::string(how) == "Esc") {
-      press(s.xorg.display(), projector, "Escape");
-    } else {
-      press(s.xorg.display(), main, "ctrl+p");
-      ASSERT_TRUE(eventually([&] { return !(projector = s.window("Velmora Projector")).empty(); }, 10.0));
-      requestClose(s.xorg.display(), projector);
-    }
-    ASSERT_TRUE(s.logged("[ProjectorWindowController] Closed projector window.")) << s.velmora->output();
-    EXPECT_TRUE(eventually([&] { return s.window("Velmora Projector").empty(); }, 10.0));
-    EXPECT_TRUE(eventually([&] { return run(s.xorg.display(), "xdotool getwindowfocus") == main; }, 10.0));
-  }
-  press(s.xorg.display(), main, "ctrl+p");  // open at exit: SIGTERM closes it
-
-  EXPECT_EQ(s.velmora->stop(SIGTERM, 60), 0) << s.velmora->output();
-  const std::string out = s.velmora->output();
-  EXPECT_NE(out.find("[ProjectorWindowController] Closed projector window."), std::string::npos) << out;
-  EXPECT_NE(out.find("[Velmora] Stopped cleanly"), std::string::npos) << out;
+      << s.velmora->process->output();
+  s.press(projector, "Escape");
+  s.expectProjectorClosed();
+  s.press(s.main, "ctrl+p");
+  ASSERT_TRUE(test::eventually([&] { return !(projector = s.window("Velmora Projector")).empty(); }, 10.0));
+  requestClose(s.xorg.display(), projector);
+  s.expectProjectorClosed();
+  s.press(s.main, "ctrl+p");  // open at exit: SIGTERM closes it
+  ASSERT_TRUE(s.logged("[ProjectorWindowController] Opened fullscreen projector window on 'DUMMY0'"));
+  EXPECT_TRUE(s.velmora->stopsCleanly(SIGTERM)) << s.velmora->process->output();
+  EXPECT_TRUE(s.logged(kClosed)) << s.velmora->process->output();
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -41,10 +42,7 @@ class ChildProcess {
     out_ = fds[0];
   }
   ~ChildProcess() {
-    if (pid_ > 0 && !exited_) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
+    if (!exited_) stopProcess(pid_, SIGKILL);
     if (out_ >= 0) ::close(out_);
   }
   ChildProcess(const ChildProcess&) = delete;
@@ -95,6 +93,11 @@ class ChildProcess {
   void signal(int sig) { ::kill(pid_, sig); }
 
   const std::vector<std::string>& lines() const { return lines_; }
+  // How many lines read so far are `line`, or start with `prefix`.
+  long printed(const std::string& line) const { return std::count(lines_.begin(), lines_.end(), line); }
+  long printedStarting(const std::string& prefix) const {
+    return std::count_if(lines_.begin(), lines_.end(), [&](const std::string& l) { return l.starts_with(prefix); });
+  }
   std::string output() const {
     std::string all;
     for (const auto& l : lines_) all += l + "\n";
@@ -130,6 +133,16 @@ class ChildProcess {
   std::size_t next_ = 0;
 };
 
+// Polls `pred` until it holds or `seconds` pass; its last answer.
+inline bool eventually(const std::function<bool()>& pred, double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (pred()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return pred();
+}
+
 // How a program run to its end went: its exit status (-1 when it did not
 // start or did not exit within the time) and its output.
 struct Finished {
@@ -144,6 +157,14 @@ inline Finished runToEnd(const std::vector<std::string>& args, std::vector<std::
   ChildProcess child(args, env);
   const int status = child.started() ? child.wait(seconds) : -1;
   return {status, child.output()};
+}
+
+// Runs a /bin/sh script to the end; $1, $2, ... are `params` (no quoting needed).
+inline Finished shell(const std::string& script, const std::vector<std::string>& params = {},
+                      std::vector<std::string> env = {}, double seconds = 300) {
+  std::vector<std::string> args{"/bin/sh", "-c", script, "sh"};
+  args.insert(args.end(), params.begin(), params.end());
+  return runToEnd(args, std::move(env), seconds);
 }
 
 }  // namespace velmora::test

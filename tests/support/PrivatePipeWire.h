@@ -127,20 +127,7 @@ class PrivatePipeWire {
     return spawnProcess(args, options);
   }
   // Signals a process started with spawn() and reaps it (SIGKILL after 2 s).
-  static void killOne(pid_t& pid, int sig) {
-    if (pid <= 0) return;
-    ::kill(pid, sig);
-    for (int i = 0; i < 100; ++i) {
-      if (::waitpid(pid, nullptr, WNOHANG) == pid) {
-        pid = -1;
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
-    pid = -1;
-  }
+  static void killOne(pid_t& pid, int sig) { stopProcess(pid, sig); }
 
  private:
   TempDir dir_;

@@ -2,10 +2,14 @@
 // Starting a program from a test without waiting for it: the one
 // posix_spawn under ChildProcess, PrivatePipeWire and XorgDummy.
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 extern char** environ;
@@ -62,6 +66,23 @@ inline pid_t spawnProcess(const std::vector<std::string>& args, const SpawnOptio
                                         : posix_spawn(&pid, args[0].c_str(), &actions, nullptr, argv.data(), env);
   posix_spawn_file_actions_destroy(&actions);
   return failed ? -1 : pid;
+}
+
+// Signals a started process and reaps it, with SIGKILL after `graceSeconds`;
+// the id becomes -1. Nothing when it is -1 already.
+inline void stopProcess(pid_t& pid, int sig, double graceSeconds = 2.0) {
+  if (pid <= 0) return;
+  ::kill(pid, sig);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(graceSeconds);
+  while (::waitpid(pid, nullptr, WNOHANG) != pid) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  pid = -1;
 }
 
 }  // namespace velmora::test

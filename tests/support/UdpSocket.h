@@ -39,9 +39,13 @@ class UdpSocket {
   int descriptor() const { return fd_; }
   std::uint16_t port() const { return port_; }
   void sendTo(std::uint16_t port, const void* data, std::size_t size) const {
+    sendTo(INADDR_LOOPBACK, port, data, size);
+  }
+  // To `port` of another local address (host byte order).
+  void sendTo(std::uint32_t address, std::uint16_t port, const void* data, std::size_t size) const {
     sockaddr_in to{};
     to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to.sin_addr.s_addr = htonl(address);
     to.sin_port = htons(port);
     ::sendto(fd_, data, size, 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
   }

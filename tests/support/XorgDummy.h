@@ -39,16 +39,7 @@ class XorgDummy {
     }
     if (!ready_) display_ = -1;
   }
-  ~XorgDummy() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGTERM);
-    for (int i = 0; i < 100; ++i) {
-      if (::waitpid(pid_, nullptr, WNOHANG) == pid_) return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
+  ~XorgDummy() { stopProcess(pid_, SIGTERM, 5.0); }
   XorgDummy(const XorgDummy&) = delete;
   XorgDummy& operator=(const XorgDummy&) = delete;
 
@@ -82,9 +73,7 @@ class XorgDummy {
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
+    stopProcess(pid_, SIGKILL);
     return false;
   }
 
