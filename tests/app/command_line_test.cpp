@@ -47,9 +47,13 @@ TEST(CommandLine, ArgumentsGiveTheirModeFolderAndRecording) {
     SCOPED_TRACE(::testing::PrintToString(row.args));
     const auto r = CommandLine::parse(row.args);
     EXPECT_EQ(r.mode, row.mode);
-    if (!row.folder.empty()) EXPECT_EQ(r.folder, row.folder);
+    if (!row.folder.empty()) {
+      EXPECT_EQ(r.folder, row.folder);
+    }
     EXPECT_EQ(r.recordFile, row.record);
-    if (row.mode == Mode::usageError) EXPECT_EQ(r.unknownOption, row.unknown);
+    if (row.mode == Mode::usageError) {
+      EXPECT_EQ(r.unknownOption, row.unknown);
+    }
   }
   const auto missing = CommandLine::parse({"--record"});
   EXPECT_EQ(missing.mode, Mode::interactive);
