@@ -75,15 +75,18 @@ struct Shot {
 };
 
 // What the renderer uploads for a character: its vertex and index arrays as
-// they are, 16 bytes per (target, vertex) of half-float morph deltas, a
-// 24-byte morphed vertex, and the pictures with their mipmaps (4/3).
+// they are, 16 bytes per vertex a target moves (its index and six half-float
+// deltas) plus 4 per vertex, a 24-byte morphed vertex, and the pictures with
+// their mipmaps (4/3).
 std::size_t gpuBytes(const Node& node, std::size_t textureBytes) {
   std::size_t bytes = textureBytes * 4 / 3;
   if (node.geometry) {
     for (const auto& source : node.geometry->sources) bytes += source.data ? source.data->size() * 4 : 0;
     for (const auto& element : node.geometry->elements) bytes += element.indices ? element.indices->size() * 4 : 0;
     const std::size_t vertices = node.geometry->vertexCount();
-    if (node.morpher) bytes += node.morpher->targetCount() * vertices * 16 + vertices * 24;
+    if (node.morpher) bytes += vertices * (4 + 24);
+    if (node.morpher && node.morpher->targets)
+      for (const auto& target : *node.morpher->targets) bytes += target ? target->vertices.size() * 16 : 0;
   }
   for (const auto& child : node.children()) bytes += gpuBytes(*child, 0);
   return bytes;
