@@ -62,7 +62,7 @@ TEST(RecordingEndToEndTest, VelmoraRecordsWhatArrivesTsharkReadsItAndAReplayBrin
   const auto at = [&](std::size_t i) { return double(read.datagrams[i].envelope.arrivalMicroseconds) * 1e-6; };
   const double span = at(read.datagrams.size() - 2) - at(0);
   EXPECT_GT(span, 0.8);
-  EXPECT_LT(span, 2.0);
+  EXPECT_LT(span, 5.0);  // a 1 s stream; room for a starved receiver thread under load
 
   // Replayed into a fresh velmora on the same ports, as recorded: every datagram arrives.
   test::VelmoraRun again({.ports = {a, b}});

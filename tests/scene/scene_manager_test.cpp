@@ -167,6 +167,7 @@ TEST_F(SceneManagerTest, ACueBlendsItsChannelsOverLiveTrackingByItsWeight) {
     EXPECT_EQ(driven > 0 && w > 0, row.after == 0 && row.kind == AnimationCue::Kind::maskGasp);
     EXPECT_NEAR(scene.maskNode()->eulerAngles.x, head.x + out.rotationOffset.x, 1e-6f);
     EXPECT_NEAR(scene.maskNode()->eulerAngles.y, head.y + out.rotationOffset.y, 1e-6f);
+    EXPECT_NEAR(scene.maskNode()->eulerAngles.z, head.z + out.rotationOffset.z, 1e-6f);
     EXPECT_NEAR(scene.maskNode()->position.z, out.positionOffset.z, 1e-6f);
     if (row.kind == AnimationCue::Kind::maskNod) {
       EXPECT_GT(std::fabs(out.rotationOffset.x), 0.01f);

@@ -132,6 +132,7 @@ TEST(TrackingSettingsTest, EveryKeyFallsBackFromUnusableValues) {
       {"ndiOutputEnabled", ndi, {true}, true},
       {"ndiOutputEnabled", ndi, {1, "true", json::array({true})}, false},
       {"trackingTimeout", timeout, {-1}, 0.5},
+      {"trackingTimeout", timeout, {0}, 0.0},  // 0: never lose the face
       {"oscBindAddress", bind, {7}, ""},
   };
   for (const Row& r : rows) {
