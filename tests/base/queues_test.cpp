@@ -96,17 +96,14 @@ TEST(MainThreadMailbox, KeepsEverythingAtNormalRatesAndDropsTheOldestUnderAFlood
   for (int i = 0; i < 5; ++i) mailbox.post([&, i] { ran.push_back(i); });
   queue.drain();
   EXPECT_EQ(ran, (std::vector<int>{0, 1, 2, 3, 4}));
-  EXPECT_EQ(mailbox.droppedCount(), 0u);
 
   ran.clear();
   for (int i = 0; i < 10000; ++i) mailbox.post([&, i] { ran.push_back(i); });
   EXPECT_LE(mailbox.pendingCount(), 8u);
   EXPECT_LE(queue.pendingCount(), 1u) << "one drain is posted however many items wait";
   queue.drain();
-  ASSERT_EQ(ran.size(), 8u);
-  EXPECT_EQ(ran.front(), 9992);
-  EXPECT_EQ(ran.back(), 9999);
-  EXPECT_EQ(mailbox.droppedCount(), 9992u);
+  EXPECT_EQ(ran, (std::vector<int>{9992, 9993, 9994, 9995, 9996, 9997, 9998, 9999}));
+  EXPECT_EQ(mailbox.droppedCount(), 9992u);  // none of the five at normal rate
 }
 
 TEST(SerialQueue, RunsWorkInOrderOnItsThreadAndStopRunsPendingWorkThenRefusesMore) {

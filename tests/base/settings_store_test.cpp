@@ -46,10 +46,8 @@ TEST(SettingsStore, ValuesSurviveANewInstanceAndTypedReadsRefuseOtherKinds) {
   EXPECT_EQ(again.boolean("flag"), false);
   EXPECT_EQ(again.number("real"), 0.25);
   EXPECT_EQ(again.number("int"), 53100.0);  // any number reads as a double
-  ASSERT_TRUE(again.array("list"));
-  EXPECT_EQ(again.array("list")->size(), 2u);
-  ASSERT_TRUE(again.dictionary("dict"));
-  EXPECT_TRUE(again.dictionary("dict")->contains("jawOpen"));
+  EXPECT_EQ(again.array("list"), nlohmann::json::array({0.1, 0.8}));
+  EXPECT_EQ(again.dictionary("dict"), (nlohmann::json{{"jawOpen", {0.1, 0.9}}}));
   EXPECT_FALSE(again.integer("three"));  // a string that looks like a number is not an integer
   EXPECT_FALSE(again.integer("real"));   // a fractional number is not an integer
   EXPECT_FALSE(again.integer("flag"));

@@ -94,17 +94,14 @@ TEST(UdpListenerNetTest, BatchesCutEachDatagramToItsSlotAndKeepOrder) {
       if (i % 3 == 1) d.resize(10);
       if (i == 7) h.phone.sendTo(h.port, "");  // empty: skipped, the rest still read
       h.phone.sendTo(h.port, d);
-      sent.push_back(d);
+      sent.push_back(d.substr(0, 10));  // as read: cut to its slot
     }
   });
   ASSERT_TRUE(h.waitFor(sent.size()));
   h.queue.sync([&] { h.listener.close(); });
   std::lock_guard lock(h.seen.mutex);
-  ASSERT_EQ(h.seen.datagrams.size(), sent.size());
-  for (std::size_t i = 0; i < sent.size(); ++i) {
-    EXPECT_EQ(h.seen.datagrams[i], sent[i].substr(0, 10)) << i;
-    EXPECT_EQ(h.seen.senderPorts[i], h.phone.port());
-  }
+  EXPECT_EQ(h.seen.datagrams, sent);
+  EXPECT_EQ(h.seen.senderPorts, std::vector<std::uint16_t>(sent.size(), h.phone.port()));
   // 15 datagrams (one empty) in reads of at most 4, at most 9 per event:
   // 4 + 4 + 1 | 4 + 2.
   EXPECT_EQ(h.seen.batches, (std::vector<std::size_t>{4, 4, 1, 4, 2}));

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <set>
 #include <string>
-#include <unordered_set>
 
 #include "stage/ARKitBlendShape.h"
 #include "stage/CharacterModelType.h"
@@ -20,13 +19,13 @@ TEST(ARKitBlendShapeTest, CasesAreAlphabeticalWithTheirIndicesAndRoundTrip) {
   const auto all = allCases<ARKitBlendShape>();
   ASSERT_EQ(all.size(), 52u);
   std::vector<std::string> names;
+  // Index and round trip per case also make the names and the cases distinct.
   for (std::size_t i = 0; i < all.size(); ++i) {
     EXPECT_EQ(index(all[i]), i);
     EXPECT_EQ(fromRawValue<ARKitBlendShape>(rawValue(all[i])), all[i]) << rawValue(all[i]);
     names.emplace_back(rawValue(all[i]));
   }
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
-  EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), 52u);
   for (const auto& [i, name] : {std::pair{0, "browDownLeft"}, std::pair{13, "eyeLookInRight"},
                                 std::pair{24, "jawOpen"}, std::pair{26, "mouthClose"},
                                 std::pair{39, "mouthRollLower"}, std::pair{51, "tongueOut"}}) {
@@ -40,8 +39,6 @@ TEST(ARKitBlendShapeTest, CasesAreAlphabeticalWithTheirIndicesAndRoundTrip) {
                                     string_view("mouthSmileLeftX")}) {
     EXPECT_FALSE(fromRawValue<ARKitBlendShape>(unknown)) << unknown;
   }
-  std::unordered_set<ARKitBlendShape> set(all.begin(), all.end());
-  EXPECT_EQ(set.size(), 52u);
 }
 
 TEST(LiveLinkNamesTest, WireOrderCoversTheVocabularyOnce) {
