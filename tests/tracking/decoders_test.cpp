@@ -15,7 +15,6 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -146,26 +145,10 @@ TEST(OSCTrackingDecoderTest, HeadComponentsAndPartialUpdates) {
 // [SECTION] JSON
 // ---------------------------------------------------------------------------
 
-TEST(JSONTrackingDecoderTest, Parts) {
-  auto d = decodeJSON(nlohmann::json::parse(R"({"blendshapes": {"jawOpen": 0.5, "eyeBlinkLeft": 1,
-      "bad": "0.5", "nested": {"a": 1}, "flag": true}, "rotation": [0.1, 0.2, 0.3, 9], "position": [1, 2, 3]})"),
-                      kSender);
-  const auto& map = *d.frame.blendshapes;
-  EXPECT_EQ(map.size(), 3u);
-  EXPECT_EQ(map.at("jawOpen"), 0.5f);
-  EXPECT_EQ(map.at("eyeBlinkLeft"), 1.0f);
-  EXPECT_EQ(map.at("flag"), 1.0f);
-  EXPECT_EQ(*d.frame.rotation, float3(0.1f, 0.2f, 0.3f));  // no unit conversion
-  EXPECT_EQ(*d.frame.position, float3(1.0f, 2.0f, 3.0f));
-
-  d = decodeJSON(nlohmann::json::parse(R"({"blendshapes": [1, 2], "rotation": [1, 2], "position": [1, "2", 3]})"),
-                 kSender);
-  EXPECT_FALSE(d.frame.blendshapes);
-  EXPECT_FALSE(d.frame.rotation);
-  EXPECT_FALSE(d.frame.position);
-  d = decodeJSON(nlohmann::json::parse(R"({"rotation": [1e300, 0, 0]})"), kSender);
-  EXPECT_FALSE(d.frame.rotation);
-}
+// The parts of a document the fast reader refuses (a 100-bit integer sends it
+// to the nlohmann fallback): numbers and booleans as values, vectors of three
+// numbers or more, a non-finite rotation dropped: corpus edge_json_64 to 66
+// (reference_decoder_test).
 
 // ---------------------------------------------------------------------------
 // [SECTION] Phone apps
