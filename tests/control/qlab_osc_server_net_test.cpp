@@ -88,7 +88,6 @@ class QLabServerTest : public ::testing::Test {
 // port closes the listener first.
 TEST_F(QLabServerTest, EachStartShowsItsOutcome) {
   const std::uint16_t first = listen();
-  EXPECT_EQ(server().listeningPort(), first);
   EXPECT_TRUE(log.has("[QLabOSCServer] QLab Remote Cue listener active on UDP port " + std::to_string(first)));
   state().setIsOSCEnabled(false);
   EXPECT_EQ(state().oscStatus(), "OSC cues: disabled");
