@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "base/MainQueue.h"
@@ -146,11 +147,10 @@ TEST(TrackingReceiverNetTest, BatchedBurstArrivesWholeAndInOrder) {
   ASSERT_EQ(seen.size(), total);
   for (std::size_t i = 0; i < total; ++i) {
     SCOPED_TRACE(i);
+    const DatagramEnvelope& e = seen[i].envelope;
     EXPECT_EQ(seen[i].payload, sent[i]);
-    EXPECT_EQ(seen[i].envelope.sourcePort, from[i]);
-    EXPECT_EQ(seen[i].envelope.sourceAddress, 0x7F000001u);
-    EXPECT_EQ(seen[i].envelope.destinationPort, port);
-    EXPECT_EQ(seen[i].envelope.destinationAddress, 0x7F000001u);
+    EXPECT_EQ(std::tuple(e.sourceAddress, e.sourcePort, e.destinationAddress, e.destinationPort),
+              std::tuple(0x7F000001u, from[i], 0x7F000001u, port));
     EXPECT_GT(seen[i].envelope.arrivalMicroseconds, 0);
     if (i > 0) {
       EXPECT_GE(seen[i].envelope.arrivalMicroseconds, seen[i - 1].envelope.arrivalMicroseconds);
