@@ -16,10 +16,6 @@
 namespace velmora {
 namespace {
 
-using test::LogCapture;
-using test::PrivatePipeWire;
-using test::TempDir;
-
 const std::string systemFolder = "/usr/lib/x86_64-linux-gnu";
 
 // 1920 x 1080, transparent but for an opaque red top-left quadrant and a
@@ -65,9 +61,11 @@ std::vector<std::string> gstOneFrame(const std::string& png) {
 
 // The library is looked for once, in the folders' order; its absence and a
 // missing daemon are both status texts, and a start while the daemon is away
-// is retried only every two seconds.
-TEST(SyphonPublisherPipeWire, LibraryAndDaemonAbsentThenDaemonStarts) {
-  TempDir empty;
+// is retried only every two seconds. Then the daemon dies under the running
+// server: the publisher notices, says why, and comes back by itself once a
+// daemon runs again.
+TEST(SyphonPublisherPipeWire, LibraryAndDaemonAbsentThenDaemonStartsDiesAndRestarts) {
+  test::TempDir empty;
   double now = 100.0;
   {
     SyphonPublisher publisher({empty.path().string(), "/nonexistent/lib"}, [&] { return now; }, false);
@@ -81,7 +79,7 @@ TEST(SyphonPublisherPipeWire, LibraryAndDaemonAbsentThenDaemonStarts) {
   {
     // Installed where no listed folder is (as in /usr/lib64): the system
     // loader finds it by soname, and that place is logged like the others.
-    LogCapture log;
+    test::LogCapture log;
     SyphonPublisher publisher({empty.path().string()}, [&] { return now; });
     ASSERT_TRUE(publisher.loadFramework()) << publisher.lastError().value_or("");
     const std::string path = publisher.frameworkPath().value_or("");
@@ -89,9 +87,9 @@ TEST(SyphonPublisherPipeWire, LibraryAndDaemonAbsentThenDaemonStarts) {
     EXPECT_TRUE(log.has("[Syphon] Looked for libpipewire-0.3.so.0 through the system loader: loaded (" + path + ")"));
   }
 
-  PrivatePipeWire session;  // this process now looks for its daemon in an empty folder
+  test::PrivatePipeWire session;  // this process now looks for its daemon in an empty folder
   SyphonPublisher publisher({empty.path().string(), systemFolder}, [&] { return now; });
-  LogCapture log;
+  test::LogCapture log;
   EXPECT_FALSE(publisher.start());
   EXPECT_EQ(publisher.frameworkPath(), systemFolder + "/libpipewire-0.3.so.0");
   EXPECT_EQ(publisher.lastError(), "PipeWire video source could not be created (is PipeWire running?)");
@@ -108,6 +106,29 @@ TEST(SyphonPublisherPipeWire, LibraryAndDaemonAbsentThenDaemonStarts) {
   EXPECT_TRUE(publisher.start());  // starting twice is harmless
   EXPECT_TRUE(session.waitForNode("Velmora", 5.0));
   EXPECT_FALSE(publisher.hasClients());  // nobody linked yet
+
+  session.kill();
+  // A killed daemon leaves its socket file behind; nothing answers on it.
+  EXPECT_TRUE(std::filesystem::exists(session.dir() / "pipewire-0"));
+  EXPECT_FALSE(PipeWireVideoSource::daemonSocketAnswers());
+  EXPECT_TRUE(waitFor([&] { return !publisher.isRunning(); }, 5.0));
+  EXPECT_FALSE(publisher.hasClients());
+  publisher.publish(quadrantFrame(1));  // dropped, harmlessly
+  EXPECT_FALSE(publisher.start());
+  EXPECT_EQ(publisher.lastError(), "PipeWire video source could not be created (is PipeWire running?)");
+  EXPECT_TRUE(log.hasPrefix("[Syphon] Server lost its PipeWire connection ("));
+
+  ASSERT_TRUE(session.start());
+  EXPECT_TRUE(PipeWireVideoSource::daemonSocketAnswers());
+  now += 2.5;
+  EXPECT_TRUE(publisher.start());
+  EXPECT_TRUE(session.waitForNode("Velmora", 5.0));
+  {
+    const auto feeder = feed(publisher);
+    const std::string png = (session.dir() / "after-restart.png").string();
+    EXPECT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
+    EXPECT_TRUE(std::filesystem::exists(png));
+  }
   publisher.stop();
   publisher.stop();
   const auto lines = log.lines();
@@ -119,7 +140,7 @@ TEST(SyphonPublisherPipeWire, LibraryAndDaemonAbsentThenDaemonStarts) {
 // client state follows consumers coming and going, including one killed
 // while frames flow.
 TEST(SyphonPublisherPipeWire, ConsumersReceiveFramesAndComeAndGo) {
-  PrivatePipeWire session;
+  test::PrivatePipeWire session;
   ASSERT_TRUE(session.start());
   SyphonPublisher publisher({systemFolder});
   ASSERT_TRUE(publisher.start());
@@ -152,44 +173,11 @@ TEST(SyphonPublisherPipeWire, ConsumersReceiveFramesAndComeAndGo) {
   EXPECT_TRUE(waitFor([&] { return publisher.hasClients(); }, 10.0));
   const auto copiedBefore = publisher.source()->counters().copied;
   EXPECT_TRUE(waitFor([&] { return publisher.source()->counters().copied > copiedBefore + 5; }, 5.0));
-  PrivatePipeWire::killOne(consumer, SIGKILL);
+  test::PrivatePipeWire::killOne(consumer, SIGKILL);
   EXPECT_TRUE(waitFor([&] { return !publisher.hasClients(); }, 5.0));
   EXPECT_TRUE(publisher.isRunning());
 
   // And the next consumer is served as before.
-  EXPECT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
-  EXPECT_TRUE(std::filesystem::exists(png));
-}
-
-// The daemon dies under a running server: the publisher notices, says why,
-// and comes back by itself once a daemon runs again.
-TEST(SyphonPublisherPipeWire, DaemonKilledAndRestarted) {
-  PrivatePipeWire session;
-  ASSERT_TRUE(session.start());
-  double now = 10.0;
-  SyphonPublisher publisher({systemFolder}, [&] { return now; });
-  LogCapture log;
-  ASSERT_TRUE(publisher.start());
-  ASSERT_TRUE(session.waitForNode("Velmora", 5.0));
-
-  session.kill();
-  // A killed daemon leaves its socket file behind; nothing answers on it.
-  EXPECT_TRUE(std::filesystem::exists(session.dir() / "pipewire-0"));
-  EXPECT_FALSE(PipeWireVideoSource::daemonSocketAnswers());
-  EXPECT_TRUE(waitFor([&] { return !publisher.isRunning(); }, 5.0));
-  EXPECT_FALSE(publisher.hasClients());
-  publisher.publish(quadrantFrame(1));  // dropped, harmlessly
-  EXPECT_FALSE(publisher.start());
-  EXPECT_EQ(publisher.lastError(), "PipeWire video source could not be created (is PipeWire running?)");
-  EXPECT_TRUE(log.hasPrefix("[Syphon] Server lost its PipeWire connection ("));
-
-  ASSERT_TRUE(session.start());
-  EXPECT_TRUE(PipeWireVideoSource::daemonSocketAnswers());
-  now += 2.5;
-  EXPECT_TRUE(publisher.start());
-  EXPECT_TRUE(session.waitForNode("Velmora", 5.0));
-  const auto feeder = feed(publisher);
-  const std::string png = (session.dir() / "after-restart.png").string();
   EXPECT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
   EXPECT_TRUE(std::filesystem::exists(png));
 }

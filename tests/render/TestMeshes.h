@@ -47,7 +47,6 @@ inline std::shared_ptr<Geometry> sphereGeometry(float radius, int rings, int seg
       for (int i : {a, b, a + 1, a + 1, b, b + 1}) idx->push_back(i);
     }
   auto g = std::make_shared<Geometry>();
-  g->name = "TestSphere";
   g->sources.push_back(GeometrySource::make(GeometrySource::Semantic::vertex, p));
   g->sources.push_back(GeometrySource::make(GeometrySource::Semantic::normal, n));
   GeometryElement e;

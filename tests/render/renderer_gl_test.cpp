@@ -237,8 +237,6 @@ TEST(RendererGLTest, FailuresAreReportedAndNothingCrashes) {
   EXPECT_FALSE(renderer().renderNow(nullptr).frame);
 }
 
-// --- the scene manager's frames of the real characters ---------------------
-
 // ---------------------------------------------------------------------------
 // [SECTION] The scene manager through the renderer
 // ---------------------------------------------------------------------------
@@ -315,15 +313,8 @@ TEST_F(MaskSceneGLTest, TheDefaultLookIsWellExposed) {
   EXPECT_LE(black, covered / 50);  // no black blotches (the mouth slit is a thin line)
 }
 
-// The state's opacity through the scene to the renderer's output.
-TEST_F(MaskSceneGLTest, OpacityZeroFromTheStateGivesAnEmptyFrame) {
-  state->setMaskOpacity(0.0f);
-  auto out = renderNow();
-  ASSERT_TRUE(out);
-  for (auto byte : out->pixels) ASSERT_EQ(byte, 0);
-}
-
-TEST_F(MaskSceneGLTest, TheGhostRendersWithDarkEyes) {
+// Then the state's opacity through the scene to the renderer's output.
+TEST_F(MaskSceneGLTest, TheGhostRendersWithDarkEyesAndOpacityZeroGivesAnEmptyFrame) {
   state->setCharacterModel(CharacterModelType::cartoonGhost);
   auto out = renderNow();
   ASSERT_TRUE(out);
@@ -331,6 +322,10 @@ TEST_F(MaskSceneGLTest, TheGhostRendersWithDarkEyes) {
   EXPECT_GT(forEachOpaque(*out, [&](const std::uint8_t* p) { dark += luminance(p) < 0.1f; }), 5000);
   EXPECT_GT(dark, 10);  // eyes and mouth
   EXPECT_EQ(out->pixel(0, 0)[3], 0);
+  state->setMaskOpacity(0.0f);
+  auto none = renderNow();
+  ASSERT_TRUE(none);
+  for (auto byte : none->pixels) ASSERT_EQ(byte, 0);
 }
 
 }  // namespace

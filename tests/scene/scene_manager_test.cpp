@@ -59,8 +59,6 @@ TEST_F(SceneManagerTest, InitBuildsTheStateModelAndTheRig) {
   EXPECT_EQ(scene.camera().nearPlane, 0.1f);
   EXPECT_EQ(scene.camera().farPlane, 100.0f);
   // init applied the state's lighting at its level.
-  EXPECT_EQ(scene.appliedLighting(), state.lighting());
-  EXPECT_EQ(scene.appliedMaster(), state.lightIntensity());
   EXPECT_EQ(scene.lightRig(), LightRig::applied(state.lighting(), state.lightIntensity()));
   for (const auto& light : {scene.keyLightNode(), scene.fillLightNode(), scene.rimLightNode()})
     EXPECT_EQ(light->parent(), scene.scene().get());
@@ -78,8 +76,6 @@ TEST_F(SceneManagerTest, SwitchingToTheGhostAndBackRebuildsAndDropsTheEyes) {
   EXPECT_EQ(scene.currentModelType(), CharacterModelType::cartoonGhost);
   ASSERT_TRUE(scene.ghostRootNode() && scene.ghostLeftEyeNode() && scene.ghostRightEyeNode());
   EXPECT_EQ(scene.ghostRootNode(), scene.maskNode());
-  EXPECT_EQ(scene.ghostLeftEyeNode()->name, "LeftEye");
-  EXPECT_EQ(scene.ghostRightEyeNode()->name, "RightEye");
   EXPECT_EQ(mask->parent(), nullptr);  // the mask left the scene
   EXPECT_NE(scene.targetNameToIndex(), maskMap);
 
@@ -106,7 +102,6 @@ TEST_F(SceneManagerTest, WithoutACueTheMorphWeightsAreTheLiveValues) {
   scene.updateTracking(state);
   EXPECT_EQ(weightOf("jawOpen"), 0.3f);
   EXPECT_EQ(weightOf("browDownLeft"), 0.4f);
-  EXPECT_EQ(weightOf("mouthSmileLeft"), 0.0f);
   // Rest pose, full opacity.
   EXPECT_EQ(scene.maskNode()->eulerAngles, float3(0.0f));
   EXPECT_EQ(scene.maskNode()->position, float3(0.0f));
@@ -165,9 +160,7 @@ TEST_F(SceneManagerTest, ACueBlendsItsChannelsOverLiveTrackingByItsWeight) {
           << name;
     }
     EXPECT_EQ(driven > 0 && w > 0, row.after == 0 && row.kind == AnimationCue::Kind::maskGasp);
-    EXPECT_NEAR(scene.maskNode()->eulerAngles.x, head.x + out.rotationOffset.x, 1e-6f);
-    EXPECT_NEAR(scene.maskNode()->eulerAngles.y, head.y + out.rotationOffset.y, 1e-6f);
-    EXPECT_NEAR(scene.maskNode()->eulerAngles.z, head.z + out.rotationOffset.z, 1e-6f);
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(scene.maskNode()->eulerAngles[c], head[c] + out.rotationOffset[c], 1e-6f);
     EXPECT_NEAR(scene.maskNode()->position.z, out.positionOffset.z, 1e-6f);
     if (row.kind == AnimationCue::Kind::maskNod) {
       EXPECT_GT(std::fabs(out.rotationOffset.x), 0.01f);
@@ -197,9 +190,7 @@ TEST_F(SceneManagerTest, TheGhostsMouthBackingFollowsItsBodyBackToRest) {
 TEST_F(SceneManagerTest, PositionScalesTheHeadOpacityIsClampedAndTheGhostFloats) {
   state.setHeadPosition({0.1f, -0.2f, 0.05f});
   scene.updateTracking(state);
-  EXPECT_NEAR(scene.maskNode()->position.x, 0.15f, 1e-6f);
-  EXPECT_NEAR(scene.maskNode()->position.y, -0.3f, 1e-6f);
-  EXPECT_NEAR(scene.maskNode()->position.z, 0.075f, 1e-6f);
+  EXPECT_LT(glm::length(scene.maskNode()->position - float3(0.15f, -0.3f, 0.075f)), 1e-6f);
   const std::pair<float, float> opacities[] = {{1.7f, 1.0f}, {-0.4f, 0.0f}, {std::nanf(""), 0.0f}, {0.5f, 0.5f}};
   for (const auto& [set, shown] : opacities) {
     state.setMaskOpacity(set);
@@ -283,9 +274,7 @@ TEST_F(SceneManagerTest, TheFaceEasesToNeutralAndBackWhileCuesPlayOverIt) {
   animation.trigger(AnimationCue::make(AnimationCue::Kind::maskGasp, 2.0), now);
   now += 0.3;
   tick();
-  CharacterAnimationController reference;
-  reference.trigger(AnimationCue::make(AnimationCue::Kind::maskGasp, 2.0), now - 0.3);
-  const AnimationOutput cue = reference.sample(now);
+  const AnimationOutput cue = referenceOutput(AnimationCue::make(AnimationCue::Kind::maskGasp, 2.0), now - 0.3, now);
   ASSERT_GT(cue.blendWeight, 0.0f);
   EXPECT_NEAR(weightOf("jawOpen"), cue.blendWeight * cue.blendshapes.at("jawOpen"), 1e-6f);
   EXPECT_NEAR(scene.maskNode()->eulerAngles.x, cue.rotationOffset.x, 1e-6f);
@@ -330,8 +319,7 @@ TEST_F(SceneManagerTest, LightingIsAppliedOnlyWhenSettingsOrMasterChange) {
   // A new master level applies.
   scene.applyLighting(soft, 0.0f);
   EXPECT_EQ(scene.keyLightNode()->position, float3(0.0f, 0.0f, 3.0f));
-  EXPECT_EQ(scene.lightRig().keyIntensity, 0.0f);
-  EXPECT_EQ(scene.lightRig().environmentIntensity, 0.0f);
+  EXPECT_EQ(scene.lightRig(), LightRig::applied(soft, 0.0f));
   // The per-frame update applies the state's lighting.
   state.setLightIntensity(2.0f);
   scene.updateTracking(state);
@@ -368,9 +356,7 @@ TEST_F(SceneManagerTest, TheFrameDescriptionIsASnapshotOfTheScene) {
 }
 
 TEST_F(SceneManagerTest, HiddenNodesAndOpacityMultiplyDownTheTree) {
-  auto root = Node::make("root");
-  auto child = Node::make("child");
-  auto hidden = Node::make("hidden");
+  auto root = Node::make("root"), child = Node::make("child"), hidden = Node::make("hidden");
   auto geometry = std::make_shared<Geometry>();
   child->geometry = geometry;
   hidden->geometry = geometry;

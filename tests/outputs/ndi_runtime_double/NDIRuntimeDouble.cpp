@@ -56,9 +56,6 @@ typedef struct NDIlib_send_create_t {
 } NDIlib_send_create_t;
 static_assert(sizeof(NDIlib_send_create_t) == 24);
 
-// The 4-byte FourCCs: BGRA, BGRX, RGBA, RGBX.
-constexpr std::uint32_t kFourByteFourCCs[] = {0x41524742, 0x58524742, 0x41424752, 0x58424752};
-
 typedef struct NDIlib_video_frame_v2_t {
   int xres, yres;
   std::uint32_t FourCC;
@@ -215,14 +212,9 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
       s.r.violations.push_back("NDIlib_send_send_video_v2: unknown sender");
       return;
     }
-    if (!frame || !frame->p_data || frame->xres <= 0 || frame->yres <= 0 || frame->frame_rate_D <= 0 ||
-        frame->frame_rate_N <= 0) {
-      s.r.violations.push_back("NDIlib_send_send_video_v2: incomplete frame");
-      return;
-    }
-    const bool fourBytes = std::ranges::count(kFourByteFourCCs, frame->FourCC) == 1;
-    if (!fourBytes || frame->line_stride_in_bytes < frame->xres * 4) {
-      s.r.violations.push_back("NDIlib_send_send_video_v2: stride or FourCC not a 4-byte format's");
+    // What the double itself reads; every other field is checked by the tests, literally.
+    if (!frame || !frame->p_data || frame->xres <= 0 || frame->yres <= 0 || frame->line_stride_in_bytes < frame->xres * 4) {
+      s.r.violations.push_back("NDIlib_send_send_video_v2: no pixels at the stated size and stride");
       return;
     }
     ++sender->sendsInProgress;
