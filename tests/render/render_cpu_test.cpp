@@ -15,6 +15,8 @@
 namespace velmora {
 namespace {
 
+using test::solidFrame;
+
 EnvironmentImage uniformEnvironment(float3 radiance, int w = 64, int h = 32) {
   EnvironmentImage image;
   image.width = w;
@@ -69,7 +71,7 @@ TEST(PngWriterTest, WritesAValidFileAndReportsFailures) {
   test::TempDir dir;
   const auto path = (dir.path() / "f.png").string();
   std::string error;
-  ASSERT_TRUE(PngWriter::write(path, test::solidFrame(8, 4, 1, 2, 3, 4), &error)) << error;
+  ASSERT_TRUE(PngWriter::write(path, solidFrame(8, 4, 1, 2, 3, 4), &error)) << error;
   std::ifstream in(path, std::ios::binary);
   std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)), {});
   ASSERT_GT(bytes.size(), 24u);
@@ -77,7 +79,7 @@ TEST(PngWriterTest, WritesAValidFileAndReportsFailures) {
   EXPECT_EQ(bytes[19], 8);  // IHDR width, big-endian
   EXPECT_EQ(bytes[23], 4);  // height
 
-  EXPECT_FALSE(PngWriter::write((dir.path() / "missing" / "f.png").string(), test::solidFrame(8, 4, 0, 0, 0, 0), &error));
+  EXPECT_FALSE(PngWriter::write((dir.path() / "missing" / "f.png").string(), solidFrame(8, 4, 0, 0, 0, 0), &error));
   EXPECT_NE(error.find("cannot write"), std::string::npos);
   EXPECT_FALSE(PngWriter::write(path, RenderedFrame{}, &error));
   EXPECT_NE(error.find("empty"), std::string::npos);

@@ -96,7 +96,7 @@ std::shared_ptr<Node> sphereNode(float radius, float3 position, float4 colour = 
 
 TEST(RendererGLTest, TheBackgroundIsTransparentAndTheCharacterOpaqueEvenUnlit) {
   auto face = test::makeTestFace();
-  auto frame = frameOf({face.node});
+  auto frame = frameOf({face});
   auto out = render(frame);
   ASSERT_TRUE(out);
   ASSERT_EQ(out->width, W);
@@ -112,7 +112,7 @@ TEST(RendererGLTest, TheBackgroundIsTransparentAndTheCharacterOpaqueEvenUnlit) {
   for (float side : {-1.0f, 1.0f})
     EXPECT_EQ(alphaAt(*out, project(*frame, 0.5f * glm::normalize(float3(0.35f * side, 0.3f, 1.0f)))), 0);
   // With the master at 0 the character is black but still opaque.
-  auto unlit = render(frameOf({face.node}, LightingSettings::theatrical(), 0.0f));
+  auto unlit = render(frameOf({face}, LightingSettings::theatrical(), 0.0f));
   ASSERT_TRUE(unlit);
   int lit = 0;
   EXPECT_GT(forEachOpaque(*unlit, [&](const std::uint8_t* p) { lit += p[0] + p[1] + p[2] > 0; }), 3000);
@@ -123,8 +123,8 @@ TEST(RendererGLTest, TheBackgroundIsTransparentAndTheCharacterOpaqueEvenUnlit) {
 // the morph moved something, so it is not just the base mesh.
 TEST(RendererGLTest, TheGpuMorphMatchesTheCpuReference) {
   auto face = test::makeTestFace();
-  face.morpher->setWeight(0, 0.7f);
-  face.morpher->setWeight(1, 0.4f);
+  face->morpher->setWeight(0, 0.7f);
+  face->morpher->setWeight(1, 0.4f);
   test::StateFixture f;
   CharacterAnimationController animation;
   MaskSceneManager scene(f.state, animation, [] { return 1.0; });
@@ -137,7 +137,7 @@ TEST(RendererGLTest, TheGpuMorphMatchesTheCpuReference) {
     const Morpher& morpher;
     float positionGap;
   };
-  const Row rows[] = {{"test face", frameOf({face.node}), *face.node->geometry, *face.morpher, 2e-4f},
+  const Row rows[] = {{"test face", frameOf({face}), *face->geometry, *face->morpher, 2e-4f},
                       {"mask", frameOf({scene.maskNode()}), *scene.maskNode()->geometry, *scene.morpher(), 5e-4f}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
@@ -160,10 +160,10 @@ TEST(RendererGLTest, TheShadowAlphaDarkensWhatTheKeyLightCannotReach) {
   auto ball = sphereNode(0.1f, onFace + 0.3f * (key - onFace));
   LightingSettings lit = LightingSettings::theatrical();
   lit.shadow = 0.0f;
-  auto frame = frameOf({face.node, ball}, lit);
+  auto frame = frameOf({face, ball}, lit);
   auto without = render(frame);
   lit.shadow = 1.0f;
-  auto with = render(frameOf({face.node, ball}, lit));
+  auto with = render(frameOf({face, ball}, lit));
   ASSERT_TRUE(without && with);
   int darker = 0, lighter = 0;
   for (std::size_t i = 0; i < with->pixels.size(); i += 4) {
@@ -202,8 +202,8 @@ TEST(RendererGLTest, AFadingCharacterShowsOnlyItsFrontSurface) {
 // failures are reported, nothing crashes, and the renderer still works.
 TEST(RendererGLTest, MeshesAreUploadedOncePerContextAndFailuresAreReported) {
   auto face = test::makeTestFace();
-  face.morpher->setWeight(0, 0.5f);
-  auto frame = frameOf({face.node, face.node});  // the same mesh twice in one frame
+  face->morpher->setWeight(0, 0.5f);
+  auto frame = frameOf({face, face});  // the same mesh twice in one frame
   std::size_t first = 0, second = 0;
   ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer& r) {
     r.render(*frame);
