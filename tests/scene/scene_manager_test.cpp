@@ -81,6 +81,8 @@ TEST_F(SceneManagerTest, SwitchingToTheGhostAndBackRebuildsAndDropsTheEyes) {
   EXPECT_EQ(scene.currentModelType(), CharacterModelType::cartoonGhost);
   ASSERT_TRUE(scene.ghostRootNode() && scene.ghostLeftEyeNode() && scene.ghostRightEyeNode());
   EXPECT_EQ(scene.ghostRootNode(), scene.maskNode());
+  EXPECT_EQ(scene.ghostLeftEyeNode()->name, "LeftEye");
+  EXPECT_EQ(scene.ghostRightEyeNode()->name, "RightEye");
   EXPECT_EQ(mask->parent(), nullptr);  // the mask left the scene
   EXPECT_NE(scene.targetNameToIndex(), maskMap);
 
