@@ -55,7 +55,6 @@ class SceneManagerTest : public ::testing::Test, protected test::StateFixture {
 // ---------------------------------------------------------------------------
 
 TEST_F(SceneManagerTest, InitBuildsTheStateModelAndTheRig) {
-  EXPECT_EQ(scene.currentModelType(), CharacterModelType::theatricalMask);
   ASSERT_TRUE(scene.maskNode());
   EXPECT_EQ(scene.maskNode()->parent(), scene.scene().get());
   EXPECT_FALSE(scene.ghostRootNode());
