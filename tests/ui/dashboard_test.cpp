@@ -97,7 +97,7 @@ TEST_F(DashboardTest, CopyAsTextListsEveryCommandUnderItsGroupInCatalogueOrder) 
   EXPECT_EQ(clipboard, OSCCommandsText::build(state.oscPort()));
 }
 
-TEST_F(DashboardTest, LightingEditsMarkTheRecordCustomAndPersistIt) {
+TEST_F(DashboardTest, LightingEditsMarkTheRecordCustomAndKeepTheRest) {
   LightingPanel panel(context);
   panel.choosePreset(2);
   EXPECT_EQ(state.lighting(), LightingSettings::presets()[2]);
