@@ -18,10 +18,9 @@ inline const std::string ndiIncompleteDoubleDir = VELMORA_BINARY_DIR "/tests/ndi
 
 class NDIRuntimeDoubleHandle {
  public:
-  explicit NDIRuntimeDoubleHandle(const std::string& folder = ndiDoubleDir)
-      : library_(RuntimeLibrary::open(folder + "/libndi.so.6").value) {
-    for (const char* name : kControls)
-      if (library_ && !library_->symbol(name)) library_.reset();
+  // Both doubles are built from one source: one control present means all are.
+  NDIRuntimeDoubleHandle() : library_(RuntimeLibrary::open(ndiDoubleDir + "/libndi.so.6").value) {
+    if (library_ && !library_->symbol("NDIdouble_counts")) library_.reset();
     if (library_) reset();
   }
   bool loaded() const { return library_ != nullptr; }
@@ -63,16 +62,13 @@ class NDIRuntimeDoubleHandle {
   }
 
  private:
-  static constexpr const char* kControls[] = {"NDIdouble_reset",      "NDIdouble_counts",
-                                              "NDIdouble_hold_sends", "NDIdouble_last_frame",
-                                              "NDIdouble_last_send_create", "NDIdouble_violations"};
   int count(int which) const {
     int counts[4] = {};
     call<void (*)(int*)>("NDIdouble_counts")(counts);
     return counts[which];
   }
 
-  // Every control is checked present at construction (loaded() is false otherwise).
+  // Present once one is (loaded() is false otherwise).
   template <class F>
   F call(const char* name) const {
     return library_->function<F>(name);

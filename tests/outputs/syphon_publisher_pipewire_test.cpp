@@ -16,10 +16,6 @@
 namespace velmora {
 namespace {
 
-using test::LogCapture;
-using test::PrivatePipeWire;
-using test::TempDir;
-
 const std::string systemFolder = "/usr/lib/x86_64-linux-gnu";
 
 // 1920 x 1080, transparent but for an opaque red top-left quadrant and a
@@ -65,9 +61,11 @@ std::vector<std::string> gstOneFrame(const std::string& png) {
 
 // The library is looked for once, in the folders' order; its absence and a
 // missing daemon are both status texts, and a start while the daemon is away
-// is retried only every two seconds.
-TEST(SyphonPublisherPipeWire, LibraryAndDaemonAbsentThenDaemonStarts) {
-  TempDir empty;
+// is retried only every two seconds. Then the daemon dies under the running
+// server: the publisher notices, says why, and comes back by itself once a
+// daemon runs again, and serves consumers as they come and go.
+TEST(SyphonPublisherPipeWire, FromNoLibraryAndNoDaemonToConsumersAcrossADaemonRestart) {
+  test::TempDir empty;
   double now = 100.0;
   {
     SyphonPublisher publisher({empty.path().string(), "/nonexistent/lib"}, [&] { return now; }, false);
@@ -81,7 +79,7 @@ TEST(SyphonPublisherPipeWire, LibraryAndDaemonAbsentThenDaemonStarts) {
   {
     // Installed where no listed folder is (as in /usr/lib64): the system
     // loader finds it by soname, and that place is logged like the others.
-    LogCapture log;
+    test::LogCapture log;
     SyphonPublisher publisher({empty.path().string()}, [&] { return now; });
     ASSERT_TRUE(publisher.loadFramework()) << publisher.lastError().value_or("");
     const std::string path = publisher.frameworkPath().value_or("");
@@ -89,9 +87,9 @@ TEST(SyphonPublisherPipeWire, LibraryAndDaemonAbsentThenDaemonStarts) {
     EXPECT_TRUE(log.has("[Syphon] Looked for libpipewire-0.3.so.0 through the system loader: loaded (" + path + ")"));
   }
 
-  PrivatePipeWire session;  // this process now looks for its daemon in an empty folder
+  test::PrivatePipeWire session;  // this process now looks for its daemon in an empty folder
   SyphonPublisher publisher({empty.path().string(), systemFolder}, [&] { return now; });
-  LogCapture log;
+  test::LogCapture log;
   EXPECT_FALSE(publisher.start());
   EXPECT_EQ(publisher.frameworkPath(), systemFolder + "/libpipewire-0.3.so.0");
   EXPECT_EQ(publisher.lastError(), "PipeWire video source could not be created (is PipeWire running?)");
@@ -108,69 +106,6 @@ TEST(SyphonPublisherPipeWire, LibraryAndDaemonAbsentThenDaemonStarts) {
   EXPECT_TRUE(publisher.start());  // starting twice is harmless
   EXPECT_TRUE(session.waitForNode("Velmora", 5.0));
   EXPECT_FALSE(publisher.hasClients());  // nobody linked yet
-  publisher.stop();
-  publisher.stop();
-  const auto lines = log.lines();
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), "[Syphon] Server stopped"), 1);
-  EXPECT_FALSE(publisher.isRunning());
-}
-
-// A consumer receives the frame upright, colours in place, alpha kept; the
-// client state follows consumers coming and going, including one killed
-// while frames flow.
-TEST(SyphonPublisherPipeWire, ConsumersReceiveFramesAndComeAndGo) {
-  PrivatePipeWire session;
-  ASSERT_TRUE(session.start());
-  SyphonPublisher publisher({systemFolder});
-  ASSERT_TRUE(publisher.start());
-  ASSERT_TRUE(session.waitForNode("Velmora", 5.0));
-  const auto feeder = feed(publisher);
-
-  const std::string png = (session.dir() / "received.png").string();
-  ASSERT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
-  int w = 0, h = 0, channels = 0;
-  stbi_uc* pixels = stbi_load(png.c_str(), &w, &h, &channels, 4);
-  ASSERT_NE(pixels, nullptr) << "no PNG from the consumer";
-  auto at = [&](int x, int y) {
-    const stbi_uc* p = pixels + (static_cast<std::size_t>(y) * w + x) * 4;
-    return std::array<int, 4>{p[0], p[1], p[2], p[3]};
-  };
-  EXPECT_EQ(w, 1920);
-  EXPECT_EQ(h, 1080);
-  EXPECT_EQ(at(100, 100), (std::array<int, 4>{255, 0, 0, 255}));     // red, top left
-  EXPECT_EQ(at(1800, 1000), (std::array<int, 4>{0, 0, 255, 128}));   // blue, bottom right, half alpha
-  EXPECT_EQ(at(1800, 100)[3], 0);                                    // transparent elsewhere
-  EXPECT_EQ(at(100, 1000)[3], 0);
-  stbi_image_free(pixels);
-  // The consumer has gone: back to no client.
-  EXPECT_TRUE(waitFor([&] { return !publisher.hasClients(); }, 3.0));
-
-  // A consumer that never stops, killed mid-stream.
-  pid_t consumer = session.spawn({"/usr/bin/gst-launch-1.0", "-q", "pipewiresrc", "target-object=Velmora", "!",
-                                  "video/x-raw", "!", "fakesink"});
-  ASSERT_GT(consumer, 0);
-  EXPECT_TRUE(waitFor([&] { return publisher.hasClients(); }, 10.0));
-  const auto copiedBefore = publisher.source()->counters().copied;
-  EXPECT_TRUE(waitFor([&] { return publisher.source()->counters().copied > copiedBefore + 5; }, 5.0));
-  PrivatePipeWire::killOne(consumer, SIGKILL);
-  EXPECT_TRUE(waitFor([&] { return !publisher.hasClients(); }, 5.0));
-  EXPECT_TRUE(publisher.isRunning());
-
-  // And the next consumer is served as before.
-  EXPECT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
-  EXPECT_TRUE(std::filesystem::exists(png));
-}
-
-// The daemon dies under a running server: the publisher notices, says why,
-// and comes back by itself once a daemon runs again.
-TEST(SyphonPublisherPipeWire, DaemonKilledAndRestarted) {
-  PrivatePipeWire session;
-  ASSERT_TRUE(session.start());
-  double now = 10.0;
-  SyphonPublisher publisher({systemFolder}, [&] { return now; });
-  LogCapture log;
-  ASSERT_TRUE(publisher.start());
-  ASSERT_TRUE(session.waitForNode("Velmora", 5.0));
 
   session.kill();
   // A killed daemon leaves its socket file behind; nothing answers on it.
@@ -188,10 +123,49 @@ TEST(SyphonPublisherPipeWire, DaemonKilledAndRestarted) {
   now += 2.5;
   EXPECT_TRUE(publisher.start());
   EXPECT_TRUE(session.waitForNode("Velmora", 5.0));
-  const auto feeder = feed(publisher);
-  const std::string png = (session.dir() / "after-restart.png").string();
-  EXPECT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
-  EXPECT_TRUE(std::filesystem::exists(png));
+  {
+    // A consumer receives the frame upright, colours in place, alpha kept;
+    // the client state follows consumers coming and going, including one
+    // killed while frames flow.
+    const auto feeder = feed(publisher);
+    const std::string png = (session.dir() / "received.png").string();
+    ASSERT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
+    int w = 0, h = 0, channels = 0;
+    stbi_uc* pixels = stbi_load(png.c_str(), &w, &h, &channels, 4);
+    ASSERT_NE(pixels, nullptr) << "no PNG from the consumer";
+    auto at = [&](int x, int y) {
+      const stbi_uc* p = pixels + (static_cast<std::size_t>(y) * w + x) * 4;
+      return std::array<int, 4>{p[0], p[1], p[2], p[3]};
+    };
+    EXPECT_EQ(w, 1920);
+    EXPECT_EQ(h, 1080);
+    EXPECT_EQ(at(100, 100), (std::array<int, 4>{255, 0, 0, 255}));     // red, top left
+    EXPECT_EQ(at(1800, 1000), (std::array<int, 4>{0, 0, 255, 128}));   // blue, bottom right, half alpha
+    EXPECT_EQ(at(1800, 100)[3], 0);                                    // transparent elsewhere
+    EXPECT_EQ(at(100, 1000)[3], 0);
+    stbi_image_free(pixels);
+    // The consumer has gone: back to no client.
+    EXPECT_TRUE(waitFor([&] { return !publisher.hasClients(); }, 3.0));
+
+    // A consumer that never stops, killed mid-stream.
+    pid_t consumer = session.spawn({"/usr/bin/gst-launch-1.0", "-q", "pipewiresrc", "target-object=Velmora", "!",
+                                    "video/x-raw", "!", "fakesink"});
+    ASSERT_GT(consumer, 0);
+    EXPECT_TRUE(waitFor([&] { return publisher.hasClients(); }, 10.0));
+    const auto copiedBefore = publisher.source()->counters().copied;
+    EXPECT_TRUE(waitFor([&] { return publisher.source()->counters().copied > copiedBefore + 5; }, 5.0));
+    test::PrivatePipeWire::killOne(consumer, SIGKILL);
+    EXPECT_TRUE(waitFor([&] { return !publisher.hasClients(); }, 5.0));
+    EXPECT_TRUE(publisher.isRunning());
+
+    // And the next consumer is served as before.
+    EXPECT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
+  }
+  publisher.stop();
+  publisher.stop();
+  const auto lines = log.lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "[Syphon] Server stopped"), 1);
+  EXPECT_FALSE(publisher.isRunning());
 }
 
 }  // namespace

@@ -13,11 +13,6 @@
 
 namespace velmora::test {
 
-struct TestMesh {
-  std::shared_ptr<Node> node;
-  std::shared_ptr<Morpher> morpher;  // targets: 0 = lower half pushed down and forward, 1 = bulge right
-};
-
 // A sphere of the given radius (centre at the origin) with optional holes:
 // triangles whose outward direction is within holeAngle of a hole direction
 // are left out.
@@ -47,7 +42,6 @@ inline std::shared_ptr<Geometry> sphereGeometry(float radius, int rings, int seg
       for (int i : {a, b, a + 1, a + 1, b, b + 1}) idx->push_back(i);
     }
   auto g = std::make_shared<Geometry>();
-  g->name = "TestSphere";
   g->sources.push_back(GeometrySource::make(GeometrySource::Semantic::vertex, p));
   g->sources.push_back(GeometrySource::make(GeometrySource::Semantic::normal, n));
   GeometryElement e;
@@ -66,8 +60,9 @@ inline Material plaster() {
 }
 
 // A "face": a sphere of radius 0.5 with two eye holes in the upper front,
-// and two morph targets sharing its index array.
-inline TestMesh makeTestFace() {
+// and two morph targets sharing its index array (its node's morpher):
+// 0 = lower half pushed down and forward, 1 = bulge right.
+inline std::shared_ptr<Node> makeTestFace() {
   const std::vector<float3> holes = {{-0.35f, 0.3f, 1.0f}, {0.35f, 0.3f, 1.0f}};
   const float holeAngle = 0.16f;
   auto base = sphereGeometry(0.5f, 48, 64, nullptr, holes, holeAngle, plaster());
@@ -94,7 +89,7 @@ inline TestMesh makeTestFace() {
   auto node = Node::make("TestFace");
   node->geometry = base;
   node->morpher = morpher;
-  return {node, morpher};
+  return node;
 }
 
 }  // namespace velmora::test

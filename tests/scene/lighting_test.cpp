@@ -48,8 +48,9 @@ TEST(LightingSettingsTest, PresetMatchingByIndexOrName) {
     EXPECT_FALSE(LightingSettings::presetMatching(miss)) << miss;
 }
 
-// The channels scale the given colour, not white; alpha stays 1.
-TEST(LightingSettingsTest, TintCoolNeutralWarm) {
+// The channels scale the given colour, not white; alpha stays 1. Warmth 0
+// and 1 show in the rig's fill and key colours (LightRigTest rows).
+TEST(LightingSettingsTest, TintCoolsTheGivenColourNotWhite) {
   struct Row {
     float r, g, b;
     double warmth;
@@ -57,8 +58,6 @@ TEST(LightingSettingsTest, TintCoolNeutralWarm) {
   };
   const Row rows[] = {
       {1, 1, 1, -1, {0.72f, 0.9f, 1.0f, 1.0f}},
-      {1, 1, 1, 1, {1.0f, 0.82f, 0.6f, 1.0f}},
-      {0.9f, 0.95f, 1.0f, 0.0, {0.9f, 0.95f, 1.0f, 1.0f}},
       {0.9f, 0.95f, 1.0f, -0.5, {0.9f * 0.86f, 0.95f * 0.95f, 1.0f, 1.0f}},
   };
   for (const Row& row : rows) {

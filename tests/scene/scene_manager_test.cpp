@@ -1,6 +1,9 @@
 // The scene manager's per-frame update on the CPU: model switching, the
 // expression blend, pose, opacity and lighting rules, and the frame
-// description it captures. No GL: nothing here renders.
+// description it captures; output synchronisation over the VideoOutput seam
+// (switches, status texts and how often they are written, which frames are
+// rendered and handed to which output, latency). No GL: the renderer is a
+// stand-in that "renders" a blank frame at once.
 //
 // Index of this file:
 //   [SECTION] Fixture
@@ -8,6 +11,7 @@
 //   [SECTION] Live tracking and cues on the character
 //   [SECTION] Lighting and frame descriptions
 //   [SECTION] Rendering only when someone takes the frame
+//   [SECTION] Outputs: switches, status texts, what is rendered for whom, latency
 
 #include <gtest/gtest.h>
 
@@ -15,6 +19,7 @@
 
 #include "animation/CharacterAnimationController.h"
 #include "scene/MaskSceneManager.h"
+#include "scene/OutputLatency.h"
 #include "scene/StandInRenderer.h"  // tests/scene
 #include "support/StateFixture.h"
 
@@ -50,7 +55,6 @@ class SceneManagerTest : public ::testing::Test, protected test::StateFixture {
 // ---------------------------------------------------------------------------
 
 TEST_F(SceneManagerTest, InitBuildsTheStateModelAndTheRig) {
-  EXPECT_EQ(scene.currentModelType(), CharacterModelType::theatricalMask);
   ASSERT_TRUE(scene.maskNode());
   EXPECT_EQ(scene.maskNode()->parent(), scene.scene().get());
   EXPECT_FALSE(scene.ghostRootNode());
@@ -59,8 +63,6 @@ TEST_F(SceneManagerTest, InitBuildsTheStateModelAndTheRig) {
   EXPECT_EQ(scene.camera().nearPlane, 0.1f);
   EXPECT_EQ(scene.camera().farPlane, 100.0f);
   // init applied the state's lighting at its level.
-  EXPECT_EQ(scene.appliedLighting(), state.lighting());
-  EXPECT_EQ(scene.appliedMaster(), state.lightIntensity());
   EXPECT_EQ(scene.lightRig(), LightRig::applied(state.lighting(), state.lightIntensity()));
   for (const auto& light : {scene.keyLightNode(), scene.fillLightNode(), scene.rimLightNode()})
     EXPECT_EQ(light->parent(), scene.scene().get());
@@ -106,7 +108,6 @@ TEST_F(SceneManagerTest, WithoutACueTheMorphWeightsAreTheLiveValues) {
   scene.updateTracking(state);
   EXPECT_EQ(weightOf("jawOpen"), 0.3f);
   EXPECT_EQ(weightOf("browDownLeft"), 0.4f);
-  EXPECT_EQ(weightOf("mouthSmileLeft"), 0.0f);
   // Rest pose, full opacity.
   EXPECT_EQ(scene.maskNode()->eulerAngles, float3(0.0f));
   EXPECT_EQ(scene.maskNode()->position, float3(0.0f));
@@ -165,9 +166,7 @@ TEST_F(SceneManagerTest, ACueBlendsItsChannelsOverLiveTrackingByItsWeight) {
           << name;
     }
     EXPECT_EQ(driven > 0 && w > 0, row.after == 0 && row.kind == AnimationCue::Kind::maskGasp);
-    EXPECT_NEAR(scene.maskNode()->eulerAngles.x, head.x + out.rotationOffset.x, 1e-6f);
-    EXPECT_NEAR(scene.maskNode()->eulerAngles.y, head.y + out.rotationOffset.y, 1e-6f);
-    EXPECT_NEAR(scene.maskNode()->eulerAngles.z, head.z + out.rotationOffset.z, 1e-6f);
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(scene.maskNode()->eulerAngles[c], head[c] + out.rotationOffset[c], 1e-6f);
     EXPECT_NEAR(scene.maskNode()->position.z, out.positionOffset.z, 1e-6f);
     if (row.kind == AnimationCue::Kind::maskNod) {
       EXPECT_GT(std::fabs(out.rotationOffset.x), 0.01f);
@@ -197,9 +196,7 @@ TEST_F(SceneManagerTest, TheGhostsMouthBackingFollowsItsBodyBackToRest) {
 TEST_F(SceneManagerTest, PositionScalesTheHeadOpacityIsClampedAndTheGhostFloats) {
   state.setHeadPosition({0.1f, -0.2f, 0.05f});
   scene.updateTracking(state);
-  EXPECT_NEAR(scene.maskNode()->position.x, 0.15f, 1e-6f);
-  EXPECT_NEAR(scene.maskNode()->position.y, -0.3f, 1e-6f);
-  EXPECT_NEAR(scene.maskNode()->position.z, 0.075f, 1e-6f);
+  EXPECT_LT(glm::length(scene.maskNode()->position - float3(0.15f, -0.3f, 0.075f)), 1e-6f);
   const std::pair<float, float> opacities[] = {{1.7f, 1.0f}, {-0.4f, 0.0f}, {std::nanf(""), 0.0f}, {0.5f, 0.5f}};
   for (const auto& [set, shown] : opacities) {
     state.setMaskOpacity(set);
@@ -283,25 +280,19 @@ TEST_F(SceneManagerTest, TheFaceEasesToNeutralAndBackWhileCuesPlayOverIt) {
   animation.trigger(AnimationCue::make(AnimationCue::Kind::maskGasp, 2.0), now);
   now += 0.3;
   tick();
-  CharacterAnimationController reference;
-  reference.trigger(AnimationCue::make(AnimationCue::Kind::maskGasp, 2.0), now - 0.3);
-  const AnimationOutput cue = reference.sample(now);
+  const AnimationOutput cue = referenceOutput(AnimationCue::make(AnimationCue::Kind::maskGasp, 2.0), now - 0.3, now);
   ASSERT_GT(cue.blendWeight, 0.0f);
   EXPECT_NEAR(weightOf("jawOpen"), cue.blendWeight * cue.blendshapes.at("jawOpen"), 1e-6f);
   EXPECT_NEAR(scene.maskNode()->eulerAngles.x, cue.rotationOffset.x, 1e-6f);
   EXPECT_TRUE(state.isTrackingLost());
 
-  // The phone is back: a quarter second later the live face shows fully.
+  // The phone is back: a quarter second later the live face shows fully
+  // (the ease's course in between: TrackingLossEaseTest).
   animation.reset(false, now);
   packet();
   tick();
   EXPECT_FALSE(state.isTrackingLost());
-  EXPECT_EQ(weightOf("jawOpen"), 0.0f);  // the ease in starts from neutral
-  now += 0.125;
-  packet();
-  tick();
-  EXPECT_NEAR(weightOf("jawOpen"), 0.5f * state.blendshapes().at("jawOpen"), 1e-6f);
-  now += 0.125;
+  now += 0.25;
   packet();
   tick();
   EXPECT_EQ(weightOf("jawOpen"), state.blendshapes().at("jawOpen"));
@@ -330,8 +321,7 @@ TEST_F(SceneManagerTest, LightingIsAppliedOnlyWhenSettingsOrMasterChange) {
   // A new master level applies.
   scene.applyLighting(soft, 0.0f);
   EXPECT_EQ(scene.keyLightNode()->position, float3(0.0f, 0.0f, 3.0f));
-  EXPECT_EQ(scene.lightRig().keyIntensity, 0.0f);
-  EXPECT_EQ(scene.lightRig().environmentIntensity, 0.0f);
+  EXPECT_EQ(scene.lightRig(), LightRig::applied(soft, 0.0f));
   // The per-frame update applies the state's lighting.
   state.setLightIntensity(2.0f);
   scene.updateTracking(state);
@@ -368,9 +358,7 @@ TEST_F(SceneManagerTest, TheFrameDescriptionIsASnapshotOfTheScene) {
 }
 
 TEST_F(SceneManagerTest, HiddenNodesAndOpacityMultiplyDownTheTree) {
-  auto root = Node::make("root");
-  auto child = Node::make("child");
-  auto hidden = Node::make("hidden");
+  auto root = Node::make("root"), child = Node::make("child"), hidden = Node::make("hidden");
   auto geometry = std::make_shared<Geometry>();
   child->geometry = geometry;
   hidden->geometry = geometry;
@@ -427,6 +415,236 @@ TEST_F(SceneManagerTest, LiveViewsShareTheOutputsFrameAtTheirSize) {
   EXPECT_TRUE(ticked(false).empty());
   EXPECT_EQ(previewGot, (std::vector{output, output, output}));
   EXPECT_EQ(smallGot, (std::vector{other, other}));
+}
+
+// ---------------------------------------------------------------------------
+// [SECTION] Outputs: switches, status texts, what is rendered for whom, latency
+// ---------------------------------------------------------------------------
+
+// An output whose answers the test sets, recording what it was asked to do.
+class ScriptedOutput : public VideoOutput {
+ public:
+  bool startSucceeds = true;
+  std::optional<std::string> error;
+  std::optional<double> retry;
+  int clients = 0;
+  bool wants = true;  // while running
+  int starts = 0, stops = 0, published = 0;  // published: frames taken while running
+
+  bool start() override {
+    ++starts;
+    running = startSucceeds;
+    return running;
+  }
+  void stop() override {
+    ++stops;
+    running = false;
+  }
+  bool isRunning() const override { return running; }
+  std::optional<std::string> lastError() const override { return error; }
+  int clientCount() const override { return clients; }
+  std::optional<double> retryIn() const override { return retry; }
+  bool wantsFrames() const override { return running && wants; }
+  void publish(const std::shared_ptr<const RenderedFrame>&) override { published += running ? 1 : 0; }
+
+  bool running = false;
+};
+
+class OutputSyncTest : public SceneManagerTest {
+ protected:
+  OutputSyncTest() {
+    auto owned = std::make_unique<test::StandInRenderer>();
+    renderer = owned.get();
+    scene.setRenderer(std::move(owned));
+    scene.setOutputs(&syphon, &ndi);
+    state.observe([this](FaceTrackingState::Property p) {
+      if (p == FaceTrackingState::Property::syphonStatus) ++syphonWrites;
+      if (p == FaceTrackingState::Property::ndiStatus) ++ndiWrites;
+    });
+  }
+  ScriptedOutput syphon, ndi;
+  test::StandInRenderer* renderer = nullptr;
+  int syphonWrites = 0, ndiWrites = 0;
+};
+
+// A running output's error is stale: its clients count. The retry note counts
+// whole seconds, rounded up, and is what the log leaves out.
+TEST(OutputStatusText, EveryStateOfBothOutputs) {
+  const auto syphonText = &MaskSceneManager::syphonStatusText;
+  const auto ndiText = &MaskSceneManager::ndiStatusText;
+  const std::string noDaemon = "PipeWire video source could not be created (is PipeWire running?)";
+  const std::string refused = "NDI runtime refused to initialize (unsupported CPU?)";
+  struct Row {
+    std::string (*text)(bool, const VideoOutput*);
+    bool active, output, running;
+    std::optional<std::string> error;
+    int clients;
+    std::optional<double> retry;
+    std::string expected;
+  };
+  const Row rows[] = {
+      {syphonText, false, true, true, {}, 1, {}, "Syphon: off"},
+      {syphonText, true, false, false, {}, 0, {}, "Syphon: unavailable"},
+      {syphonText, true, true, false, {}, 0, {}, "Syphon: unavailable"},
+      {syphonText, true, true, false, noDaemon, 0, {}, "Syphon: " + noDaemon},
+      {syphonText, true, true, true, noDaemon, 0, {}, "Syphon: ready, waiting for a client"},
+      {syphonText, true, true, true, {}, 1, {}, "Syphon: sending to a client"},
+      {ndiText, false, true, true, {}, 1, {}, "NDI: off"},
+      {ndiText, true, false, false, {}, 0, {}, "NDI: unavailable"},
+      {ndiText, true, true, false, "NDI sender could not be created", 0, {}, "NDI: NDI sender could not be created"},
+      {ndiText, true, true, false, refused, 0, 2.0, "NDI: " + refused + " (next try in 2 s)"},
+      {ndiText, true, true, false, refused, 0, 0.4, "NDI: " + refused + " (next try in 1 s)"},
+      {ndiText, true, true, true, refused, -1, 2.0, "NDI: ready, waiting for a receiver"},
+      {ndiText, true, true, true, {}, 0, {}, "NDI: ready, waiting for a receiver"},
+      {ndiText, true, true, true, {}, 1, {}, "NDI: sending to 1 receiver"},
+      {ndiText, true, true, true, {}, 2, {}, "NDI: sending to 2 receivers"},
+      {ndiText, true, true, true, {}, 12, {}, "NDI: sending to 12 receivers"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.expected);
+    ScriptedOutput out;
+    out.running = row.running;
+    out.error = row.error;
+    out.clients = row.clients;
+    out.retry = row.retry;
+    const std::string text = row.text(row.active, row.output ? &out : nullptr);
+    EXPECT_EQ(text, row.expected);
+    if (row.retry && !row.running) {
+      EXPECT_EQ(MaskSceneManager::withoutRetryNote(text), "NDI: " + *row.error);
+    }
+  }
+}
+
+TEST_F(OutputSyncTest, OutputsFollowTheSwitchesAndStatusIsRefreshedTwiceASecondAtMost) {
+  state.setIsSyphonActive(true);
+  state.setIsNDIActive(false);
+  syphonWrites = ndiWrites = 0;
+  scene.syncOutputs(state);
+  EXPECT_EQ(state.syphonStatus(), "Syphon: ready, waiting for a client");
+  EXPECT_EQ(state.ndiStatus(), "NDI: off");
+  EXPECT_EQ(ndiWrites, 0);  // "NDI: off" already: not written again
+
+  // A client arrives; the text waits for the next refresh (more than 0.5 s).
+  syphon.clients = 1;
+  now += 0.5;
+  scene.syncOutputs(state);
+  EXPECT_EQ(state.syphonStatus(), "Syphon: ready, waiting for a client");
+  now += 0.01;
+  scene.syncOutputs(state);
+  EXPECT_EQ(state.syphonStatus(), "Syphon: sending to a client");
+  now += 1.0;
+  scene.syncOutputs(state);
+  EXPECT_EQ(syphonWrites, 2);  // once each for the two texts: unchanged texts are not written again
+  EXPECT_EQ(syphon.starts, 1);  // running: never started twice
+
+  // Switches flip: Syphon stops, NDI starts and fails with its reason, and
+  // is asked again at every sync (it paces itself).
+  state.setIsSyphonActive(false);
+  state.setIsNDIActive(true);
+  ndi.startSucceeds = false;
+  ndi.error = "NDI runtime refused to initialize (unsupported CPU?)";
+  now += 1.0;
+  scene.syncOutputs(state);
+  scene.syncOutputs(state);
+  EXPECT_EQ(syphon.stops, 1);  // not running: not stopped again
+  EXPECT_EQ(ndi.starts, 2);  // never while switched off
+  EXPECT_EQ(state.syphonStatus(), "Syphon: off");
+  EXPECT_EQ(state.ndiStatus(), "NDI: NDI runtime refused to initialize (unsupported CPU?)");
+  scene.shutdownOutputs();
+  EXPECT_EQ(ndi.stops, 1);
+  EXPECT_EQ(syphon.stops, 2);
+}
+
+// A frame is rendered only for an output that can take it; the finished
+// frame is offered to every running output (each drops what it cannot take).
+TEST_F(OutputSyncTest, RendersOnlyForAnOutputThatCanTakeTheFrame) {
+  struct Row {
+    const char* what;
+    bool syphonOn, syphonWants, ndiOn;
+    int submitted, syphonPublished, ndiPublished;
+  };
+  const Row rows[] = {
+      {"a PipeWire source with nobody linked", true, false, false, 0, 0, 0},
+      {"a consumer linked", true, true, false, 1, 1, 0},
+      {"NDI wanting frames, Syphon not", true, false, true, 2, 2, 1},
+      {"NDI running but switched off: stopped first", true, false, false, 2, 2, 1},
+      {"both off: the tick still syncs", false, true, false, 2, 2, 1},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    state.setIsSyphonActive(row.syphonOn);
+    state.setIsNDIActive(row.ndiOn);
+    syphon.wants = row.syphonWants;
+    scene.tick();
+    EXPECT_EQ(syphon.running, row.syphonOn);
+    EXPECT_EQ(ndi.running, row.ndiOn);
+    EXPECT_EQ(int(renderer->sizes.size()), row.submitted);
+    EXPECT_EQ(syphon.published, row.syphonPublished);
+    EXPECT_EQ(ndi.published, row.ndiPublished);
+  }
+  // Without outputs the status still reads as unavailable, and nothing renders.
+  state.setIsSyphonActive(true);
+  scene.setOutputs(nullptr, nullptr);
+  now += 1.0;
+  scene.renderOffscreenFrame();
+  EXPECT_EQ(state.syphonStatus(), "Syphon: unavailable");
+  EXPECT_EQ(int(renderer->sizes.size()), 2);
+}
+
+// Each datagram is measured once, from its arrival to the hand-off of the
+// first frame that shows it; the state gets the last second's p50 and p99.
+TEST_F(OutputSyncTest, LatencyFromArrivalToHandOffIsPublished) {
+  renderer->clock = &now;
+  renderer->renderSeconds = 0.004;
+  state.setIsSyphonActive(true);
+  for (int i = 0; i < 60; ++i) {
+    state.noteArrival(now - 0.010);  // a datagram 10 ms before this tick
+    scene.tick();                    // captured now, handed off 4 ms later
+    scene.tick();                    // no new datagram: not measured again
+    now += 1.0 / 60;
+  }
+  const auto summary = scene.outputLatency().summary(now, 10.0);  // all of them
+  EXPECT_EQ(summary.count, 60u);
+  EXPECT_NEAR(summary.tickWaitP50, 0.010, 1e-6);
+  EXPECT_NEAR(summary.renderP50, 0.004, 1e-6);
+  EXPECT_DOUBLE_EQ(state.outputLatencyP50(), 14.0);  // milliseconds
+  EXPECT_DOUBLE_EQ(state.outputLatencyP99(), 14.0);
+  EXPECT_EQ(syphon.published, 120);
+}
+
+// OutputLatency's figures: nearest-rank percentiles over a sliding window,
+// and the split of each sample into tick wait and render.
+TEST(OutputLatency, PercentilesAndSplitOverTheLastSecond) {
+  OutputLatency latency;
+  EXPECT_EQ(latency.summary(10.0).count, 0u);
+  EXPECT_EQ(latency.summary(10.0).p99, 0.0);
+  // An old sample (outside the window) that would dominate every figure.
+  latency.record(5.0, 5.5, 8.0);
+  // 100 samples handed off within the last second: totals 1..100 ms, each
+  // 1/4 waiting for the tick and 3/4 rendering.
+  for (int i = 1; i <= 100; ++i) {
+    const double arrival = 9.0 + i * 0.005, total = i * 1e-3;
+    latency.record(arrival, arrival + total / 4, arrival + total);
+  }
+  const auto s = latency.summary(9.0 + 100 * 0.005 + 0.1);
+  EXPECT_EQ(s.count, 100u);
+  EXPECT_NEAR(s.p50, 0.050, 1e-9);
+  EXPECT_NEAR(s.p99, 0.099, 1e-9);
+  EXPECT_NEAR(s.tickWaitP50, 0.0125, 1e-9);
+  EXPECT_NEAR(s.renderP50, 0.0375, 1e-9);
+  // A single slow datagram shows in p99, not in p50.
+  latency.record(9.6, 9.6, 9.6 + 0.5);
+  const auto t = latency.summary(10.2);
+  EXPECT_NEAR(t.p99, 0.5, 1e-9);
+  EXPECT_LT(t.p50, 0.1);
+  // A second later nothing is left in the window.
+  EXPECT_EQ(latency.summary(12.0).count, 0u);
+}
+
+TEST(OutputLatency, MemoryStaysBoundedUnderAFlood) {
+  OutputLatency latency;
+  for (std::size_t i = 0; i < 3 * OutputLatency::maxSamples; ++i) latency.record(1.0, 1.0, 1.0 + 1e-3);
+  EXPECT_EQ(latency.summary(1.5).count, OutputLatency::maxSamples);
 }
 
 }  // namespace

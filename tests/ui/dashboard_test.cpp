@@ -30,43 +30,40 @@
 #include "ui/OutputsPanel.h"
 #include "base/MainQueue.h"
 #include "control/OSCCommandCatalog.h"
+#include "support/SolidFrame.h"
 #include "support/StateFixture.h"
 
 namespace velmora {
 namespace {
 
-struct Fixture : test::StateFixture {
+class DashboardTest : public ::testing::Test, protected test::StateFixture {
+ protected:
   CharacterAnimationController animation;
   DashboardContext context{state, animation, [this] { return now; }};
 };
+using MenuCommandsTest = DashboardTest;
 
-TEST(DashboardTest, CuePortEntryAcceptsOnlyUsablePortsAndRefuses53000WithTheServersText) {
+TEST_F(DashboardTest, CuePortEntryAcceptsOnlyUsablePortsAndRefuses53000WithTheServersText) {
   EXPECT_EQ(OscPortField::check("1024").port, 1024);
   EXPECT_EQ(OscPortField::check(" 65535 ").port, 65535);
-  EXPECT_TRUE(OscPortField::check("53100").message.empty());
-  const auto reserved = OscPortField::check("53000");
-  EXPECT_FALSE(reserved.port);
-  EXPECT_EQ(reserved.message, "OSC cues: port 53000 is QLab's own port, choose another");
   for (const char* bad : {"1023", "65536", "0", "", "  ", "53l00", "-1", "+2000", "99999999999999999999"}) {
     const auto check = OscPortField::check(bad);
     EXPECT_FALSE(check.port) << bad;
     EXPECT_EQ(check.message, "Enter a port from 1024 to 65535") << bad;
   }
 
-  Fixture f;
   int restarts = 0;
-  f.context.restartCueServer = [&] { ++restarts; };
-  RemoteControlPanel panel(f.context);
+  context.restartCueServer = [&] { ++restarts; };
+  RemoteControlPanel panel(context);
   EXPECT_EQ(panel.applyPort("53000"), "OSC cues: port 53000 is QLab's own port, choose another");
-  EXPECT_EQ(f.state.oscPort(), 53100);
+  EXPECT_EQ(state.oscPort(), 53100);
   EXPECT_EQ(restarts, 0);
   EXPECT_EQ(panel.applyPort("54321"), "");
-  EXPECT_EQ(f.state.oscPort(), 54321);
-  EXPECT_EQ(f.store.integer("oscCuePort"), 54321);  // stored by the setter
+  EXPECT_EQ(state.oscPort(), 54321);
   EXPECT_EQ(restarts, 1);
 }
 
-TEST(DashboardTest, CopyAsTextListsEveryCommandUnderItsGroupInCatalogueOrder) {
+TEST_F(DashboardTest, CopyAsTextListsEveryCommandUnderItsGroupInCatalogueOrder) {
   const std::string text = OSCCommandsText::build(53123);
   EXPECT_NE(text.find("UDP port 53123"), std::string::npos);
   std::size_t cursor = 0;
@@ -94,70 +91,64 @@ TEST(DashboardTest, CopyAsTextListsEveryCommandUnderItsGroupInCatalogueOrder) {
   }
   EXPECT_EQ(listed, OSCCommandCatalog::all().size());
 
-  Fixture f;
   std::string clipboard;
-  f.context.setClipboard = [&](const std::string& t) { clipboard = t; };
-  OSCCommandsWindow(f.context).copyAsText();
-  EXPECT_EQ(clipboard, OSCCommandsText::build(f.state.oscPort()));
+  context.setClipboard = [&](const std::string& t) { clipboard = t; };
+  OSCCommandsWindow(context).copyAsText();
+  EXPECT_EQ(clipboard, OSCCommandsText::build(state.oscPort()));
 }
 
-TEST(DashboardTest, LightingEditsMarkTheRecordCustomAndPersistIt) {
-  Fixture f;
-  LightingPanel panel(f.context);
+TEST_F(DashboardTest, LightingEditsMarkTheRecordCustomAndKeepTheRest) {
+  LightingPanel panel(context);
   panel.choosePreset(2);
-  EXPECT_EQ(f.state.lighting(), LightingSettings::presets()[2]);
+  EXPECT_EQ(state.lighting(), LightingSettings::presets()[2]);
   panel.setField(&LightingSettings::keyHeight, 1.5);
-  EXPECT_EQ(f.state.lighting().preset, LightingSettings::customName);
-  EXPECT_DOUBLE_EQ(f.state.lighting().keyHeight, 1.5);
-  EXPECT_DOUBLE_EQ(f.state.lighting().key, LightingSettings::presets()[2].key);  // the rest kept
+  EXPECT_EQ(state.lighting().preset, LightingSettings::customName);
+  EXPECT_DOUBLE_EQ(state.lighting().keyHeight, 1.5);
+  EXPECT_DOUBLE_EQ(state.lighting().key, LightingSettings::presets()[2].key);  // the rest kept
   panel.setField(&LightingSettings::warmth, -7.0);  // clamped to the control's range
-  EXPECT_DOUBLE_EQ(f.state.lighting().warmth, -1.0);
-  f.store.reload();
-  EXPECT_EQ(LightingSettings::load(f.store), f.state.lighting());
+  EXPECT_DOUBLE_EQ(state.lighting().warmth, -1.0);
   panel.setMaster(9.0f);
-  EXPECT_FLOAT_EQ(f.state.lightIntensity(), LightingPanel::masterMaximum);
+  EXPECT_FLOAT_EQ(state.lightIntensity(), LightingPanel::masterMaximum);
   // Every field of the record has a control.
   EXPECT_EQ(LightingPanel::controls().size(), 8u);
 }
 
-TEST(DashboardTest, CueButtonsSwitchCharacterStartWithDefaultDurationAndStopWithFade) {
-  Fixture f;
-  f.state.setCharacterModel(CharacterModelType::cartoonGhost);
-  CuesPanel cues(f.context);
+TEST_F(DashboardTest, CueButtonsSwitchCharacterStartWithDefaultDurationAndStopWithFade) {
+  state.setCharacterModel(CharacterModelType::cartoonGhost);
+  CuesPanel cues(context);
   EXPECT_FALSE(cues.progress());
   cues.fire(AnimationCue::Kind::maskBow);
-  EXPECT_EQ(f.state.characterModel(), CharacterModelType::theatricalMask);
-  ASSERT_TRUE(f.animation.activeCue());
-  EXPECT_EQ(f.animation.activeCue()->kind, AnimationCue::Kind::maskBow);
-  EXPECT_DOUBLE_EQ(f.animation.activeCue()->requestedDuration, 2.5);
-  f.now += 1.25;
+  EXPECT_EQ(state.characterModel(), CharacterModelType::theatricalMask);
+  ASSERT_TRUE(animation.activeCue());
+  EXPECT_EQ(animation.activeCue()->kind, AnimationCue::Kind::maskBow);
+  EXPECT_DOUBLE_EQ(animation.activeCue()->requestedDuration, 2.5);
+  now += 1.25;
   ASSERT_TRUE(cues.progress());
   EXPECT_NEAR(*cues.progress(), 0.5, 1e-9);
   // A cue started elsewhere (a remote command) restarts the progress.
-  f.animation.trigger(AnimationCue::make(AnimationCue::Kind::maskNod, 4.0), f.now);
-  f.now += 1.0;
+  animation.trigger(AnimationCue::make(AnimationCue::Kind::maskNod, 4.0), now);
+  now += 1.0;
   EXPECT_NEAR(*cues.progress(), 0.25, 1e-9);
   cues.stopWithFade();
-  EXPECT_FALSE(f.animation.activeCue());
-  EXPECT_TRUE(f.animation.isFadingOut());
+  EXPECT_FALSE(animation.activeCue());
+  EXPECT_TRUE(animation.isFadingOut());
   EXPECT_FALSE(cues.progress());
 }
 
-TEST(DashboardTest, RangeEditsPassOnlyTheMovedBound) {
-  Fixture f;
-  f.state.setRange("jawOpen", 0.2f, 0.8f);
-  ExpressionPanel::applyRangeEdit(f.state, "jawOpen", 0.2f, 0.8f, 0.3f, 0.8f);
-  EXPECT_FLOAT_EQ(f.state.range("jawOpen").floor, 0.3f);
-  EXPECT_FLOAT_EQ(f.state.range("jawOpen").ceiling, 0.8f);
-  ExpressionPanel::applyRangeEdit(f.state, "jawOpen", 0.3f, 0.8f, 0.3f, 0.31f);  // too close: kept a gap
-  EXPECT_FLOAT_EQ(f.state.range("jawOpen").ceiling, 0.3f + FaceTrackingState::minRangeGap);
+TEST_F(DashboardTest, RangeEditsPassOnlyTheMovedBound) {
+  state.setRange("jawOpen", 0.2f, 0.8f);
+  ExpressionPanel::applyRangeEdit(state, "jawOpen", 0.2f, 0.8f, 0.3f, 0.8f);
+  EXPECT_FLOAT_EQ(state.range("jawOpen").floor, 0.3f);
+  EXPECT_FLOAT_EQ(state.range("jawOpen").ceiling, 0.8f);
+  ExpressionPanel::applyRangeEdit(state, "jawOpen", 0.3f, 0.8f, 0.3f, 0.31f);  // too close: kept a gap
+  EXPECT_FLOAT_EQ(state.range("jawOpen").ceiling, 0.3f + FaceTrackingState::minRangeGap);
 
-  f.state.ingestPacket(BlendshapeMap{{"mouthSmileLeft", 0.4f}, {"browInnerUp", 0.95f}}, std::nullopt,
+  state.ingestPacket(BlendshapeMap{{"mouthSmileLeft", 0.4f}, {"browInnerUp", 0.95f}}, std::nullopt,
                        std::nullopt, "10.0.0.2:5000");
-  EXPECT_EQ(ExpressionPanel::rowNames(f.state), (std::vector<std::string>{"browInnerUp", "mouthSmileLeft"}));
+  EXPECT_EQ(ExpressionPanel::rowNames(state), (std::vector<std::string>{"browInnerUp", "mouthSmileLeft"}));
 }
 
-TEST(DashboardTest, ExportRunsInTheBackgroundOneAtATimeAndShowsEachFile) {
+TEST_F(DashboardTest, ExportRunsInTheBackgroundOneAtATimeAndShowsEachFile) {
   test::TempDir dir;
   ExportPanel panel;
   const std::string folder = (dir.path() / "glb").string();
@@ -170,7 +161,7 @@ TEST(DashboardTest, ExportRunsInTheBackgroundOneAtATimeAndShowsEachFile) {
   EXPECT_TRUE(std::filesystem::exists(dir.path() / "glb" / "cartoon_ghost.glb"));
 }
 
-TEST(DashboardTest, PacketAgeReadsInUnitsAnOperatorCanTake) {
+TEST_F(DashboardTest, PacketAgeReadsInUnitsAnOperatorCanTake) {
   const WallTime now = WallTime() + std::chrono::hours(1000);
   EXPECT_EQ(ConnectionPanel::ageText(std::nullopt, now), "never");
   EXPECT_EQ(ConnectionPanel::ageText(now - std::chrono::milliseconds(400), now), "0.4 s ago");
@@ -180,12 +171,8 @@ TEST(DashboardTest, PacketAgeReadsInUnitsAnOperatorCanTake) {
   EXPECT_EQ(ConnectionPanel::ageText(now + std::chrono::seconds(2), now), "0.0 s ago");  // clock stepped back
 }
 
-TEST(DashboardTest, PreviewShrinksWithAlphaWeightedColourAndKeepsTheNewestFrame) {
-  RenderedFrame frame;
-  frame.width = 4;
-  frame.height = 2;
-  frame.sequence = 7;
-  frame.pixels.assign(4 * 2 * 4, 0);
+TEST_F(DashboardTest, PreviewShrinksWithAlphaWeightedColourAndKeepsTheNewestFrame) {
+  RenderedFrame frame = test::solidFrame(4, 2, 0, 0, 0, 0);
   auto set = [&](int x, int y, std::uint8_t b, std::uint8_t g, std::uint8_t r, std::uint8_t a) {
     std::uint8_t* p = frame.pixels.data() + (y * 4 + x) * 4;
     p[0] = b, p[1] = g, p[2] = r, p[3] = a;
@@ -196,22 +183,14 @@ TEST(DashboardTest, PreviewShrinksWithAlphaWeightedColourAndKeepsTheNewestFrame)
   auto small = PreviewFrames::shrink(frame, 2);
   ASSERT_EQ(small->width, 2);
   ASSERT_EQ(small->height, 1);
-  const std::uint8_t* left = small->pixel(0, 0);
-  EXPECT_EQ(left[2], 255);  // still red: transparent pixels do not darken it
-  EXPECT_EQ(left[3], 64);
-  const std::uint8_t* right = small->pixel(1, 0);
-  EXPECT_EQ(right[0], 200);
-  EXPECT_EQ(right[1], 100);
-  EXPECT_EQ(right[2], 50);
-  EXPECT_EQ(right[3], 128);
+  const auto bgra = [&](int x) { return std::vector<int>(small->pixel(x, 0), small->pixel(x, 0) + 4); };
+  EXPECT_EQ(bgra(0), (std::vector<int>{0, 0, 255, 64}));  // still red: transparent pixels do not darken it
+  EXPECT_EQ(bgra(1), (std::vector<int>{200, 100, 50, 128}));
 
   PreviewFrames frames;
   EXPECT_FALSE(frames.newerThan(0));
-  RenderedFrame big;
-  big.width = 1920;
-  big.height = 1080;
+  RenderedFrame big = test::solidFrame(1920, 1080, 255, 255, 255, 255);
   big.sequence = 3;
-  big.pixels.assign(1920 * 1080 * 4, 255);
   frames.consume(big);
   auto newest = frames.newerThan(0);
   ASSERT_TRUE(newest);
@@ -220,14 +199,13 @@ TEST(DashboardTest, PreviewShrinksWithAlphaWeightedColourAndKeepsTheNewestFrame)
   EXPECT_FALSE(frames.newerThan(3));
 }
 
-TEST(DashboardTest, WireframeFollowsTheDetailAndTheHead) {
-  Fixture f;
+TEST_F(DashboardTest, WireframeFollowsTheDetailAndTheHead) {
   WireframeTracker tracker;
-  f.state.setTrackingDetail(TrackingDetail::simple);
-  tracker.update(f.state);
+  state.setTrackingDetail(TrackingDetail::simple);
+  tracker.update(state);
   const std::size_t simple = tracker.level().points.size();
-  f.state.setTrackingDetail(TrackingDetail::many);
-  tracker.update(f.state);
+  state.setTrackingDetail(TrackingDetail::many);
+  tracker.update(state);
   EXPECT_EQ(tracker.detail(), TrackingDetail::many);
   EXPECT_GT(tracker.level().points.size(), simple);
   EXPECT_EQ(tracker.updateCount(), 2u);
@@ -256,18 +234,17 @@ struct HeadlessImGui {
 // Every panel and the commands window draw in a headless ImGui frame (no
 // GL: the preview shows its reason), and the windows are where the operator
 // expects them.
-TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrameAndStatusTextsWrap) {
-  Fixture f;
-  f.state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}, {"eyeBlinkLeft", 0.2f}}, float3(0.1f, 0.0f, 0.0f),
+TEST_F(DashboardTest, EveryPanelDrawsInAHeadlessFrameAndStatusTextsWrap) {
+  state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}, {"eyeBlinkLeft", 0.2f}}, float3(0.1f, 0.0f, 0.0f),
                        std::nullopt, "10.0.0.2:5000");
   PreviewFrames frames;
   WireframeTracker tracker;
-  tracker.update(f.state);
-  f.context.showOSCCommands = true;
+  tracker.update(state);
+  context.showOSCCommands = true;
   HeadlessImGui imgui;
   ImGuiIO& io = ImGui::GetIO();
   {
-    Dashboard dashboard(f.context, frames, tracker, false);
+    Dashboard dashboard(context, frames, tracker, false);
     for (int frame = 0; frame < 3; ++frame) {
       io.DeltaTime = 1.0f / 60.0f;
       ImGui::NewFrame();
@@ -281,7 +258,7 @@ TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrameAndStatusTextsWrap) {
       EXPECT_TRUE(window->Active) << name;
     }
     // The commands window's close box hides it through the context.
-    f.context.showOSCCommands = false;
+    context.showOSCCommands = false;
     ImGui::NewFrame();
     dashboard.draw();
     ImGui::Render();
@@ -290,9 +267,9 @@ TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrameAndStatusTextsWrap) {
 
   // A long error in a narrow column wraps inside it: nothing is drawn past
   // the column's right edge, and the text takes more than one line.
-  f.state.setSyphonStatus("Syphon: PipeWire video source could not be created (is PipeWire running?)");
-  f.state.setNdiStatus("NDI: NDI runtime refused to initialize (unsupported CPU?) (next try in 2 s)");
-  OutputsPanel panel(f.context);
+  state.setSyphonStatus("Syphon: PipeWire video source could not be created (is PipeWire running?)");
+  state.setNdiStatus("NDI: NDI runtime refused to initialize (unsupported CPU?) (next try in 2 s)");
+  OutputsPanel panel(context);
   ImGui::NewFrame();
   ImGui::SetNextWindowSize(ImVec2(260, 400));
   ImGui::Begin("Outputs");
@@ -307,19 +284,15 @@ TEST(DashboardTest, EveryPanelDrawsInAHeadlessFrameAndStatusTextsWrap) {
   EXPECT_GT(height, 8 * lineHeight) << "two checkboxes, two wrapped statuses, the projector lines";
 }
 
-TEST(DashboardTest, SafetyListsAreEditedOneEntryPerLineAndKept) {
-  Fixture f;
-  SafetyPanel panel(f.context);
+TEST_F(DashboardTest, SafetyListsAreEditedOneEntryPerLineAndKept) {
+  SafetyPanel panel(context);
   panel.applyRelayTargets(" 127.0.0.1:9000 \n\n\tlighting-desk:7000\r\n");
-  EXPECT_EQ(f.state.relayTargets(), (std::vector<std::string>{"127.0.0.1:9000", "lighting-desk:7000"}));
+  EXPECT_EQ(state.relayTargets(), (std::vector<std::string>{"127.0.0.1:9000", "lighting-desk:7000"}));
   panel.applyOscAllowed("192.168.1.20\n10.0.0.0/24");
   panel.applyTrackingAllowed("   \n");  // nothing but blanks: everyone again
-  EXPECT_TRUE(f.state.trackingAllowedSenders().empty());
-  EXPECT_EQ(SafetyPanel::joinLines(f.state.oscAllowedSenders()), "192.168.1.20\n10.0.0.0/24");
-  // Kept for the next launch.
-  FaceTrackingState reloaded(f.store);
-  EXPECT_EQ(reloaded.relayTargets(), f.state.relayTargets());
-  EXPECT_EQ(reloaded.oscAllowedSenders(), (std::vector<std::string>{"192.168.1.20", "10.0.0.0/24"}));
+  EXPECT_TRUE(state.trackingAllowedSenders().empty());
+  EXPECT_EQ(state.oscAllowedSenders(), (std::vector<std::string>{"192.168.1.20", "10.0.0.0/24"}));
+  EXPECT_EQ(SafetyPanel::joinLines(state.oscAllowedSenders()), "192.168.1.20\n10.0.0.0/24");
 }
 
 // The menus and shortcuts of the main window: the entries an operator sees,
@@ -327,7 +300,7 @@ TEST(DashboardTest, SafetyListsAreEditedOneEntryPerLineAndKept) {
 // state.
 // Every shortcut shown in a menu is one the keyboard reaches, and runs that
 // entry; shortcuts need Control alone and ignore the lock keys.
-TEST(MenuCommandsTest, MenusListTheEntriesWithTheirShortcutsAndTheKeysReachThem) {
+TEST_F(MenuCommandsTest, MenusListTheEntriesWithTheirShortcutsAndTheKeysReachThem) {
   const std::map<std::string, int> keys = {{"Ctrl+R", GLFW_KEY_R}, {"Ctrl+P", GLFW_KEY_P}, {"Ctrl+O", GLFW_KEY_O},
                                            {"Ctrl+Q", GLFW_KEY_Q}};
   std::vector<std::string> seen;
@@ -353,36 +326,35 @@ TEST(MenuCommandsTest, MenusListTheEntriesWithTheirShortcutsAndTheKeysReachThem)
   EXPECT_FALSE(MenuCommands::forShortcut(GLFW_KEY_S, GLFW_MOD_CONTROL));
 }
 
-TEST(MenuCommandsTest, EntriesActOnTheStateThroughItsSetters) {
-  Fixture f;
-  f.state.ingestPacket(std::nullopt, float3(0.1f, 0.2f, 0.3f), std::nullopt, "10.0.0.2:5000");
-  MenuCommands::perform(MenuCommand::recentreNeutralPose, f.context);
-  EXPECT_TRUE(f.state.isCalibrated());
-  EXPECT_EQ(f.state.zeroRotationOffset(), float3(0.1f, 0.2f, 0.3f));
-  MenuCommands::perform(MenuCommand::resetCalibration, f.context);
-  EXPECT_FALSE(f.state.isCalibrated());
-  EXPECT_EQ(f.state.zeroRotationOffset(), float3(0.0f));
+TEST_F(MenuCommandsTest, EntriesActOnTheStateThroughItsSetters) {
+  state.ingestPacket(std::nullopt, float3(0.1f, 0.2f, 0.3f), std::nullopt, "10.0.0.2:5000");
+  MenuCommands::perform(MenuCommand::recentreNeutralPose, context);
+  EXPECT_TRUE(state.isCalibrated());
+  EXPECT_EQ(state.zeroRotationOffset(), float3(0.1f, 0.2f, 0.3f));
+  MenuCommands::perform(MenuCommand::resetCalibration, context);
+  EXPECT_FALSE(state.isCalibrated());
+  EXPECT_EQ(state.zeroRotationOffset(), float3(0.0f));
 
-  const bool syphon = f.state.isSyphonActive(), ndi = f.state.isNDIActive(), osc = f.state.isOSCEnabled();
-  MenuCommands::perform(MenuCommand::toggleSyphon, f.context);
-  MenuCommands::perform(MenuCommand::toggleNDI, f.context);
-  MenuCommands::perform(MenuCommand::toggleOSCCues, f.context);
-  EXPECT_EQ(f.state.isSyphonActive(), !syphon);
-  EXPECT_EQ(f.state.isNDIActive(), !ndi);
-  EXPECT_EQ(f.state.isOSCEnabled(), !osc);
+  const bool syphon = state.isSyphonActive(), ndi = state.isNDIActive(), osc = state.isOSCEnabled();
+  MenuCommands::perform(MenuCommand::toggleSyphon, context);
+  MenuCommands::perform(MenuCommand::toggleNDI, context);
+  MenuCommands::perform(MenuCommand::toggleOSCCues, context);
+  EXPECT_EQ(state.isSyphonActive(), !syphon);
+  EXPECT_EQ(state.isNDIActive(), !ndi);
+  EXPECT_EQ(state.isOSCEnabled(), !osc);
 
   int toggles = 0;
-  MenuCommands::perform(MenuCommand::toggleProjector, f.context);  // no window system: nothing happens
-  f.context.toggleProjector = [&] { ++toggles; };
-  MenuCommands::perform(MenuCommand::toggleProjector, f.context);
+  MenuCommands::perform(MenuCommand::toggleProjector, context);  // no window system: nothing happens
+  context.toggleProjector = [&] { ++toggles; };
+  MenuCommands::perform(MenuCommand::toggleProjector, context);
   EXPECT_EQ(toggles, 1);
-  MenuCommands::perform(MenuCommand::toggleOSCCommandsWindow, f.context);
-  EXPECT_TRUE(f.context.showOSCCommands);
-  MenuCommands::perform(MenuCommand::toggleOSCCommandsWindow, f.context);
-  EXPECT_FALSE(f.context.showOSCCommands);
+  MenuCommands::perform(MenuCommand::toggleOSCCommandsWindow, context);
+  EXPECT_TRUE(context.showOSCCommands);
+  MenuCommands::perform(MenuCommand::toggleOSCCommandsWindow, context);
+  EXPECT_FALSE(context.showOSCCommands);
   int quits = 0;
-  f.context.quit = [&] { ++quits; };
-  MenuCommands::perform(MenuCommand::quit, f.context);
+  context.quit = [&] { ++quits; };
+  MenuCommands::perform(MenuCommand::quit, context);
   EXPECT_EQ(quits, 1);
 }
 

@@ -56,9 +56,6 @@ typedef struct NDIlib_send_create_t {
 } NDIlib_send_create_t;
 static_assert(sizeof(NDIlib_send_create_t) == 24);
 
-// The 4-byte FourCCs: BGRA, BGRX, RGBA, RGBX.
-constexpr std::uint32_t kFourByteFourCCs[] = {0x41524742, 0x58524742, 0x41424752, 0x58424752};
-
 typedef struct NDIlib_video_frame_v2_t {
   int xres, yres;
   std::uint32_t FourCC;
@@ -105,8 +102,7 @@ struct Sender {
 struct Finder {
   bool showLocal = true;
   std::size_t reported = 0;  // senders seen at the last wait
-  std::vector<std::string> names;
-  std::vector<std::string> urls;
+  std::vector<std::pair<std::string, std::string>> listed;  // name, url: what `sources` points into
   std::vector<NDIlib_source_t> sources;
 };
 
@@ -215,14 +211,10 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
       s.r.violations.push_back("NDIlib_send_send_video_v2: unknown sender");
       return;
     }
-    if (!frame || !frame->p_data || frame->xres <= 0 || frame->yres <= 0 || frame->frame_rate_D <= 0 ||
-        frame->frame_rate_N <= 0) {
-      s.r.violations.push_back("NDIlib_send_send_video_v2: incomplete frame");
-      return;
-    }
-    const bool fourBytes = std::ranges::count(kFourByteFourCCs, frame->FourCC) == 1;
-    if (!fourBytes || frame->line_stride_in_bytes < frame->xres * 4) {
-      s.r.violations.push_back("NDIlib_send_send_video_v2: stride or FourCC not a 4-byte format's");
+    // What the double itself reads; every other field is checked by the tests, literally.
+    if (!frame || !frame->p_data || frame->xres <= 0 || frame->yres <= 0 ||
+        frame->line_stride_in_bytes < frame->xres * 4) {
+      s.r.violations.push_back("NDIlib_send_send_video_v2: no pixels at the stated size and stride");
       return;
     }
     ++sender->sendsInProgress;
@@ -297,12 +289,10 @@ NDI_EXPORT bool NDIlib_find_wait_for_sources(NDIlib_find_instance_t instance, st
 NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(NDIlib_find_instance_t instance,
                                                                   std::uint32_t* p_no_sources) {
   auto* finder = static_cast<Finder*>(instance);
-  finder->names.clear();
-  finder->urls.clear();
+  finder->listed.clear();
   finder->sources.clear();
   const auto add = [&](std::string name, const char* host) {
-    finder->names.push_back(std::move(name));
-    finder->urls.push_back(host + std::to_string(5961 + finder->urls.size()));
+    finder->listed.emplace_back(std::move(name), host + std::to_string(5961 + finder->listed.size()));
   };
   {
     State& s = state();
@@ -313,8 +303,8 @@ NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(NDIlib_find_in
   std::istringstream remote(std::getenv("NDI_DOUBLE_REMOTE_SOURCES") ? std::getenv("NDI_DOUBLE_REMOTE_SOURCES") : "");
   for (std::string name; std::getline(remote, name, ',');)
     if (!name.empty()) add(name, "192.0.2.1:");
-  for (std::size_t i = 0; i < finder->names.size(); ++i)
-    finder->sources.push_back(NDIlib_source_t{finder->names[i].c_str(), {finder->urls[i].c_str()}});
+  for (const auto& [name, url] : finder->listed)
+    finder->sources.push_back(NDIlib_source_t{name.c_str(), {url.c_str()}});
   if (p_no_sources) *p_no_sources = static_cast<std::uint32_t>(finder->sources.size());
   return finder->sources.empty() ? nullptr : finder->sources.data();
 }
