@@ -122,8 +122,7 @@ TEST(CharacterAnimationController, KeyframesOfEveryCue) {
     expectNear("scale", o.scaleMultiplier, k.scale);
     expectNear("opacity, weight", {o.opacityMultiplier, o.blendWeight, 0}, {k.opacity, k.weight, N});
     for (const auto& [name, value] : k.shapes) {
-      ASSERT_TRUE(o.blendshapes.contains(name)) << name;
-      EXPECT_NEAR(o.blendshapes.at(name), value, kTol) << name;  // not scaled by the weight
+      EXPECT_NEAR(o.blendshapes.at(name), value, kTol) << name;  // not scaled by the weight; at() throws when missing
     }
     EXPECT_TRUE(k.shapeCount < 0 || o.blendshapes.size() == static_cast<std::size_t>(k.shapeCount)) << o.blendshapes.size();
   }
@@ -137,7 +136,9 @@ TEST(CharacterAnimationController, GhostFlyOutStaysOffstageUntilATriggerOrReset)
   EXPECT_EQ(c.sample(2.2).scaleMultiplier, float3(0.25f));  // last frame of the cue
   for (double t : {2.3, 100.0}) {
     const AnimationOutput o = c.sample(t);
-    EXPECT_TRUE(o.opacityMultiplier == 0 && o.blendWeight == 0 && o.positionOffset == float3(0)) << t;
+    EXPECT_TRUE(o.opacityMultiplier == 0 && o.blendWeight == 0 && o.positionOffset == float3(0) &&
+                o.rotationOffset == float3(0))
+        << t;
   }
   EXPECT_TRUE(c.isOffstage());
   c.trigger(AnimationCue::make(K::ghostSpin, 2), 200);
@@ -193,13 +194,8 @@ TEST(CharacterAnimationController, EveryCueIsContinuousBoundedAndEndsNeutral) {
     }
     c.sample(5.5);  // e == D: the last frame of the cue
     EXPECT_FALSE(c.isPlaying());
-    EXPECT_FALSE(c.activeCue());
-    EXPECT_EQ(c.activeCueName(), "Idle");
-    const AnimationOutput after = c.sample(5.51);
-    EXPECT_EQ(after.blendWeight, 0.0f);
-    EXPECT_EQ(after.positionOffset, float3(0));
-    EXPECT_EQ(after.rotationOffset, float3(0));
-    EXPECT_EQ(after.opacityMultiplier, kind == K::ghostFlyOut ? 0.0f : 1.0f);
+    EXPECT_FALSE(c.activeCue());  // the name follows it (the reset test)
+    EXPECT_TRUE(kind == K::ghostFlyOut || c.sample(5.51) == AnimationOutput::neutral());  // offstage: its own test
   }
   EXPECT_LE(maxSpookZ, 0.3200001f);
   EXPECT_GT(maxSpookZ, 0.3f);
@@ -225,7 +221,6 @@ TEST(CharacterAnimationController, FadeOutEasesTheCapturedOutputToNeutral) {
   const AnimationOutput captured = c.sample(0.0);
   c.reset(true, 0.0);
   EXPECT_FALSE(c.activeCue());
-  EXPECT_EQ(c.activeCueName(), "Idle");
   EXPECT_TRUE(c.isFadingOut());
   struct Row {
     double t;
@@ -247,7 +242,6 @@ TEST(CharacterAnimationController, FadeOutEasesTheCapturedOutputToNeutral) {
   EXPECT_EQ(c.sample(0.35), AnimationOutput::neutral());
   EXPECT_FALSE(c.isPlaying());
   EXPECT_FALSE(c.isFadingOut());
-  EXPECT_EQ(c.sample(0.36), AnimationOutput::neutral());
 }
 
 // Without a fade, or with nothing playing, reset stops at once; a trigger

@@ -5,15 +5,12 @@
 // it (so in-process PipeWire clients find it) and env() gives the same
 // entries for child processes. Both daemons are always stopped (SIGTERM,
 // then SIGKILL) when the object goes, also when a test fails.
-#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
