@@ -4,6 +4,7 @@
 // names are the ARKit names each character answers to; deltas that are
 // mostly zero travel sparse; a folder that cannot be made fails every file
 // with one line and writes nothing.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -30,16 +31,8 @@ namespace velmora {
 namespace {
 
 namespace fs = std::filesystem;
-
-// "" when equal, else where they first differ.
-std::string firstDifference(const std::vector<float>& actual, const std::vector<float>& expected) {
-  if (actual.size() != expected.size())
-    return "size " + std::to_string(actual.size()) + " != " + std::to_string(expected.size());
-  for (std::size_t i = 0; i < actual.size(); ++i)
-    if (actual[i] != expected[i])
-      return "float " + std::to_string(i) + ": " + std::to_string(actual[i]) + " != " + std::to_string(expected[i]);
-  return {};
-}
+using ::testing::Eq;
+using ::testing::Pointwise;  // names the first index that differs
 
 // The glTF node `index` against the scene node, recursively.
 void expectSameNode(const tinygltf::Model& doc, int index, const Node& node) {
@@ -80,7 +73,7 @@ void expectSameNode(const tinygltf::Model& doc, int index, const Node& node) {
       }
       ASSERT_EQ(p.attributes.count(attribute), expected.empty() ? 0u : 1u) << attribute;
       if (!expected.empty()) {
-        EXPECT_EQ(firstDifference(test::readFloats(doc, p.attributes.at(attribute)), expected), "") << attribute;
+        EXPECT_THAT(test::readFloats(doc, p.attributes.at(attribute)), Pointwise(Eq(), expected)) << attribute;
       }
     }
 
@@ -108,7 +101,7 @@ void expectSameNode(const tinygltf::Model& doc, int index, const Node& node) {
                                                                         : target.denseNormalDeltas(g.vertexCount());
         std::vector<float> expected;
         for (const float3& d : deltas) expected.insert(expected.end(), {d.x, d.y, d.z});
-        EXPECT_EQ(firstDifference(test::readFloats(doc, p.targets[t].at(attribute)), expected), "")
+        EXPECT_THAT(test::readFloats(doc, p.targets[t].at(attribute)), Pointwise(Eq(), expected))
             << target.name << " " << attribute;
       }
     }

@@ -6,7 +6,6 @@
 // entries for child processes. Both daemons are always stopped (SIGTERM,
 // then SIGKILL) when the object goes, also when a test fails.
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -17,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/ScopedEnv.h"
 #include "support/Spawn.h"
 #include "support/TempDir.h"
 
@@ -41,16 +41,8 @@ class PrivatePipeWire {
            "alsa_monitor.enabled = false\n"
            "v4l2_monitor.enabled = false\n"
            "libcamera_monitor.enabled = false\n";
-    savedRuntimeDir_ = getenv("XDG_RUNTIME_DIR") ? getenv("XDG_RUNTIME_DIR") : "";
-    ::setenv("XDG_RUNTIME_DIR", root.c_str(), 1);
   }
-  ~PrivatePipeWire() {
-    stop();
-    if (savedRuntimeDir_.empty())
-      ::unsetenv("XDG_RUNTIME_DIR");
-    else
-      ::setenv("XDG_RUNTIME_DIR", savedRuntimeDir_.c_str(), 1);
-  }
+  ~PrivatePipeWire() { stop(); }
   PrivatePipeWire(const PrivatePipeWire&) = delete;
   PrivatePipeWire& operator=(const PrivatePipeWire&) = delete;
 
@@ -128,7 +120,7 @@ class PrivatePipeWire {
 
  private:
   TempDir dir_;
-  std::string savedRuntimeDir_;
+  ScopedEnv runtimeDir_{"XDG_RUNTIME_DIR", dir_.path().c_str()};  // put back when the object goes
   pid_t pipewire_ = -1;
   pid_t wireplumber_ = -1;
   mutable int captures_ = 0;
