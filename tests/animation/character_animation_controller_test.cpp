@@ -188,7 +188,8 @@ TEST(CharacterAnimationController, EveryCueIsContinuousBoundedAndEndsNeutral) {
     }
     c.sample(5.5);  // e == D: the last frame of the cue
     EXPECT_FALSE(c.isPlaying());
-    EXPECT_FALSE(c.activeCue());  // the name follows it (the reset test)
+    EXPECT_FALSE(c.activeCue());
+    EXPECT_EQ(c.activeCueName(), "Idle");
     EXPECT_TRUE(kind == K::ghostFlyOut || c.sample(5.51) == AnimationOutput::neutral());  // offstage: its own test
   }
   EXPECT_LE(maxSpookZ, 0.3200001f);

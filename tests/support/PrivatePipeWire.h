@@ -88,18 +88,14 @@ class PrivatePipeWire {
     ::waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
-  // Runs a command and returns what it printed.
-  std::string capture(const std::vector<std::string>& args) const {
-    const std::string file = "capture-" + std::to_string(++captures_) + ".txt";
-    run(args, file);
-    std::ifstream in(dir_.path() / file);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  // Waits until a node of this name is in the registry.
+  // Waits until a node of this name is in the registry (pw-cli's listing, each in its own file).
   bool waitForNode(const std::string& name, double seconds) const {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (std::chrono::steady_clock::now() < deadline) {
-      if (capture({"/usr/bin/pw-cli", "ls", "Node"}).find("node.name = \"" + name + "\"") != std::string::npos)
+      const std::string file = "capture-" + std::to_string(++captures_) + ".txt";
+      run({"/usr/bin/pw-cli", "ls", "Node"}, file);
+      std::ifstream in(dir_.path() / file);
+      if (std::string(std::istreambuf_iterator<char>(in), {}).find("node.name = \"" + name + "\"") != std::string::npos)
         return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
