@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <limits>
-#include <iterator>
 
 #include "animation/AnimationOutput.h"
 

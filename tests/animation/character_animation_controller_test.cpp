@@ -24,14 +24,6 @@ using K = AnimationCue::Kind;
 constexpr float kTol = 1e-5f;
 constexpr float kPi = 3.14159265358979f;
 
-// Samples a fresh controller with a cue started at `start` (duration 2 s
-// unless given) at normalised time p.
-AnimationOutput sampleAt(K kind, double p, double duration = 2.0, double start = 10.0) {
-  CharacterAnimationController c;
-  c.trigger(AnimationCue::make(kind, duration), start);
-  return c.sample(start + p * AnimationCue::make(kind, duration).duration());
-}
-
 // ---------------------------------------------------------------------------
 // [SECTION] Idle and trigger
 // ---------------------------------------------------------------------------
@@ -116,14 +108,15 @@ TEST(CharacterAnimationController, KeyframesOfEveryCue) {
   };
   for (const Key& k : keys) {
     SCOPED_TRACE(std::string(AnimationCue::name(k.kind)) + " at p = " + std::to_string(k.p));
-    const AnimationOutput o = sampleAt(k.kind, k.p);
+    CharacterAnimationController c;
+    c.trigger(AnimationCue::make(k.kind, 2.0), 10.0);  // 2 s: above every kind's minimum
+    const AnimationOutput o = c.sample(10.0 + 2.0 * k.p);
     expectNear("position", o.positionOffset, k.pos);
     expectNear("rotation", o.rotationOffset, k.rot);
     expectNear("scale", o.scaleMultiplier, k.scale);
     expectNear("opacity, weight", {o.opacityMultiplier, o.blendWeight, 0}, {k.opacity, k.weight, N});
     for (const auto& [name, value] : k.shapes) {
-      ASSERT_TRUE(o.blendshapes.contains(name)) << name;
-      EXPECT_NEAR(o.blendshapes.at(name), value, kTol) << name;  // not scaled by the weight
+      EXPECT_NEAR(o.blendshapes.at(name), value, kTol) << name;  // not scaled by the weight; at() throws when missing
     }
     EXPECT_TRUE(k.shapeCount < 0 || o.blendshapes.size() == static_cast<std::size_t>(k.shapeCount)) << o.blendshapes.size();
   }
@@ -137,7 +130,9 @@ TEST(CharacterAnimationController, GhostFlyOutStaysOffstageUntilATriggerOrReset)
   EXPECT_EQ(c.sample(2.2).scaleMultiplier, float3(0.25f));  // last frame of the cue
   for (double t : {2.3, 100.0}) {
     const AnimationOutput o = c.sample(t);
-    EXPECT_TRUE(o.opacityMultiplier == 0 && o.blendWeight == 0 && o.positionOffset == float3(0)) << t;
+    EXPECT_TRUE(o.opacityMultiplier == 0 && o.blendWeight == 0 && o.positionOffset == float3(0) &&
+                o.rotationOffset == float3(0))
+        << t;
   }
   EXPECT_TRUE(c.isOffstage());
   c.trigger(AnimationCue::make(K::ghostSpin, 2), 200);
@@ -195,11 +190,7 @@ TEST(CharacterAnimationController, EveryCueIsContinuousBoundedAndEndsNeutral) {
     EXPECT_FALSE(c.isPlaying());
     EXPECT_FALSE(c.activeCue());
     EXPECT_EQ(c.activeCueName(), "Idle");
-    const AnimationOutput after = c.sample(5.51);
-    EXPECT_EQ(after.blendWeight, 0.0f);
-    EXPECT_EQ(after.positionOffset, float3(0));
-    EXPECT_EQ(after.rotationOffset, float3(0));
-    EXPECT_EQ(after.opacityMultiplier, kind == K::ghostFlyOut ? 0.0f : 1.0f);
+    EXPECT_TRUE(kind == K::ghostFlyOut || c.sample(5.51) == AnimationOutput::neutral());  // offstage: its own test
   }
   EXPECT_LE(maxSpookZ, 0.3200001f);
   EXPECT_GT(maxSpookZ, 0.3f);
@@ -225,7 +216,6 @@ TEST(CharacterAnimationController, FadeOutEasesTheCapturedOutputToNeutral) {
   const AnimationOutput captured = c.sample(0.0);
   c.reset(true, 0.0);
   EXPECT_FALSE(c.activeCue());
-  EXPECT_EQ(c.activeCueName(), "Idle");
   EXPECT_TRUE(c.isFadingOut());
   struct Row {
     double t;
@@ -247,7 +237,6 @@ TEST(CharacterAnimationController, FadeOutEasesTheCapturedOutputToNeutral) {
   EXPECT_EQ(c.sample(0.35), AnimationOutput::neutral());
   EXPECT_FALSE(c.isPlaying());
   EXPECT_FALSE(c.isFadingOut());
-  EXPECT_EQ(c.sample(0.36), AnimationOutput::neutral());
 }
 
 // Without a fade, or with nothing playing, reset stops at once; a trigger

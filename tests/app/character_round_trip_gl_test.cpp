@@ -8,12 +8,11 @@
 #include "animation/CharacterAnimationController.h"
 #include "export/GltfExporter.h"
 #include "base/MainQueue.h"
-#include "base/SettingsStore.h"
 #include "characters/GltfCharacterReader.h"
 #include "characters/MaskExpressionTargets.h"
 #include "render/RenderThread.h"
 #include "scene/MaskSceneManager.h"
-#include "support/TempDir.h"
+#include "support/StateFixture.h"
 #include "tracking/FaceTrackingState.h"
 
 namespace velmora {
@@ -21,9 +20,8 @@ namespace {
 
 TEST(CharacterRoundTripGl, TheExportedMaskReadBackRendersTheSamePicture) {
   MainQueue::shared().bindToCurrentThread();
-  test::TempDir dir;
-  SettingsStore store(dir.path());
-  FaceTrackingState state(store);
+  test::StateFixture f;
+  FaceTrackingState& state = f.state;
   CharacterAnimationController animation;
   MaskSceneManager scene(state, animation, [] { return 100.0; });
   scene.setRenderer(std::make_unique<RenderThread>());

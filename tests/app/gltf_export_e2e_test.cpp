@@ -12,9 +12,8 @@
 #include <string>
 #include <vector>
 
-#include <tiny_gltf.h>
-
 #include "support/ChildProcess.h"
+#include "support/GltfRead.h"
 #include "support/TempDir.h"
 
 namespace velmora {
@@ -34,35 +33,6 @@ const char* const kFiles[] = {"theatrical_mask.glb", "cartoon_ghost.glb"};
 using Outcome = test::Finished;
 using test::shell;
 
-tinygltf::Model load(const fs::path& file) {
-  tinygltf::Model doc;
-  std::string err, warn;
-  tinygltf::TinyGLTF reader;
-  EXPECT_TRUE(reader.LoadBinaryFromFile(&doc, &err, &warn, file.string())) << file << ": " << err;
-  return doc;
-}
-
-std::vector<std::string> targetNames(const tinygltf::Mesh& mesh) {
-  std::vector<std::string> names;
-  if (!mesh.extras.IsObject() || !mesh.extras.Has("targetNames")) return names;
-  const tinygltf::Value& list = mesh.extras.Get("targetNames");
-  for (std::size_t i = 0; i < list.ArrayLen(); ++i) names.push_back(list.Get(static_cast<int>(i)).Get<std::string>());
-  return names;
-}
-
-// Installs the npm consumers once (tests running side by side take turns);
-// "" when they are there, else why not; `unreachable` when the registry is.
-std::string installNodeConsumers(bool& unreachable) {
-  const Outcome npm = shell(
-      "mkdir -p \"$1\" && exec flock \"$1/.install-lock\" sh -c '"
-      "test -f \"$1/node_modules/gltf-validator/package.json\" -a -f \"$1/node_modules/three/package.json\" || "
-      "npm install --prefix \"$1\" --no-audit --no-fund --fetch-retries=1 --fetch-timeout=30000 $2' sh \"$1\" \"$2\" 2>&1",
-      {kNodeModules.string(), kNodePackages}, {}, 240);
-  unreachable = std::regex_search(
-      npm.output, std::regex("ENOTFOUND|EAI_AGAIN|ECONNREFUSED|ETIMEDOUT|ECONNRESET|ENETUNREACH|EHOSTUNREACH"));
-  return npm.status == 0 ? "" : "npm could not install " + std::string(kNodePackages) + ":\n" + npm.output;
-}
-
 // One export; the outside readers are the peer oracles: the Khronos
 // validator finds no error and no warning, three.js loads every mesh with
 // every expression by name, and gltfpack keeps every named morph target.
@@ -71,10 +41,18 @@ TEST(GltfExportE2ETest, ExportedFilesPassEveryOutsideReader) {
   const fs::path folder = dir.path() / "out";
   const Outcome exported = test::runToEnd({kVelmora, "--export-gltf", folder.string()}, {}, 300);
   ASSERT_EQ(exported.status, 0) << exported.output;
-  // Without the npm registry gltfpack still reads the files; the test then says what it skipped.
-  bool unreachable = false;
-  const std::string why = installNodeConsumers(unreachable);
-  ASSERT_TRUE(why.empty() || unreachable) << why;
+  // The npm consumers, installed once (tests running side by side take
+  // turns). Without the npm registry gltfpack still reads the files; the
+  // test then says what it skipped.
+  const Outcome npm = shell(
+      "mkdir -p \"$1\" && exec flock \"$1/.install-lock\" sh -c '"
+      "test -f \"$1/node_modules/gltf-validator/package.json\" -a -f \"$1/node_modules/three/package.json\" || "
+      "npm install --prefix \"$1\" --no-audit --no-fund --fetch-retries=1 --fetch-timeout=30000 $2' sh \"$1\" \"$2\" 2>&1",
+      {kNodeModules.string(), kNodePackages}, {}, 240);
+  const std::string why = npm.status == 0 ? "" : "npm could not install " + std::string(kNodePackages) + ":\n" + npm.output;
+  ASSERT_TRUE(why.empty() || std::regex_search(npm.output, std::regex("ENOTFOUND|EAI_AGAIN|ECONNREFUSED|ETIMEDOUT|"
+                                                                      "ECONNRESET|ENETUNREACH|EHOSTUNREACH")))
+      << why;
   const std::vector<std::string> files{(folder / kFiles[0]).string(), (folder / kFiles[1]).string()};
   Outcome report{0, ""}, loaded{0, ""};
   if (why.empty()) {
@@ -87,8 +65,8 @@ TEST(GltfExportE2ETest, ExportedFilesPassEveryOutsideReader) {
   for (const std::string& file : files) {
     SCOPED_TRACE(file);
     ASSERT_TRUE(fs::exists(file)) << exported.output;
-    const tinygltf::Model doc = load(file);
-    const std::vector<std::string> names = targetNames(doc.meshes.at(0));
+    const tinygltf::Model doc = test::loadGlb(file);
+    const std::vector<std::string> names = test::targetNames(doc.meshes.at(0));
     EXPECT_EQ(names.size(), file == files[0] ? 43u : 41u);
     const std::regex line("\\[export\\] Wrote " + file + " \\(" + std::to_string(fs::file_size(file)) + " bytes, " +
                           std::to_string(names.size()) + " morph targets\\)\n");
@@ -100,11 +78,11 @@ TEST(GltfExportE2ETest, ExportedFilesPassEveryOutsideReader) {
     ASSERT_EQ(pack.status, 0) << pack.output;
     EXPECT_EQ(pack.output.find("Warning"), std::string::npos) << pack.output;
     int meshesWithTargets = 0;
-    for (const auto& mesh : load(packed).meshes) {
+    for (const auto& mesh : test::loadGlb(packed).meshes) {
       if (mesh.primitives.empty() || mesh.primitives[0].targets.empty()) continue;
       ++meshesWithTargets;
       EXPECT_EQ(mesh.primitives[0].targets.size(), names.size());
-      EXPECT_EQ(targetNames(mesh), names);
+      EXPECT_EQ(test::targetNames(mesh), names);
     }
     EXPECT_GE(meshesWithTargets, 1);
     if (!why.empty()) continue;
@@ -116,7 +94,7 @@ TEST(GltfExportE2ETest, ExportedFilesPassEveryOutsideReader) {
       if (node.mesh < 0) continue;
       const tinygltf::Mesh& mesh = doc.meshes[static_cast<std::size_t>(node.mesh)];
       std::string joined;
-      for (const auto& name : targetNames(mesh)) joined += (joined.empty() ? "" : ",") + name;
+      for (const auto& name : test::targetNames(mesh)) joined += (joined.empty() ? "" : ",") + name;
       for (const auto& p : mesh.primitives)
         expected.push_back(std::to_string(doc.accessors[static_cast<std::size_t>(p.attributes.at("POSITION"))].count) +
                            " | " + joined);

@@ -76,10 +76,10 @@ TEST(VelmoraE2E, HeadlessRunTakesCuesFromOscsendAndAnswersAController) {
   }
   EXPECT_EQ(cue, (std::vector<std::string>{"started", "finished"}));
 
-  // Aliases, texts, a cue that switches the character; an unknown address is
-  // recorded, never dispatched: a known one after it still works.
+  // No arguments, a text, a cue by its alias that switches the character; an
+  // unknown address is recorded, never dispatched: a known one after it still
+  // works. The aliases themselves are osc_command_catalog_test's.
   sendAll(velmora, {{{"/velmora/recentre"}, "[OSC] /velmora/recentre []"},
-                    {{"/Sensitivity", "f", "2.5"}, "[OSC] /velmora/sensitivity [2.5]"},
                     {{"/velmora/lighting/preset", "s", "Top Light"}, "[OSC] /velmora/lighting/preset [\"Top Light\"]"},
                     {{"/ghost/spook", "f", "3"}, "[OSC] /velmora/ghost/spook [3]"},
                     {{"/velmora/no/such/thing"}, ""},
@@ -97,17 +97,14 @@ TEST(VelmoraE2E, HeadlessRunTakesCuesFromOscsendAndAnswersAController) {
 }
 
 TEST(VelmoraE2E, RunTestsPrintsEveryCheckPassingAndPutsTheSettingsBack) {
-  test::TempDir config;
   // The operator's choices before the run, which the suite changes while it checks.
   const nlohmann::json before = {{"characterModel", "cartoon_ghost"}, {"isOSCEnabled", true},
                                  {"lightingSettings", {{"preset", "Custom"}, {"key", 0.3}, {"fill", 0.2}, {"rim", 0.1},
                                                        {"ambient", 0.05}, {"keyHeight", 0.4}, {"keySide", -0.3},
                                                        {"warmth", 0.6}, {"shadow", 0.7}}}};
-  std::ofstream(config.path() / "settings.json") << before.dump();
-  const test::Finished r = test::runToEnd({test::builtProgram("velmora"), "--run-tests", "--snapshot", config.path().string()},
-                                          {"VELMORA_CONFIG_DIR=" + config.path().string()}, 120);
-  EXPECT_EQ(r.status, 0);
-  const std::string& out = r.output;
+  test::VelmoraRun velmora({.settings = before, .args = {"--run-tests"}});
+  EXPECT_EQ(velmora->wait(120), 0);
+  const std::string out = velmora->output();
   std::ptrdiff_t passes = 0, fails = 0;
   for (std::size_t at = 0; (at = out.find("\n  \xE2\x9C\x93 PASS: ", at)) != std::string::npos; ++at) ++passes;
   for (std::size_t at = 0; (at = out.find("\n  \xE2\x9C\x97 FAIL: ", at)) != std::string::npos; ++at) ++fails;
@@ -131,8 +128,7 @@ TEST(VelmoraE2E, RunTestsPrintsEveryCheckPassingAndPutsTheSettingsBack) {
   EXPECT_TRUE(std::regex_search(out, std::regex(R"(Ghost Spook Z offset stays <= 0\.35m \(body fully inside frame, actual: 0\.3[0-9]*\)\n)")))
       << out;
   EXPECT_TRUE(std::regex_search(out, std::regex(R"(Mask bow tilts head DOWN \(pitch > 0, actual: 0\.5\)\n)"))) << out;
-  std::ifstream in(config.path() / "settings.json");
-  const nlohmann::json after = nlohmann::json::parse(in, nullptr, false);
+  const nlohmann::json after = velmora.settings();
   for (const auto& [key, value] : before.items()) EXPECT_EQ(after[key], value) << key;
 }
 

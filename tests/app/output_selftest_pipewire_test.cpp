@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,17 +15,6 @@
 
 namespace velmora {
 namespace {
-
-// Runs the self-test to its end (status 0) in the session's environment, its settings in `config`.
-std::unique_ptr<test::ChildProcess> selfTest(const test::PrivatePipeWire& session, const std::filesystem::path& out,
-                                             const std::filesystem::path& config, std::vector<std::string> env) {
-  for (const auto& e : session.env()) env.push_back(e);
-  env.push_back("VELMORA_CONFIG_DIR=" + config.string());
-  auto run = std::make_unique<test::ChildProcess>(
-      std::vector<std::string>{test::builtProgram("velmora"), "--output-selftest", out.string()}, env);
-  EXPECT_EQ(run->wait(120), 0) << run->output();
-  return run;
-}
 
 // With a daemon and the runtime's double both outputs check out and the
 // received frame is saved. Each failing part ends with the RESULT line that
@@ -74,12 +62,17 @@ TEST(OutputSelfTestPipeWire, EachPartSaysWhatItFoundAndTheRunExitsZero) {
     test::TempDir config;
     if (!row.gl) std::ofstream(config.path() / "settings.json") << R"({"ndiOutputEnabled": true})";
     const auto folder = config.path() / "nested" / "out";  // created by the run
-    const auto run = selfTest(session, folder, config.path(), row.env);
-    for (const auto& line : row.lines) EXPECT_EQ(run->printed(line), 1) << line << "\n" << run->output();
-    EXPECT_EQ(std::any_of(run->lines().begin(), run->lines().end(), [](const std::string& l) {
+    // Run to its end (status 0) in the session's environment, its settings in `config`.
+    std::vector<std::string> env = row.env;
+    for (const auto& e : session.env()) env.push_back(e);
+    env.push_back("VELMORA_CONFIG_DIR=" + config.path().string());
+    test::ChildProcess run({test::builtProgram("velmora"), "--output-selftest", folder.string()}, env);
+    EXPECT_EQ(run.wait(120), 0) << run.output();
+    for (const auto& line : row.lines) EXPECT_EQ(run.printed(line), 1) << line << "\n" << run.output();
+    EXPECT_EQ(std::any_of(run.lines().begin(), run.lines().end(), [](const std::string& l) {
       return l.starts_with("[selftest] NDI discovery sees: ") && l.find(" (Velmora)") != std::string::npos &&
              l.find("STAGE-LEFT") == std::string::npos;
-    }), row.discovered) << run->output();
+    }), row.discovered) << run.output();
     // The saved frame: the character, opaque in the middle, on a transparent background.
     const test::Picture frame = test::loadPicture((folder / "syphon_received.png").string());
     EXPECT_EQ(frame.width, row.frame ? 1920 : 0);
@@ -90,9 +83,9 @@ TEST(OutputSelfTestPipeWire, EachPartSaysWhatItFoundAndTheRunExitsZero) {
       EXPECT_EQ(frame.alpha(960, 540), 255);
     }
     if (row.gl) continue;
-    EXPECT_TRUE(std::any_of(run->lines().begin(), run->lines().end(), [](const std::string& l) {
+    EXPECT_TRUE(std::any_of(run.lines().begin(), run.lines().end(), [](const std::string& l) {
       return l.starts_with("[Renderer] ") && l.find("nothing will be rendered") != std::string::npos;
-    })) << run->output();
+    })) << run.output();
     std::ifstream settingsFile(config.path() / "settings.json");
     std::string settings(std::istreambuf_iterator<char>(settingsFile), {});
     std::erase_if(settings, [](char c) { return c == ' ' || c == '\n'; });

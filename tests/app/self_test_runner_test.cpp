@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "base/Log.h"
+#include "support/LogCapture.h"
 
 namespace velmora {
 namespace {
@@ -17,13 +17,11 @@ TEST(SelfTestRunner, MeasuredValuesAreAppendedWithAClosingParenthesis) {
 }
 
 TEST(SelfTestRunner, ChecksPrintPassOrFailAndAreCounted) {
-  std::vector<std::string> lines;
-  setLogSink([&](const std::string& l) { lines.push_back(l); });
+  test::LogCapture log;
   SelfTestRunner runner;
   runner.check("it holds", true);
   runner.check("it does not", false);
-  setLogSink({});
-  EXPECT_EQ(lines, (std::vector<std::string>{"  \xE2\x9C\x93 PASS: it holds", "  \xE2\x9C\x97 FAIL: it does not"}));
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{"  \xE2\x9C\x93 PASS: it holds", "  \xE2\x9C\x97 FAIL: it does not"}));
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 // exits 0 with the reason.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <string>
@@ -16,15 +15,10 @@
 namespace velmora {
 namespace {
 
-// Runs "velmora --snapshot folder" with the test's settings folder plus `env`.
-test::Finished run(std::vector<std::string> env, const std::string& folder) {
-  return test::runToEnd({test::builtProgram("velmora"), "--snapshot", folder}, std::move(env), 300);
-}
-
 TEST(SnapshotE2ETest, WritesEveryPictureWithATransparentBackground) {
   test::TempDir dir;
   const auto folder = dir.path() / "pictures" / "nested";  // created by the run
-  const test::Finished r = run({}, folder.string());
+  const test::Finished r = test::runToEnd({test::builtProgram("velmora"), "--snapshot", folder.string()}, {}, 300);
   ASSERT_EQ(r.status, 0) << r.output;
 
   std::smatch m;
@@ -67,7 +61,8 @@ TEST(SnapshotE2ETest, WritesEveryPictureWithATransparentBackground) {
 TEST(SnapshotE2ETest, WithoutAnyGLDisplayItSaysWhyAndExitsZero) {
   test::TempDir dir;
   // An EGL vendor list that names nothing: no display of any kind.
-  const test::Finished r = run({"__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent/egl.json"}, (dir.path() / "out").string());
+  const test::Finished r = test::runToEnd({test::builtProgram("velmora"), "--snapshot", (dir.path() / "out").string()},
+                                          {"__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent/egl.json"}, 300);
   EXPECT_EQ(r.status, 0) << r.output;
   EXPECT_NE(r.output.find("[Renderer] EglContext::create(): "), std::string::npos) << r.output;
   EXPECT_NE(r.output.find("nothing will be rendered"), std::string::npos) << r.output;

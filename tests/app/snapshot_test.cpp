@@ -2,8 +2,6 @@
 // paths. No GL is opened.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <filesystem>
 #include <fstream>
 
 #include "app/ContactSheet.h"

@@ -47,8 +47,7 @@ TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
   intake.tick(10.5);
   EXPECT_TRUE(lines.empty());
   intake.tick(11.1);
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0], "[Velmora] tracking: 0.0 packets/s from 127.0.0.1:50000, 1 received");
+  EXPECT_EQ(lines, std::vector<std::string>{"[Velmora] tracking: 0.0 packets/s from 127.0.0.1:50000, 1 received"});
 
   intake.tick(14.0);  // nothing new: silent
   state.setSenderIP("10.1.2.3:7 (Unknown format)");

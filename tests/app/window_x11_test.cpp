@@ -58,18 +58,6 @@ void requestClose(const std::string& display, const std::string& window) {
   XCloseDisplay(d);
 }
 
-// A full-screen window in GLFW's monitor mode: with no window manager to
-// ask for _NET_WM_STATE_FULLSCREEN, GLFW takes the monitor itself
-// (override-redirect), which a plain borderless window never is.
-bool isMonitorFullScreen(const std::string& display, const std::string& window) {
-  ::Display* d = XOpenDisplay(display.c_str());
-  if (!d) return false;
-  XWindowAttributes attributes{};
-  const bool got = XGetWindowAttributes(d, std::stoul(window), &attributes) != 0;
-  XCloseDisplay(d);
-  return got && attributes.override_redirect;
-}
-
 // The character on black: every corner black, something bright in the middle.
 bool showsCharacterOnBlack(const test::Picture& s) {
   if (s.width != 1920 || s.height != 1080) return false;
@@ -199,7 +187,14 @@ TEST(WindowX11Test, WithOneMonitorTheProjectorCoversItAndSigtermEndsTheRun) {
   Session s(1);
   ASSERT_NO_FATAL_FAILURE(s.start());
   std::string projector = s.openProjector(0);
-  EXPECT_TRUE(isMonitorFullScreen(s.xorg.display(), projector));
+  // A full-screen window in GLFW's monitor mode: with no window manager to
+  // ask for _NET_WM_STATE_FULLSCREEN, GLFW takes the monitor itself
+  // (override-redirect), which a plain borderless window never is.
+  ::Display* d = XOpenDisplay(s.xorg.display().c_str());
+  ASSERT_TRUE(d);
+  XWindowAttributes attributes{};
+  EXPECT_TRUE(XGetWindowAttributes(d, std::stoul(projector), &attributes) && attributes.override_redirect);
+  XCloseDisplay(d);
   // It covers the dashboard: the log says how to come back, and Esc, or the
   // window manager's close request, brings the dashboard back as Ctrl+P does.
   EXPECT_TRUE(s.logged("[ProjectorWindowController] One monitor: the projector covers the dashboard. "

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cctype>
 #include <cmath>
 #include <set>
 #include <string>
@@ -62,13 +61,9 @@ TEST(CartoonGhost, NodeTreeNamesAndEyes) {
     eye->scale = float3(1.0f, 0.08f, 1.0f);
     EXPECT_EQ(float3(eye->worldTransform()[3]), eye->position);
   }
-  ASSERT_TRUE(build.node->find("MouthCavityBacking"));
 }
 
 TEST(CartoonGhost, TargetMapCoversTheListedExpressions) {
-  const auto build = createGhostNode();
-  const auto& map = build.targetNameToIndex;
-  EXPECT_EQ(map.size(), build.morpher->targetCount());
   EXPECT_EQ(CartoonGhost::displacements().size(), 41u);
   // An ARKit name each, every one but gaze, blink (the eye nodes) and the
   // tongue.
@@ -81,8 +76,9 @@ TEST(CartoonGhost, TargetMapCoversTheListedExpressions) {
   std::set<std::string> names;
   for (const auto& entry : CartoonGhost::displacements()) names.insert(entry.name);
   EXPECT_EQ(names, expected);
-  // That each key names its own target (lower-cased) is checked by the
-  // export round trip (CharacterExport.EachFileReadsBackAsTheCharacterInMemory).
+  // That the map has one key per target and each key names its own target
+  // (lower-cased) is checked by the export round trip
+  // (CharacterExport.EachFileReadsBackAsTheCharacterInMemory).
 }
 
 TEST(CartoonGhost, FitsTheFrameAtRest) {

@@ -8,7 +8,6 @@
 // independent of their source.
 #include <gtest/gtest.h>
 
-#include <map>
 #include <optional>
 #include <random>
 #include <set>

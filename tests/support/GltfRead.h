@@ -4,7 +4,10 @@
 // consumer sees them.
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <tiny_gltf.h>
 
@@ -62,6 +65,24 @@ inline std::vector<std::int32_t> readIndices(const tinygltf::Model& m, int index
   std::vector<std::int32_t> out(a.count);
   for (std::size_t i = 0; i < a.count; ++i) out[i] = static_cast<std::int32_t>(readIndexAt(base + i * size, a.componentType));
   return out;
+}
+
+// A .glb file read with tinygltf (a failure to read fails the test).
+inline tinygltf::Model loadGlb(const std::string& file) {
+  tinygltf::Model doc;
+  std::string err, warn;
+  EXPECT_TRUE(tinygltf::TinyGLTF().LoadBinaryFromFile(&doc, &err, &warn, file)) << file << ": " << err;
+  EXPECT_EQ(warn, "") << file;
+  return doc;
+}
+
+// A mesh's morph target names (extras.targetNames), in target order.
+inline std::vector<std::string> targetNames(const tinygltf::Mesh& mesh) {
+  std::vector<std::string> names;
+  if (!mesh.extras.IsObject() || !mesh.extras.Has("targetNames")) return names;
+  const tinygltf::Value& list = mesh.extras.Get("targetNames");
+  for (std::size_t i = 0; i < list.ArrayLen(); ++i) names.push_back(list.Get(static_cast<int>(i)).Get<std::string>());
+  return names;
 }
 
 }  // namespace velmora::test

@@ -5,21 +5,18 @@
 // it (so in-process PipeWire clients find it) and env() gives the same
 // entries for child processes. Both daemons are always stopped (SIGTERM,
 // then SIGKILL) when the object goes, also when a test fails.
-#include <fcntl.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/ScopedEnv.h"
 #include "support/Spawn.h"
 #include "support/TempDir.h"
 
@@ -44,16 +41,8 @@ class PrivatePipeWire {
            "alsa_monitor.enabled = false\n"
            "v4l2_monitor.enabled = false\n"
            "libcamera_monitor.enabled = false\n";
-    savedRuntimeDir_ = getenv("XDG_RUNTIME_DIR") ? getenv("XDG_RUNTIME_DIR") : "";
-    ::setenv("XDG_RUNTIME_DIR", root.c_str(), 1);
   }
-  ~PrivatePipeWire() {
-    stop();
-    if (savedRuntimeDir_.empty())
-      ::unsetenv("XDG_RUNTIME_DIR");
-    else
-      ::setenv("XDG_RUNTIME_DIR", savedRuntimeDir_.c_str(), 1);
-  }
+  ~PrivatePipeWire() { stop(); }
   PrivatePipeWire(const PrivatePipeWire&) = delete;
   PrivatePipeWire& operator=(const PrivatePipeWire&) = delete;
 
@@ -99,18 +88,14 @@ class PrivatePipeWire {
     ::waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
-  // Runs a command and returns what it printed.
-  std::string capture(const std::vector<std::string>& args) const {
-    const std::string file = "capture-" + std::to_string(++captures_) + ".txt";
-    run(args, file);
-    std::ifstream in(dir_.path() / file);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  // Waits until a node of this name is in the registry.
+  // Waits until a node of this name is in the registry (pw-cli's listing, each in its own file).
   bool waitForNode(const std::string& name, double seconds) const {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (std::chrono::steady_clock::now() < deadline) {
-      if (capture({"/usr/bin/pw-cli", "ls", "Node"}).find("node.name = \"" + name + "\"") != std::string::npos)
+      const std::string file = "capture-" + std::to_string(++captures_) + ".txt";
+      run({"/usr/bin/pw-cli", "ls", "Node"}, file);
+      std::ifstream in(dir_.path() / file);
+      if (std::string(std::istreambuf_iterator<char>(in), {}).find("node.name = \"" + name + "\"") != std::string::npos)
         return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
@@ -131,7 +116,7 @@ class PrivatePipeWire {
 
  private:
   TempDir dir_;
-  std::string savedRuntimeDir_;
+  ScopedEnv runtimeDir_{"XDG_RUNTIME_DIR", dir_.path().c_str()};  // put back when the object goes
   pid_t pipewire_ = -1;
   pid_t wireplumber_ = -1;
   mutable int captures_ = 0;

@@ -4,18 +4,15 @@
 // "DUMMY1", as GLFW lists them), on a display number nobody holds. No window
 // manager runs, so windows sit exactly where they ask to be. The server is
 // always stopped (SIGTERM, then SIGKILL) when the object goes.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "support/Spawn.h"
 
