@@ -359,25 +359,6 @@ std::shared_ptr<const Geometry> MaskExpressionTargets::neutralGeometry() { retur
 
 std::shared_ptr<const TargetList> MaskExpressionTargets::targets() { return maskCache().targets; }
 
-std::shared_ptr<const TargetList> MaskExpressionTargets::wireframeTargets() {
-  static const std::shared_ptr<const TargetList> shared = [] {
-    const auto& front = cachedNeutralFront();
-    const auto& table = blendShapeDisplacements();
-    const auto base = TheatricalMaskGeometry::makeWireframeGeometry();
-    auto list = std::make_shared<TargetList>(table.size());
-    parallelForEach(table.size(), [&](std::size_t t) {
-      auto [pos, nrm] = TheatricalMaskGeometry::frontSources(displacedFront(table[t], front));
-      auto g = std::make_shared<Geometry>();
-      g->name = table[t].name;
-      g->sources = {std::move(pos), std::move(nrm)};
-      g->elements = base->elements;
-      (*list)[t] = MorphTarget::fromGeometry(*base, *g);
-    });
-    return std::shared_ptr<const TargetList>(std::move(list));
-  }();
-  return shared;
-}
-
 CharacterBuild createTheatricalMaskNode() {
   const MaskCache& cache = maskCache();
   CharacterBuild build;
@@ -395,7 +376,7 @@ CharacterBuild createTheatricalMaskNode() {
 std::shared_ptr<Morpher> makeWireframeMorpher() {
   auto morpher = std::make_shared<Morpher>();
   morpher->calculationMode = Morpher::CalculationMode::normalized;
-  morpher->targets = MaskExpressionTargets::wireframeTargets();
+  morpher->targets = maskCache().targets;
   morpher->weights.assign(morpher->targets->size(), 0.0f);
   return morpher;
 }

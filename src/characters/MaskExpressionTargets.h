@@ -64,8 +64,6 @@ class MaskExpressionTargets {
   static std::shared_ptr<const Geometry> neutralGeometry();
   // The 43 full-shell target geometries in table order (shared, built once).
   static std::shared_ptr<const MorphTargetList> targets();
-  // The 43 front-only targets of the wireframe view (shared, built once).
-  static std::shared_ptr<const MorphTargetList> wireframeTargets();
 
   // Displaced front of one table entry: neutral front + displacement.
   static std::vector<float3> displacedFront(const Entry& entry, const std::vector<float3>& neutralFront);
@@ -75,8 +73,11 @@ class MaskExpressionTargets {
 // morpher over the shared targets (all weights 0), and the target map.
 CharacterBuild createTheatricalMaskNode();
 
-// A new morpher over the shared front-only targets, for the wireframe
-// geometry of TheatricalMaskGeometry::makeWireframeGeometry().
+// A new morpher for the wireframe geometry of
+// TheatricalMaskGeometry::makeWireframeGeometry(), over the character's own
+// shared targets: the wireframe's vertices are the shell's first ones, the
+// front, and the targets move them alike; the back and rim entries lie past
+// the wireframe's vertices and are ignored.
 std::shared_ptr<Morpher> makeWireframeMorpher();
 
 // Mean baked occlusion over the front vertices snapped onto the two nostril
