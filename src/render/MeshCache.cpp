@@ -192,7 +192,6 @@ const MeshCache::MorphDeltas* MeshCache::deltas(const Geometry& base, const std:
   entry.basePositions = bp->data;
   if (bn) entry.baseNormals = bn->data;
   MorphDeltas& d = entry.deltas;
-  d.vertexCount = static_cast<int>(n);
   d.targetCount = static_cast<int>(t);
   glGenBuffers(1, &d.buffer);
   glBindBuffer(GL_TEXTURE_BUFFER, d.buffer);

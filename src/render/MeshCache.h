@@ -45,8 +45,7 @@ class MeshCache {
   struct MorphDeltas {
     unsigned buffer = 0;
     unsigned texture = 0;
-    int vertexCount = 0;
-    int targetCount = 0;
+    int targetCount = 0;  // the targets the program weighs (at most maxMorphTargets)
   };
 
   MeshCache() = default;
