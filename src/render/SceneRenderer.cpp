@@ -65,13 +65,15 @@ const Material& materialFor(const Geometry& g, std::size_t element) {
   return g.materials[std::min(element, g.materials.size() - 1)];
 }
 
+// The scene is drawn into an RGBA16F colour texture (multisampled when
+// samples > 1) with a depth renderbuffer of the same samples; the output
+// pass reads that texture (averaging the samples itself, so no resolved copy
+// is kept) and writes the RGBA8 texture the frame is read back from.
 struct Targets {
   int width = 0, height = 0, samples = 0;
-  GLuint sceneFbo = 0, sceneColor = 0, sceneDepth = 0;  // multisampled renderbuffers (samples > 1)
-  GLuint resolveFbo = 0, resolveColor = 0;              // RGBA16F texture
-  GLuint resolveDepth = 0;                              // single-sampled: the scene draws here directly
+  GLuint sceneFbo = 0, sceneColor = 0, sceneDepth = 0;
   int refusedSamples = 0;  // the sample count asked for when the driver refused it (samples is then 1)
-  GLuint outputFbo = 0, outputColor = 0;                // RGBA8 texture, read back into the frame
+  GLuint outputFbo = 0, outputColor = 0;
 };
 
 // One draw item, ready to draw.
@@ -89,11 +91,12 @@ struct Prepared {
 // Render targets are kept for this many frame sizes at once: the outputs'
 // and a live view's of another size (the projector on a monitor that is not
 // 1920 x 1080), so alternating frames never rebuild them. A 1080p set with
-// four samples holds about 125 MB of colour and depth on software GL.
+// four samples holds about 107 MB of colour and depth on software GL.
 constexpr std::size_t kTargetSizes = 2;
 
 struct SceneRenderer::Impl {
-  std::unique_ptr<ShaderProgram> morph, depth, surface, texturedSurface, output;
+  // output reads a single-sampled scene, outputMultisampled a multisampled one.
+  std::unique_ptr<ShaderProgram> morph, depth, surface, texturedSurface, output, outputMultisampled;
   MeshCache cache;
   TextureCache textures;
   // Read-back memory, reused once the outputs let go. Four frames: the one
@@ -132,12 +135,9 @@ struct SceneRenderer::Impl {
   // -------------------------------------------------------------------------
 
   static void releaseTargets(Targets& t) {
-    if (t.sceneFbo != t.resolveFbo) glDeleteFramebuffers(1, &t.sceneFbo);
-    glDeleteRenderbuffers(1, &t.sceneColor);
+    glDeleteFramebuffers(1, &t.sceneFbo);
+    glDeleteTextures(1, &t.sceneColor);
     glDeleteRenderbuffers(1, &t.sceneDepth);
-    glDeleteFramebuffers(1, &t.resolveFbo);
-    glDeleteTextures(1, &t.resolveColor);
-    glDeleteRenderbuffers(1, &t.resolveDepth);
     glDeleteFramebuffers(1, &t.outputFbo);
     glDeleteTextures(1, &t.outputColor);
     t = Targets{};
@@ -162,36 +162,34 @@ struct SceneRenderer::Impl {
     t.height = h;
     t.samples = samples;
 
-    makeTextureTarget(w, h, GL_RGBA16F, GL_FLOAT, t.resolveColor, t.resolveFbo);
-    if (samples <= 1) {
-      glGenRenderbuffers(1, &t.resolveDepth);
-      glBindRenderbuffer(GL_RENDERBUFFER, t.resolveDepth);
+    glGenTextures(1, &t.sceneColor);
+    glGenRenderbuffers(1, &t.sceneDepth);
+    glBindRenderbuffer(GL_RENDERBUFFER, t.sceneDepth);
+    glGenFramebuffers(1, &t.sceneFbo);
+    glBindFramebuffer(GL_FRAMEBUFFER, t.sceneFbo);
+    if (samples > 1) {
+      // Fixed sample locations: required when a texture and a renderbuffer
+      // are attached together.
+      glBindTexture(GL_TEXTURE_2D_MULTISAMPLE, t.sceneColor);
+      glTexImage2DMultisample(GL_TEXTURE_2D_MULTISAMPLE, samples, GL_RGBA16F, w, h, GL_TRUE);
+      glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D_MULTISAMPLE, t.sceneColor, 0);
+      glRenderbufferStorageMultisample(GL_RENDERBUFFER, samples, GL_DEPTH_COMPONENT24, w, h);
+    } else {
+      glBindTexture(GL_TEXTURE_2D, t.sceneColor);
+      glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA16F, w, h, 0, GL_RGBA, GL_FLOAT, nullptr);
+      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+      glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, t.sceneColor, 0);
       glRenderbufferStorage(GL_RENDERBUFFER, GL_DEPTH_COMPONENT24, w, h);
-      glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT, GL_RENDERBUFFER, t.resolveDepth);
     }
+    glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT, GL_RENDERBUFFER, t.sceneDepth);
     GLenum status = glCheckFramebufferStatus(GL_FRAMEBUFFER);
     if (status != GL_FRAMEBUFFER_COMPLETE) {
-      why = "colour target " + std::to_string(w) + "x" + std::to_string(h) + " incomplete (" + hex(status) + ")";
+      why = samples > 1 ? std::to_string(samples) + "x multisampled target incomplete (" + hex(status) + ")"
+                        : "colour target " + std::to_string(w) + "x" + std::to_string(h) + " incomplete (" +
+                              hex(status) + ")";
+      glBindFramebuffer(GL_FRAMEBUFFER, 0);
       return false;
-    }
-    if (samples > 1) {
-      glGenRenderbuffers(1, &t.sceneColor);
-      glBindRenderbuffer(GL_RENDERBUFFER, t.sceneColor);
-      glRenderbufferStorageMultisample(GL_RENDERBUFFER, samples, GL_RGBA16F, w, h);
-      glGenRenderbuffers(1, &t.sceneDepth);
-      glBindRenderbuffer(GL_RENDERBUFFER, t.sceneDepth);
-      glRenderbufferStorageMultisample(GL_RENDERBUFFER, samples, GL_DEPTH_COMPONENT24, w, h);
-      glGenFramebuffers(1, &t.sceneFbo);
-      glBindFramebuffer(GL_FRAMEBUFFER, t.sceneFbo);
-      glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_RENDERBUFFER, t.sceneColor);
-      glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT, GL_RENDERBUFFER, t.sceneDepth);
-      status = glCheckFramebufferStatus(GL_FRAMEBUFFER);
-      if (status != GL_FRAMEBUFFER_COMPLETE) {
-        why = std::to_string(samples) + "x multisampled target incomplete (" + hex(status) + ")";
-        return false;
-      }
-    } else {
-      t.sceneFbo = t.resolveFbo;
     }
 
     makeTextureTarget(w, h, GL_RGBA8, GL_UNSIGNED_BYTE, t.outputColor, t.outputFbo);
@@ -496,6 +494,8 @@ CreateResult<SceneRenderer> SceneRenderer::create() {
        {"textured surface", shaders::variant(shaders::surfaceVertex, "TEXTURED"),
         shaders::variant(shaders::surfaceFragment, "TEXTURED"), {}}},
       {&impl->output, {"output", shaders::outputVertex, shaders::outputFragment, {}}},
+      {&impl->outputMultisampled,
+       {"multisampled output", shaders::outputVertex, shaders::variant(shaders::outputFragment, "MULTISAMPLED"), {}}},
   };
   for (const auto& p : programs) {
     auto made = ShaderProgram::create(p.sources);
@@ -549,8 +549,10 @@ CreateResult<SceneRenderer> SceneRenderer::create() {
   }
   const char* const maps[5] = {"uBaseColorMap", "uMetallicRoughnessMap", "uNormalMap", "uOcclusionMap", "uEmissiveMap"};
   for (int i = 0; i < 5; ++i) impl->texturedSurface->set(maps[i], kUnitMaterial + i);
-  impl->output->use();
-  impl->output->set("uImage", kUnitImage);
+  for (ShaderProgram* program : {impl->output.get(), impl->outputMultisampled.get()}) {
+    program->use();
+    program->set("uImage", kUnitImage);
+  }
   impl->morph->use();
   impl->morph->set("uDeltas", kUnitDeltas);
   glUseProgram(0);
@@ -744,17 +746,18 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
   glDisable(GL_BLEND);
   glDisable(GL_DEPTH_TEST);
 
-  // --- resolve, encode, read back ---
-  if (t.sceneFbo != t.resolveFbo) {
-    glBindFramebuffer(GL_READ_FRAMEBUFFER, t.sceneFbo);
-    glBindFramebuffer(GL_DRAW_FRAMEBUFFER, t.resolveFbo);
-    glBlitFramebuffer(0, 0, t.width, t.height, 0, 0, t.width, t.height, GL_COLOR_BUFFER_BIT, GL_NEAREST);
-  }
+  // --- resolve and encode, read back ---
   glBindFramebuffer(GL_FRAMEBUFFER, t.outputFbo);
   glViewport(0, 0, t.width, t.height);
-  s.output->use();
   glActiveTexture(GL_TEXTURE0 + kUnitImage);
-  glBindTexture(GL_TEXTURE_2D, t.resolveColor);
+  if (t.samples > 1) {
+    s.outputMultisampled->use();
+    s.outputMultisampled->set("uSamples", t.samples);
+    glBindTexture(GL_TEXTURE_2D_MULTISAMPLE, t.sceneColor);
+  } else {
+    s.output->use();
+    glBindTexture(GL_TEXTURE_2D, t.sceneColor);
+  }
   glBindVertexArray(s.emptyVertexArray);
   glDrawArrays(GL_TRIANGLES, 0, 3);
   glBindVertexArray(0);

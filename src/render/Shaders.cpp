@@ -326,8 +326,37 @@ void main() {
 )GLSL";
 
 const char* const outputFragment = R"GLSL(#version 330 core
+#ifdef MULTISAMPLED
+uniform sampler2DMS uImage;  // linear, premultiplied, uSamples samples per pixel
+uniform int uSamples;
+#else
 uniform sampler2D uImage;  // linear, premultiplied, one texel per pixel
+#endif
 out vec4 fragColor;
+
+#ifdef MULTISAMPLED
+// Half precision, rounded toward zero: 11 significant bits, or multiples of
+// 2^-24 below 2^-14 (half's subnormals). Software GL stores a resolved
+// half-float image this way; doing the same here keeps frames bit for bit
+// what resolving into such an image gave, without that frame-sized image.
+vec4 toHalf(vec4 v) {
+  vec4 normal = uintBitsToFloat(floatBitsToUint(v) & ~0x1FFFu);
+  vec4 subnormal = trunc(v * 16777216.0) / 16777216.0;
+  return mix(normal, subnormal, lessThan(abs(v), vec4(0.00006103515625)));
+}
+#endif
+
+// The pixel's colour; multisampled: the samples summed in sample order and
+// scaled by 1 / samples (a resolve's average).
+vec4 pixel(ivec2 p) {
+#ifdef MULTISAMPLED
+  vec4 sum = vec4(0.0);
+  for (int i = 0; i < uSamples; ++i) sum += texelFetch(uImage, p, i);
+  return toHalf(sum * (1.0 / float(uSamples)));
+#else
+  return texelFetch(uImage, p, 0);
+#endif
+}
 
 // Linear up to 0.8, then a soft shoulder that reaches 1 only at infinity,
 // so highlights roll off instead of clipping.
@@ -343,9 +372,13 @@ vec3 encodeSRGB(vec3 c) {
 }
 
 void main() {
+#ifdef MULTISAMPLED
+  ivec2 size = textureSize(uImage);
+#else
   ivec2 size = textureSize(uImage, 0);
+#endif
   ivec2 p = ivec2(gl_FragCoord.xy);
-  vec4 v = texelFetch(uImage, ivec2(p.x, size.y - 1 - p.y), 0);
+  vec4 v = pixel(ivec2(p.x, size.y - 1 - p.y));
   float a = clamp(v.a, 0.0, 1.0);
   if (a < 0.5 / 255.0) {
     fragColor = vec4(0.0);

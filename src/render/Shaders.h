@@ -23,7 +23,8 @@ extern const char* const depthFragment;
 extern const char* const surfaceVertex;
 extern const char* const surfaceFragment;
 // Full-screen pass: linear premultiplied to sRGB straight alpha, flipped so
-// that rows read back top first.
+// that rows read back top first. With MULTISAMPLED defined (variant()) it
+// reads a multisampled image and averages each pixel's samples itself.
 extern const char* const outputVertex;
 extern const char* const outputFragment;
 
