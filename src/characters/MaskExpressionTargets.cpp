@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cmath>
+#include <mutex>
 
 #include "characters/ParallelFor.h"
 #include "characters/ShapeMath.h"
@@ -211,49 +212,77 @@ std::vector<MaskExpressionTargets::Entry> buildTable() {
 
 using TargetList = MorphTargetList;
 
-struct MaskCache {
-  std::shared_ptr<const Geometry> neutral;
-  std::shared_ptr<const TargetList> targets;
-};
-
 const std::vector<float3>& cachedNeutralFront() {
   static const std::vector<float3> front = TheatricalMaskGeometry::neutralFront();
   return front;
 }
 
-const MaskCache& maskCache() {
-  static const MaskCache cache = [] {
-    const auto& front = cachedNeutralFront();
-    const auto& elements = TheatricalMaskGeometry::elements();
+std::shared_ptr<const Geometry> buildNeutral() {
+  auto neutral = std::make_shared<Geometry>();
+  neutral->name = "TheatricalMask";
+  auto [pos, nrm] = TheatricalMaskGeometry::assembleSources(cachedNeutralFront());
+  neutral->sources = {std::move(pos), std::move(nrm), TheatricalMaskGeometry::makeUVSource(),
+                      TheatricalMaskGeometry::makeColorSource()};
+  neutral->elements = TheatricalMaskGeometry::elements();
+  neutral->materials = TheatricalMaskGeometry::makeMaterials();
+  return neutral;
+}
 
-    MaskCache c;
-    auto neutral = std::make_shared<Geometry>();
-    neutral->name = "TheatricalMask";
-    {
-      auto [pos, nrm] = TheatricalMaskGeometry::assembleSources(front);
-      neutral->sources = {std::move(pos), std::move(nrm), TheatricalMaskGeometry::makeUVSource(),
-                          TheatricalMaskGeometry::makeColorSource()};
-    }
-    neutral->elements = elements;
-    neutral->materials = TheatricalMaskGeometry::makeMaterials();
-    c.neutral = std::move(neutral);
+const std::shared_ptr<const Geometry>& cachedNeutral() {
+  static const std::shared_ptr<const Geometry> neutral = buildNeutral();
+  return neutral;
+}
 
-    // Each target is computed whole by one thread, so the result does not
-    // depend on how many threads share the work.
-    const auto& table = MaskExpressionTargets::blendShapeDisplacements();
-    auto list = std::make_shared<TargetList>(table.size());
-    parallelForEach(table.size(), [&](std::size_t t) {
-      auto [pos, nrm] = TheatricalMaskGeometry::assembleSources(MaskExpressionTargets::displacedFront(table[t], front));
-      auto g = std::make_shared<Geometry>();
-      g->name = table[t].name;
-      g->sources = {std::move(pos), std::move(nrm)};
-      g->elements = elements;
-      (*list)[t] = MorphTarget::fromGeometry(*c.neutral, *g);
-    });
-    c.targets = std::move(list);
-    return c;
+std::shared_ptr<const TargetList> buildTargets() {
+  const auto& front = cachedNeutralFront();
+  const auto& elements = TheatricalMaskGeometry::elements();
+  const Geometry& neutral = *cachedNeutral();
+  // Each target is computed whole by one thread, so the result does not
+  // depend on how many threads share the work.
+  const auto& table = MaskExpressionTargets::blendShapeDisplacements();
+  auto list = std::make_shared<TargetList>(table.size());
+  parallelForEach(table.size(), [&](std::size_t t) {
+    auto [pos, nrm] = TheatricalMaskGeometry::assembleSources(MaskExpressionTargets::displacedFront(table[t], front));
+    auto g = std::make_shared<Geometry>();
+    g->name = table[t].name;
+    g->sources = {std::move(pos), std::move(nrm)};
+    g->elements = elements;
+    (*list)[t] = MorphTarget::fromGeometry(neutral, *g);
+  });
+  return list;
+}
+
+// The targets are held only by those using them (about 28 MB): the shown
+// mask needs only the renderer's GPU copy, so once its first frame took
+// them they go, and whoever asks later (an export, the operator's
+// wireframe, a renderer opened later) gets them rebuilt, identical.
+std::mutex targetsMutex;
+std::weak_ptr<const TargetList> heldTargets;
+
+std::shared_ptr<const TargetList> sharedTargets() {
+  std::lock_guard lock(targetsMutex);
+  auto targets = heldTargets.lock();
+  if (!targets) {
+    targets = buildTargets();
+    heldTargets = targets;
+  }
+  return targets;
+}
+
+// The targets if anyone holds them; null otherwise (nothing is built).
+std::shared_ptr<const TargetList> targetsIfHeld() {
+  std::lock_guard lock(targetsMutex);
+  return heldTargets.lock();
+}
+
+const std::shared_ptr<const MorphTargetSource>& targetSource() {
+  static const std::shared_ptr<const MorphTargetSource> source = [] {
+    auto s = std::make_shared<MorphTargetSource>();
+    s->count = MaskExpressionTargets::blendShapeDisplacements().size();
+    s->load = sharedTargets;
+    return s;
   }();
-  return cache;
+  return source;
 }
 
 }  // namespace
@@ -355,19 +384,22 @@ std::vector<float3> MaskExpressionTargets::displacedFront(const Entry& entry, co
   return out;
 }
 
-std::shared_ptr<const Geometry> MaskExpressionTargets::neutralGeometry() { return maskCache().neutral; }
+std::shared_ptr<const Geometry> MaskExpressionTargets::neutralGeometry() { return cachedNeutral(); }
 
-std::shared_ptr<const TargetList> MaskExpressionTargets::targets() { return maskCache().targets; }
+std::shared_ptr<const TargetList> MaskExpressionTargets::targets() { return sharedTargets(); }
 
 CharacterBuild createTheatricalMaskNode() {
-  const MaskCache& cache = maskCache();
   CharacterBuild build;
+  const auto& source = targetSource();
   build.morpher = std::make_shared<Morpher>();
   build.morpher->calculationMode = Morpher::CalculationMode::normalized;
-  build.morpher->targets = cache.targets;
-  build.morpher->weights.assign(cache.targets->size(), 0.0f);
+  // Once a renderer holds its GPU copy, the mask shown again (after the
+  // ghost) needs no CPU targets: it is back at once instead of 0.3 s later.
+  build.morpher->targets = source->uploaded ? targetsIfHeld() : sharedTargets();
+  build.morpher->source = source;
+  build.morpher->weights.assign(source->count, 0.0f);
   build.node = Node::make("TheatricalMask");
-  build.node->geometry = cache.neutral;
+  build.node->geometry = cachedNeutral();
   build.node->morpher = build.morpher;
   build.targetNameToIndex = MaskExpressionTargets::targetNameToIndex();
   return build;
@@ -376,7 +408,7 @@ CharacterBuild createTheatricalMaskNode() {
 std::shared_ptr<Morpher> makeWireframeMorpher() {
   auto morpher = std::make_shared<Morpher>();
   morpher->calculationMode = Morpher::CalculationMode::normalized;
-  morpher->targets = maskCache().targets;
+  morpher->targets = sharedTargets();
   morpher->weights.assign(morpher->targets->size(), 0.0f);
   return morpher;
 }

@@ -62,7 +62,9 @@ class MaskExpressionTargets {
   // The neutral shell geometry with sources, elements and materials
   // (shared, built once).
   static std::shared_ptr<const Geometry> neutralGeometry();
-  // The 43 full-shell target geometries in table order (shared, built once).
+  // The 43 targets in table order: shared while anyone holds them, built
+  // again (identical, about 0.3 s) when asked after everyone let them go.
+  // Any thread.
   static std::shared_ptr<const MorphTargetList> targets();
 
   // Displaced front of one table entry: neutral front + displacement.
@@ -70,7 +72,8 @@ class MaskExpressionTargets {
 };
 
 // A new "TheatricalMask" node with the shared neutral geometry and a new
-// morpher over the shared targets (all weights 0), and the target map.
+// morpher over the shared targets (all weights 0; its `source` gives them
+// again once it let them go), and the target map.
 CharacterBuild createTheatricalMaskNode();
 
 // A new morpher for the wireframe geometry of

@@ -251,10 +251,11 @@ WireframeLevel wireframeForDetail(TrackingDetail detail, const BlendshapeMap& bl
   level.points.reserve(layout.vertices.size());
   const auto* base = geometry->source(GeometrySource::Semantic::vertex);
   for (const auto v : layout.vertices) level.points.push_back(base->vec3(static_cast<std::size_t>(v)));
-  for (std::size_t t = 0; t < morpher->targetCount(); ++t) {
+  const auto targets = morpher->loadedTargets();
+  for (std::size_t t = 0; targets && t < targets->size(); ++t) {
     const float w = morpher->weight(t);
-    if (w == 0.0f) continue;
-    const MorphTarget& target = *(*morpher->targets)[t];
+    if (w == 0.0f || !(*targets)[t]) continue;
+    const MorphTarget& target = *(*targets)[t];
     if (!target.hasPositions) continue;
     for (std::size_t p = 0; p < layout.vertices.size(); ++p) {
       const auto v = static_cast<std::uint32_t>(layout.vertices[p]);

@@ -188,7 +188,8 @@ class DocumentBuilder {
   explicit DocumentBuilder(tinygltf::Model& doc) : doc_(doc), packer_(doc) {}
 
   int mesh(const Geometry& geometry, const Morpher* morpher) {
-    const auto key = std::make_pair(&geometry, morpher ? morpher->targets.get() : nullptr);
+    const auto list = morpher ? morpher->loadedTargets() : nullptr;
+    const auto key = std::make_pair(&geometry, list.get());
     if (auto it = meshes_.find(key); it != meshes_.end()) return it->second;
 
     // At most: every stream, every index as 32 bits, and two dense delta
@@ -229,9 +230,9 @@ class DocumentBuilder {
     tinygltf::Mesh mesh;
     mesh.name = geometry.name;
     std::vector<std::map<std::string, int>> targets;
-    if (morpher && morpher->targets) {
+    if (list) {
       tinygltf::Value::Array names;
-      for (const auto& target : *morpher->targets) {
+      for (const auto& target : *list) {
         std::map<std::string, int> deltas;
         if (target->hasPositions && !basePositions.empty())
           deltas["POSITION"] = packer_.deltas(packed(target->densePositionDeltas(basePositions.size() / 3)), true);

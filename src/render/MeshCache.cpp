@@ -135,20 +135,25 @@ const MeshCache::Part* MeshCache::part(const GeometryElement& element) {
   return &(parts_[key] = std::move(entry)).part;
 }
 
-const MeshCache::MorphDeltas* MeshCache::deltas(const Geometry& base, const std::shared_ptr<const TargetList>& targets) {
+const MeshCache::MorphDeltas* MeshCache::deltas(const Geometry& base, const std::shared_ptr<const TargetList>& given,
+                                                const std::shared_ptr<const MorphTargetSource>& source) {
   const GeometrySource* bp = base.source(Semantic::vertex);
   const GeometrySource* bn = base.source(Semantic::normal);
-  if (!targets || targets->empty() || !bp || !bp->data || bp->vectorCount <= 0) return nullptr;
-  const void* key = targets.get();
+  if ((!given && !source) || !bp || !bp->data || bp->vectorCount <= 0) return nullptr;
+  const std::shared_ptr<const void> owner =
+      source ? std::static_pointer_cast<const void>(source) : std::static_pointer_cast<const void>(given);
+  const void* key = owner.get();
   auto it = deltas_.find(key);
   if (it != deltas_.end()) {
     const DeltaEntry& e = it->second;
     const bool sameBase = e.basePositions.lock() == bp->data && (!bn || e.baseNormals.lock() == bn->data);
-    if (!e.targets.expired() && sameBase) return &e.deltas;
+    if (!e.owner.expired() && sameBase) return &e.deltas;
     glDeleteTextures(1, &it->second.deltas.texture);
     glDeleteBuffers(1, &it->second.deltas.buffer);
     deltas_.erase(it);
   }
+  const std::shared_ptr<const TargetList> targets = given ? given : source->load ? source->load() : nullptr;
+  if (!targets || targets->empty()) return nullptr;
 
   const std::size_t n = static_cast<std::size_t>(bp->vectorCount);
   // The morph program weighs at most maxMorphTargets targets of one mesh;
@@ -188,7 +193,8 @@ const MeshCache::MorphDeltas* MeshCache::deltas(const Geometry& base, const std:
     }
   }
   DeltaEntry entry;
-  entry.targets = targets;
+  entry.owner = owner;
+  if (source) source->uploaded = true;
   entry.basePositions = bp->data;
   if (bn) entry.baseNormals = bn->data;
   MorphDeltas& d = entry.deltas;
@@ -234,7 +240,7 @@ void MeshCache::purgeExpired() {
     it = parts_.erase(it);
   }
   for (auto it = deltas_.begin(); it != deltas_.end();) {
-    if (!it->second.targets.expired()) {
+    if (!it->second.owner.expired()) {
       ++it;
       continue;
     }

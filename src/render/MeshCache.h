@@ -5,11 +5,12 @@
 // every frame, costs one upload. Entries whose arrays have been freed on the
 // CPU side are deleted by purgeExpired() (the weak references tell).
 //
-// Morph targets are uploaded as one texture buffer of deltas from the base
-// mesh, six half floats per (target, vertex) (position delta x y z, normal
-// delta x y z) read as R32UI texels of two halves each, low half first:
-// texel 3 * (target * vertexCount + vertex) starts them. Nothing pads them
-// (an RGBA16F pair would spend a quarter of the memory on unused w).
+// Morph targets are uploaded as one R32UI texture buffer of deltas from the
+// base mesh, per vertex: first vertexCount + 1 offsets (vertex v's entries
+// are entries offset[v] .. offset[v + 1] - 1), then four texels per entry:
+// the target's index, and six half floats two to a texel, low half first
+// (position delta x y z, normal delta x y z). Only vertices a target moves
+// have an entry.
 //
 // Threads: the render thread, with the owning context current.
 
@@ -57,8 +58,12 @@ class MeshCache {
   const Mesh* mesh(const Geometry& geometry);
   // Null when the element has no indices.
   const Part* part(const GeometryElement& element);
-  // Null when there are no targets or the base has no positions.
-  const MorphDeltas* deltas(const Geometry& base, const std::shared_ptr<const TargetList>& targets);
+  // Null when there are no targets or the base has no positions. The GPU
+  // copy is found by `source` when there is one (the targets may have been
+  // let go; they are loaded from it only when this context has no copy),
+  // else by `targets`, and lives as long as that one does.
+  const MorphDeltas* deltas(const Geometry& base, const std::shared_ptr<const TargetList>& targets,
+                            const std::shared_ptr<const MorphTargetSource>& source = nullptr);
 
   // Deletes the GPU copies of arrays nobody holds any more.
   void purgeExpired();
@@ -81,7 +86,7 @@ class MeshCache {
     Part part;
   };
   struct DeltaEntry {
-    std::weak_ptr<const void> targets, basePositions, baseNormals;
+    std::weak_ptr<const void> owner, basePositions, baseNormals;
     MorphDeltas deltas;
   };
 

@@ -9,6 +9,7 @@
 //   [SECTION] API
 
 #include <epoxy/gl.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <cmath>
@@ -95,7 +96,8 @@ struct Prepared {
 constexpr std::size_t kTargetSizes = 2;
 
 struct SceneRenderer::Impl {
-  // output reads a single-sampled scene, outputMultisampled a multisampled one.
+  // texturedSurface: null until a frame shows a textured material; output
+  // (for a single-sampled scene) and outputMultisampled: null until needed.
   std::unique_ptr<ShaderProgram> morph, depth, surface, texturedSurface, output, outputMultisampled;
   MeshCache cache;
   TextureCache textures;
@@ -119,6 +121,9 @@ struct SceneRenderer::Impl {
   int maxSamples = 1;
   int maxSize = 0;
   bool reportedGlError = false;
+  bool texturedFailed = false;  // the textured program did not compile (reported once)
+  std::size_t uploadsAtTrim = 0;  // the cache's upload count after the last frame
+  bool trimNextFrame = false;
 
   ~Impl() {
     for (Targets& t : targetSets) releaseTargets(t);
@@ -368,13 +373,16 @@ struct SceneRenderer::Impl {
       p.mesh = cache.mesh(*item.geometry);
       if (!p.mesh) continue;
       for (std::size_t e = 0; e < item.geometry->elements.size(); ++e)
-        if (const auto* part = cache.part(item.geometry->elements[e]))
-          p.parts.emplace_back(part, &materialFor(*item.geometry, e));
+        if (const auto* part = cache.part(item.geometry->elements[e])) {
+          const Material& material = materialFor(*item.geometry, e);
+          p.parts.emplace_back(part, &material);
+          if (usesTexturedProgram(material)) ensureTexturedProgram();
+        }
       if (p.parts.empty()) continue;
       bool anyWeight = false;
       for (float w : item.morphWeights) anyWeight = anyWeight || w != 0.0f;
-      if (anyWeight && item.morphTargets) {
-        if (const auto* deltas = cache.deltas(*item.geometry, item.morphTargets))
+      if (anyWeight && (item.morphTargets || item.morphSource)) {
+        if (const auto* deltas = cache.deltas(*item.geometry, item.morphTargets, item.morphSource))
           p.morphed = runMorph(slot++, *p.mesh, deltas, item);
       }
       p.mirrored = glm::determinant(glm::mat3(item.worldTransform)) < 0.0f;
@@ -406,7 +414,7 @@ struct SceneRenderer::Impl {
       if (setMaterial) {
         // Materials read from files take the textured variant; the
         // built-in ones the plain program as it always was.
-        ShaderProgram& wanted = usesTexturedProgram(*material) ? *texturedSurface : program;
+        ShaderProgram& wanted = usesTexturedProgram(*material) && texturedSurface ? *texturedSurface : program;
         if (&wanted != current) {
           wanted.use();
           setItem(wanted);
@@ -427,6 +435,52 @@ struct SceneRenderer::Impl {
     }
     glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, 0);
     if (current != &program) program.use();
+  }
+
+  // The output program for a single- or multisampled scene, compiled when
+  // first needed (a renderer mostly makes one kind). Null, with the reason,
+  // when it does not compile.
+  ShaderProgram* outputProgram(bool multisampled, std::string& why) {
+    std::unique_ptr<ShaderProgram>& program = multisampled ? outputMultisampled : output;
+    if (program) return program.get();
+    auto made = multisampled ? ShaderProgram::create({"multisampled output", shaders::outputVertex,
+                                                      shaders::variant(shaders::outputFragment, "MULTISAMPLED"), {}})
+                             : ShaderProgram::create({"output", shaders::outputVertex, shaders::outputFragment, {}});
+    if (!made) {
+      why = made.reason;
+      return nullptr;
+    }
+    program = std::move(made.value);
+    program->use();
+    program->set("uImage", kUnitImage);
+    return program.get();
+  }
+
+  // The textured program is compiled when a frame first shows such a
+  // material: the built-in characters never do, and software GL spends a
+  // few megabytes on each program. Should it fail to compile, those
+  // materials are drawn with the plain program (their factors, no pictures).
+  void ensureTexturedProgram() {
+    if (texturedSurface || texturedFailed) return;
+    auto made = ShaderProgram::create({"textured surface", shaders::variant(shaders::surfaceVertex, "TEXTURED"),
+                                       shaders::variant(shaders::surfaceFragment, "TEXTURED"), {}});
+    if (!made) {
+      texturedFailed = true;
+      logLine("Renderer", "SceneRenderer: textured materials are drawn without their pictures: " + made.reason);
+      return;
+    }
+    texturedSurface = std::move(made.value);
+    texturedSurface->use();
+    setSurfaceUnits(*texturedSurface);
+    const char* const maps[5] = {"uBaseColorMap", "uMetallicRoughnessMap", "uNormalMap", "uOcclusionMap",
+                                 "uEmissiveMap"};
+    for (int i = 0; i < 5; ++i) texturedSurface->set(maps[i], kUnitMaterial + i);
+  }
+
+  static void setSurfaceUnits(ShaderProgram& program) {
+    program.set("uShadowMap", kUnitShadow);
+    program.set("uSpecularEnvironment", kUnitSpecular);
+    program.setArray("uPoisson", kPoisson, shaders::shadowSamples);
   }
 
   static bool usesTexturedProgram(const Material& m) {
@@ -490,12 +544,6 @@ CreateResult<SceneRenderer> SceneRenderer::create() {
       {&impl->morph, {"morph", shaders::morphVertex, "", {"vPosition", "vNormal"}}},
       {&impl->depth, {"depth", shaders::depthVertex, shaders::depthFragment, {}}},
       {&impl->surface, {"surface", shaders::surfaceVertex, shaders::surfaceFragment, {}}},
-      {&impl->texturedSurface,
-       {"textured surface", shaders::variant(shaders::surfaceVertex, "TEXTURED"),
-        shaders::variant(shaders::surfaceFragment, "TEXTURED"), {}}},
-      {&impl->output, {"output", shaders::outputVertex, shaders::outputFragment, {}}},
-      {&impl->outputMultisampled,
-       {"multisampled output", shaders::outputVertex, shaders::variant(shaders::outputFragment, "MULTISAMPLED"), {}}},
   };
   for (const auto& p : programs) {
     auto made = ShaderProgram::create(p.sources);
@@ -541,18 +589,8 @@ CreateResult<SceneRenderer> SceneRenderer::create() {
   glBindTexture(GL_TEXTURE_2D, 0);
   glGenVertexArrays(1, &impl->emptyVertexArray);
 
-  for (ShaderProgram* program : {impl->surface.get(), impl->texturedSurface.get()}) {
-    program->use();
-    program->set("uShadowMap", kUnitShadow);
-    program->set("uSpecularEnvironment", kUnitSpecular);
-    program->setArray("uPoisson", kPoisson, shaders::shadowSamples);
-  }
-  const char* const maps[5] = {"uBaseColorMap", "uMetallicRoughnessMap", "uNormalMap", "uOcclusionMap", "uEmissiveMap"};
-  for (int i = 0; i < 5; ++i) impl->texturedSurface->set(maps[i], kUnitMaterial + i);
-  for (ShaderProgram* program : {impl->output.get(), impl->outputMultisampled.get()}) {
-    program->use();
-    program->set("uImage", kUnitImage);
-  }
+  impl->surface->use();
+  Impl::setSurfaceUnits(*impl->surface);
   impl->morph->use();
   impl->morph->set("uDeltas", kUnitDeltas);
   glUseProgram(0);
@@ -571,7 +609,7 @@ BlendedMesh SceneRenderer::morphOnGpu(const FrameDrawItem& item) {
   if (!item.geometry) return out;
   const auto* mesh = s.cache.mesh(*item.geometry);
   if (!mesh) return out;
-  const auto* deltas = item.morphTargets ? s.cache.deltas(*item.geometry, item.morphTargets) : nullptr;
+  const auto* deltas = s.cache.deltas(*item.geometry, item.morphTargets, item.morphSource);
   const GLuint buffer = s.runMorph(0, *mesh, deltas, item);
   std::vector<float> data(static_cast<std::size_t>(mesh->vertexCount) * 6);
   glBindBuffer(GL_TRANSFORM_FEEDBACK_BUFFER, buffer);
@@ -595,6 +633,11 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
     return nullptr;
   }
   const Targets& t = *targets;
+  ShaderProgram* encode = s.outputProgram(t.samples > 1, why);
+  if (!encode) {
+    logLine("Renderer", "SceneRenderer::render(): no frame: " + why);
+    return nullptr;
+  }
   s.ensureEnvironment(frame.environment);
 
   const float aspect = static_cast<float>(frame.width) / static_cast<float>(frame.height);
@@ -665,6 +708,7 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
   const float environmentIntensity = s.hasEnvironment ? std::max(rig.environmentIntensity, 0.0f) : 0.0f;
   // The same frame uniforms for both surface programs (plain and textured).
   for (ShaderProgram* program : {s.surface.get(), s.texturedSurface.get()}) {
+    if (!program) continue;
     program->use();
     program->set("uViewProjection", viewProjection);
     program->set("uCameraPosition", frame.camera.position);
@@ -750,12 +794,11 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
   glBindFramebuffer(GL_FRAMEBUFFER, t.outputFbo);
   glViewport(0, 0, t.width, t.height);
   glActiveTexture(GL_TEXTURE0 + kUnitImage);
+  encode->use();
   if (t.samples > 1) {
-    s.outputMultisampled->use();
-    s.outputMultisampled->set("uSamples", t.samples);
+    encode->set("uSamples", t.samples);
     glBindTexture(GL_TEXTURE_2D_MULTISAMPLE, t.sceneColor);
   } else {
-    s.output->use();
     glBindTexture(GL_TEXTURE_2D, t.sceneColor);
   }
   glBindVertexArray(s.emptyVertexArray);
@@ -778,6 +821,16 @@ std::shared_ptr<RenderedFrame> SceneRenderer::render(const FrameDescription& fra
 
   s.cache.purgeExpired();
   s.textures.purgeExpired();
+  // A frame that uploaded a character follows its build (and the driver's
+  // compile of new shader variants): many megabytes of temporary arrays
+  // freed across the heaps of several threads, which glibc keeps resident
+  // until asked. The next frame follows the release of the CPU copy that
+  // the uploading frame carried. Ask on those two frames only (a trim scans
+  // every heap).
+  const bool uploaded = s.cache.uploadCount() != s.uploadsAtTrim;
+  if (uploaded || s.trimNextFrame) malloc_trim(0);
+  s.trimNextFrame = uploaded;
+  s.uploadsAtTrim = s.cache.uploadCount();
 
   if (GLenum e = glGetError(); e != GL_NO_ERROR && !s.reportedGlError) {
     logLine("Renderer", "SceneRenderer::render(): GL error " + hex(e) + " (reported once)");

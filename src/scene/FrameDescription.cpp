@@ -25,9 +25,10 @@ void addNode(FrameDescription& frame, const Node& node, const float4x4& parentTr
     item.worldTransform = world;
     item.geometry = node.geometry;
     item.opacity = opacity;
-    if (node.morpher && node.morpher->targets) {
+    if (node.morpher && node.morpher->targetCount() > 0) {
       const auto& m = *node.morpher;
       item.morphTargets = m.targets;
+      item.morphSource = m.source;
       for (std::size_t i = 0; i < m.targetCount(); ++i) {
         const float w = m.weight(i);
         if (w != 0.0f) {

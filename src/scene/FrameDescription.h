@@ -31,8 +31,11 @@ struct FrameCamera {
 struct FrameDrawItem {
   float4x4 worldTransform{1.0f};
   std::shared_ptr<const Geometry> geometry;
-  // The morpher's targets and the non-zero weights, in target order.
+  // The morpher's targets (null once let go) and where they come from
+  // again (null when nowhere; it also names them for the GPU copy), and the
+  // non-zero weights, in target order.
   std::shared_ptr<const MorphTargetList> morphTargets;
+  std::shared_ptr<const MorphTargetSource> morphSource;
   std::vector<int> morphIndices;
   std::vector<float> morphWeights;
   float opacity = 1.0f;  // the node's opacity times its ancestors', 0..1

@@ -437,6 +437,9 @@ std::shared_ptr<const FrameDescription> MaskSceneManager::makeFrameDescription(i
   frame->lights = rig_;
   frame->camera = camera_;
   frame->environment = environment_;
+  // The mask's targets (about 28 MB) are kept here only until a renderer
+  // has its GPU copy; frames then name them by their source.
+  if (morpher_ && morpher_->targets && morpher_->source && morpher_->source->uploaded) morpher_->targets.reset();
   if (maskNode_) frame->addNodes(*maskNode_);
   return frame;
 }

@@ -5,6 +5,11 @@
 
 namespace velmora {
 
+std::shared_ptr<const MorphTargetList> Morpher::loadedTargets() const {
+  if (targets || !source || !source->load) return targets;
+  return source->load();
+}
+
 void Morpher::setWeight(std::size_t index, float weight) {
   for (auto& f : followers)
     if (f && f.get() != this) f->setWeight(index, weight);
@@ -69,10 +74,11 @@ BlendedMesh referenceBlend(const Geometry& base, const Morpher& morpher) {
   if (bp) out.positions = bp->toVec3();
   if (bn) out.normals = bn->toVec3();
   const std::size_t n = out.positions.size();
-  for (std::size_t t = 0; t < morpher.targetCount(); ++t) {
+  const auto targets = morpher.loadedTargets();
+  for (std::size_t t = 0; targets && t < targets->size(); ++t) {
     const float w = morpher.weight(t);
-    if (w == 0.0f || !(*morpher.targets)[t]) continue;  // a null target moves nothing
-    const MorphTarget& target = *(*morpher.targets)[t];
+    if (w == 0.0f || !(*targets)[t]) continue;  // a null target moves nothing
+    const MorphTarget& target = *(*targets)[t];
     for (std::size_t k = 0; k < target.vertices.size(); ++k) {
       const std::size_t i = target.vertices[k];
       if (target.hasPositions && i < n) out.positions[i] += w * target.positionDeltas[k];

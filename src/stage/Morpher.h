@@ -5,8 +5,10 @@
 // positions and normals; the renderer's GPU path must match
 // referenceBlend() below.
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,17 +44,35 @@ struct MorphTarget {
 
 using MorphTargetList = std::vector<std::shared_ptr<const MorphTarget>>;
 
+// Where a character's targets come from again once every holder let them
+// go. A character built by code keeps one for the life of the process and
+// rebuilds its targets when asked after that (the mask's take about 0.3 s
+// on two cores): the live character then needs only the renderer's GPU
+// copy, which this object names. Threads: load() from any thread.
+struct MorphTargetSource {
+  std::size_t count = 0;  // targets load() gives
+  std::function<std::shared_ptr<const MorphTargetList>()> load;
+  // Set by a renderer once it holds its GPU copy: from then on a holder
+  // that kept the targets only for the renderer may let them go.
+  mutable std::atomic<bool> uploaded{false};
+};
+
 struct Morpher {
   enum class CalculationMode { normalized = 0, additive = 1 };
 
   CalculationMode calculationMode = CalculationMode::normalized;
+  // The targets; null once let go when `source` can give them again.
   std::shared_ptr<const MorphTargetList> targets;
+  std::shared_ptr<const MorphTargetSource> source;  // null: `targets` is all there is
   std::vector<float> weights;  // one per target, 0..1
   // Morphers of other nodes of the same character that take the same weights
   // (e.g. a part that must move with the body); setWeight forwards to them.
   std::vector<std::shared_ptr<Morpher>> followers;
 
-  std::size_t targetCount() const { return targets ? targets->size() : 0; }
+  std::size_t targetCount() const { return targets ? targets->size() : source ? source->count : 0; }
+  // The targets, loaded again from `source` when they were let go (null
+  // when there are none): for the CPU's own uses of them.
+  std::shared_ptr<const MorphTargetList> loadedTargets() const;
   // Out-of-range indices are ignored.
   void setWeight(std::size_t index, float weight);
   float weight(std::size_t index) const;

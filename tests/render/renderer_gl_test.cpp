@@ -308,6 +308,21 @@ TEST_F(MaskSceneGLTest, TheDefaultLookIsWellExposed) {
   EXPECT_LE(black, covered / 50);  // no black blotches (the mouth slit is a thin line)
 }
 
+// Once a renderer holds the mask's GPU copy the scene lets its CPU targets
+// go; a renderer made later loads them again and draws the same picture.
+TEST_F(MaskSceneGLTest, ARendererMadeLaterLoadsTheTargetsTheSceneLetGo) {
+  state->setBlendshapes({{"jawOpen", 1.0f}});
+  auto shown = renderNow();
+  renderNow();
+  EXPECT_FALSE(scene->morpher()->targets);
+  RenderThread later;
+  auto frame = std::const_pointer_cast<FrameDescription>(scene->makeFrameDescription(W, H));
+  frame->sampleCount = 1;
+  auto result = later.renderNow(frame);
+  ASSERT_TRUE(shown && result.frame) << result.error;
+  EXPECT_EQ(result.frame->pixels, shown->pixels);
+}
+
 // Then the state's opacity through the scene to the renderer's output.
 TEST_F(MaskSceneGLTest, TheGhostRendersWithDarkEyesAndOpacityZeroGivesAnEmptyFrame) {
   state->setCharacterModel(CharacterModelType::cartoonGhost);
