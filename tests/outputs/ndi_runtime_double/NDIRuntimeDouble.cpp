@@ -130,16 +130,17 @@ void violation(State& s, const char* text) {
   if (s.r.violations++ == 0) std::snprintf(s.r.firstViolation, sizeof s.r.firstViolation, "%s", text);
 }
 
-// Under the state's lock.
-Sender* find(State& s, NDIlib_send_instance_t instance) {
+// Under the state's lock. Without such a sender, a call named `caller` broke a promise.
+Sender* find(State& s, NDIlib_send_instance_t instance, const char* caller = nullptr) {
   for (auto& sender : s.senders)
     if (sender.get() == instance) return sender.get();
+  if (caller) violation(s, (std::string(caller) + ": unknown sender").c_str());
   return nullptr;
 }
 
 std::string machineName() {
   char host[256] = {};
-  if (::gethostname(host, sizeof host - 1) != 0 || !host[0]) std::strcpy(host, "localhost");
+  ::gethostname(host, sizeof host - 1);
   std::string name(host);
   name = name.substr(0, name.find('.'));  // the machine's short name, as the runtime announces it
   std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::toupper(c); });
@@ -185,11 +186,8 @@ NDI_EXPORT NDIlib_send_instance_t NDIlib_send_create(const NDIlib_send_create_t*
 NDI_EXPORT void NDIlib_send_destroy(NDIlib_send_instance_t instance) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  Sender* sender = find(s, instance);
-  if (!sender) {
-    violation(s, "NDIlib_send_destroy: unknown sender");
-    return;
-  }
+  Sender* sender = find(s, instance, "NDIlib_send_destroy");
+  if (!sender) return;
   if (sender->sendsInProgress > 0) violation(s, "NDIlib_send_destroy: sender destroyed during its own send");
   s.senders.erase(std::find_if(s.senders.begin(), s.senders.end(), [&](auto& p) { return p.get() == sender; }));
 }
@@ -199,11 +197,8 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
   bool readPixels = true;
   {
     std::lock_guard lock(s.mutex);
-    Sender* sender = find(s, instance);
-    if (!sender) {
-      violation(s, "NDIlib_send_send_video_v2: unknown sender");
-      return;
-    }
+    Sender* sender = find(s, instance, "NDIlib_send_send_video_v2");
+    if (!sender) return;
     // What the double itself reads; every other field is checked by the tests, literally.
     if (!frame || !frame->p_data || frame->xres <= 0 || frame->yres <= 0 ||
         frame->line_stride_in_bytes < frame->xres * 4) {
@@ -224,8 +219,7 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
   // Read again after waiting: the caller must not have let go of the pixels.
   if (sumOf() != sum)
     violation(s, "NDIlib_send_send_video_v2: pixels changed during the send");
-  Sender* sender = find(s, instance);
-  if (sender) --sender->sendsInProgress;
+  if (Sender* sender = find(s, instance)) --sender->sendsInProgress;
   ++s.r.framesSent;
   s.r.lastFrame = *frame;
   s.r.lastChecksum = sum;
@@ -235,10 +229,7 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
 NDI_EXPORT int NDIlib_send_get_no_connections(NDIlib_send_instance_t instance, std::uint32_t /*timeout_in_ms*/) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  if (!find(s, instance)) {
-    violation(s, "NDIlib_send_get_no_connections: unknown sender");
-    return 0;
-  }
+  if (!find(s, instance, "NDIlib_send_get_no_connections")) return 0;
   const char* connections = std::getenv("NDI_DOUBLE_CONNECTIONS");
   return connections ? std::max(0, std::atoi(connections)) : 0;
 }
