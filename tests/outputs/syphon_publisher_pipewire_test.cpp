@@ -8,8 +8,10 @@
 
 #include "outputs/PipeWireVideoSource.h"
 #include "outputs/SyphonPublisher.h"
+#include "support/ChildProcess.h"
 #include "support/LogCapture.h"
 #include "support/PrivatePipeWire.h"
+#include "support/SolidFrame.h"
 #include "support/StbImage.h"
 #include "support/TempDir.h"
 
@@ -21,12 +23,8 @@ const std::string systemFolder = "/usr/lib/x86_64-linux-gnu";
 // 1920 x 1080, transparent but for an opaque red top-left quadrant and a
 // half-transparent blue bottom-right one: tells rows flipped, channels
 // swapped and alpha lost apart.
-std::shared_ptr<const RenderedFrame> quadrantFrame(std::uint64_t sequence) {
-  auto frame = std::make_shared<RenderedFrame>();
-  frame->width = 1920;
-  frame->height = 1080;
-  frame->sequence = sequence;
-  frame->pixels.assign(static_cast<std::size_t>(frame->width) * frame->height * 4, 0);
+std::shared_ptr<const RenderedFrame> quadrantFrame() {
+  auto frame = std::make_shared<RenderedFrame>(test::solidFrame(1920, 1080, 0, 0, 0, 0));
   for (int y = 0; y < frame->height; ++y)
     for (int x = 0; x < frame->width; ++x) {
       std::uint8_t* p = frame->pixels.data() + (static_cast<std::size_t>(y) * frame->width + x) * 4;
@@ -40,18 +38,9 @@ std::shared_ptr<const RenderedFrame> quadrantFrame(std::uint64_t sequence) {
 // would, until the returned thread is destroyed.
 std::jthread feed(SyphonPublisher& publisher) {
   return std::jthread([&publisher](std::stop_token stop) {
-    const auto frame = quadrantFrame(0);
+    const auto frame = quadrantFrame();
     for (; !stop.stop_requested(); std::this_thread::sleep_for(std::chrono::milliseconds(20))) publisher.publish(frame);
   });
-}
-
-bool waitFor(const std::function<bool()>& condition, double seconds) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return condition();
 }
 
 std::vector<std::string> gstOneFrame(const std::string& png) {
@@ -111,9 +100,9 @@ TEST(SyphonPublisherPipeWire, FromNoLibraryAndNoDaemonToConsumersAcrossADaemonRe
   // A killed daemon leaves its socket file behind; nothing answers on it.
   EXPECT_TRUE(std::filesystem::exists(session.dir() / "pipewire-0"));
   EXPECT_FALSE(PipeWireVideoSource::daemonSocketAnswers());
-  EXPECT_TRUE(waitFor([&] { return !publisher.isRunning(); }, 5.0));
+  EXPECT_TRUE(test::eventually([&] { return !publisher.isRunning(); }, 5.0));
   EXPECT_FALSE(publisher.hasClients());
-  publisher.publish(quadrantFrame(1));  // dropped, harmlessly
+  publisher.publish(quadrantFrame());  // dropped, harmlessly
   EXPECT_FALSE(publisher.start());
   EXPECT_EQ(publisher.lastError(), "PipeWire video source could not be created (is PipeWire running?)");
   EXPECT_TRUE(log.hasPrefix("[Syphon] Server lost its PipeWire connection ("));
@@ -130,32 +119,26 @@ TEST(SyphonPublisherPipeWire, FromNoLibraryAndNoDaemonToConsumersAcrossADaemonRe
     const auto feeder = feed(publisher);
     const std::string png = (session.dir() / "received.png").string();
     ASSERT_EQ(session.run(gstOneFrame(png), "gst.log"), 0);
-    int w = 0, h = 0, channels = 0;
-    stbi_uc* pixels = stbi_load(png.c_str(), &w, &h, &channels, 4);
-    ASSERT_NE(pixels, nullptr) << "no PNG from the consumer";
-    auto at = [&](int x, int y) {
-      const stbi_uc* p = pixels + (static_cast<std::size_t>(y) * w + x) * 4;
-      return std::array<int, 4>{p[0], p[1], p[2], p[3]};
-    };
-    EXPECT_EQ(w, 1920);
-    EXPECT_EQ(h, 1080);
-    EXPECT_EQ(at(100, 100), (std::array<int, 4>{255, 0, 0, 255}));     // red, top left
-    EXPECT_EQ(at(1800, 1000), (std::array<int, 4>{0, 0, 255, 128}));   // blue, bottom right, half alpha
-    EXPECT_EQ(at(1800, 100)[3], 0);                                    // transparent elsewhere
-    EXPECT_EQ(at(100, 1000)[3], 0);
-    stbi_image_free(pixels);
+    const test::Picture received = test::loadPicture(png);
+    ASSERT_EQ(received.width, 1920) << "no PNG from the consumer";
+    EXPECT_EQ(received.height, 1080);
+    const auto rgba = [&](int x, int y) { return std::vector<int>(received.at(x, y), received.at(x, y) + 4); };
+    EXPECT_EQ(rgba(100, 100), (std::vector<int>{255, 0, 0, 255}));    // red, top left
+    EXPECT_EQ(rgba(1800, 1000), (std::vector<int>{0, 0, 255, 128}));  // blue, bottom right, half alpha
+    EXPECT_EQ(received.alpha(1800, 100), 0);                          // transparent elsewhere
+    EXPECT_EQ(received.alpha(100, 1000), 0);
     // The consumer has gone: back to no client.
-    EXPECT_TRUE(waitFor([&] { return !publisher.hasClients(); }, 3.0));
+    EXPECT_TRUE(test::eventually([&] { return !publisher.hasClients(); }, 3.0));
 
     // A consumer that never stops, killed mid-stream.
     pid_t consumer = session.spawn({"/usr/bin/gst-launch-1.0", "-q", "pipewiresrc", "target-object=Velmora", "!",
                                     "video/x-raw", "!", "fakesink"});
     ASSERT_GT(consumer, 0);
-    EXPECT_TRUE(waitFor([&] { return publisher.hasClients(); }, 10.0));
+    EXPECT_TRUE(test::eventually([&] { return publisher.hasClients(); }, 10.0));
     const auto copiedBefore = publisher.source()->counters().copied;
-    EXPECT_TRUE(waitFor([&] { return publisher.source()->counters().copied > copiedBefore + 5; }, 5.0));
+    EXPECT_TRUE(test::eventually([&] { return publisher.source()->counters().copied > copiedBefore + 5; }, 5.0));
     test::PrivatePipeWire::killOne(consumer, SIGKILL);
-    EXPECT_TRUE(waitFor([&] { return !publisher.hasClients(); }, 5.0));
+    EXPECT_TRUE(test::eventually([&] { return !publisher.hasClients(); }, 5.0));
     EXPECT_TRUE(publisher.isRunning());
 
     // And the next consumer is served as before.

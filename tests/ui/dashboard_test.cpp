@@ -9,7 +9,9 @@
 #define GLFW_INCLUDE_NONE
 #include <GLFW/glfw3.h>
 
+#include <algorithm>
 #include <cmath>
+#include <sstream>
 
 #include "animation/CharacterAnimationController.h"
 #include "ui/ConnectionPanel.h"
@@ -21,7 +23,6 @@
 #include "ui/ExpressionPanel.h"
 #include "ui/LightingPanel.h"
 #include "ui/MenuCommands.h"
-#include "ui/OSCCommandsText.h"
 #include "ui/OSCCommandsWindow.h"
 #include "ui/OscPortField.h"
 #include "ui/PreviewFrames.h"
@@ -63,38 +64,29 @@ TEST_F(DashboardTest, CuePortEntryAcceptsOnlyUsablePortsAndRefuses53000WithTheSe
   EXPECT_EQ(restarts, 1);
 }
 
+// What "Copy as text" puts on the clipboard: one literal opening, then every
+// group heading followed by its commands' addresses, in catalogue order.
 TEST_F(DashboardTest, CopyAsTextListsEveryCommandUnderItsGroupInCatalogueOrder) {
-  const std::string text = OSCCommandsText::build(53123);
-  EXPECT_NE(text.find("UDP port 53123"), std::string::npos);
-  std::size_t cursor = 0;
-  const auto& groups = OSCCommandCatalog::groups();
-  std::size_t listed = 0;
-  for (std::size_t g = 0; g < groups.size(); ++g) {
-    const std::size_t heading = text.find("\n" + groups[g] + "\n", cursor);
-    ASSERT_NE(heading, std::string::npos) << groups[g];
-    const std::size_t next =
-        g + 1 < groups.size() ? text.find("\n" + groups[g + 1] + "\n", heading) : std::string::npos;
-    cursor = heading;
-    for (const OSCCommand* command : OSCCommandCatalog::commands(groups[g])) {
-      const std::size_t at = text.find("\n" + command->address + "\n", cursor);
-      ASSERT_NE(at, std::string::npos) << command->address;
-      EXPECT_LT(at, next) << command->address << " is listed outside " << groups[g];
-      // Its aliases, argument and summary follow before the next command.
-      const std::size_t end = text.find("\n/", at + 1);
-      const std::string block = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
-      for (const auto& alias : command->aliases) EXPECT_NE(block.find(alias), std::string::npos) << alias;
-      EXPECT_NE(block.find("argument: " + command->arguments), std::string::npos) << command->address;
-      EXPECT_NE(block.find(command->summary), std::string::npos) << command->address;
-      cursor = at;
-      ++listed;
-    }
-  }
-  EXPECT_EQ(listed, OSCCommandCatalog::all().size());
-
   std::string clipboard;
   context.setClipboard = [&](const std::string& t) { clipboard = t; };
+  state.setOscPort(53123);
   OSCCommandsWindow(context).copyAsText();
-  EXPECT_EQ(clipboard, OSCCommandsText::build(state.oscPort()));
+  EXPECT_TRUE(clipboard.starts_with(
+      "Velmora OSC commands (UDP port 53123; addresses match in any letter case)\n\nCalibration & Tracking\n"
+      "======================\n/velmora/recentre\n    aliases: /velmora/recenter, /velmora/centre, /velmora/center, "
+      "/recentre, /recenter, /centre, /center, /zero\n    argument: none\n"
+      "    Recalibrate the performer's current pose as neutral.\n/velmora/reset\n    aliases: /reset\n"))
+      << clipboard;
+  std::vector<std::string> expected, listed;
+  for (const std::string& group : OSCCommandCatalog::groups()) {
+    expected.push_back(group);
+    for (const OSCCommand* command : OSCCommandCatalog::commands(group)) expected.push_back(command->address);
+  }
+  EXPECT_EQ(expected.size(), OSCCommandCatalog::groups().size() + OSCCommandCatalog::all().size());
+  std::istringstream lines(clipboard);
+  for (std::string line; std::getline(lines, line);)
+    if (line.starts_with("/") || std::ranges::count(OSCCommandCatalog::groups(), line)) listed.push_back(line);
+  EXPECT_EQ(listed, expected);
 }
 
 TEST_F(DashboardTest, LightingEditsMarkTheRecordCustomAndKeepTheRest) {
@@ -116,13 +108,11 @@ TEST_F(DashboardTest, LightingEditsMarkTheRecordCustomAndKeepTheRest) {
 TEST_F(DashboardTest, CueButtonsSwitchCharacterStartWithDefaultDurationAndStopWithFade) {
   state.setCharacterModel(CharacterModelType::cartoonGhost);
   CuesPanel cues(context);
-  EXPECT_FALSE(cues.progress());
   cues.fire(AnimationCue::Kind::maskBow);
   EXPECT_EQ(state.characterModel(), CharacterModelType::theatricalMask);
   ASSERT_TRUE(animation.activeCue());
   EXPECT_EQ(animation.activeCue()->kind, AnimationCue::Kind::maskBow);
-  EXPECT_DOUBLE_EQ(animation.activeCue()->requestedDuration, 2.5);
-  now += 1.25;
+  now += 1.25;  // half of the bow's default 2.5 s
   ASSERT_TRUE(cues.progress());
   EXPECT_NEAR(*cues.progress(), 0.5, 1e-9);
   // A cue started elsewhere (a remote command) restarts the progress.
@@ -157,8 +147,7 @@ TEST_F(DashboardTest, ExportRunsInTheBackgroundOneAtATimeAndShowsEachFile) {
   EXPECT_FALSE(panel.start(folder));  // a second press while it runs does nothing
   ASSERT_TRUE(MainQueue::shared().runUntil([&] { return !panel.running(); }, 120.0));
   ASSERT_EQ(panel.results().size(), allCases<CharacterModelType>().size());
-  for (const auto& line : panel.results()) EXPECT_EQ(line.rfind("Wrote ", 0), 0u) << line;
-  EXPECT_TRUE(std::filesystem::exists(dir.path() / "glb" / "cartoon_ghost.glb"));
+  for (const auto& line : panel.results()) EXPECT_EQ(line.rfind("Wrote " + folder + "/", 0), 0u) << line;
 }
 
 TEST_F(DashboardTest, PacketAgeReadsInUnitsAnOperatorCanTake) {
@@ -172,14 +161,10 @@ TEST_F(DashboardTest, PacketAgeReadsInUnitsAnOperatorCanTake) {
 }
 
 TEST_F(DashboardTest, PreviewShrinksWithAlphaWeightedColourAndKeepsTheNewestFrame) {
+  // 4 x 2 BGRA. Left block: one opaque red pixel, three transparent; right block: uniform half-transparent.
   RenderedFrame frame = test::solidFrame(4, 2, 0, 0, 0, 0);
-  auto set = [&](int x, int y, std::uint8_t b, std::uint8_t g, std::uint8_t r, std::uint8_t a) {
-    std::uint8_t* p = frame.pixels.data() + (y * 4 + x) * 4;
-    p[0] = b, p[1] = g, p[2] = r, p[3] = a;
-  };
-  set(0, 0, 0, 0, 255, 255);  // left block: one opaque red pixel, three transparent
-  for (int y = 0; y < 2; ++y)
-    for (int x = 2; x < 4; ++x) set(x, y, 200, 100, 50, 128);  // right block: uniform half-transparent
+  frame.pixels = {0, 0, 255, 255, 0, 0, 0, 0, 200, 100, 50, 128, 200, 100, 50, 128,
+                  0, 0, 0,   0,   0, 0, 0, 0, 200, 100, 50, 128, 200, 100, 50, 128};
   auto small = PreviewFrames::shrink(frame, 2);
   ASSERT_EQ(small->width, 2);
   ASSERT_EQ(small->height, 1);
@@ -206,9 +191,7 @@ TEST_F(DashboardTest, WireframeFollowsTheDetailAndTheHead) {
   const std::size_t simple = tracker.level().points.size();
   state.setTrackingDetail(TrackingDetail::many);
   tracker.update(state);
-  EXPECT_EQ(tracker.detail(), TrackingDetail::many);
   EXPECT_GT(tracker.level().points.size(), simple);
-  EXPECT_EQ(tracker.updateCount(), 2u);
   // A quarter turn of yaw brings a point on the right (+x) to the front: seen from the front it sits at x 0.
   const float2 turned = WireframeTracker::project(float3(1.0f, 0.0f, 0.0f), float3(0.0f, float(M_PI / 2), 0.0f));
   EXPECT_NEAR(turned.x, 0.0f, 1e-6f);
@@ -241,12 +224,10 @@ TEST_F(DashboardTest, EveryPanelDrawsInAHeadlessFrameAndStatusTextsWrap) {
   WireframeTracker tracker;
   tracker.update(state);
   context.showOSCCommands = true;
-  HeadlessImGui imgui;
-  ImGuiIO& io = ImGui::GetIO();
+  HeadlessImGui imgui;  // io.DeltaTime stays at its 1/60 s
   {
     Dashboard dashboard(context, frames, tracker, false);
     for (int frame = 0; frame < 3; ++frame) {
-      io.DeltaTime = 1.0f / 60.0f;
       ImGui::NewFrame();
       dashboard.draw();
       ImGui::Render();
@@ -327,13 +308,11 @@ TEST_F(MenuCommandsTest, MenusListTheEntriesWithTheirShortcutsAndTheKeysReachThe
 }
 
 TEST_F(MenuCommandsTest, EntriesActOnTheStateThroughItsSetters) {
-  state.ingestPacket(std::nullopt, float3(0.1f, 0.2f, 0.3f), std::nullopt, "10.0.0.2:5000");
+  // What recentring captures is the state's (face_tracking_state_test).
   MenuCommands::perform(MenuCommand::recentreNeutralPose, context);
   EXPECT_TRUE(state.isCalibrated());
-  EXPECT_EQ(state.zeroRotationOffset(), float3(0.1f, 0.2f, 0.3f));
   MenuCommands::perform(MenuCommand::resetCalibration, context);
   EXPECT_FALSE(state.isCalibrated());
-  EXPECT_EQ(state.zeroRotationOffset(), float3(0.0f));
 
   const bool syphon = state.isSyphonActive(), ndi = state.isNDIActive(), osc = state.isOSCEnabled();
   MenuCommands::perform(MenuCommand::toggleSyphon, context);

@@ -3,7 +3,7 @@
 // runtime's entry points with the public SDK's C structures, checks what it
 // is handed as a real runtime relies on (a live sender, readable pixels at
 // the stated stride, no sender destroyed during its own send), and records
-// it for the tests to read back through the NDIdouble_* functions.
+// it for the tests to read back through NDIdouble_read (NDIDoubleReadout.h).
 //
 // Behaviour chosen by environment variables:
 //   NDI_DOUBLE_REFUSE_INIT=1       NDIlib_initialize reports failure
@@ -40,6 +40,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "NDIDoubleReadout.h"
 
 #define NDI_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -101,8 +103,7 @@ struct Sender {
 
 struct Finder {
   bool showLocal = true;
-  std::size_t reported = 0;  // senders seen at the last wait
-  std::vector<std::pair<std::string, std::string>> listed;  // name, url: what `sources` points into
+  std::vector<std::string> names;  // what `sources` points into (no addresses: nobody reads them)
   std::vector<NDIlib_source_t> sources;
 };
 
@@ -111,18 +112,7 @@ struct State {
   std::condition_variable released;
   std::vector<std::unique_ptr<Sender>> senders;
   bool holdSends = false;
-  int sendsInProgress = 0;
-  struct Recorded {  // what NDIdouble_reset forgets
-    int initializeCalls = 0;
-    int framesSent = 0;
-    bool haveFrame = false;
-    NDIlib_video_frame_v2_t lastFrame{};
-    std::uint64_t lastChecksum = 0;
-    bool haveSettings = false;
-    std::string lastName;
-    bool lastGroupsNull = true, lastClockVideo = true, lastClockAudio = true;
-    std::vector<std::string> violations;
-  } r;
+  NDIDoubleReadout<NDIlib_video_frame_v2_t> r;  // what NDIdouble_reset forgets; the live counts are filled in when read
 };
 
 State& state() {
@@ -136,15 +126,21 @@ bool flag(const char* name) {
 }
 
 // Under the state's lock.
-Sender* find(State& s, NDIlib_send_instance_t instance) {
+void violation(State& s, const char* text) {
+  if (s.r.violations++ == 0) std::snprintf(s.r.firstViolation, sizeof s.r.firstViolation, "%s", text);
+}
+
+// Under the state's lock. Without such a sender, a call named `caller` broke a promise.
+Sender* find(State& s, NDIlib_send_instance_t instance, const char* caller = nullptr) {
   for (auto& sender : s.senders)
     if (sender.get() == instance) return sender.get();
+  if (caller) violation(s, (std::string(caller) + ": unknown sender").c_str());
   return nullptr;
 }
 
 std::string machineName() {
   char host[256] = {};
-  if (::gethostname(host, sizeof host - 1) != 0 || !host[0]) std::strcpy(host, "localhost");
+  ::gethostname(host, sizeof host - 1);
   std::string name(host);
   name = name.substr(0, name.find('.'));  // the machine's short name, as the runtime announces it
   std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::toupper(c); });
@@ -176,14 +172,12 @@ NDI_EXPORT bool NDIlib_initialize(void) {
 NDI_EXPORT NDIlib_send_instance_t NDIlib_send_create(const NDIlib_send_create_t* settings) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  s.r.haveSettings = true;
-  s.r.lastName = settings && settings->p_ndi_name ? settings->p_ndi_name : "";
-  s.r.lastGroupsNull = !settings || !settings->p_groups;
-  s.r.lastClockVideo = settings ? settings->clock_video : true;
-  s.r.lastClockAudio = settings ? settings->clock_audio : true;
+  s.r.groupsNull = !settings || !settings->p_groups;
+  s.r.clockVideo = !settings || settings->clock_video;
+  s.r.clockAudio = !settings || settings->clock_audio;
   if (flag("NDI_DOUBLE_FAIL_CREATE")) return nullptr;
   auto sender = std::make_unique<Sender>();
-  sender->name = s.r.lastName.empty() ? "Sender" : s.r.lastName;
+  sender->name = settings && settings->p_ndi_name ? settings->p_ndi_name : "";
   sender->readPixels = !flag("NDI_DOUBLE_UNREAD_SENDS");
   s.senders.push_back(std::move(sender));
   return s.senders.back().get();
@@ -192,12 +186,9 @@ NDI_EXPORT NDIlib_send_instance_t NDIlib_send_create(const NDIlib_send_create_t*
 NDI_EXPORT void NDIlib_send_destroy(NDIlib_send_instance_t instance) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  Sender* sender = find(s, instance);
-  if (!sender) {
-    s.r.violations.push_back("NDIlib_send_destroy: unknown sender");
-    return;
-  }
-  if (sender->sendsInProgress > 0) s.r.violations.push_back("NDIlib_send_destroy: sender destroyed during its own send");
+  Sender* sender = find(s, instance, "NDIlib_send_destroy");
+  if (!sender) return;
+  if (sender->sendsInProgress > 0) violation(s, "NDIlib_send_destroy: sender destroyed during its own send");
   s.senders.erase(std::find_if(s.senders.begin(), s.senders.end(), [&](auto& p) { return p.get() == sender; }));
 }
 
@@ -206,19 +197,15 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
   bool readPixels = true;
   {
     std::lock_guard lock(s.mutex);
-    Sender* sender = find(s, instance);
-    if (!sender) {
-      s.r.violations.push_back("NDIlib_send_send_video_v2: unknown sender");
-      return;
-    }
+    Sender* sender = find(s, instance, "NDIlib_send_send_video_v2");
+    if (!sender) return;
     // What the double itself reads; every other field is checked by the tests, literally.
     if (!frame || !frame->p_data || frame->xres <= 0 || frame->yres <= 0 ||
         frame->line_stride_in_bytes < frame->xres * 4) {
-      s.r.violations.push_back("NDIlib_send_send_video_v2: no pixels at the stated size and stride");
+      violation(s, "NDIlib_send_send_video_v2: no pixels at the stated size and stride");
       return;
     }
     ++sender->sendsInProgress;
-    ++s.sendsInProgress;
     readPixels = sender->readPixels;
   }
   // The runtime owns the frame for the length of the call and no longer.
@@ -231,12 +218,9 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
   s.released.wait(lock, [&] { return !s.holdSends; });
   // Read again after waiting: the caller must not have let go of the pixels.
   if (sumOf() != sum)
-    s.r.violations.push_back("NDIlib_send_send_video_v2: pixels changed during the send");
-  Sender* sender = find(s, instance);
-  if (sender) --sender->sendsInProgress;
-  --s.sendsInProgress;
+    violation(s, "NDIlib_send_send_video_v2: pixels changed during the send");
+  if (Sender* sender = find(s, instance)) --sender->sendsInProgress;
   ++s.r.framesSent;
-  s.r.haveFrame = true;
   s.r.lastFrame = *frame;
   s.r.lastChecksum = sum;
 }
@@ -245,10 +229,7 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
 NDI_EXPORT int NDIlib_send_get_no_connections(NDIlib_send_instance_t instance, std::uint32_t /*timeout_in_ms*/) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  if (!find(s, instance)) {
-    s.r.violations.push_back("NDIlib_send_get_no_connections: unknown sender");
-    return 0;
-  }
+  if (!find(s, instance, "NDIlib_send_get_no_connections")) return 0;
   const char* connections = std::getenv("NDI_DOUBLE_CONNECTIONS");
   return connections ? std::max(0, std::atoi(connections)) : 0;
 }
@@ -265,23 +246,15 @@ NDI_EXPORT NDIlib_find_instance_t NDIlib_find_create_v2(const NDIlib_find_create
 
 NDI_EXPORT void NDIlib_find_destroy(NDIlib_find_instance_t instance) { delete static_cast<Finder*>(instance); }
 
-// True as soon as the list differs from the one seen at the last wait.
+// Local sources are there at once; otherwise nothing turns up within the timeout.
 NDI_EXPORT bool NDIlib_find_wait_for_sources(NDIlib_find_instance_t instance, std::uint32_t timeout_in_ms) {
-  auto* finder = static_cast<Finder*>(instance);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_in_ms);
   State& s = state();
-  for (;;) {
-    {
-      std::lock_guard lock(s.mutex);
-      const std::size_t visible = finder->showLocal ? s.senders.size() : 0;
-      if (visible != finder->reported) {
-        finder->reported = visible;
-        return true;
-      }
-    }
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  {
+    std::lock_guard lock(s.mutex);
+    if (static_cast<Finder*>(instance)->showLocal && !s.senders.empty()) return true;
   }
+  std::this_thread::sleep_for(std::chrono::milliseconds(timeout_in_ms));
+  return false;
 }
 
 // Every sender alive in this process is a local source. The list stays valid
@@ -289,22 +262,18 @@ NDI_EXPORT bool NDIlib_find_wait_for_sources(NDIlib_find_instance_t instance, st
 NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(NDIlib_find_instance_t instance,
                                                                   std::uint32_t* p_no_sources) {
   auto* finder = static_cast<Finder*>(instance);
-  finder->listed.clear();
-  finder->sources.clear();
-  const auto add = [&](std::string name, const char* host) {
-    finder->listed.emplace_back(std::move(name), host + std::to_string(5961 + finder->listed.size()));
-  };
+  finder->names.clear();
   {
     State& s = state();
     std::lock_guard lock(s.mutex);
     for (const auto& sender : s.senders)
-      if (finder->showLocal) add(machineName() + " (" + sender->name + ")", "127.0.0.1:");
+      if (finder->showLocal) finder->names.push_back(machineName() + " (" + sender->name + ")");
   }
   std::istringstream remote(std::getenv("NDI_DOUBLE_REMOTE_SOURCES") ? std::getenv("NDI_DOUBLE_REMOTE_SOURCES") : "");
   for (std::string name; std::getline(remote, name, ',');)
-    if (!name.empty()) add(name, "192.0.2.1:");
-  for (const auto& [name, url] : finder->listed)
-    finder->sources.push_back(NDIlib_source_t{name.c_str(), {url.c_str()}});
+    if (!name.empty()) finder->names.push_back(name);
+  finder->sources.clear();
+  for (const auto& name : finder->names) finder->sources.push_back(NDIlib_source_t{name.c_str(), {nullptr}});
   if (p_no_sources) *p_no_sources = static_cast<std::uint32_t>(finder->sources.size());
   return finder->sources.empty() ? nullptr : finder->sources.data();
 }
@@ -317,32 +286,13 @@ NDI_EXPORT void NDIdouble_reset(void) {
   state().r = {};
 }
 
-// Initialize calls, frames sent, live senders and sends in progress, in that order.
-NDI_EXPORT void NDIdouble_counts(int* out) {
+// Everything recorded since the last reset, and the live counts.
+NDI_EXPORT void NDIdouble_read(NDIDoubleReadout<NDIlib_video_frame_v2_t>* out) {
   State& s = state();
   std::lock_guard lock(s.mutex);
-  for (int n : {s.r.initializeCalls, s.r.framesSent, static_cast<int>(s.senders.size()), s.sendsInProgress}) *out++ = n;
-}
-
-// The last frame sent (its p_data as handed over) and the checksum of its pixels.
-NDI_EXPORT bool NDIdouble_last_frame(NDIlib_video_frame_v2_t* frame, std::uint64_t* sum) {
-  std::lock_guard lock(state().mutex);
-  if (!state().r.haveFrame) return false;
-  *frame = state().r.lastFrame;
-  *sum = state().r.lastChecksum;
-  return true;
-}
-
-NDI_EXPORT bool NDIdouble_last_send_create(char* name, std::size_t capacity, bool* groupsNull, bool* clockVideo,
-                                           bool* clockAudio) {
-  State& s = state();
-  std::lock_guard lock(s.mutex);
-  if (!s.r.haveSettings || capacity == 0) return false;
-  std::snprintf(name, capacity, "%s", s.r.lastName.c_str());
-  *groupsNull = s.r.lastGroupsNull;
-  *clockVideo = s.r.lastClockVideo;
-  *clockAudio = s.r.lastClockAudio;
-  return true;
+  *out = s.r;
+  out->liveSenders = static_cast<int>(s.senders.size());
+  for (const auto& sender : s.senders) out->sendsInProgress += sender->sendsInProgress;
 }
 
 // While held, every send blocks before returning (after reading its pixels once).
@@ -353,12 +303,4 @@ NDI_EXPORT void NDIdouble_hold_sends(bool hold) {
     s.holdSends = hold;
   }
   s.released.notify_all();
-}
-
-// How many broken promises were seen; the first one's text goes to `text`.
-NDI_EXPORT int NDIdouble_violations(char* text, std::size_t capacity) {
-  State& s = state();
-  std::lock_guard lock(s.mutex);
-  if (capacity) std::snprintf(text, capacity, "%s", s.r.violations.empty() ? "" : s.r.violations.front().c_str());
-  return static_cast<int>(s.r.violations.size());
 }
