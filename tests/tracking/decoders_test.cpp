@@ -1,5 +1,6 @@
 // The four tracking wire formats, the phone apps' datagrams and the
-// receiver's format detection, on literal payloads without sockets.
+// receiver's format detection, on literal payloads without sockets, and
+// the decoder against the fuzzers' reference decoder over the fuzz corpus.
 //
 // Index of this file:
 //   [SECTION] Live Link
@@ -8,16 +9,21 @@
 //   [SECTION] JSON
 //   [SECTION] Phone apps
 //   [SECTION] Detection order
+//   [SECTION] Reference cross-check
 
 #include <gtest/gtest.h>
 
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <limits>
 #include <string>
 #include <vector>
 
+#include "ReferenceTrackingDecoder.h"
 #include "base/Clock.h"
 #include "osc/OSCWriter.h"
 #include "support/OscBytes.h"
@@ -200,59 +206,66 @@ TEST(PhoneAppsTest, VMCHeadBoneTurnedAboutEachAxis) {
 // [SECTION] Detection order
 // ---------------------------------------------------------------------------
 
-class DetectionTest : public ::testing::Test {
- protected:
-  std::shared_ptr<test::RecordingSink> sink = std::make_shared<test::RecordingSink>();
-  TrackingReceiver receiver{sink};
-
-  TrackingFormat detect(const Bytes& data) {
-    receiver.processData(data, kSender);
-    return receiver.statistics().lastFormat;
-  }
-};
-
-TEST_F(DetectionTest, FirstMatchWins) {
-  // A valid OSC message. Every decoded frame carries the moment its datagram
-  // was read, on the uptime clock the outputs measure latency with.
+// Which format a datagram is taken for (OSC, then iFacialMocap text, JSON,
+// Live Link; anything else unknown) is also the reference decoder's order,
+// so the edge cases are corpus files: edge_detect_01 to 13, edge_osc_44 and
+// 45. Here, what the receiver adds to the decoder: the format and sender
+// recorded, the count, the arrival time, and frames handed to the sink's
+// deliver, everything else to deliverUnknown.
+TEST(TrackingReceiverTest, RecordsEachDatagramAndHandsItOn) {
+  auto sink = std::make_shared<test::RecordingSink>();
+  TrackingReceiver receiver(sink);
   const double before = uptime();
-  EXPECT_EQ(detect({'/', 't', 'r', 'a', 'c', 'k', 'i', 'n', 'g', '/', 'x', 0, ',', 'f', 0, 0, 0x3F, 0x80, 0, 0}),
-            TrackingFormat::osc);
+  receiver.processData(bytesOf("jawOpen-50|"), kSender);
+  EXPECT_EQ(receiver.statistics().lastFormat, TrackingFormat::iFacialMocap);
   ASSERT_EQ(sink->frames().size(), 1u);
+  // On the uptime clock the outputs measure latency with.
   EXPECT_GE(sink->frames()[0].frame.arrivalTime, before);
   EXPECT_LE(sink->frames()[0].frame.arrivalTime, uptime());
-  // "/" payloads the OSC parser rejects fall through, in order:
-  // fewer than 4 bytes, then text with "=": iFacialMocap.
-  EXPECT_EQ(detect(bytesOf("/=5")), TrackingFormat::iFacialMocap);
-  // An address that is not UTF-8: not text, not JSON, too short: unknown.
-  EXPECT_EQ(detect({'/', 0xFF, '=', 0}), TrackingFormat::unknown);
-  // The same 244 bytes and longer: Live Link.
-  Bytes slash = liveLinkPacket(4);
-  slash[0] = '/';
-  slash[1] = 0xFF;
-  EXPECT_EQ(detect(slash), TrackingFormat::liveLink);
-  // A bundle that yields no message falls through to text.
-  EXPECT_EQ(detect(bytesOf("#bundle|jawOpen-50")), TrackingFormat::iFacialMocap);
-  EXPECT_EQ(sink->frames().back().frame.blendshapes->at("jawOpen"), 0.5f);
-  // JSON with "=" or "|" inside is text first.
-  EXPECT_EQ(detect(bytesOf(R"({"blendshapes": {"a|b": 1}})")), TrackingFormat::iFacialMocap);
-  EXPECT_EQ(detect(bytesOf(R"({"blendshapes": {"jawOpen": 0.25}})")), TrackingFormat::json);
-  // JSON that is not an object, and short text without "=" or "|": unknown.
-  EXPECT_EQ(detect(bytesOf("[1, 2, 3]")), TrackingFormat::unknown);
-  EXPECT_EQ(detect(bytesOf("hello phone")), TrackingFormat::unknown);
-  EXPECT_EQ(detect({}), TrackingFormat::unknown);
-  // Binary of 244+ bytes is Live Link; so is long plain text.
-  EXPECT_EQ(detect(liveLinkPacket(20)), TrackingFormat::liveLink);
-  EXPECT_EQ(detect(Bytes(300, 'a')), TrackingFormat::liveLink);
-  // A bundle with a lying element size and 244+ bytes: OSC yields nothing,
-  // not UTF-8, so it ends as Live Link.
-  Bytes lying = liveLinkPacket(20);
-  std::memcpy(lying.data(), "#bundle\0\0\0\0\0\0\0\0\0\xFF\xFF\xFF\xFF", 20);
-  EXPECT_EQ(detect(lying), TrackingFormat::liveLink);
+  receiver.processData(bytesOf("hello phone"), "10.0.0.3:7");
+  EXPECT_EQ(receiver.statistics().lastFormat, TrackingFormat::unknown);
+  EXPECT_EQ(sink->frames().size(), 1u);
+  EXPECT_EQ(sink->total(), 2u);
+  EXPECT_EQ(receiver.statistics().packetsReceived, 2u);
+  EXPECT_EQ(receiver.statistics().lastSender, "10.0.0.3:7");
+}
 
-  const auto unknown = sink->unknown();
-  EXPECT_EQ(unknown.size(), 4u);
-  EXPECT_EQ(receiver.statistics().packetsReceived, 13u);
-  EXPECT_EQ(receiver.statistics().lastSender, kSender);
+// ---------------------------------------------------------------------------
+// [SECTION] Reference cross-check
+// ---------------------------------------------------------------------------
+// decodeDatagram against the plain reference decoder the tracking fuzzer
+// uses, over the fuzz corpus (which holds datagrams at the edges of each
+// format: edge_*), so every unit run repeats the fuzzer's cross-check on
+// known inputs.
+
+TEST(ReferenceDecoderTest, FuzzCorpusDecodesAsTheReferenceReadsIt) {
+  std::size_t files = 0;
+  for (const char* folder : {"tracking", "osc"}) {
+    const auto dir = std::filesystem::path(VELMORA_SOURCE_DIR) / "fuzz" / "corpus" / folder;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+      std::ifstream in(entry.path(), std::ios::binary);
+      const Bytes file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      // The tracking fuzzer's first byte picks an entry point: check the
+      // datagram with and without it.
+      EXPECT_EQ(reference::crossCheck(file), "") << entry.path();
+      if (file.empty()) continue;
+      EXPECT_EQ(reference::crossCheck(Bytes(file.begin() + 1, file.end())), "") << entry.path() << " after byte 0";
+      ++files;
+    }
+  }
+  EXPECT_GE(files, 122u);
+}
+
+// The check itself can fail: a changed value or a missing frame is noticed.
+TEST(ReferenceDecoderTest, ComparisonNoticesADifference) {
+  const std::string text = "jawOpen-50|eyeBlinkLeft-0=10,20,30,1,2,3";
+  const Bytes datagram(text.begin(), text.end());
+  DecodedDatagram d = decodeDatagram(datagram, kSender);
+  ASSERT_EQ(reference::crossCheck(datagram), "");
+  d.frame->frame.blendshapes->insert_or_assign("jawOpen", 0.50000006f);
+  EXPECT_NE(reference::differences(reference::decodeReference(datagram), d, kSender), "");
+  d.frame.reset();
+  EXPECT_NE(reference::differences(reference::decodeReference(datagram), d, kSender), "");
 }
 
 }  // namespace
