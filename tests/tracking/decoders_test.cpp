@@ -25,8 +25,6 @@
 
 #include "ReferenceTrackingDecoder.h"
 #include "base/Clock.h"
-#include "osc/OSCWriter.h"
-#include "support/OscBytes.h"
 #include "tracking/RecordingSink.h"
 #include "tracking/TrackingDecoders.h"
 #include "tracking/TrackingReceiver.h"
@@ -110,41 +108,14 @@ TEST(TrackingNumberTest, WholeStringOnly) {
 // [SECTION] OSC
 // ---------------------------------------------------------------------------
 
-using test::oscBundle;
-using test::oscMessage;
-
-Bytes withDouble(const std::string& address, double v) { return OSCWriter::message(address).d(v).bytes(); }
-
 // Which addresses and argument kinds give a blendshape, a packet of unknown
 // addresses (an empty map) and none at all (no frame): corpus edge_osc_47 to
-// 50 (reference_decoder_test).
-DecodedFrame decodeOSC(const Bytes& datagram) {
-  auto d = decodeOSCPacket(datagram, kSender);
-  EXPECT_TRUE(d) << "no message";
-  return d ? std::move(*d) : DecodedFrame{};
-}
-
-TEST(OSCTrackingDecoderTest, HeadComponentsAndPartialUpdates) {
-  // Which components a packet set shows in what completing takes from the
-  // previous pose.
-  auto d = decodeOSC(oscMessage("/Head/Yaw", {90.0f}));
-  ASSERT_TRUE(d.frame.rotation);
-  EXPECT_FALSE(d.frame.position);
-  const float3 raw(0.1f, -0.2f, 0.3f);
-  const FaceFrame f = std::move(d).completed(raw, float3(0.0f));
-  EXPECT_EQ(*f.rotation, float3(0.1f, 90.0f * kDeg, 0.3f));
-  EXPECT_FLOAT_EQ(f.rotation->y, 1.5707963f);
-
-  d = decodeOSC(oscBundle({oscMessage("/tracker/Head/Pitch", {10.0f}), oscMessage("/Head/Roll", {std::int32_t(-20)}),
-                           oscMessage("/Head/X", {5.0f}), withDouble("/Head/Z", -3.0)}));
-  const FaceFrame g = std::move(d).completed(float3(7.0f), float3(8.0f));
-  EXPECT_EQ(*g.rotation, float3(10.0f * kDeg, 7.0f, -20.0f * kDeg));
-  EXPECT_EQ(*g.position, float3(5.0f * 0.01f, 8.0f, -3.0f * 0.01f));
-
-  // "/tracking/Head/Yaw" being a head message, a later message for the same
-  // component winning and an infinite angle dropping the rotation: corpus
-  // edge_osc_34, edge_osc_40 and edge_osc_38 (reference_decoder_test).
-}
+// 50. Head components one message at a time, from int32, float and double
+// arguments, under a "contains /Head/" address: edge_osc_54; "/tracking/Head/Yaw"
+// being a head message, a later message for the same component winning and
+// an infinite angle dropping the rotation: edge_osc_34, 40 and 38. Completing
+// a partial head from the previous pose:
+// MainThreadTrackingSinkTest.NewerFrameReplacesTheWaitingOneKeepingWhatOnlyTheOlderCarried.
 
 // ---------------------------------------------------------------------------
 // [SECTION] JSON
