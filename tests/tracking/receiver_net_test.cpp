@@ -143,6 +143,7 @@ TEST(TrackingReceiverNetTest, BatchedBurstArrivesWholeAndInOrder) {
   EXPECT_EQ(receiver.statistics().readinessEvents - eventsBefore, 1u);
   EXPECT_EQ(receiver.statistics().packetsReceived, total);
   EXPECT_EQ(receiver.statistics().lastSender, "127.0.0.1:" + std::to_string(b.port()));
+  EXPECT_EQ(receiver.statistics().lastFormat, TrackingFormat::iFacialMocap);
   const auto seen = tap->seen();
   const auto frames = sink->frames();
   ASSERT_EQ(seen.size(), total);
