@@ -298,8 +298,8 @@ TEST(PhoneConnectionTest, AsksTheAppAndShowsWhichAnswered) {
   EXPECT_EQ(request["ports"], nlohmann::json::array({port}));
 
   phone.sendTo(port, R"({"FaceFound":true,"BlendShapes":[{"k":"JawOpen","v":0.5}]})");
+  // Shown once the answer reached the state, with the app its decoder named.
   ASSERT_TRUE(p.statusBecomes("Phone: 127.0.0.1 answered (VTube Studio)")) << p.state.phoneStatus();
-  EXPECT_EQ(p.state.rawBlendshapes().at("jawOpen"), 0.5f);
   EXPECT_EQ(PhoneConnection::request(PhoneConnection::App::iFacialMocap, port),
             "iFacialMocap_sahuasouryya9218sauhuiayeta91555dy3719");
   p.receiver.stopListening();
