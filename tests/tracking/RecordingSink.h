@@ -1,7 +1,7 @@
 #pragma once
-// A TrackingSink that keeps what it is given, for tests that drive the
-// receiver without the main thread. Thread-safe: net tests read it while
-// the receiver's queue writes it.
+// A TrackingSink that keeps the frames it is given and counts the unknown
+// datagrams, for tests that drive the receiver without the main thread.
+// Thread-safe: net tests read it while the receiver's queue writes it.
 #include <mutex>
 #include <string>
 #include <vector>
@@ -16,27 +16,23 @@ class RecordingSink final : public TrackingSink {
     std::lock_guard lock(mutex_);
     frames_.push_back(std::move(frame));
   }
-  void deliverUnknown(const std::string& sender) override {
+  void deliverUnknown(const std::string&) override {
     std::lock_guard lock(mutex_);
-    unknown_.push_back(sender);
+    ++unknown_;
   }
   std::vector<DecodedFrame> frames() const {
     std::lock_guard lock(mutex_);
     return frames_;
   }
-  std::vector<std::string> unknown() const {
-    std::lock_guard lock(mutex_);
-    return unknown_;
-  }
   std::size_t total() const {
     std::lock_guard lock(mutex_);
-    return frames_.size() + unknown_.size();
+    return frames_.size() + unknown_;
   }
 
  private:
   mutable std::mutex mutex_;
   std::vector<DecodedFrame> frames_;
-  std::vector<std::string> unknown_;
+  std::size_t unknown_ = 0;
 };
 
 }  // namespace velmora::test

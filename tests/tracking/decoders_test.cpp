@@ -1,5 +1,6 @@
 // The four tracking wire formats, the phone apps' datagrams and the
-// receiver's format detection, on literal payloads without sockets.
+// receiver's format detection, on literal payloads without sockets, and
+// the decoder against the fuzzers' reference decoder over the fuzz corpus.
 //
 // Index of this file:
 //   [SECTION] Live Link
@@ -8,19 +9,22 @@
 //   [SECTION] JSON
 //   [SECTION] Phone apps
 //   [SECTION] Detection order
+//   [SECTION] Reference cross-check
 
 #include <gtest/gtest.h>
 
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <limits>
 #include <string>
 #include <vector>
 
+#include "ReferenceTrackingDecoder.h"
 #include "base/Clock.h"
-#include "osc/OSCWriter.h"
-#include "support/OscBytes.h"
 #include "tracking/RecordingSink.h"
 #include "tracking/TrackingDecoders.h"
 #include "tracking/TrackingReceiver.h"
@@ -76,69 +80,29 @@ TEST(LiveLinkDecoderTest, ReadsTheLast244BytesInWireOrder) {
   EXPECT_FALSE(decodeUnrealLiveLinkBinary(Bytes(243, 0), kSender));
 }
 // Clamping into [0, 1] and dropping non-finite values (a bad head value drops
-// all three): corpus edge_livelink_01, 02, 04 and 06 (reference_decoder_test).
+// all three): corpus edge_livelink_01, 02, 04 and 06 .
 
 // ---------------------------------------------------------------------------
 // [SECTION] iFacialMocap
 // ---------------------------------------------------------------------------
 // Items, heads of five, six and seven fields and a label other than "head#":
-// corpus edge_text_06 to 30 (reference_decoder_test); the 52 names and the
-// eyes: PhoneAppsTest.
-
-TEST(TrackingNumberTest, WholeStringOnly) {
-  EXPECT_EQ(parseTrackingNumber("50"), 50.0f);
-  EXPECT_EQ(parseTrackingNumber("-0.25"), -0.25f);
-  EXPECT_EQ(parseTrackingNumber("+3"), 3.0f);
-  EXPECT_EQ(parseTrackingNumber("1e2"), 100.0f);
-  EXPECT_EQ(parseTrackingNumber("0x1p3"), 8.0f);
-  EXPECT_EQ(parseTrackingNumber("1e50"), std::numeric_limits<float>::infinity());
-  EXPECT_EQ(parseTrackingNumber("-1e400"), -std::numeric_limits<float>::infinity());
-  EXPECT_EQ(parseTrackingNumber("1e-60"), 0.0f);
-  EXPECT_TRUE(std::isnan(*parseTrackingNumber("nan")));
-  for (const char* bad : {"", " 5", "5 ", "5x", "+", "-", "+-5", "--5", "head#5", "0x", "1,5", "0xnan", "0xinf", "0x-1"}) {
-    EXPECT_EQ(parseTrackingNumber(bad), std::nullopt) << bad;
-  }
-}
+// corpus edge_text_06 to 30; the 52 names and the eyes: edge_text_31, 32.
+// Numbers are whole texts only (a sign, then what strtof reads, nothing
+// around it; out of range gives infinity or zero): edge_text_07 to 11 and
+// 33 to 36, read by the reference with strtof and its own sign rules.
 
 // ---------------------------------------------------------------------------
 // [SECTION] OSC
 // ---------------------------------------------------------------------------
 
-using test::oscBundle;
-using test::oscMessage;
-
-Bytes withDouble(const std::string& address, double v) { return OSCWriter::message(address).d(v).bytes(); }
-
 // Which addresses and argument kinds give a blendshape, a packet of unknown
 // addresses (an empty map) and none at all (no frame): corpus edge_osc_47 to
-// 50 (reference_decoder_test).
-DecodedFrame decodeOSC(const Bytes& datagram) {
-  auto d = decodeOSCPacket(datagram, kSender);
-  EXPECT_TRUE(d) << "no message";
-  return d ? std::move(*d) : DecodedFrame{};
-}
-
-TEST(OSCTrackingDecoderTest, HeadComponentsAndPartialUpdates) {
-  // Which components a packet set shows in what completing takes from the
-  // previous pose.
-  auto d = decodeOSC(oscMessage("/Head/Yaw", {90.0f}));
-  ASSERT_TRUE(d.frame.rotation);
-  EXPECT_FALSE(d.frame.position);
-  const float3 raw(0.1f, -0.2f, 0.3f);
-  const FaceFrame f = std::move(d).completed(raw, float3(0.0f));
-  EXPECT_EQ(*f.rotation, float3(0.1f, 90.0f * kDeg, 0.3f));
-  EXPECT_FLOAT_EQ(f.rotation->y, 1.5707963f);
-
-  d = decodeOSC(oscBundle({oscMessage("/tracker/Head/Pitch", {10.0f}), oscMessage("/Head/Roll", {std::int32_t(-20)}),
-                           oscMessage("/Head/X", {5.0f}), withDouble("/Head/Z", -3.0)}));
-  const FaceFrame g = std::move(d).completed(float3(7.0f), float3(8.0f));
-  EXPECT_EQ(*g.rotation, float3(10.0f * kDeg, 7.0f, -20.0f * kDeg));
-  EXPECT_EQ(*g.position, float3(5.0f * 0.01f, 8.0f, -3.0f * 0.01f));
-
-  // "/tracking/Head/Yaw" being a head message, a later message for the same
-  // component winning and an infinite angle dropping the rotation: corpus
-  // edge_osc_34, edge_osc_40 and edge_osc_38 (reference_decoder_test).
-}
+// 50. Head components one message at a time, from int32, float and double
+// arguments, under a "contains /Head/" address: edge_osc_54; "/tracking/Head/Yaw"
+// being a head message, a later message for the same component winning and
+// an infinite angle dropping the rotation: edge_osc_34, 40 and 38. Completing
+// a partial head from the previous pose:
+// MainThreadTrackingSinkTest.NewerFrameReplacesTheWaitingOneKeepingWhatOnlyTheOlderCarried.
 
 // ---------------------------------------------------------------------------
 // [SECTION] JSON
@@ -147,7 +111,7 @@ TEST(OSCTrackingDecoderTest, HeadComponentsAndPartialUpdates) {
 // The parts of a document the fast reader refuses (a 100-bit integer sends it
 // to the nlohmann fallback): numbers and booleans as values, vectors of three
 // numbers or more, a non-finite rotation dropped: corpus edge_json_64 to 66
-// (reference_decoder_test).
+// .
 
 // ---------------------------------------------------------------------------
 // [SECTION] Phone apps
@@ -156,7 +120,7 @@ TEST(OSCTrackingDecoderTest, HeadComponentsAndPartialUpdates) {
 // 52 names in its own spellings, labelled head and eyes (edge_text_31), its
 // newer "name&value" items (edge_text_32), VTube Studio's phone JSON with
 // competing spellings (edge_json_62) and plain JSON's spellings (edge_json_63)
-// are corpus files checked against the reference (reference_decoder_test).
+// are corpus files checked against the reference .
 // Here, a VMC sender's head bone: the axis conversion is the decoder's own.
 
 TEST(PhoneAppsTest, VMCHeadBoneTurnedAboutEachAxis) {
@@ -200,59 +164,66 @@ TEST(PhoneAppsTest, VMCHeadBoneTurnedAboutEachAxis) {
 // [SECTION] Detection order
 // ---------------------------------------------------------------------------
 
-class DetectionTest : public ::testing::Test {
- protected:
-  std::shared_ptr<test::RecordingSink> sink = std::make_shared<test::RecordingSink>();
-  TrackingReceiver receiver{sink};
-
-  TrackingFormat detect(const Bytes& data) {
-    receiver.processData(data, kSender);
-    return receiver.statistics().lastFormat;
-  }
-};
-
-TEST_F(DetectionTest, FirstMatchWins) {
-  // A valid OSC message. Every decoded frame carries the moment its datagram
-  // was read, on the uptime clock the outputs measure latency with.
+// Which format a datagram is taken for (OSC, then iFacialMocap text, JSON,
+// Live Link; anything else unknown) is also the reference decoder's order,
+// so the edge cases are corpus files: edge_detect_01 to 13, edge_osc_44 and
+// 45. Here, what the receiver adds to the decoder: the format and sender
+// recorded, the count, the arrival time, and frames handed to the sink's
+// deliver, everything else to deliverUnknown.
+TEST(TrackingReceiverTest, RecordsEachDatagramAndHandsItOn) {
+  auto sink = std::make_shared<test::RecordingSink>();
+  TrackingReceiver receiver(sink);
   const double before = uptime();
-  EXPECT_EQ(detect({'/', 't', 'r', 'a', 'c', 'k', 'i', 'n', 'g', '/', 'x', 0, ',', 'f', 0, 0, 0x3F, 0x80, 0, 0}),
-            TrackingFormat::osc);
+  receiver.processData(bytesOf("jawOpen-50|"), kSender);
+  EXPECT_EQ(receiver.statistics().lastFormat, TrackingFormat::iFacialMocap);
   ASSERT_EQ(sink->frames().size(), 1u);
+  // On the uptime clock the outputs measure latency with.
   EXPECT_GE(sink->frames()[0].frame.arrivalTime, before);
   EXPECT_LE(sink->frames()[0].frame.arrivalTime, uptime());
-  // "/" payloads the OSC parser rejects fall through, in order:
-  // fewer than 4 bytes, then text with "=": iFacialMocap.
-  EXPECT_EQ(detect(bytesOf("/=5")), TrackingFormat::iFacialMocap);
-  // An address that is not UTF-8: not text, not JSON, too short: unknown.
-  EXPECT_EQ(detect({'/', 0xFF, '=', 0}), TrackingFormat::unknown);
-  // The same 244 bytes and longer: Live Link.
-  Bytes slash = liveLinkPacket(4);
-  slash[0] = '/';
-  slash[1] = 0xFF;
-  EXPECT_EQ(detect(slash), TrackingFormat::liveLink);
-  // A bundle that yields no message falls through to text.
-  EXPECT_EQ(detect(bytesOf("#bundle|jawOpen-50")), TrackingFormat::iFacialMocap);
-  EXPECT_EQ(sink->frames().back().frame.blendshapes->at("jawOpen"), 0.5f);
-  // JSON with "=" or "|" inside is text first.
-  EXPECT_EQ(detect(bytesOf(R"({"blendshapes": {"a|b": 1}})")), TrackingFormat::iFacialMocap);
-  EXPECT_EQ(detect(bytesOf(R"({"blendshapes": {"jawOpen": 0.25}})")), TrackingFormat::json);
-  // JSON that is not an object, and short text without "=" or "|": unknown.
-  EXPECT_EQ(detect(bytesOf("[1, 2, 3]")), TrackingFormat::unknown);
-  EXPECT_EQ(detect(bytesOf("hello phone")), TrackingFormat::unknown);
-  EXPECT_EQ(detect({}), TrackingFormat::unknown);
-  // Binary of 244+ bytes is Live Link; so is long plain text.
-  EXPECT_EQ(detect(liveLinkPacket(20)), TrackingFormat::liveLink);
-  EXPECT_EQ(detect(Bytes(300, 'a')), TrackingFormat::liveLink);
-  // A bundle with a lying element size and 244+ bytes: OSC yields nothing,
-  // not UTF-8, so it ends as Live Link.
-  Bytes lying = liveLinkPacket(20);
-  std::memcpy(lying.data(), "#bundle\0\0\0\0\0\0\0\0\0\xFF\xFF\xFF\xFF", 20);
-  EXPECT_EQ(detect(lying), TrackingFormat::liveLink);
+  receiver.processData(bytesOf("hello phone"), "10.0.0.3:7");
+  EXPECT_EQ(receiver.statistics().lastFormat, TrackingFormat::unknown);
+  EXPECT_EQ(sink->frames().size(), 1u);
+  EXPECT_EQ(sink->total(), 2u);
+  EXPECT_EQ(receiver.statistics().packetsReceived, 2u);
+  EXPECT_EQ(receiver.statistics().lastSender, "10.0.0.3:7");
+}
 
-  const auto unknown = sink->unknown();
-  EXPECT_EQ(unknown.size(), 4u);
-  EXPECT_EQ(receiver.statistics().packetsReceived, 13u);
-  EXPECT_EQ(receiver.statistics().lastSender, kSender);
+// ---------------------------------------------------------------------------
+// [SECTION] Reference cross-check
+// ---------------------------------------------------------------------------
+// decodeDatagram against the plain reference decoder the tracking fuzzer
+// uses, over the fuzz corpus (which holds datagrams at the edges of each
+// format: edge_*), so every unit run repeats the fuzzer's cross-check on
+// known inputs.
+
+TEST(ReferenceDecoderTest, FuzzCorpusDecodesAsTheReferenceReadsIt) {
+  std::size_t files = 0;
+  for (const char* folder : {"tracking", "osc"}) {
+    const auto dir = std::filesystem::path(VELMORA_SOURCE_DIR) / "fuzz" / "corpus" / folder;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+      std::ifstream in(entry.path(), std::ios::binary);
+      const Bytes file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      // The tracking fuzzer's first byte picks an entry point: check the
+      // datagram with and without it.
+      EXPECT_EQ(reference::crossCheck(file), "") << entry.path();
+      if (file.empty()) continue;
+      EXPECT_EQ(reference::crossCheck(Bytes(file.begin() + 1, file.end())), "") << entry.path() << " after byte 0";
+      ++files;
+    }
+  }
+  EXPECT_GE(files, 127u);
+}
+
+// The check itself can fail: a changed value or a missing frame is noticed.
+TEST(ReferenceDecoderTest, ComparisonNoticesADifference) {
+  const std::string text = "jawOpen-50|eyeBlinkLeft-0=10,20,30,1,2,3";
+  const Bytes datagram(text.begin(), text.end());
+  DecodedDatagram d = decodeDatagram(datagram, kSender);
+  ASSERT_EQ(reference::crossCheck(datagram), "");
+  d.frame->frame.blendshapes->insert_or_assign("jawOpen", 0.50000006f);
+  EXPECT_NE(reference::differences(reference::decodeReference(datagram), d, kSender), "");
+  d.frame.reset();
+  EXPECT_NE(reference::differences(reference::decodeReference(datagram), d, kSender), "");
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
-// FaceTrackingState: the per-frame processing (filter, range, sensitivity),
-// head rotation and position, calibration, ranges, filter parameters,
-// observers and the OSC switch. The pipeline alone is in
-// face_pipeline_test.cpp, persistence in tracking_settings_test.cpp.
+// The face pipeline alone (regional sensitivities, head signs: no settings
+// store, no observers, no clock but the times it is given), then
+// FaceTrackingState around it: per-frame processing (filter, range,
+// sensitivity), head rotation and position, calibration, ranges, filter
+// parameters, observers and the OSC switch. Persistence is in
+// tracking_settings_test.cpp.
 
 #include <gtest/gtest.h>
 
@@ -9,10 +11,12 @@
 #include <limits>
 #include <optional>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/StateFixture.h"
 #include "tracking/EyeGaze.h"
+#include "tracking/FacePipeline.h"
 
 namespace velmora {
 namespace {
@@ -21,6 +25,73 @@ using Property = FaceTrackingState::Property;
 
 constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 constexpr float inf = std::numeric_limits<float>::infinity();
+
+// A pipeline with the state's default smoothing and sensitivities.
+struct Pipe {
+  Pipe() { pipeline.updateFilterParameters(0.45f); }
+  FacePipeline pipeline;
+  FacePipeline::Sensitivities sensitivities;
+  BlendshapeRanges ranges;
+  BlendshapeMap raw, out;
+  double now = 100.0;
+
+  void packet(const BlendshapeMap& shapes, double advance = 1.0 / 60.0) {
+    now += advance;
+    pipeline.blendshapes(shapes, now, ranges, sensitivities, {raw, out});
+  }
+};
+
+TEST(FacePipelineTest, RegionalSensitivityAndClamping) {
+  // First samples (the filters pass them through) with the default mouth and
+  // brow 1.2 and an eye 1.5; names outside the 52 are processed alike.
+  const std::tuple<const char*, float, float> rows[] = {
+      {"jawOpen", 0.5f, 0.6f},       {"mouthSmileLeft", 0.5f, 0.6f}, {"browInnerUp", 0.5f, 0.6f},
+      {"eyeBlinkLeft", 0.5f, 0.75f}, {"cheekPuff", 0.5f, 0.5f},      {"tongueOut", 0.5f, 0.5f},
+      {"someOtherName", 0.5f, 0.5f}, {"mouthFunnel", 0.9f, 1.0f},  // 1.08 clamped
+      {"noseSneerLeft", -0.3f, 0.0f},
+  };
+  Pipe f;
+  f.sensitivities.eye = 1.5f;
+  BlendshapeMap shapes;
+  for (const auto& [name, received, processed] : rows) shapes[name] = received;
+  f.packet(shapes);
+  for (const auto& [name, received, processed] : rows) EXPECT_FLOAT_EQ(f.out.at(name), processed) << name;
+  EXPECT_EQ(f.raw.at("noseSneerLeft"), -0.3f);
+
+  f.sensitivities.global = 0.8f;
+  f.packet({{"jawOpen", 0.5f}, {"cheekPuff", 0.5f}}, 0.0);
+  EXPECT_FLOAT_EQ(f.out.at("jawOpen"), 0.48f);
+  EXPECT_FLOAT_EQ(f.out.at("cheekPuff"), 0.4f);
+  f.sensitivities.global = nan;
+  f.packet({{"cheekPuff", 0.5f}}, 0.0);
+  EXPECT_EQ(f.out.at("cheekPuff"), 0.0f);  // NaN clamps to 0
+}
+
+TEST(FacePipelineTest, RotationSignsScaleAndReverseFlags) {
+  struct Case {
+    bool upDown, leftRight, tilt;
+    float scale;
+    float3 expected;
+  };
+  const float3 received(0.1f, -0.2f, 0.3f);
+  const Case cases[] = {
+      {false, false, false, 1.0f, {-0.1f, 0.2f, -0.3f}},  // inverted by default
+      {true, false, false, 1.0f, {0.1f, 0.2f, -0.3f}},
+      {false, true, false, 1.0f, {-0.1f, -0.2f, -0.3f}},
+      {false, false, true, 1.0f, {-0.1f, 0.2f, 0.3f}},
+      {true, true, true, 2.0f, {0.2f, -0.4f, 0.6f}},
+  };
+  for (const Case& c : cases) {
+    Pipe f;
+    FacePipeline::HeadOptions head;
+    head.reverseUpDown = c.upDown;
+    head.reverseLeftRight = c.leftRight;
+    head.reverseTilt = c.tilt;
+    head.rotationScale = c.scale;
+    // First sample: the filter passes it through.
+    EXPECT_EQ(f.pipeline.rotation(received, head, f.now), c.expected) << c.upDown << c.leftRight << c.tilt;
+  }
+}
 
 // A state over a private settings folder with a clock the test moves.
 struct Fixture : test::StateFixture {
@@ -38,10 +109,9 @@ struct Fixture : test::StateFixture {
 TEST(FaceTrackingStateTest, InitialValuesAndTexts) {
   Fixture f;
   const FaceTrackingState& s = f.state;
-  EXPECT_EQ(s.headRotation(), float3(0.0f));
+  // Smoothing 0.45 and the mouth's 1.2 are pinned by the filter-parameter
+  // and per-name tests.
   EXPECT_FALSE(s.isCalibrated());
-  EXPECT_FLOAT_EQ(s.smoothing(), 0.45f);
-  EXPECT_FLOAT_EQ(s.mouthSensitivity(), 1.2f);
   EXPECT_FLOAT_EQ(s.browSensitivity(), 1.2f);
   EXPECT_EQ(s.eyeSensitivity(), 1.0f);
   EXPECT_FLOAT_EQ(s.lightIntensity(), 1.2f);
@@ -106,8 +176,9 @@ TEST(FaceTrackingStateTest, FramesCarryTheAppTheEyesAndALostFace) {
 }
 
 // Each name's filter, then its range, then the regional sensitivity; names
-// seen at different times keep their own time steps, and a smoothing change
-// re-parameterises the filters without resetting them.
+// seen at different times keep their own time steps. (That a smoothing
+// change re-parameterises the filters without resetting them is
+// FilterParametersFollowSmoothing's.)
 TEST(FaceTrackingStateTest, FilterThenRangeThenSensitivityPerName) {
   // Replay the same samples through filters with the creation parameters; the
   // mouth's sensitivity is its default 1.2.
@@ -120,11 +191,6 @@ TEST(FaceTrackingStateTest, FilterThenRangeThenSensitivityPerName) {
       {{"browInnerUp", 0.5f}, {"jawOpen", 0.3f}},
   };
   for (std::size_t i = 0; i < packets.size(); ++i) {
-    if (i == 2) {  // parameters changed midway: (1 - s) * 3 * 1.2 and (1 - s) * 0.02 * 1.5
-      g.state.setSmoothing(0.2f);
-      jaw.minCutoff = brow.minCutoff = (1.0f - 0.2f) * 3.0f * 1.2f;
-      jaw.beta = brow.beta = (1.0f - 0.2f) * 0.02f * 1.5f;
-    }
     g.packet(packets[i], 0.02 * static_cast<double>(i + 1));
     for (const auto& [name, x] : packets[i]) {
       SCOPED_TRACE(testing::Message() << i << " " << name);
@@ -172,10 +238,8 @@ TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZero) {
     f.rotation(pose);
     EXPECT_EQ(f.state.headRotation(), float3(0.0f)) << i;
   }
-  for (const float3 p : {float3(4, 5, 6), float3(nan)}) {
-    f.state.ingestPacket(std::nullopt, std::nullopt, p, "x:1");
-    EXPECT_EQ(f.state.headPosition(), float3(0.0f));
-  }
+  f.state.ingestPacket(std::nullopt, std::nullopt, float3(4, 5, 6), "x:1");  // not moved by the offset either
+  EXPECT_EQ(f.state.headPosition(), float3(0.0f));
   // Turning away from the neutral pose moves the head by the difference.
   Fixture fresh;
   fresh.rotation(float3(0.2f, 0.0f, 0.0f));
@@ -269,13 +333,8 @@ TEST(FaceTrackingStateTest, SetRangeLimits) {
     EXPECT_FLOAT_EQ(s.range(r.name).ceiling, r.expectedCeiling);
     EXPECT_EQ(s.blendshapeRanges().contains(r.name), r.stored);
   }
-  // Every change is persisted as [floor, ceiling] doubles.
-  auto stored = f.store.dictionary("blendshapeRanges");
-  ASSERT_TRUE(stored);
-  EXPECT_FALSE(stored->contains("jawOpen"));
-  EXPECT_EQ((*stored)["cheekPuff"], nlohmann::json::array({0.0, static_cast<double>(0.02f)}));
-  EXPECT_EQ((*stored)["browInnerUp"][0].get<double>(), 0.5);
-
+  // The whole map is stored on each change (its stored form:
+  // TrackingSettingsTest.SettingsSurviveARestartInTheirStoredForms).
   s.resetAllRanges();
   EXPECT_TRUE(s.blendshapeRanges().empty());
   EXPECT_EQ(*f.store.dictionary("blendshapeRanges"), nlohmann::json::object());
@@ -317,17 +376,15 @@ TEST(FaceTrackingStateTest, FloorsFromCurrentPose) {
 TEST(FaceTrackingStateTest, ObserversHearEveryWriteAndMayChangeWhileNotified) {
   Fixture f;
   std::vector<Property> heard;
-  const int token = f.state.observe([&](Property p) { heard.push_back(p); });
+  std::vector<float> opacities;  // read while notified: observers see the new value
+  const int token = f.state.observe([&](Property p) {
+    heard.push_back(p);
+    if (p == Property::maskOpacity) opacities.push_back(f.state.maskOpacity());
+  });
   f.state.setMaskOpacity(0.5f);
   f.state.setMaskOpacity(0.5f);  // unchanged values notify too
   EXPECT_EQ(heard, (std::vector<Property>{Property::maskOpacity, Property::maskOpacity}));
-  // Observers see the new value.
-  f.state.observe([&](Property p) {
-    if (p == Property::smoothing) {
-      EXPECT_EQ(f.state.smoothing(), 0.7f);
-    }
-  });
-  f.state.setSmoothing(0.7f);
+  EXPECT_EQ(opacities, (std::vector<float>{0.5f, 0.5f}));
 
   heard.clear();
   f.state.ingestPacket({{{"jawOpen", 0.5f}}}, float3(0.1f), float3(0.2f), "s:1");

@@ -70,46 +70,27 @@ TEST(OneEuroFilter1DTest, NonFiniteSampleLeavesStateUntouched) {
   EXPECT_EQ(a.filter(0.3f, 1.04), b.filter(0.3f, 1.04));
 }
 
-TEST(OneEuroFilter1DTest, SharedTimeStepGivesTheSameBits) {
-  OneEuroFilter1D plain(1.98f, 0.0165f, 1.0f), shared(1.98f, 0.0165f, 1.0f);
-  plain.filter(0.2f, 1.0);
-  shared.filter(0.2f, 1.0);
-  double previous = 1.0;
-  const double times[] = {1.0 + 1 / 60.0, 1.0 + 1 / 60.0, 1.05, 1.3};
-  const float values[] = {0.9f, 0.1f, 0.55f, 0.56f};
-  for (int i = 0; i < 4; ++i) {
-    const auto step = OneEuroFilter1D::timeStep(previous, times[i], 1.0f);
-    EXPECT_EQ(bits(shared.filter(values[i], times[i], step)), bits(plain.filter(values[i], times[i]))) << i;
-    previous = times[i];
-  }
-  // A step made for another previous time, timestamp or dCutoff is not used.
-  const auto stale = OneEuroFilter1D::timeStep(0.0, 2.0, 1.0f);
-  EXPECT_EQ(bits(shared.filter(0.7f, 1.4, stale)), bits(plain.filter(0.7f, 1.4)));
-  const auto otherCutoff = OneEuroFilter1D::timeStep(1.4, 1.5, 3.0f);
-  EXPECT_EQ(bits(shared.filter(0.1f, 1.5, otherCutoff)), bits(plain.filter(0.1f, 1.5)));
-  // Non-finite samples and empty filters keep their own rules.
-  EXPECT_EQ(bits(shared.filter(nan, 1.6, OneEuroFilter1D::timeStep(1.5, 1.6, 1.0f))), bits(plain.filter(nan, 1.6)));
-  OneEuroFilter1D empty(1.0f, 0.0f, 1.0f);
-  EXPECT_EQ(empty.filter(0.33f, 5.0, OneEuroFilter1D::timeStep(4.0, 5.0, 1.0f)), 0.33f);
-}
-
 TEST(OneEuroFilterBankTest, EveryLaneIsBitForBitItsOwnFilter) {
   // 52 lanes against 52 standalone filters: different parameters, names
   // that start late or skip packets (their own time step), fast and slow
   // signals, huge jumps, denormals and non-finite samples, and a parameter
   // change half-way. The bank steps the lanes that share the packet's step
-  // together and the others alone, as the face pipeline does.
+  // together and the others alone, as the face pipeline does. A third copy
+  // of each lane, a single filter, is handed the packet's step every time:
+  // it must use it only when it was made for its own previous time and
+  // dCutoff (and for a finite sample of a primed filter).
   std::mt19937 random(11);
   std::uniform_real_distribution<float> unit(-0.5f, 1.5f);
   OneEuroFilterBank bank;
-  std::vector<std::optional<OneEuroFilter1D>> alone(OneEuroFilterBank::laneCount);
+  std::vector<std::optional<OneEuroFilter1D>> alone(OneEuroFilterBank::laneCount), stepped = alone;
   double now = 1.0;
   for (int packet = 0; packet < 60; ++packet) {
     now += packet % 11 == 10 ? 0.00001 : 1.0 / 60.0 + 0.001 * (packet % 3);
     if (packet == 30) {
       bank.updateParameters(0.24f, 0.0015f);
-      for (auto& f : alone)
-        if (f) f->minCutoff = 0.24f, f->beta = 0.0015f;
+      for (auto* filters : {&alone, &stepped})
+        for (auto& f : *filters)
+          if (f) f->minCutoff = 0.24f, f->beta = 0.0015f;
     }
     std::optional<OneEuroFilter1D::TimeStep> step;
     alignas(16) float values[OneEuroFilterBank::laneCount] = {}, outputs[OneEuroFilterBank::laneCount];
@@ -122,12 +103,16 @@ TEST(OneEuroFilterBankTest, EveryLaneIsBitForBitItsOwnFilter) {
       if (!bank.exists(lane)) {
         const float minCutoff = 0.2f + 0.05f * static_cast<float>(lane);
         const float beta = lane % 4 == 0 ? 0.0f : 0.001f * static_cast<float>(lane);
-        bank.create(lane, minCutoff, beta, 1.0f);
-        alone[lane].emplace(minCutoff, beta, 1.0f);
+        const float dCutoff = lane % 3 == 2 ? 2.0f : 1.0f;
+        bank.create(lane, minCutoff, beta, dCutoff);
+        alone[lane].emplace(minCutoff, beta, dCutoff);
+        stepped[lane].emplace(minCutoff, beta, dCutoff);
       }
       const float reference = alone[lane]->filter(value, now);
       if (!step && bank.isPrimed(lane))
         step = OneEuroFilter1D::timeStep(bank.previousTime(lane), now, bank.dCutoff(lane));
+      const float single = step ? stepped[lane]->filter(value, now, *step) : stepped[lane]->filter(value, now);
+      ASSERT_EQ(bits(single), bits(reference)) << "single, lane " << lane << " packet " << packet;
       if (std::isfinite(value) && step && bank.canShare(lane, *step)) {
         values[lane] = value;
         together |= std::uint64_t{1} << lane;
@@ -147,6 +132,10 @@ TEST(OneEuroFilterBankTest, EveryLaneIsBitForBitItsOwnFilter) {
     EXPECT_EQ(copy.isPrimed(), alone[lane]->isPrimed());
   }
   EXPECT_FALSE(bank.canShare(0, OneEuroFilter1D::timeStep(0.5, 2.0, 1.0f)));
+  // Nor a step made for another timestamp.
+  OneEuroFilter1D plain(1.0f, 0.0f, 1.0f), shared = plain;
+  for (auto* f : {&plain, &shared}) f->filter(0.2f, 1.0);
+  EXPECT_EQ(bits(shared.filter(0.7f, 1.5, OneEuroFilter1D::timeStep(1.0, 2.0, 1.0f))), bits(plain.filter(0.7f, 1.5)));
   OneEuroFilterBank empty;
   EXPECT_FALSE(empty.canShare(0, OneEuroFilter1D::timeStep(0.0, 1.0, 0.0f)));
 }

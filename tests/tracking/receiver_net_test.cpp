@@ -1,23 +1,30 @@
 // The tracking receiver on real loopback sockets, on ports each test chose
-// free. Also driven by oscsend (liblo-tools), an OSC client nobody here wrote.
+// free: what the sockets add to the decoders (ports, batched reads, envelopes,
+// the flood bound, the allow-list door), and the phone connection that asks
+// a phone app for data from the receiver's port. The decoders themselves are
+// decoders_test's and the fuzz corpus cross-check's.
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <chrono>
-#include <cstdlib>
 #include <future>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
+#include "base/Clock.h"
 #include "base/MainQueue.h"
-#include "osc/OSCWriter.h"
 #include "support/LogCapture.h"
 #include "support/OscBytes.h"
 #include "support/StateFixture.h"
 #include "support/UdpSocket.h"
 #include "tracking/MainThreadTrackingSink.h"
+#include "tracking/PhoneConnection.h"
 #include "tracking/RecordingSink.h"
 #include "tracking/TrackingReceiver.h"
 
@@ -60,13 +67,9 @@ TEST(TrackingReceiverNetTest, PortHeldElsewhereIsSkippedOthersListen) {
 
   UdpSocket phone;
   phone.sendTo(a, "jawOpen-50|");
-  phone.sendTo(b, "jawOpen-50|mouthClose-10");
-  ASSERT_TRUE(waitFor([&] { return sink->total() == 2; }));
-  ASSERT_EQ(sink->frames().size(), 2u);
-  for (const auto& f : sink->frames()) {
-    EXPECT_EQ(f.frame.sender, "127.0.0.1:" + std::to_string(phone.port()));
-    EXPECT_EQ(f.frame.blendshapes->at("jawOpen"), 0.5f);
-  }
+  phone.sendTo(b, "jawOpen-50|");
+  ASSERT_TRUE(waitFor([&] { return sink->frames().size() == 2; }));
+  for (const auto& f : sink->frames()) EXPECT_EQ(f.frame.sender, "127.0.0.1:" + std::to_string(phone.port()));
   EXPECT_TRUE(listen(sharing, a));
   for (TrackingReceiver* r : {&sharing, &receiver}) {
     r->stopListening();
@@ -113,59 +116,48 @@ TEST(TrackingReceiverNetTest, BatchedBurstArrivesWholeAndInOrder) {
   auto released = release.get_future().share();
   receiver.queue().post([released] { released.wait(); });
   UdpSocket a, b;
-  std::vector<std::vector<std::uint8_t>> sent;
+  std::vector<std::string> sent;
   std::vector<std::uint16_t> from;
-  std::vector<std::pair<float, std::uint16_t>> jaw;  // the text frames: value, sender
-  auto send = [&](const UdpSocket& phone, const std::string& t) {
-    sent.emplace_back(t.begin(), t.end());
-    phone.sendTo(port, sent.back());
+  std::vector<float> jaw;  // each frame's jawOpen, -1 for none
+  auto send = [&](const UdpSocket& phone, const std::string& t, float jawOpen) {
+    sent.push_back(t);
     from.push_back(phone.port());
+    jaw.push_back(jawOpen);
+    phone.sendTo(port, t);
   };
-  auto text = [&](const UdpSocket& phone, int i) {
-    send(phone, "jawOpen-" + std::to_string(i) + "|");
-    jaw.emplace_back(float(i) / 100.0f, phone.port());
-  };
-  // More than two receive calls' worth before the large one.
+  auto text = [&](const UdpSocket& phone, int i) { send(phone, "jawOpen-" + std::to_string(i) + "|", i / 100.0f); };
+  // More than two receive calls' worth, IPv4's largest UDP payload (a long
+  // iFacialMocap text without jawOpen), then five more.
   const int before = static_cast<int>(TrackingReceiver::datagramsPerRead) * 2 + 5;
   for (int i = 0; i < before; ++i) text(i % 2 ? b : a, i % 100);
-  // IPv4's largest UDP payload: a long iFacialMocap text without jawOpen.
   std::string large;
   for (int i = 0; large.size() < 65507; ++i) large += "mouthClose-" + std::to_string(i % 100) + "|";
-  send(a, large.substr(0, 65507));
+  send(a, large.substr(0, 65507), -1.0f);
   for (int i = 0; i < 5; ++i) text(b, 90 + i);
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   const auto eventsBefore = receiver.statistics().readinessEvents;
   release.set_value();
 
   const std::size_t total = sent.size();
-  ASSERT_TRUE(waitFor([&] { return sink->total() == total; })) << sink->total() << " of " << total;
+  ASSERT_TRUE(waitFor([&] { return sink->frames().size() == total; })) << sink->total() << " of " << total;
   EXPECT_EQ(receiver.statistics().readinessEvents - eventsBefore, 1u);
   EXPECT_EQ(receiver.statistics().packetsReceived, total);
   EXPECT_EQ(receiver.statistics().lastSender, "127.0.0.1:" + std::to_string(b.port()));
-
+  EXPECT_EQ(receiver.statistics().lastFormat, TrackingFormat::iFacialMocap);
   const auto seen = tap->seen();
+  const auto frames = sink->frames();
   ASSERT_EQ(seen.size(), total);
   for (std::size_t i = 0; i < total; ++i) {
     SCOPED_TRACE(i);
     const DatagramEnvelope& e = seen[i].envelope;
-    EXPECT_EQ(seen[i].payload, sent[i]);
+    EXPECT_EQ(seen[i].payload, std::vector<std::uint8_t>(sent[i].begin(), sent[i].end()));
     EXPECT_EQ(std::tuple(e.sourceAddress, e.sourcePort, e.destinationAddress, e.destinationPort),
               std::tuple(0x7F000001u, from[i], 0x7F000001u, port));
-    EXPECT_GT(seen[i].envelope.arrivalMicroseconds, 0);
-    if (i > 0) {
-      EXPECT_GE(seen[i].envelope.arrivalMicroseconds, seen[i - 1].envelope.arrivalMicroseconds);
-    }
+    EXPECT_GE(e.arrivalMicroseconds, i > 0 ? seen[i - 1].envelope.arrivalMicroseconds : 1);
+    const BlendshapeMap& shapes = *frames[i].frame.blendshapes;
+    EXPECT_EQ(frames[i].frame.sender, "127.0.0.1:" + std::to_string(from[i]));
+    EXPECT_EQ(shapes.count("jawOpen") ? shapes.at("jawOpen") : -1.0f, jaw[i]);
   }
-  // The text frames, in order, each with its own sender.
-  const auto frames = sink->frames();
-  std::vector<std::pair<float, std::uint16_t>> got;
-  for (const auto& f : frames) {
-    if (!f.frame.blendshapes || !f.frame.blendshapes->count("jawOpen")) continue;
-    const std::string& s = f.frame.sender;
-    EXPECT_EQ(s.rfind("127.0.0.1:", 0), 0u) << s;
-    got.emplace_back(f.frame.blendshapes->at("jawOpen"), std::stoi(s.substr(s.find(':') + 1)));
-  }
-  EXPECT_EQ(got, jaw);
 }
 
 TEST(TrackingReceiverNetTest, FloodStaysBounded) {
@@ -202,23 +194,6 @@ TEST(TrackingReceiverNetTest, FloodStaysBounded) {
   EXPECT_EQ(sink->waitingSenders(), kMaxSenders);
   EXPECT_EQ(stats.dropped, stats.packetsReceived - 2 * kMaxSenders);
   EXPECT_LE(stalledMain.pendingCount(), 1u);  // one drain request, never one per frame
-}
-
-TEST(TrackingReceiverNetTest, OscsendVmcBlendshape) {
-  if (std::system("command -v oscsend >/dev/null 2>&1") != 0) GTEST_SKIP() << "oscsend (liblo-tools) not installed";
-  const std::uint16_t port = freeUdpPort();
-  auto sink = std::make_shared<test::RecordingSink>();
-  TrackingReceiver receiver(sink);
-  ASSERT_TRUE(listen(receiver, port));
-
-  const std::string cmd = "oscsend 127.0.0.1 " + std::to_string(port) + " /VMC/Ext/Blend/Val sf jawOpen 0.7";
-  ASSERT_EQ(std::system(cmd.c_str()), 0);
-  ASSERT_TRUE(waitFor([&] { return sink->total() == 1; }));
-  const auto frames = sink->frames();
-  ASSERT_EQ(frames.size(), 1u);
-  EXPECT_EQ(frames[0].frame.blendshapes->at("jawOpen"), 0.7f);
-  EXPECT_EQ(frames[0].frame.sender.rfind("127.0.0.1:", 0), 0u);
-  EXPECT_EQ(receiver.statistics().lastFormat, TrackingFormat::osc);
 }
 
 // The allow-list is the receiver's door: a refused sender's datagrams reach
@@ -281,29 +256,67 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   EXPECT_EQ(refusedLines("127.0.0.2"), 1);
 }
 
-TEST(TrackingReceiverNetTest, VmcStreamOfExactZerosRelaxesTheJaw) {
-  // The whole road into the state: socket, decoder, main-thread sink, filters.
-  test::StateFixture fixture;
-  FaceTrackingState& state = fixture.state;
-  auto sink = std::make_shared<MainThreadTrackingSink>(8, MainQueue::shared(), &state);
-  TrackingReceiver receiver(sink);
+// A phone connection over a receiver that feeds a state.
+struct Phone : test::StateFixture {
+  TrackingReceiver receiver{std::make_shared<MainThreadTrackingSink>(8, MainQueue::shared(), &state)};
+  PhoneConnection connection{receiver, state, MainQueue::shared()};
+
+  // Ticks until the status is `want` (or starts with it, for `prefix`).
+  bool statusBecomes(const std::string& want, bool prefix = false) {
+    return waitFor(
+        [&] {
+          connection.tick(uptime());
+          return prefix ? state.phoneStatus().starts_with(want) : state.phoneStatus() == want;
+        },
+        10.0);
+  }
+};
+
+// The request each app needs, sent from the receiver's own port, and the
+// answer shown with its app.
+TEST(PhoneConnectionTest, AsksTheAppAndShowsWhichAnswered) {
+  MainQueue::shared().bindToCurrentThread();
+  Phone p;
   const std::uint16_t port = freeUdpPort();
-  ASSERT_TRUE(listen(receiver, port));
-  UdpSocket sender;
-  // A VMC sender's frames at 60 Hz: "/VMC/Ext/Blend/Val ,sf jawOpen <value>".
-  auto stream = [&](float value, int frames) {
-    for (int i = 0; i < frames; ++i) {
-      sender.sendTo(port, OSCWriter::message("/VMC/Ext/Blend/Val").s("jawOpen").f(value).bytes());
-      std::this_thread::sleep_for(std::chrono::milliseconds(16));
-      MainQueue::shared().drain();
-    }
-    MainQueue::shared().runUntil([&] { return sink->waitingSenders() == 0; }, 2.0);
-  };
-  stream(0.8f, 30);
-  ASSERT_GT(state.blendshapes().at("jawOpen"), 0.5f);
-  stream(0.0f, 240);
-  EXPECT_LT(state.blendshapes().at("jawOpen"), 1e-3f);  // at rest, not held at the last non-zero value
-  receiver.stopListening();
+  ASSERT_TRUE(listen(p.receiver, port));
+  UdpSocket phone;  // VTube Studio on the phone, on the port its screen shows
+  LogCapture log;
+  p.state.setPhoneApp("VTube Studio");
+  p.state.setPhoneAddress("127.0.0.1:" + std::to_string(phone.port()));
+  ASSERT_TRUE(p.statusBecomes("Phone: asking 127.0.0.1 (VTube Studio) from UDP port " + std::to_string(port)))
+      << p.state.phoneStatus();
+  EXPECT_TRUE(log.has("[PhoneConnection] asking 127.0.0.1 (VTube Studio) from UDP port " + std::to_string(port)));
+
+  std::uint8_t buffer[512];
+  sockaddr_in from{};
+  socklen_t length = sizeof from;
+  const ssize_t n = ::recvfrom(phone.descriptor(), buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &length);
+  ASSERT_GT(n, 0);
+  EXPECT_EQ(ntohs(from.sin_port), port);  // from the port that listens for the answer
+  const auto request = nlohmann::json::parse(buffer, buffer + n);
+  EXPECT_EQ(request["messageType"], "iOSTrackingDataRequest");
+  EXPECT_EQ(request["ports"], nlohmann::json::array({port}));
+
+  phone.sendTo(port, R"({"FaceFound":true,"BlendShapes":[{"k":"JawOpen","v":0.5}]})");
+  // Shown once the answer reached the state, with the app its decoder named.
+  ASSERT_TRUE(p.statusBecomes("Phone: 127.0.0.1 answered (VTube Studio)")) << p.state.phoneStatus();
+  EXPECT_EQ(PhoneConnection::request(PhoneConnection::App::iFacialMocap, port),
+            "iFacialMocap_sahuasouryya9218sauhuiayeta91555dy3719");
+  p.receiver.stopListening();
+}
+
+TEST(PhoneConnectionTest, FailuresShowInTheStatusAndTheLog) {
+  MainQueue::shared().bindToCurrentThread();
+  Phone p;  // listening on no port: nothing to send from
+  LogCapture log;
+  p.state.setPhoneAddress("127.0.0.1");
+  ASSERT_TRUE(p.statusBecomes("Phone: could not send the request to 127.0.0.1: not listening on any tracking port"))
+      << p.state.phoneStatus();
+  EXPECT_TRUE(log.has("[PhoneConnection] could not send the request to 127.0.0.1: not listening on any tracking port"));
+  p.state.setPhoneAddress("no-such-phone.invalid");
+  ASSERT_TRUE(p.statusBecomes("Phone: cannot resolve \"no-such-phone.invalid\": ", true)) << p.state.phoneStatus();
+  p.state.setPhoneApp("Phone Tracker 3000");
+  ASSERT_TRUE(p.statusBecomes("Phone: unknown app \"Phone Tracker 3000\" (iFacialMocap or VTube Studio)"));
 }
 
 }  // namespace

@@ -31,7 +31,6 @@ TEST(ARKitBlendShapeTest, CasesAreAlphabeticalWithTheirIndicesAndRoundTrip) {
                                 std::pair{39, "mouthRollLower"}, std::pair{51, "tongueOut"}}) {
     EXPECT_EQ(rawValue(all[i]), name);
   }
-  EXPECT_EQ(all[24], ARKitBlendShape::jawOpen);
   using std::string_view;
   for (const string_view unknown : {string_view(""), string_view("JawOpen"), string_view("jawopen"),
                                     string_view("jawOpen "), string_view("jawOpen\0", 8), string_view("tongueOutX"),
@@ -49,10 +48,8 @@ TEST(LiveLinkNamesTest, WireOrderCoversTheVocabularyOnce) {
     seen.insert(name);
   }
   EXPECT_EQ(seen.size(), 52u);
-  for (const auto& [i, name] : {std::pair{0, "eyeBlinkLeft"}, std::pair{17, "jawOpen"}, std::pair{41, "browDownLeft"},
-                                std::pair{46, "cheekPuff"}, std::pair{51, "tongueOut"}}) {
-    EXPECT_EQ(unrealARKitNames[i], name);
-  }
+  // Positions 0, 17, 41 and 51 are LiveLinkDecoderTest.ReadsTheLast244BytesInWireOrder's.
+  EXPECT_EQ(unrealARKitNames[46], "cheekPuff");
 }
 
 TEST(BlendshapeRegionTest, PlainCaseSensitivePrefix) {
@@ -83,9 +80,6 @@ TEST(PersistedEnumerationsTest, RawValuesNamesAndLabels) {
     EXPECT_EQ(displayName(rows[i].model), rows[i].name);
     EXPECT_EQ(fromRawValue<CharacterModelType>(rows[i].raw), rows[i].model);
   }
-  for (const char* other : {"ghost", "Cartoon Ghost", "CARTOON_GHOST", "", "0", "1"}) {
-    EXPECT_FALSE(fromRawValue<CharacterModelType>(other)) << other;
-  }
 
   const auto details = allCases<TrackingDetail>();
   ASSERT_EQ(details.size(), 4u);
@@ -95,10 +89,7 @@ TEST(PersistedEnumerationsTest, RawValuesNamesAndLabels) {
     EXPECT_EQ(label(details[i]), labels[i]);
     EXPECT_EQ(fromRawValue<TrackingDetail>(i), details[i]);
   }
-  EXPECT_EQ(fromRawValue<TrackingDetail>(3), TrackingDetail::many);
-  for (std::int64_t bad : {std::int64_t{4}, std::int64_t{-1}, std::int64_t{1} << 40}) {
-    EXPECT_FALSE(fromRawValue<TrackingDetail>(bad)) << bad;
-  }
+  // The values refused: TrackingSettingsTest.EveryKeyFallsBackFromUnusableValues.
 }
 
 }  // namespace
