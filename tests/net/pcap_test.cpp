@@ -13,6 +13,7 @@
 #include <tuple>
 #include <vector>
 
+#include "base/MainQueue.h"
 #include "net/PcapReader.h"
 #include "net/PcapWriter.h"
 #include "net/SessionRecorder.h"
@@ -162,14 +163,7 @@ TEST(PcapReaderTest, HostileFilesGetOneLineAndNoDatagrams) {
 // readable while recording goes on (flushed at least every flushInterval),
 // and a write failure ends the recording with a message but keeps what was
 // written.
-bool waitFor(const std::function<bool()>& pred, double seconds) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return pred();
-}
+bool waitFor(const std::function<bool()>& pred, double seconds) { return MainQueue::shared().runUntil(pred, seconds); }
 
 TEST(SessionRecorderTest, RecordsInOrderAndTheFileIsReadableWhileRecording) {
   test::LogCapture log;

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/MainQueue.h"
 #include "base/SerialQueue.h"
 #include "support/UdpSocket.h"
 #include "net/UdpListener.h"
@@ -74,11 +75,7 @@ struct Harness {
     release.set_value();
   }
   bool waitFor(std::size_t n) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (seen.count() < n && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return seen.count() >= n;
+    return MainQueue::shared().runUntil([&] { return seen.count() >= n; }, 5.0);
   }
 };
 
