@@ -58,7 +58,8 @@ TEST(LocalAddressTest, FirstQualifyingAddressWinsOrLoopbackText) {
                           {"virbr0", upAndRunning, AF_INET, "127.0.1.1"},
                           {"wlan0", upAndRunning, AF_INET6, "fe80::2"},
                           {"wlan0", upAndRunning, AF_INET, "192.168.178.23"}});
-  const FakeList twoGood({{"eth0", upAndRunning, AF_INET, "10.0.0.2"}, {"wlan0", upAndRunning, AF_INET, "192.168.1.7"}});
+  const FakeList twoGood({{"eth0", upAndRunning, AF_INET, "10.0.0.2"},  //
+                          {"wlan0", upAndRunning, AF_INET, "192.168.1.7"}});
   EXPECT_EQ(detectLocalIP(loopbackAndIPv6.entries.data()), "127.0.0.1");
   EXPECT_EQ(detectLocalIP(skipped.entries.data()), "192.168.178.23");
   EXPECT_EQ(detectLocalIP(twoGood.entries.data()), "10.0.0.2");
