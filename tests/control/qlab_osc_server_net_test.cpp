@@ -210,12 +210,10 @@ TEST_F(QLabServerTest, AFloodWhileTheMainThreadIsBusyStaysBounded) {
     seen = now;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
+  // The messages wait in the bounded mailbox (one drain closure, the oldest
+  // dropped: MainThreadMailbox.KeepsEverythingAtNormalRatesAndDropsTheOldestUnderAFlood).
   EXPECT_GT(server().droppedMessageCount(), droppedBefore);
-  EXPECT_LE(MainQueue::shared().pendingCount(), 4u) << "one drain closure, not one per datagram";
   MainQueue::shared().drain();
-  EXPECT_LE(commands.size(), QLabOSCServer::mailboxCapacity);
-  ASSERT_FALSE(commands.empty());
-  EXPECT_EQ(commands.back(), "/flood [" + std::to_string(count - 1) + "]  (unknown)");  // newest kept
   EXPECT_TRUE(log.hasPrefix("[QLabOSCServer] Main thread busy: dropped "));
   // Still serving afterwards.
   commands.clear();
