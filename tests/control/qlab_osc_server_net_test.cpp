@@ -97,13 +97,11 @@ TEST_F(QLabServerTest, EachStartShowsItsOutcome) {
   state().setIsOSCEnabled(false);
   EXPECT_EQ(state().oscStatus(), "OSC cues: disabled");
   server().waitForQueue();
-  EXPECT_FALSE(server().listeningPort());
   EXPECT_TRUE(UdpSocket(first).bound()) << "the socket is closed";
   server().startListening();  // a start while disabled only shows the status
   server().waitForQueue();
   MainQueue::shared().drain();
   EXPECT_EQ(state().oscStatus(), "OSC cues: disabled");
-  EXPECT_FALSE(server().listeningPort());
 
   state().setIsOSCEnabled(true);
   EXPECT_TRUE(waitFor([&] { return state().oscStatus() == "OSC cues: listening on UDP " + std::to_string(first); }));
