@@ -32,11 +32,15 @@ using test::oscMessage;
 using test::UdpSocket;
 using test::freeUdpPort;
 
+// Seconds the server's clock runs ahead of uptime(), so that a test can let
+// a subscription lapse; 0 while cues play (the cue player runs on uptime()).
+double clockAhead = 0;
+
 // The tests' cue server over the shared state and cue player, its
 // isOSCEnabled switch wired as the application wires it (app/CueServerSwitch).
 QLabOSCServer& cueServer() {
   static CommandContext commands{FaceTrackingState::shared(), CharacterAnimationController::shared(),
-                                 [] { return uptime(); }};
+                                 [] { return uptime() + clockAhead; }};
   static QLabOSCServer server(commands, MainQueue::shared());
   static const int switchToken = FaceTrackingState::shared().observe([](FaceTrackingState::Property p) {
     if (p == FaceTrackingState::Property::isOSCEnabled) server.setEnabled(FaceTrackingState::shared().isOSCEnabled());
@@ -48,6 +52,7 @@ QLabOSCServer& cueServer() {
 class QLabServerTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    clockAhead = 0;
     server();  // wires the switch
     state().setOscPort(freeUdpPort());
     if (!state().isOSCEnabled()) state().setIsOSCEnabled(true);  // starts through the switch
@@ -92,13 +97,11 @@ TEST_F(QLabServerTest, EachStartShowsItsOutcome) {
   state().setIsOSCEnabled(false);
   EXPECT_EQ(state().oscStatus(), "OSC cues: disabled");
   server().waitForQueue();
-  EXPECT_FALSE(server().listeningPort());
   EXPECT_TRUE(UdpSocket(first).bound()) << "the socket is closed";
   server().startListening();  // a start while disabled only shows the status
   server().waitForQueue();
   MainQueue::shared().drain();
   EXPECT_EQ(state().oscStatus(), "OSC cues: disabled");
-  EXPECT_FALSE(server().listeningPort());
 
   state().setIsOSCEnabled(true);
   EXPECT_TRUE(waitFor([&] { return state().oscStatus() == "OSC cues: listening on UDP " + std::to_string(first); }));
@@ -155,37 +158,29 @@ TEST(QLabServerSocketFailure, NoSocketLeftIsReported) {
   EXPECT_EXIT(startWithNoDescriptorsLeft(), ::testing::ExitedWithCode(0), "status: OSC cues: could not create socket");
 }
 
-// Everything that waits is read, in arrival order and a bundle's messages in
-// bundle order, each into a 4096-byte buffer.
+// What waits is read in arrival order and a bundle's messages in bundle
+// order, each datagram into a 4096-byte buffer. (Draining a long burst is the
+// flood test's; short or empty datagrams are the parser's.)
 TEST_F(QLabServerTest, DatagramsAreDispatchedInOrderAndRecorded) {
   const std::uint16_t port = listen();
-  state().resetCalibration();
   // Address (12 bytes with padding) + ",s" (4) + text: a datagram of exactly 4096 bytes arrives whole.
   const std::string fits(4096 - 16 - 4, 'a');
   const Bytes whole = oscMessage("/velmora/xx", {fits});
   ASSERT_EQ(whole.size(), 4096u);
-  sender.sendTo(port, Bytes{'/', 'a', 0});  // too short for a message: ignored
-  sender.sendTo(port, Bytes{});
-  sender.sendTo(port, oscMessage("/velmora/recentre"));
-  sender.sendTo(port, oscMessage("/Sensitivity", {2.5f}));
+  sender.sendTo(port, oscMessage("/Zero"));  // recorded as sent, not as its command
   sender.sendTo(port, oscMessage("/velmora/unknown", {1.5f, std::string("x")}));
   sender.sendTo(port, oscBundle({oscMessage("/velmora/sensitivity", {2.0f}), oscMessage("/velmora/opacity", {0.25f}),
                                  oscMessage("/velmora/sensitivity", {3.0f})}));
   sender.sendTo(port, whole);
   // A longer text is cut to 4096 bytes; the message still arrives.
   sender.sendTo(port, oscMessage("/velmora/xx", {std::string(6000, 'b')}));
-  std::vector<std::string> expected = {"/velmora/recentre []", "/Sensitivity [2.5]",
-                                       "/velmora/unknown [1.5, \"x\"]  (unknown)", "/velmora/sensitivity [2]",
-                                       "/velmora/opacity [0.25]", "/velmora/sensitivity [3]",
-                                       "/velmora/xx [\"" + fits + "\"]  (unknown)", "cut"};
-  for (int i = 0; i < 100; ++i) {
-    sender.sendTo(port, oscMessage("/x" + std::to_string(i)));
-    expected.push_back("/x" + std::to_string(i) + " []  (unknown)");
-  }
+  const std::vector<std::string> expected = {
+      "/Zero []", "/velmora/unknown [1.5, \"x\"]  (unknown)", "/velmora/sensitivity [2]", "/velmora/opacity [0.25]",
+      "/velmora/sensitivity [3]", "/velmora/xx [\"" + fits + "\"]  (unknown)", "cut"};
   ASSERT_TRUE(waitFor([&] { return commands.size() >= expected.size(); })) << commands.size();
-  EXPECT_EQ(commands[7].rfind("/velmora/xx [", 0), 0u);
-  EXPECT_LT(commands[7].size(), 4200u);
-  commands[7] = "cut";
+  EXPECT_EQ(commands[6].rfind("/velmora/xx [", 0), 0u);
+  EXPECT_LT(commands[6].size(), 4200u);
+  commands[6] = "cut";
   EXPECT_EQ(commands, expected);
   EXPECT_EQ(state().globalSensitivity(), 3.0f);  // dispatched, and the bundle's last one won
   EXPECT_EQ(state().maskOpacity(), 0.25f);
@@ -212,12 +207,10 @@ TEST_F(QLabServerTest, AFloodWhileTheMainThreadIsBusyStaysBounded) {
     seen = now;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
+  // The messages wait in the bounded mailbox (one drain closure, the oldest
+  // dropped: MainThreadMailbox.KeepsEverythingAtNormalRatesAndDropsTheOldestUnderAFlood).
   EXPECT_GT(server().droppedMessageCount(), droppedBefore);
-  EXPECT_LE(MainQueue::shared().pendingCount(), 4u) << "one drain closure, not one per datagram";
   MainQueue::shared().drain();
-  EXPECT_LE(commands.size(), QLabOSCServer::mailboxCapacity);
-  ASSERT_FALSE(commands.empty());
-  EXPECT_EQ(commands.back(), "/flood [" + std::to_string(count - 1) + "]  (unknown)");  // newest kept
   EXPECT_TRUE(log.hasPrefix("[QLabOSCServer] Main thread busy: dropped "));
   // Still serving afterwards.
   commands.clear();
@@ -319,32 +312,18 @@ TEST_F(QLabServerTest, SubscriberFollowsCuesAndSettingsWhoeverChangesThem) {
   EXPECT_NE(std::find(seen.begin(), seen.end(), "/velmora/event/setting [\"sensitivity\", 3.5]"), seen.end());
   EXPECT_EQ(seen.back(), "/velmora/sensitivity [3.5]");
 
-  EXPECT_EQ(ask(server(), port, controller, "/velmora/updates", {0.0f})["data"], false);
-}
 
-TEST_F(QLabServerTest, ALapsedSubscriptionReceivesNothing) {
-  // A server of its own whose clock the test moves.
-  double now = 1000.0;
-  CommandContext commands{state(), CharacterAnimationController::shared(), [&now] { return now; }};
-  QLabOSCServer own(commands, MainQueue::shared());
-  state().setOscPort(freeUdpPort());
-  own.startListening();
-  own.waitForQueue();
-  const auto port = static_cast<std::uint16_t>(state().oscPort());
-  ASSERT_TRUE(waitFor([&] { return own.listeningPort() == port; }));
-
-  UdpSocket lapsed, kept;
-  ask(own, port, lapsed, "/velmora/updates", {1.0f});
-  ask(own, port, kept, "/velmora/updates", {1.0f});
-  now += 50.0;
-  ask(own, port, kept, "/velmora/thump");  // the heartbeat keeps one alive
-  now += 20.0;  // 70 s after the other's last message
-
+  // A subscription lapses 60 s after its sender's last message; the
+  // heartbeat keeps one alive.
+  UdpSocket lapsed;
+  ask(server(), port, lapsed, "/velmora/updates", {1.0f});
+  clockAhead = 50.0;
+  ask(server(), port, controller, "/velmora/thump");
+  clockAhead = 70.0;
   state().setMaskOpacity(state().maskOpacity() > 0.5f ? 0.25f : 0.75f);
-  EXPECT_TRUE(nextMessage(own, kept));
-  EXPECT_FALSE(nextMessage(own, lapsed, 0.5));
-  EXPECT_EQ(own.replies().peers().subscribers().size(), 1u);
-  own.shutdown();
+  EXPECT_TRUE(nextMessage(server(), controller));
+  EXPECT_FALSE(nextMessage(server(), lapsed, 0.5));
+  EXPECT_EQ(ask(server(), port, controller, "/velmora/updates", {0.0f})["data"], false);
 }
 
 }  // namespace

@@ -5,8 +5,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
-#include <deque>
-#include <string>
+#include <vector>
 
 #include "net/LocalAddress.h"
 
@@ -15,59 +14,55 @@ namespace {
 
 constexpr unsigned upAndRunning = IFF_UP | IFF_RUNNING;
 
-// Owns the entries and addresses of a fake list; entries link in the order
-// they were added.
-class FakeInterfaces {
- public:
-  FakeInterfaces& ipv4(const char* name, unsigned flags, const char* address) {
-    sockaddr_in& a = v4_.emplace_back();
-    a.sin_family = AF_INET;
-    inet_pton(AF_INET, address, &a.sin_addr);
-    return add(name, flags, reinterpret_cast<sockaddr*>(&a));
-  }
-  FakeInterfaces& ipv6(const char* name, unsigned flags, const char* address) {
-    sockaddr_in6& a = v6_.emplace_back();
-    a.sin6_family = AF_INET6;
-    inet_pton(AF_INET6, address, &a.sin6_addr);
-    return add(name, flags, reinterpret_cast<sockaddr*>(&a));
-  }
-  FakeInterfaces& noAddress(const char* name, unsigned flags) { return add(name, flags, nullptr); }
-  const ifaddrs* list() const { return entries_.empty() ? nullptr : &entries_.front(); }
+struct Interface {
+  const char* name;
+  unsigned flags;
+  int family;  // AF_INET, AF_INET6, or 0 for an entry without an address
+  const char* address;
+};
 
- private:
-  FakeInterfaces& add(const char* name, unsigned flags, sockaddr* address) {
-    ifaddrs& e = entries_.emplace_back();
-    e.ifa_name = const_cast<char*>(name);
-    e.ifa_flags = flags;
-    e.ifa_addr = address;
-    if (entries_.size() > 1) entries_[entries_.size() - 2].ifa_next = &e;
-    return *this;
+// The entries of a made-up list and their addresses, linked in the order given.
+struct FakeList {
+  std::vector<ifaddrs> entries;
+  std::vector<sockaddr_in6> addresses;  // room for either family
+
+  explicit FakeList(const std::vector<Interface>& rows) : entries(rows.size()), addresses(rows.size()) {
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+      ifaddrs& e = entries[i];
+      e.ifa_name = const_cast<char*>(rows[i].name);
+      e.ifa_flags = rows[i].flags;
+      e.ifa_next = i + 1 < rows.size() ? &entries[i + 1] : nullptr;
+      if (rows[i].family == 0) continue;
+      sockaddr_in6& a = addresses[i];
+      a.sin6_family = static_cast<sa_family_t>(rows[i].family);
+      void* bytes = rows[i].family == AF_INET ? static_cast<void*>(&reinterpret_cast<sockaddr_in*>(&a)->sin_addr)
+                                              : static_cast<void*>(&a.sin6_addr);
+      inet_pton(rows[i].family, rows[i].address, bytes);
+      e.ifa_addr = reinterpret_cast<sockaddr*>(&a);
+    }
   }
-  std::deque<ifaddrs> entries_;
-  std::deque<sockaddr_in> v4_;
-  std::deque<sockaddr_in6> v6_;
 };
 
 // The first IPv4 address of an interface that is up and running, not
 // loopback and not 127.x; loopback text when there is none.
 TEST(LocalAddressTest, FirstQualifyingAddressWinsOrLoopbackText) {
   EXPECT_EQ(detectLocalIP(nullptr), "127.0.0.1");
-  FakeInterfaces loopbackAndIPv6, skipped, twoGood;
-  loopbackAndIPv6.ipv4("lo", upAndRunning | IFF_LOOPBACK, "127.0.0.1")
-      .ipv6("lo", upAndRunning | IFF_LOOPBACK, "::1")
-      .ipv6("eth0", upAndRunning, "fe80::1")
-      .ipv6("eth0", upAndRunning, "2001:db8::5");
-  skipped.noAddress("tun0", upAndRunning)
-      .ipv4("eth0", IFF_RUNNING, "192.168.1.10")  // not up
-      .ipv4("eth1", IFF_UP, "192.168.1.11")       // not running
-      .ipv4("lo", upAndRunning | IFF_LOOPBACK, "10.1.1.1")
-      .ipv4("virbr0", upAndRunning, "127.0.1.1")
-      .ipv6("wlan0", upAndRunning, "fe80::2")
-      .ipv4("wlan0", upAndRunning, "192.168.178.23");
-  twoGood.ipv4("eth0", upAndRunning, "10.0.0.2").ipv4("wlan0", upAndRunning, "192.168.1.7");
-  EXPECT_EQ(detectLocalIP(loopbackAndIPv6.list()), "127.0.0.1");
-  EXPECT_EQ(detectLocalIP(skipped.list()), "192.168.178.23");
-  EXPECT_EQ(detectLocalIP(twoGood.list()), "10.0.0.2");
+  const FakeList loopbackAndIPv6({{"lo", upAndRunning | IFF_LOOPBACK, AF_INET, "127.0.0.1"},
+                                  {"lo", upAndRunning | IFF_LOOPBACK, AF_INET6, "::1"},
+                                  {"eth0", upAndRunning, AF_INET6, "fe80::1"},
+                                  {"eth0", upAndRunning, AF_INET6, "2001:db8::5"}});
+  const FakeList skipped({{"tun0", upAndRunning, 0, nullptr},
+                          {"eth0", IFF_RUNNING, AF_INET, "192.168.1.10"},  // not up
+                          {"eth1", IFF_UP, AF_INET, "192.168.1.11"},       // not running
+                          {"lo", upAndRunning | IFF_LOOPBACK, AF_INET, "10.1.1.1"},
+                          {"virbr0", upAndRunning, AF_INET, "127.0.1.1"},
+                          {"wlan0", upAndRunning, AF_INET6, "fe80::2"},
+                          {"wlan0", upAndRunning, AF_INET, "192.168.178.23"}});
+  const FakeList twoGood({{"eth0", upAndRunning, AF_INET, "10.0.0.2"},  //
+                          {"wlan0", upAndRunning, AF_INET, "192.168.1.7"}});
+  EXPECT_EQ(detectLocalIP(loopbackAndIPv6.entries.data()), "127.0.0.1");
+  EXPECT_EQ(detectLocalIP(skipped.entries.data()), "192.168.178.23");
+  EXPECT_EQ(detectLocalIP(twoGood.entries.data()), "10.0.0.2");
 }
 
 }  // namespace

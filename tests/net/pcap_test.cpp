@@ -13,6 +13,7 @@
 #include <tuple>
 #include <vector>
 
+#include "base/MainQueue.h"
 #include "net/PcapReader.h"
 #include "net/PcapWriter.h"
 #include "net/SessionRecorder.h"
@@ -48,48 +49,14 @@ TEST(PcapWriterTest, SynthesisedHeadersAroundThePayload) {
   const std::vector<std::uint8_t> expected = {
       0x45, 0x00, 0x00, 0x1E,  //  0: IPv4, 5-word header; total length 30
       0x00, 0x07, 0x40, 0x00,  //  4: identification 7; don't fragment
-      0x40, 0x11, 0x00, 0x00,  //  8: TTL 64, UDP, checksum (checked below)
+      0x40, 0x11, 0xFA, 0x07,  //  8: TTL 64, UDP, header checksum
       0xC0, 0xA8, 0x01, 0x17,  // 12: source 192.168.1.23
       0x7F, 0x00, 0x00, 0x01,  // 16: destination 127.0.0.1
       0xC3, 0xCB, 0x2B, 0x67,  // 20: ports 50123 -> 11111
       0x00, 0x0A, 0x00, 0x00,  // 24: UDP length 10, no checksum
       'h',  'i',               // 28: payload
   };
-  ASSERT_EQ(packet.size(), expected.size());
-  for (std::size_t i = 0; i < expected.size(); ++i) {
-    if (i == 10 || i == 11) continue;
-    EXPECT_EQ(packet[i], expected[i]) << "byte " << i;
-  }
-  // A header with its checksum sums to 0xFFFF in one's complement.
-  std::uint32_t sum = 0;
-  for (int i = 0; i < 20; i += 2) sum += std::uint32_t(packet[i] << 8 | packet[i + 1]);
-  while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
-  EXPECT_EQ(sum, 0xFFFFu);
-}
-
-TEST(PcapWriterTest, WhatIsWrittenReadsBackUnchanged) {
-  test::TempDir dir;
-  const auto path = (dir.path() / "session.pcap").string();
-  std::vector<RecordedDatagram> sent = {
-      {envelope(11111, 1700000000123456), bytesOf("jawOpen-50|=1,2,3,4,5,6")},
-      {envelope(49983, 1700000000140000), {}},                     // empty datagram
-      {envelope(39539, 1700000000150001), std::vector<std::uint8_t>(PcapWriter::maxPayload, 0xAB)},  // largest
-      {envelope(11111, 1700000001000000), bytesOf("not any known format")},
-  };
-  {
-    auto writer = PcapWriter::create(path);
-    ASSERT_TRUE(writer) << writer.reason;
-    for (const auto& d : sent) ASSERT_TRUE(writer.value->write(d.payload, d.envelope));
-    EXPECT_EQ(writer.value->datagramsWritten(), sent.size());
-  }
-  const auto read = PcapReader::readFile(path);
-  ASSERT_TRUE(read) << read.error;
-  ASSERT_EQ(read.datagrams.size(), sent.size());
-  for (std::size_t i = 0; i < sent.size(); ++i) {
-    const auto& got = read.datagrams[i];
-    EXPECT_EQ(got.payload, sent[i].payload) << i;
-    EXPECT_EQ(fields(got.envelope), fields(sent[i].envelope)) << i;
-  }
+  EXPECT_EQ(packet, expected);
 }
 
 TEST(PcapWriterTest, FullDiskIsAClearError) {
@@ -172,13 +139,11 @@ TEST(PcapReaderTest, HostileFilesGetOneLineAndNoDatagrams) {
       {"destination port 0", PcapBytes().record(PcapBytes::udp(bytesOf("x"), 0)).bytes(), "destination port 0"},
       {"unsupported link type", PcapBytes(147).record(good).bytes(), "link type"},
   };
+  // That an error is one line naming the file, with no datagrams, is the
+  // capture fuzzer's check on every file it makes up.
   for (const auto& c : cases) {
     const auto r = PcapReader::readBytes(c.bytes, "f.pcap");
-    EXPECT_FALSE(r) << c.what;
-    EXPECT_TRUE(r.datagrams.empty()) << c.what;
-    EXPECT_EQ(r.error.rfind("f.pcap: ", 0), 0u) << c.what << ": " << r.error;
     EXPECT_NE(r.error.find(c.expected), std::string::npos) << c.what << ": " << r.error;
-    EXPECT_EQ(r.error.find('\n'), std::string::npos) << c.what;
   }
   EXPECT_EQ(PcapReader::readFile("/nonexistent/f.pcap").error,
             "/nonexistent/f.pcap: cannot be opened (No such file or directory)");
@@ -189,14 +154,7 @@ TEST(PcapReaderTest, HostileFilesGetOneLineAndNoDatagrams) {
 // readable while recording goes on (flushed at least every flushInterval),
 // and a write failure ends the recording with a message but keeps what was
 // written.
-bool waitFor(const std::function<bool()>& pred, double seconds) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return pred();
-}
+bool waitFor(const std::function<bool()>& pred, double seconds) { return MainQueue::shared().runUntil(pred, seconds); }
 
 TEST(SessionRecorderTest, RecordsInOrderAndTheFileIsReadableWhileRecording) {
   test::LogCapture log;
@@ -207,30 +165,34 @@ TEST(SessionRecorderTest, RecordsInOrderAndTheFileIsReadableWhileRecording) {
   SessionRecorder& recorder = *created.value;
   EXPECT_TRUE(log.has("[SessionRecorder] Recording tracking datagrams to " + path));
 
+  // Written as they arrive, from empty to the largest payload a record holds.
+  std::vector<RecordedDatagram> sent;
   for (int i = 0; i < 50; ++i) {
-    recorder.datagramArrived(bytes(100 + i, std::uint8_t(i)), envelope(i % 2 ? 11111 : 39539, 1000000 + i * 16667));
+    sent.push_back({envelope(i % 2 ? 11111 : 39539, 1700000000123456 + i * 16667), bytes(i * 3, std::uint8_t(i))});
   }
+  sent[7].payload.assign(PcapWriter::maxPayload, 0xAB);
+  for (const auto& d : sent) recorder.datagramArrived(d.payload, d.envelope);
   // Without stopping: within about a second the file holds all of them.
   ASSERT_TRUE(waitFor([&] { return PcapReader::readFile(path).datagrams.size() == 50; }, 3.0))
       << PcapReader::readFile(path).error;
   EXPECT_EQ(recorder.statusText(), "Recording: 50 datagrams to " + path);
 
-  recorder.datagramArrived(bytes(3, 0xEE), envelope(49983, 2000000));
+  sent.push_back({envelope(49983, 1700000002000000), bytes(3, 0xEE)});
+  recorder.datagramArrived(sent.back().payload, sent.back().envelope);
   recorder.stop();
   EXPECT_TRUE(log.has("[SessionRecorder] Recording stopped: 51 datagrams in " + path));
   EXPECT_EQ(recorder.statusText(), "Recorded 51 datagrams to " + path);
   recorder.datagramArrived(bytes(3, 0xEE), envelope(49983, 3000000));  // after stop: ignored
   recorder.stop();                                                       // idempotent
 
+  // What was written reads back unchanged (the writer's round trip).
   const auto read = PcapReader::readFile(path);
   ASSERT_TRUE(read) << read.error;
-  ASSERT_EQ(read.datagrams.size(), 51u);
-  for (int i = 0; i < 50; ++i) {
-    EXPECT_EQ(read.datagrams[i].payload, bytes(100 + i, std::uint8_t(i))) << i;
-    EXPECT_EQ(read.datagrams[i].envelope.destinationPort, i % 2 ? 11111 : 39539) << i;
-    EXPECT_EQ(read.datagrams[i].envelope.arrivalMicroseconds, 1000000 + i * 16667) << i;
+  ASSERT_EQ(read.datagrams.size(), sent.size());
+  for (std::size_t i = 0; i < sent.size(); ++i) {
+    EXPECT_EQ(read.datagrams[i].payload, sent[i].payload) << i;
+    EXPECT_EQ(fields(read.datagrams[i].envelope), fields(sent[i].envelope)) << i;
   }
-  EXPECT_EQ(read.datagrams[50].envelope.destinationPort, 49983);
 }
 
 TEST(SessionRecorderTest, WriteFailureEndsTheRecordingButKeepsWhatWasWritten) {
