@@ -5,8 +5,6 @@
 #include <cmath>
 #include <limits>
 
-#include "animation/AnimationOutput.h"
-
 namespace velmora {
 namespace {
 
@@ -58,16 +56,6 @@ TEST(AnimationCue, EqualityComparesKindAndRequestedDuration) {
   EXPECT_NE(AnimationCue::make(K::ghostSpook, 1.0), AnimationCue::make(K::ghostShiver, 1.0));
   // Requested values below the minimum are still distinct cues.
   EXPECT_NE(AnimationCue::make(K::maskNod, 0.0), AnimationCue::make(K::maskNod, 0.1));
-}
-
-TEST(AnimationOutput, NeutralIsIdentity) {
-  const AnimationOutput& n = AnimationOutput::neutral();
-  EXPECT_EQ(n.positionOffset, float3(0, 0, 0));
-  EXPECT_EQ(n.rotationOffset, float3(0, 0, 0));
-  EXPECT_EQ(n.scaleMultiplier, float3(1, 1, 1));
-  EXPECT_EQ(n.opacityMultiplier, 1.0f);
-  EXPECT_TRUE(n.blendshapes.empty());
-  EXPECT_EQ(n.blendWeight, 0.0f);
 }
 
 }  // namespace
