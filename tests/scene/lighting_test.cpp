@@ -67,20 +67,16 @@ TEST(LightingSettingsTest, TintCoolsTheGivenColourNotWhite) {
   }
 }
 
-TEST(LightingSettingsTest, PersistenceRoundTripAndUndecodableValuesLoadTheatrical) {
+// A stored record that cannot be decoded, whole or in any field, loads
+// Theatrical. (Round trip over a restart and the stored key names:
+// TrackingSettingsTest.)
+TEST(LightingSettingsTest, UndecodableRecordsLoadTheatrical) {
   test::TempDir dir;
   const LightingSettings custom{LightingSettings::customName, 2.5, 0.1, 3.0, 1.7, 2.9, -2.75, -0.6, 0.011};
-  {
-    SettingsStore store(dir.path());
-    EXPECT_EQ(LightingSettings::load(store), LightingSettings::theatrical());  // nothing stored
-    custom.save(store);
-  }
   SettingsStore store(dir.path());
-  EXPECT_EQ(LightingSettings::load(store), custom);
+  EXPECT_EQ(LightingSettings::load(store), LightingSettings::theatrical());  // nothing stored
+  custom.save(store);
   const auto good = *store.dictionary("lightingSettings");
-  for (const char* field : {"preset", "key", "fill", "rim", "ambient", "keyHeight", "keySide", "warmth", "shadow"})
-    EXPECT_TRUE(good.contains(field)) << field;
-
   const auto with = [&](const char* key, const nlohmann::json& value) {
     auto j = good;
     j[key] = value;
