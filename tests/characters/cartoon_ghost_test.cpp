@@ -34,7 +34,7 @@ void addBounds(const Node& node, Bounds& b) {
   for (const auto& c : node.children()) addBounds(*c, b);
 }
 
-TEST(CartoonGhost, NodeTreeNamesAndEyes) {
+TEST(CartoonGhost, NodeTreeEyesAndFitInTheFrame) {
   const auto build = createGhostNode();
   ASSERT_TRUE(build.node);
   EXPECT_EQ(build.node->name, "CartoonGhost");
@@ -59,10 +59,7 @@ TEST(CartoonGhost, NodeTreeNamesAndEyes) {
     eye->scale = float3(1.0f, 0.08f, 1.0f);
     EXPECT_EQ(float3(eye->worldTransform()[3]), eye->position);
   }
-}
-
-TEST(CartoonGhost, FitsTheFrameAtRest) {
-  const auto build = createGhostNode();
+  // At rest the whole tree fits the frame.
   Bounds b;
   addBounds(*build.node, b);
   EXPECT_TRUE(glm::all(glm::greaterThanEqual(b.lo, float3(-0.8f, -1.05f, -0.45f)))) << b.lo.x << ", " << b.lo.y;

@@ -209,8 +209,8 @@ TEST(MaskTargets, EyeBlinkClosesTheEyeOpening) {
 }
 
 // Both characters: a second build shares the mesh arrays and targets but
-// has its own node and weights.
-TEST(MaskTargets, SecondBuildSharesTheMeshArrays) {
+// has its own node and weights; the mask's wireframe shares its targets.
+TEST(MaskTargets, SecondBuildsAndTheWireframeShareTheMeshArraysAndTargets) {
   for (const auto make : {&createTheatricalMaskNode, &createGhostNode}) {
     const auto a = make();
     const auto b = make();
@@ -221,6 +221,17 @@ TEST(MaskTargets, SecondBuildSharesTheMeshArrays) {
     a.morpher->setWeight(0, 1.0f);
     EXPECT_EQ(b.morpher->weight(0), 0.0f);
   }
+  // The wireframe's front-only geometry blends with the mask's own targets:
+  // the entries past its vertices (back and rim) are left out.
+  const auto morpher = makeWireframeMorpher();
+  EXPECT_EQ(morpher->targets, createTheatricalMaskNode().morpher->targets);
+  const auto& geometry = *G::makeWireframeGeometry();
+  ASSERT_EQ(geometry.vertexCount(), G::topology().frontCount());
+  morpher->setWeight(34, 1.0f);  // jawOpen
+  const auto blended = referenceBlend(geometry, *morpher);
+  ASSERT_EQ(blended.positions.size(), geometry.vertexCount());
+  const std::size_t lower = G::topology().frontCount() - 41;  // a mouth-row duplicate near x = 0
+  EXPECT_LT(blended.positions[lower].y - geometry.source(Semantic::vertex)->vec3(lower).y, -0.2f);
   const auto mask = createTheatricalMaskNode();
   EXPECT_EQ(mask.node->name, "TheatricalMask");
   EXPECT_EQ(mask.node->geometry->sources.size(), 4u);  // with the colours
@@ -245,20 +256,6 @@ TEST(MaskTargets, TargetsMatchAFreshAssembly) {
       ASSERT_EQ(dn[i], normals.vec3(i) - base.source(Semantic::normal)->vec3(i));
     }
   }
-}
-
-// The wireframe's front-only geometry blends with the character's own
-// targets: the entries past its vertices (back and rim) are left out.
-TEST(MaskTargets, WireframeMorpherSharesTheCharactersTargets) {
-  const auto morpher = makeWireframeMorpher();
-  EXPECT_EQ(morpher->targets, createTheatricalMaskNode().morpher->targets);
-  const auto& geometry = *G::makeWireframeGeometry();
-  ASSERT_EQ(geometry.vertexCount(), G::topology().frontCount());
-  morpher->setWeight(34, 1.0f);  // jawOpen
-  const auto blended = referenceBlend(geometry, *morpher);
-  ASSERT_EQ(blended.positions.size(), geometry.vertexCount());
-  const std::size_t lower = G::topology().frontCount() - 41;  // a mouth-row duplicate near x = 0
-  EXPECT_LT(blended.positions[lower].y - geometry.source(Semantic::vertex)->vec3(lower).y, -0.2f);
 }
 
 }  // namespace
