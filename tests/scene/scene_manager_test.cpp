@@ -32,9 +32,14 @@ namespace {
 
 class SceneManagerTest : public ::testing::Test, protected test::StateFixture {
  protected:
-  SceneManagerTest() : test::StateFixture(true, 10.0) {}  // one clock for the state and the cues
+  SceneManagerTest() : test::StateFixture(true, 10.0) {  // one clock for the state and the cues
+    auto owned = std::make_unique<test::StandInRenderer>();
+    renderer = owned.get();
+    scene.setRenderer(std::move(owned));
+  }
   CharacterAnimationController animation;
   MaskSceneManager scene{state, animation, [this] { return now; }};
+  test::StandInRenderer* renderer = nullptr;  // owned by the scene
 
   float weightOf(const char* name) {
     auto index = scene.targetIndex(name);
@@ -348,9 +353,6 @@ TEST_F(SceneManagerTest, HiddenNodesAndOpacityMultiplyDownTheTree) {
 // outputs off, shares the outputs' frame at their size, and only a view of
 // another size costs a second frame. Each consumer gets frames of its size.
 TEST_F(SceneManagerTest, LiveViewsShareTheOutputsFrameAtTheirSize) {
-  auto owned = std::make_unique<test::StandInRenderer>();
-  test::StandInRenderer* renderer = owned.get();
-  scene.setRenderer(std::move(owned));
   using Size = std::pair<int, int>;
   const Size output{MaskSceneManager::outputWidth, MaskSceneManager::outputHeight}, other{1280, 720};
   std::vector<Size> previewGot, smallGot;
@@ -416,9 +418,6 @@ class ScriptedOutput : public VideoOutput {
 class OutputSyncTest : public SceneManagerTest {
  protected:
   OutputSyncTest() {
-    auto owned = std::make_unique<test::StandInRenderer>();
-    renderer = owned.get();
-    scene.setRenderer(std::move(owned));
     scene.setOutputs(&syphon, &ndi);
     state.observe([this](FaceTrackingState::Property p) {
       if (p == FaceTrackingState::Property::syphonStatus) ++syphonWrites;
@@ -426,7 +425,6 @@ class OutputSyncTest : public SceneManagerTest {
     });
   }
   ScriptedOutput syphon, ndi;
-  test::StandInRenderer* renderer = nullptr;
   int syphonWrites = 0, ndiWrites = 0;
 };
 
