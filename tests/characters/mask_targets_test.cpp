@@ -1,6 +1,7 @@
-// The mask's expression targets: table order and target map, the shared
-// weights and each target's constant at its anchor points, mirrored sides,
-// what the key expressions do to the mesh, and the shared character data.
+// The mask's expression targets: table order and target map (and both
+// characters' ARKit names), the shared weights and each target's constant at its
+// anchor points, mirrored sides, what the key expressions do to the mesh, and
+// the shared character data.
 #include <gtest/gtest.h>
 
 #include <cctype>
