@@ -17,12 +17,6 @@ namespace {
 using G = TheatricalMaskGeometry;
 using Snap = TheatricalMaskTopology::Snap;
 
-std::vector<bool> referenced(const std::vector<std::int32_t>& indices, std::size_t count) {
-  std::vector<bool> used(count, false);
-  for (const auto i : indices) used[static_cast<std::size_t>(i)] = true;
-  return used;
-}
-
 // Height of the front vertex nearest (x, y).
 float heightNear(const std::vector<float3>& front, float x, float y) {
   std::size_t best = 0;
@@ -135,7 +129,8 @@ TEST(MaskGeometry, EyeDistanceAndLidFoldSpotValues) {
 TEST(MaskGeometry, HolesAreSnappedUnreferencedAndFaceTheViewer) {
   const auto& topo = G::topology();
   const std::size_t n = topo.frontCount();
-  const auto used = referenced(topo.allTriangles, topo.shellCount());
+  std::vector<bool> used(topo.shellCount(), false);
+  for (const auto i : topo.allTriangles) used[static_cast<std::size_t>(i)] = true;
   const auto normals = G::assembleSources(G::neutralFront()).second;
   int inside = 0, eyes[2] = {0, 0}, nostrils[2] = {0, 0};
   for (std::size_t i = 0; i < n; ++i) {
