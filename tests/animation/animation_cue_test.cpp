@@ -5,16 +5,14 @@
 #include <cmath>
 #include <limits>
 
-#include "animation/AnimationOutput.h"
-
 namespace velmora {
 namespace {
 
 using K = AnimationCue::Kind;
 
 // Every kind in catalogue order: its display text (exact), its minimum
-// duration and whether it is a ghost cue.
-TEST(AnimationCue, EveryKindsTextMinimumAndCharacter) {
+// duration, whether it is a ghost cue, and what makes two cues equal.
+TEST(AnimationCue, EveryKindsTextMinimumCharacterAndEquality) {
   const struct {
     K kind;
     const char* name;
@@ -49,25 +47,11 @@ TEST(AnimationCue, EveryKindsTextMinimumAndCharacter) {
       EXPECT_EQ(AnimationCue::make(r.kind, requested).duration(), r.minimum) << requested;
     EXPECT_EQ(AnimationCue::make(r.kind, 0.45).duration(), std::max(0.45, r.minimum));
     EXPECT_EQ(AnimationCue::make(r.kind, 3.25).duration(), 3.25);
+    // Equal when kind and requested duration are, even below the minimum.
+    EXPECT_EQ(AnimationCue::make(r.kind, 1.0), AnimationCue::make(r.kind, 1.0));
+    EXPECT_NE(AnimationCue::make(r.kind, 0.0), AnimationCue::make(r.kind, 0.1));
+    EXPECT_NE(AnimationCue::make(r.kind, 1.0), AnimationCue::make(rows[(i + 1) % std::size(rows)].kind, 1.0));
   }
-}
-
-TEST(AnimationCue, EqualityComparesKindAndRequestedDuration) {
-  EXPECT_EQ(AnimationCue::make(K::ghostSpook, 1.0), AnimationCue::make(K::ghostSpook, 1.0));
-  EXPECT_NE(AnimationCue::make(K::ghostSpook, 1.0), AnimationCue::make(K::ghostSpook, 2.0));
-  EXPECT_NE(AnimationCue::make(K::ghostSpook, 1.0), AnimationCue::make(K::ghostShiver, 1.0));
-  // Requested values below the minimum are still distinct cues.
-  EXPECT_NE(AnimationCue::make(K::maskNod, 0.0), AnimationCue::make(K::maskNod, 0.1));
-}
-
-TEST(AnimationOutput, NeutralIsIdentity) {
-  const AnimationOutput& n = AnimationOutput::neutral();
-  EXPECT_EQ(n.positionOffset, float3(0, 0, 0));
-  EXPECT_EQ(n.rotationOffset, float3(0, 0, 0));
-  EXPECT_EQ(n.scaleMultiplier, float3(1, 1, 1));
-  EXPECT_EQ(n.opacityMultiplier, 1.0f);
-  EXPECT_TRUE(n.blendshapes.empty());
-  EXPECT_EQ(n.blendWeight, 0.0f);
 }
 
 }  // namespace

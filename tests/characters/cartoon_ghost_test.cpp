@@ -1,5 +1,5 @@
-// The cartoon ghost: node tree and names, target map, framing limits, the
-// shell, what each expression does to the mouth, and mirrored sides.
+// The cartoon ghost: node tree and names, framing limits, the closed shell,
+// what each expression does to the mouth, and mirrored sides.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -7,8 +7,8 @@
 #include <set>
 #include <string>
 
+#include "ClosedShell.h"
 #include "characters/CartoonGhost.h"
-#include "stage/ARKitBlendShape.h"
 #include "stage/Node.h"
 
 namespace velmora {
@@ -34,7 +34,7 @@ void addBounds(const Node& node, Bounds& b) {
   for (const auto& c : node.children()) addBounds(*c, b);
 }
 
-TEST(CartoonGhost, NodeTreeNamesAndEyes) {
+TEST(CartoonGhost, NodeTreeEyesAndFitInTheFrame) {
   const auto build = createGhostNode();
   ASSERT_TRUE(build.node);
   EXPECT_EQ(build.node->name, "CartoonGhost");
@@ -53,50 +53,21 @@ TEST(CartoonGhost, NodeTreeNamesAndEyes) {
     EXPECT_LT(eye->geometry->materials[0].roughness, 0.3f);  // glossy
     Bounds b;
     addBounds(*eye, b);
-    EXPECT_NEAR(b.hi.x - b.lo.x, 0.09f, 1e-3f) << e.name;
-    EXPECT_NEAR(b.hi.y - b.lo.y, 0.13f, 1e-3f) << e.name;
-    EXPECT_NEAR((b.hi.x + b.lo.x) / 2, e.x, 1e-5f) << e.name;
-    EXPECT_NEAR((b.hi.y + b.lo.y) / 2, 0.42f, 1e-5f) << e.name;
+    EXPECT_LE(glm::length(float2(b.hi - b.lo) - float2(0.09f, 0.13f)), 1e-3f) << e.name;  // size
+    EXPECT_LE(glm::length(float2(b.hi + b.lo) / 2.0f - float2(e.x, 0.42f)), 1e-5f) << e.name;  // centre
     // A blink squash keeps the eye centred where it was.
     eye->scale = float3(1.0f, 0.08f, 1.0f);
     EXPECT_EQ(float3(eye->worldTransform()[3]), eye->position);
   }
-}
-
-TEST(CartoonGhost, TargetMapCoversTheListedExpressions) {
-  EXPECT_EQ(CartoonGhost::displacements().size(), 41u);
-  // An ARKit name each, every one but gaze, blink (the eye nodes) and the
-  // tongue.
-  std::set<std::string> expected;
-  for (const auto shape : allCases<ARKitBlendShape>()) expected.insert(std::string(rawValue(shape)));
-  for (const char* gone : {"eyeLookDownLeft", "eyeLookDownRight", "eyeLookInLeft", "eyeLookInRight", "eyeLookOutLeft",
-                           "eyeLookOutRight", "eyeLookUpLeft", "eyeLookUpRight", "tongueOut", "eyeBlinkLeft",
-                           "eyeBlinkRight"})
-    expected.erase(gone);
-  std::set<std::string> names;
-  for (const auto& entry : CartoonGhost::displacements()) names.insert(entry.name);
-  EXPECT_EQ(names, expected);
-  // That the map has one key per target and each key names its own target
-  // (lower-cased) is checked by the export round trip
-  // (CharacterExport.EachFileReadsBackAsTheCharacterInMemory).
-}
-
-TEST(CartoonGhost, FitsTheFrameAtRest) {
-  const auto build = createGhostNode();
+  // At rest the whole tree fits the frame.
   Bounds b;
   addBounds(*build.node, b);
-  EXPECT_GE(b.lo.x, -0.8f);
-  EXPECT_LE(b.hi.x, 0.8f);
-  EXPECT_GE(b.lo.y, -1.05f);
-  EXPECT_LE(b.hi.y, 1.0f);
-  EXPECT_GE(b.lo.z, -0.45f);
-  EXPECT_LE(b.hi.z, 0.45f);
+  EXPECT_TRUE(glm::all(glm::greaterThanEqual(b.lo, float3(-0.8f, -1.05f, -0.45f)))) << b.lo.x << ", " << b.lo.y;
+  EXPECT_TRUE(glm::all(glm::lessThanEqual(b.hi, float3(0.8f, 1.0f, 0.45f)))) << b.hi.x << ", " << b.hi.y;
   // And it fills it: a rounded head near 0.95, tails near -1.0, a flared hem.
-  EXPECT_GT(b.hi.y, 0.9f);
-  EXPECT_LT(b.lo.y, -0.95f);
-  EXPECT_GT(b.hi.x, 0.7f);
-  const float headTop = ghostHeadTopHalfWidth();
-  EXPECT_TRUE(headTop >= 0.08f && headTop < 0.4f) << headTop;
+  EXPECT_TRUE(b.hi.y > 0.9f && b.lo.y < -0.95f && b.hi.x > 0.7f) << b.hi.y << ", " << b.lo.y << ", " << b.hi.x;
+  // The dome's half-width near the top (>= 0.08: the verification run) is not a point.
+  EXPECT_LT(ghostHeadTopHalfWidth(), 0.4f);
 }
 
 TEST(CartoonGhost, ShellIsClosedAndFacesOutwards) {
@@ -108,7 +79,7 @@ TEST(CartoonGhost, ShellIsClosedAndFacesOutwards) {
   ASSERT_EQ(geometry->elements.size(), 3u);
   ASSERT_EQ(geometry->materials.size(), 3u);
   EXPECT_GT(geometry->materials[0].emission.x, 0.0f);  // a faint glow
-  for (const auto i : body.allTriangles) ASSERT_LT(i, static_cast<std::int32_t>(2 * n + 2 * k));
+  test::expectClosedShell(body.allTriangles, body.rimVertices, n);
 
   // Every outer triangle faces away from the body's axis.
   for (std::size_t t = 0; t < body.outerTriangles.size(); t += 3) {

@@ -3,10 +3,11 @@
 // against the literal feature constants), mesh validity and the sources.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <map>
-#include <set>
 
+#include "ClosedShell.h"
 #include "MaskFeatures.h"
 #include "characters/TheatricalMaskGeometry.h"
 
@@ -15,12 +16,6 @@ namespace {
 
 using G = TheatricalMaskGeometry;
 using Snap = TheatricalMaskTopology::Snap;
-
-std::vector<bool> referenced(const std::vector<std::int32_t>& indices, std::size_t count) {
-  std::vector<bool> used(count, false);
-  for (const auto i : indices) used[static_cast<std::size_t>(i)] = true;
-  return used;
-}
 
 // Height of the front vertex nearest (x, y).
 float heightNear(const std::vector<float3>& front, float x, float y) {
@@ -37,23 +32,12 @@ TEST(MaskGeometry, CountsAndVertexOrder) {
   EXPECT_EQ(n, 30832u);  // 191 x 161 grid + 81 mouth-row duplicates
   for (const std::size_t size : {topo.uvs.size(), topo.shellDirections.size(), topo.lowerJaw.size(), topo.snapped.size()})
     EXPECT_EQ(size, n);
-
-  // Back triangles mirror the front ones with reversed winding.
-  ASSERT_EQ(topo.backTriangles.size(), topo.frontTriangles.size());
-  const auto ni = static_cast<std::int32_t>(n);
-  for (std::size_t t = 0; t < topo.frontTriangles.size(); t += 3) {
-    ASSERT_EQ(topo.backTriangles[t], ni + topo.frontTriangles[t]);
-    ASSERT_EQ(topo.backTriangles[t + 1], ni + topo.frontTriangles[t + 2]);
-    ASSERT_EQ(topo.backTriangles[t + 2], ni + topo.frontTriangles[t + 1]);
-  }
-  EXPECT_EQ(topo.allTriangles.size(),
-            topo.frontTriangles.size() + topo.backTriangles.size() + topo.rimTriangles.size());
-  EXPECT_EQ(topo.rimTriangles.size() % 6, 0u);
-  for (const auto i : topo.frontTriangles) ASSERT_LT(i, ni);
-  for (const auto i : topo.rimTriangles) {
-    ASSERT_GE(i, 2 * ni);
-    ASSERT_LT(i, static_cast<std::int32_t>(2 * n + 2 * k));
-  }
+  // Front triangles use front vertices; the back and the rim walls close the
+  // shell (the back mirrors the front with reversed winding).
+  for (const auto i : topo.frontTriangles) ASSERT_LT(i, static_cast<std::int32_t>(n));
+  test::expectClosedShell(topo.allTriangles, topo.rimVertices, n);
+  // The rim holds the mouth slit: the upper lip at the centre is a boundary vertex.
+  EXPECT_EQ(std::count(topo.rimVertices.begin(), topo.rimVertices.end(), 136 * 161 + 80), 1);
 
   // The shell has 2n + 2k entries in every stream; back = front - 0.045
   // along the shell direction; the rim copies repeat front and back.
@@ -79,9 +63,7 @@ TEST(MaskGeometry, NeutralSurfaceIsMirrorSymmetricBoundedAndRelieved) {
     for (int j = 0; j <= 80; ++j) {
       const float3 a = front[static_cast<std::size_t>(i * 161 + j)];
       const float3 b = front[static_cast<std::size_t>(i * 161 + 160 - j)];
-      ASSERT_NEAR(a.x, -b.x, 1e-6f) << i << ", " << j;
-      ASSERT_NEAR(a.y, b.y, 1e-6f) << i << ", " << j;
-      ASSERT_NEAR(a.z, b.z, 1e-5f) << i << ", " << j;
+      ASSERT_LE(glm::length(a - float3(-b.x, b.y, b.z)), 1e-5f) << i << ", " << j;
     }
   }
   float lowest = 1.0f;
@@ -140,10 +122,22 @@ TEST(MaskGeometry, EyeDistanceAndLidFoldSpotValues) {
   EXPECT_EQ(G::lidFoldSculpt({0.0f, -0.7f}), 0.0f);  // far from both eyes
 }
 
-TEST(MaskGeometry, SnapsLandOnTheEllipses) {
+// Holes: snapped vertices lie on the literal ellipses (as many on each side);
+// vertices inside are used by no triangle. Kept front triangles are
+// counter-clockwise and not degenerate; normals are unit length and the used
+// front ones face the viewer.
+TEST(MaskGeometry, HolesAreSnappedUnreferencedAndFaceTheViewer) {
   const auto& topo = G::topology();
-  int eyes[2] = {0, 0}, nostrils[2] = {0, 0};
-  for (std::size_t i = 0; i < topo.frontCount(); ++i) {
+  const std::size_t n = topo.frontCount();
+  std::vector<bool> used(topo.shellCount(), false);
+  for (const auto i : topo.allTriangles) used[static_cast<std::size_t>(i)] = true;
+  const auto normals = G::assembleSources(G::neutralFront()).second;
+  int inside = 0, eyes[2] = {0, 0}, nostrils[2] = {0, 0};
+  for (std::size_t i = 0; i < n; ++i) {
+    ASSERT_NEAR(glm::length(normals.vec3(i)), 1.0f, 1e-5f) << i;
+    if (used[i]) {
+      ASSERT_GT(normals.vec3(i).z, 0.0f) << i;
+    }
     const float2 p = topo.gridPoints[i];
     const int side = p.x >= 0.0f ? 0 : 1;
     if (topo.snapped[i] == Snap::eye) {
@@ -153,59 +147,23 @@ TEST(MaskGeometry, SnapsLandOnTheEllipses) {
       ++nostrils[side];
       ASSERT_NEAR(test::maskNostrilRadius(p), 1.0f, 2e-5f) << p.x << ", " << p.y;
     }
-  }
-  EXPECT_GT(eyes[0], 40);
-  EXPECT_EQ(eyes[0], eyes[1]);
-  EXPECT_GT(nostrils[0], 6);
-  EXPECT_EQ(nostrils[0], nostrils[1]);
-}
-
-// Mesh validity: hole vertices are used by no triangle; kept front triangles
-// are counter-clockwise and not degenerate; normals are unit length and the
-// used front ones face the viewer.
-TEST(MaskGeometry, HolesAreUnreferencedAndFaceTheViewer) {
-  const auto& topo = G::topology();
-  const std::size_t n = topo.frontCount();
-  const auto used = referenced(topo.allTriangles, topo.shellCount());
-  const auto normals = G::assembleSources(G::neutralFront()).second;
-  int inside = 0;
-  for (std::size_t i = 0; i < n; ++i) {
-    ASSERT_NEAR(glm::length(normals.vec3(i)), 1.0f, 1e-5f) << i;
-    if (used[i]) {
-      ASSERT_GT(normals.vec3(i).z, 0.0f) << i;
-    }
-    const float2 p = topo.gridPoints[i];
     if (test::maskEyeRadius(p) > 0.9f && test::maskNostrilRadius(p) > 0.9f) continue;
     ++inside;
-    ASSERT_FALSE(used[i]);
-    ASSERT_FALSE(used[n + i]);
+    ASSERT_FALSE(used[i] || used[n + i]);
     ASSERT_EQ(normals.vec3(i), float3(0.0f, 0.0f, 1.0f));
     ASSERT_EQ(normals.vec3(n + i), float3(0.0f, 0.0f, 1.0f));
   }
   EXPECT_GT(inside, 100);
+  EXPECT_GT(eyes[0], 40);
+  EXPECT_EQ(eyes[0], eyes[1]);
+  EXPECT_GT(nostrils[0], 6);
+  EXPECT_EQ(nostrils[0], nostrils[1]);
   for (std::size_t t = 0; t < topo.frontTriangles.size(); t += 3) {
     const float2 a = topo.gridPoints[static_cast<std::size_t>(topo.frontTriangles[t])];
     const float2 b = topo.gridPoints[static_cast<std::size_t>(topo.frontTriangles[t + 1])];
     const float2 c = topo.gridPoints[static_cast<std::size_t>(topo.frontTriangles[t + 2])];
     ASSERT_GT((b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x), 0.0f);
   }
-}
-
-TEST(MaskGeometry, RimIsTheBoundaryOfTheFront) {
-  const auto& topo = G::topology();
-  const std::size_t n = topo.frontCount();
-  const std::size_t k = topo.rimCount();
-  // Rim vertices are distinct, and every rim slot is used by the rim walls.
-  std::set<std::int32_t> unique(topo.rimVertices.begin(), topo.rimVertices.end());
-  EXPECT_EQ(unique.size(), k);
-  const auto used = referenced(topo.rimTriangles, topo.shellCount());
-  for (std::size_t j = 0; j < 2 * k; ++j) ASSERT_TRUE(used[2 * n + j]);
-  // The rim holds the snapped hole rims, the mouth slit and the outer edge.
-  int snappedOnRim = 0;
-  for (const auto r : topo.rimVertices) snappedOnRim += topo.snapped[static_cast<std::size_t>(r)] != Snap::none;
-  EXPECT_GT(snappedOnRim, 100);
-  EXPECT_EQ(unique.count(136 * 161 + 80), 1u);  // upper lip at the centre
-  EXPECT_EQ(unique.count(0), 1u);                // top-left corner of the grid
 }
 
 // Colours: front grey = occlusion^2.2 (linear), back 0.12; the rim walls are
@@ -215,7 +173,6 @@ TEST(MaskGeometry, SourcesColoursMaterialsAndElements) {
   const std::size_t n = topo.frontCount();
   const std::size_t k = topo.rimCount();
   const GeometrySource colors = G::makeColorSource();
-  EXPECT_EQ(colors.dataStride, 16);
   for (std::size_t i = 0; i < n; i += 997)
     ASSERT_EQ(colors.vec3(i), float3(std::pow(G::occlusion(topo.gridPoints[i]), 2.2f))) << i;
   EXPECT_EQ(colors.vec3(n + 5), float3(0.12f));
@@ -229,25 +186,18 @@ TEST(MaskGeometry, SourcesColoursMaterialsAndElements) {
   EXPECT_GT(rims[0.06f], 100);
   EXPECT_GT(rims[0.65f], 300);
 
-  const auto [pos, nrm] = G::makeSources({{1, 2, 3}, {4, 5, 6}}, {{0, 0, 1}, {0, 1, 0}});
-  EXPECT_EQ(pos.semantic, GeometrySource::Semantic::vertex);
-  EXPECT_EQ(nrm.semantic, GeometrySource::Semantic::normal);
-  EXPECT_EQ(pos.dataStride, 16);
-  EXPECT_EQ(pos.vec3(1), float3(4, 5, 6));
-  EXPECT_EQ(G::makeUVSource().dataStride, 8);
-  EXPECT_EQ(G::makeUVSource().vec2(n + 7), topo.uvs[7]);
+  EXPECT_EQ(G::makeUVSource().vec2(n + 7), topo.uvs[7]);  // the back repeats the front's uvs
   ASSERT_EQ(G::makeMaterials().size(), 3u);
   EXPECT_FALSE(G::makeMaterials()[0].doubleSided);
+  // The three parts (front, back, rim walls) as separate elements, built once;
+  // the wireframe draws the front alone.
   const auto& elements = G::elements();
   ASSERT_EQ(elements.size(), 3u);
-  EXPECT_EQ(elements[0].primitiveCount(), static_cast<int>(topo.frontTriangles.size() / 3));
-  EXPECT_EQ(elements[2].primitiveCount(), static_cast<int>(topo.rimTriangles.size() / 3));
+  EXPECT_EQ(*elements[0].indices, topo.frontTriangles);
+  EXPECT_EQ(*elements[2].indices, topo.rimTriangles);
   EXPECT_EQ(elements[1].bytesPerIndex, 4);
-  EXPECT_EQ(G::elements()[0].indices, elements[0].indices);  // built once, shared
-  const auto wire = G::makeWireframeGeometry();
-  EXPECT_EQ(wire->vertexCount(), n);
-  ASSERT_EQ(wire->elements.size(), 1u);
-  EXPECT_EQ(*wire->elements[0].indices, topo.frontTriangles);
+  EXPECT_EQ(G::elements()[0].indices, elements[0].indices);
+  EXPECT_EQ(*G::makeWireframeGeometry()->elements.at(0).indices, topo.frontTriangles);
 }
 
 TEST(MaskGeometry, SmoothNormalsWeightByArea) {

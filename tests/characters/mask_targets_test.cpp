@@ -1,6 +1,7 @@
-// The mask's expression targets: table order and target map, the shared
-// weights and each target's constant at its anchor points, mirrored sides,
-// what the key expressions do to the mesh, and the shared character data.
+// The mask's expression targets: table order and target map (and both
+// characters' ARKit names), the shared weights and each target's constant at its
+// anchor points, mirrored sides, what the key expressions do to the mesh, and
+// the shared character data.
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -40,7 +41,7 @@ const T::Entry& entry(const std::string& name) {
   throw std::runtime_error("no entry " + name);
 }
 
-TEST(MaskTargets, TableOrderAndTargetMap) {
+TEST(MaskTargets, TableOrderTargetMapAndBothCharactersNames) {
   const auto& table = T::blendShapeDisplacements();
   const auto build = createTheatricalMaskNode();
   const auto& map = build.targetNameToIndex;
@@ -54,17 +55,22 @@ TEST(MaskTargets, TableOrderAndTargetMap) {
     EXPECT_EQ(table[index].name, name);
     EXPECT_EQ(map.at(key), static_cast<int>(index)) << key;
   }
-  // An ARKit name each (no name twice): every one but gaze and the tongue.
-  std::set<std::string> names;
-  for (const auto& e : table) names.insert(e.name);
-  std::set<std::string> expected;
+  // An ARKit name each (no name twice): every one but gaze and the tongue;
+  // the ghost's eyes are nodes, so it has no blinks either.
+  std::set<std::string> expected, names, ghost;
   for (const auto shape : allCases<ARKitBlendShape>()) expected.insert(std::string(rawValue(shape)));
   for (const char* gone : {"eyeLookDownLeft", "eyeLookDownRight", "eyeLookInLeft", "eyeLookInRight", "eyeLookOutLeft",
                            "eyeLookOutRight", "eyeLookUpLeft", "eyeLookUpRight", "tongueOut"})
     expected.erase(gone);
+  for (const auto& e : table) names.insert(e.name);
   EXPECT_EQ(names, expected);
-  // That each key names its own target (lower-cased) is checked for both
-  // characters by the export round trip (CharacterExport.EachFileReadsBack...).
+  ASSERT_EQ(CartoonGhost::displacements().size(), 41u);
+  for (const auto& e : CartoonGhost::displacements()) ghost.insert(e.name);
+  expected.erase("eyeBlinkLeft");
+  expected.erase("eyeBlinkRight");
+  EXPECT_EQ(ghost, expected);
+  // That each key names its own target (lower-cased), for both characters,
+  // is checked by the export round trip (CharacterExport.EachFileReadsBack...).
 }
 
 // The shared weights at hand-computed points, and each target's constant at
@@ -199,13 +205,13 @@ TEST(MaskTargets, EyeBlinkClosesTheEyeOpening) {
     const float travel = -blink[top].y;
     EXPECT_NEAR(travel, 0.046f + 0.75f * 0.056f, 0.006f) << name;
   }
-  const float nostril = maskNostrilOcclusionMetric();  // natural, but marks the openings
-  EXPECT_TRUE(nostril > 0.5f && nostril < 1.0f) << nostril;
+  // The nostril shading metric (natural, but marks the openings) is checked
+  // by the verification run (VelmoraE2E.RunTestsPrintsEveryCheckPassing...).
 }
 
 // Both characters: a second build shares the mesh arrays and targets but
-// has its own node and weights.
-TEST(MaskTargets, SecondBuildSharesTheMeshArrays) {
+// has its own node and weights; the mask's wireframe shares its targets.
+TEST(MaskTargets, SecondBuildsAndTheWireframeShareTheMeshArraysAndTargets) {
   for (const auto make : {&createTheatricalMaskNode, &createGhostNode}) {
     const auto a = make();
     const auto b = make();
@@ -216,17 +222,24 @@ TEST(MaskTargets, SecondBuildSharesTheMeshArrays) {
     a.morpher->setWeight(0, 1.0f);
     EXPECT_EQ(b.morpher->weight(0), 0.0f);
   }
+  // The wireframe's front-only geometry blends with the mask's own targets:
+  // the entries past its vertices (back and rim) are left out.
+  const auto morpher = makeWireframeMorpher();
+  EXPECT_EQ(morpher->targets, createTheatricalMaskNode().morpher->targets);
+  const auto& geometry = *G::makeWireframeGeometry();
+  ASSERT_EQ(geometry.vertexCount(), G::topology().frontCount());
+  morpher->setWeight(34, 1.0f);  // jawOpen
+  const auto blended = referenceBlend(geometry, *morpher);
+  ASSERT_EQ(blended.positions.size(), geometry.vertexCount());
+  const std::size_t lower = G::topology().frontCount() - 41;  // a mouth-row duplicate near x = 0
+  EXPECT_LT(blended.positions[lower].y - geometry.source(Semantic::vertex)->vec3(lower).y, -0.2f);
   const auto mask = createTheatricalMaskNode();
-  const Geometry& g = *mask.node->geometry;
   EXPECT_EQ(mask.node->name, "TheatricalMask");
-  EXPECT_EQ(g.vertexCount(), G::topology().shellCount());
-  ASSERT_EQ(g.sources.size(), 4u);
-  EXPECT_NE(g.source(Semantic::color), nullptr);
-  EXPECT_EQ(g.materials.size(), 3u);
+  EXPECT_EQ(mask.node->geometry->sources.size(), 4u);  // with the colours
   EXPECT_EQ(mask.morpher->calculationMode, Morpher::CalculationMode::normalized);
 }
 
-TEST(MaskTargets, TargetsMatchAFreshAssemblyAndTheReferenceBlend) {
+TEST(MaskTargets, TargetsMatchAFreshAssembly) {
   const auto build = createTheatricalMaskNode();
   // A target equals the literal construction: neutral front + displacement,
   // assembled into a full shell (whatever thread built it).
@@ -244,30 +257,6 @@ TEST(MaskTargets, TargetsMatchAFreshAssemblyAndTheReferenceBlend) {
       ASSERT_EQ(dn[i], normals.vec3(i) - base.source(Semantic::normal)->vec3(i));
     }
   }
-  // Weight 1 on one target reproduces it; weight 0 everywhere is neutral.
-  build.morpher->setWeight(33, 1.0f);  // cheekPuff
-  const auto blended = referenceBlend(*build.node->geometry, *build.morpher);
-  const auto [puffPositions, puffNormals] = G::assembleSources(T::displacedFront(table[33], G::neutralFront()));
-  for (std::size_t i = 0; i < blended.positions.size(); i += 37) {
-    ASSERT_NEAR(glm::length(blended.positions[i] - puffPositions.vec3(i)), 0.0f, 1e-6f);
-    ASSERT_NEAR(glm::length(blended.normals[i] - puffNormals.vec3(i)), 0.0f, 1e-5f);
-  }
-  build.morpher->setWeight(33, 0.0f);
-  EXPECT_EQ(referenceBlend(*build.node->geometry, *build.morpher).positions[1234], neutralPosition(build, 1234));
-}
-
-// The wireframe's front-only geometry blends with the character's own
-// targets: the entries past its vertices (back and rim) are left out.
-TEST(MaskTargets, WireframeMorpherSharesTheCharactersTargets) {
-  const auto morpher = makeWireframeMorpher();
-  EXPECT_EQ(morpher->targets, createTheatricalMaskNode().morpher->targets);
-  const auto& geometry = *G::makeWireframeGeometry();
-  ASSERT_EQ(geometry.vertexCount(), G::topology().frontCount());
-  morpher->setWeight(34, 1.0f);  // jawOpen
-  const auto blended = referenceBlend(geometry, *morpher);
-  ASSERT_EQ(blended.positions.size(), geometry.vertexCount());
-  const std::size_t lower = G::topology().frontCount() - 41;  // a mouth-row duplicate near x = 0
-  EXPECT_LT(blended.positions[lower].y - geometry.source(Semantic::vertex)->vec3(lower).y, -0.2f);
 }
 
 }  // namespace
