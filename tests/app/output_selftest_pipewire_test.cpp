@@ -58,8 +58,8 @@ TEST(OutputSelfTestPipeWire, EachPartSaysWhatItFoundAndTheRunExitsZero) {
     }
     // Run to its end (status 0) in the session's environment. The operator's
     // NDI switch, on before the check, is on after it.
-    std::vector<std::string> env = row.env;
-    env.insert(env.end(), session.env().begin(), session.env().end());
+    std::vector<std::string> env = session.env();
+    env.insert(env.end(), row.env.begin(), row.env.end());
     const auto folder = out.path() / std::to_string(&row - rows) / "nested";  // created by the run
     test::VelmoraRun run({.settings = {{"ndiOutputEnabled", !row.gl}}, .env = env, .args = {"--output-selftest", folder.string()}});
     EXPECT_EQ(run->wait(120), 0) << run->output();
