@@ -145,9 +145,9 @@ TEST(VelmoraE2E, OneHeadlessShowTakesCuesTrackingRelaysAndRecordsAndItsReplayOut
   for (int i = 0; i < 5; ++i) phone.sendTo(ports[0], face);
   // The status line follows a burst within about a second; 4 s leaves room under load.
   EXPECT_FALSE(velmora->waitForLine(isStatusLine, 4.0)) << velmora->output();
-  for (int i = 0; i < 5; ++i) phone.sendTo(kBound, ports[0], face.data(), face.size());
+  for (int i = 0; i < 5; ++i) phone.sendTo(ports[0], face, kBound);
   EXPECT_TRUE(velmora->waitForLine(isStatusLine, 10.0)) << velmora->output();
-  for (int i = 0; i < 5; ++i) stranger.sendTo(kBound, ports[0], face.data(), face.size());
+  for (int i = 0; i < 5; ++i) stranger.sendTo(ports[0], face, kBound);
   EXPECT_TRUE(velmora->waitForLine("[TrackingReceiver] Refused tracking data from 127.0.0.3 (not in the allowed senders)",
                                    10))
       << velmora->output();
@@ -155,7 +155,7 @@ TEST(VelmoraE2E, OneHeadlessShowTakesCuesTrackingRelaysAndRecordsAndItsReplayOut
   // datagram of no known format is relayed all the same.
   const std::vector<std::vector<std::uint8_t>> relayed = {{'j', 'a', 'w', 'O', 'p', 'e', 'n', '-', '4', '0', '|', '=', '1'},
                                                           {0x00, 0x01, 0xFE, 0xFF, 0x00}};
-  for (const auto& d : relayed) phone.sendTo(kBound, ports[0], d.data(), d.size());
+  for (const auto& d : relayed) phone.sendTo(ports[0], d, kBound);
   for (int i = 0; i < 5; ++i) EXPECT_EQ(otherApplication.receive(5.0), std::vector<std::uint8_t>(face.begin(), face.end()));
   for (const auto& d : relayed) EXPECT_EQ(otherApplication.receive(5.0), d) << velmora->output();
   long sent = 5 + static_cast<long>(relayed.size());
