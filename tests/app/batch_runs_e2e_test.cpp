@@ -1,13 +1,15 @@
 // The built velmora's batch runs from outside. "--snapshot FOLDER" writes
 // every picture as a 1920x1080 PNG with a transparent background and the
-// character in it, the contact sheet too, and a machine without any GL
-// display still exits 0 with the reason. "--export-gltf FOLDER" writes files
+// character in it, the contact sheet too; runs that end at once (help,
+// version, an unknown option, a snapshot without GL) say why in their exit
+// status and output. "--export-gltf FOLDER" writes files
 // that pass the Khronos glTF validator with no error and no warning, and
 // gltfpack reads every expression under its ARKit name; a full
 // disk gives one clear line per file, exit status 0, and leaves nothing
 // half-written under a final name.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <regex>
 #include <string>
@@ -76,15 +78,37 @@ TEST(SnapshotE2ETest, WritesEveryPictureWithATransparentBackground) {
     EXPECT_TRUE(fs::exists(folder / expected)) << expected;
 }
 
-TEST(SnapshotE2ETest, WithoutAnyGLDisplayItSaysWhyAndExitsZero) {
+// Runs that end at once: --help and --version print and exit 0; an option
+// nobody knows is named with a hint in one line and exit status 2; a
+// snapshot on a machine without any GL display (an EGL vendor list that
+// names nothing) says why and exits 0.
+TEST(BatchRunsE2E, RunsThatEndAtOnceSayWhatTheyDidInTheirStatusAndOutput) {
   test::TempDir dir;
-  // An EGL vendor list that names nothing: no display of any kind.
-  const test::Finished r = test::runToEnd({kVelmora, "--snapshot", (dir.path() / "out").string()},
-                                          {"__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent/egl.json"}, 300);
-  EXPECT_EQ(r.status, 0) << r.output;
-  EXPECT_NE(r.output.find("[Renderer] EglContext::create(): "), std::string::npos) << r.output;
-  EXPECT_NE(r.output.find("nothing will be rendered"), std::string::npos) << r.output;
-  EXPECT_NE(r.output.find("[snapshot] Wrote 0 files to "), std::string::npos) << r.output;
+  struct Row {
+    std::vector<std::string> args;
+    int status;
+    std::vector<std::string> shown;  // substrings of the output
+    std::vector<std::string> env = {};
+  };
+  const Row rows[] = {
+      {{"--help"}, 0, {"Usage: velmora [OPTION]...", "  --output-selftest FOLDER", "  --record FILE", "VELMORA_CONFIG_DIR",
+                       "VELMORA_TRACKING_PORTS", "NDI_RUNTIME_DIR_V6", "NDI_RUNTIME_DIR_V5", "/velmora/settings.json"}},
+      {{"--version"}, 0, {"velmora " VELMORA_VERSION "\n"}},
+      {{"--fullscreen", "--version"}, 0, {"velmora " VELMORA_VERSION}},
+      {{"--fullscreen"}, 2, {"velmora: unrecognized option '--fullscreen'; try 'velmora --help'\n"}},
+      {{"--snapshot", (dir.path() / "out").string()}, 0,
+       {"[Renderer] EglContext::create(): ", "nothing will be rendered", "[snapshot] Wrote 0 files to "},
+       {"__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent/egl.json"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.args.front());
+    std::vector<std::string> argv{kVelmora};
+    argv.insert(argv.end(), row.args.begin(), row.args.end());
+    const test::Finished r = test::runToEnd(argv, row.env, 60);
+    EXPECT_EQ(r.status, row.status) << r.output;
+    for (const auto& text : row.shown) EXPECT_NE(r.output.find(text), std::string::npos) << text;
+    EXPECT_TRUE(row.status != 2 || std::count(r.output.begin(), r.output.end(), '\n') == 1) << r.output;
+  }
 }
 
 // One export; the outside readers are the peer oracles: the Khronos

@@ -267,32 +267,6 @@ TEST(VelmoraE2E, ASwitchWithoutItsFolderStartsTheNormalRunEvenWithoutARecording)
   EXPECT_TRUE(velmora.stopsCleanly(SIGTERM)) << velmora->output();
 }
 
-// --help and --version print and exit 0; an option nobody knows is named
-// with a hint in one line and exit status 2.
-TEST(VelmoraE2E, HelpVersionAndUnknownOptions) {
-  struct Row {
-    std::vector<std::string> args;
-    int status;
-    std::vector<std::string> shown;  // substrings of the output
-  };
-  const Row rows[] = {
-      {{"--help"}, 0, {"Usage: velmora [OPTION]...", "  --output-selftest FOLDER", "  --record FILE", "VELMORA_CONFIG_DIR",
-                       "VELMORA_TRACKING_PORTS", "NDI_RUNTIME_DIR_V6", "NDI_RUNTIME_DIR_V5", "/velmora/settings.json"}},
-      {{"--version"}, 0, {"velmora " VELMORA_VERSION "\n"}},
-      {{"--fullscreen", "--version"}, 0, {"velmora " VELMORA_VERSION}},
-      {{"--fullscreen"}, 2, {"velmora: unrecognized option '--fullscreen'; try 'velmora --help'\n"}},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.args.front());
-    std::vector<std::string> argv{test::builtProgram("velmora")};
-    argv.insert(argv.end(), row.args.begin(), row.args.end());
-    const test::Finished r = test::runToEnd(argv, {}, 20);
-    EXPECT_EQ(r.status, row.status) << r.output;
-    for (const auto& text : row.shown) EXPECT_NE(r.output.find(text), std::string::npos) << text;
-    EXPECT_TRUE(row.status != 2 || std::count(r.output.begin(), r.output.end(), '\n') == 1) << r.output;
-  }
-}
-
 TEST(VelmoraE2E, RunTestsPrintsEveryCheckPassingAndPutsTheSettingsBack) {
   // The operator's choices before the run, which the suite changes while it checks.
   const nlohmann::json before = {{"characterModel", "cartoon_ghost"}, {"isOSCEnabled", true},
