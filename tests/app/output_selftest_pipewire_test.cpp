@@ -4,14 +4,12 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
-#include "support/ChildProcess.h"
 #include "support/PrivatePipeWire.h"
 #include "support/StbImage.h"
-#include "support/TempDir.h"
+#include "support/VelmoraRun.h"
 
 namespace velmora {
 namespace {
@@ -58,21 +56,18 @@ TEST(OutputSelfTestPipeWire, EachPartSaysWhatItFoundAndTheRunExitsZero) {
     if (row.daemon && !started) {
       ASSERT_TRUE(started = session.start());
     }
-    // The operator's NDI switch, on before the check, is on after it.
-    test::TempDir config;
-    if (!row.gl) std::ofstream(config.path() / "settings.json") << R"({"ndiOutputEnabled": true})";
-    const auto folder = config.path() / "nested" / "out";  // created by the run
-    // Run to its end (status 0) in the session's environment, its settings in `config`.
-    std::vector<std::string> env = row.env;
-    for (const auto& e : session.env()) env.push_back(e);
-    env.push_back("VELMORA_CONFIG_DIR=" + config.path().string());
-    test::ChildProcess run({test::builtProgram("velmora"), "--output-selftest", folder.string()}, env);
-    EXPECT_EQ(run.wait(120), 0) << run.output();
-    for (const auto& line : row.lines) EXPECT_EQ(run.printed(line), 1) << line << "\n" << run.output();
-    EXPECT_EQ(std::any_of(run.lines().begin(), run.lines().end(), [](const std::string& l) {
+    // Run to its end (status 0) in the session's environment. The operator's
+    // NDI switch, on before the check, is on after it.
+    std::vector<std::string> env = session.env();
+    env.insert(env.end(), row.env.begin(), row.env.end());
+    const auto folder = out.path() / std::to_string(&row - rows) / "nested";  // created by the run
+    test::VelmoraRun run({.settings = {{"ndiOutputEnabled", !row.gl}}, .env = env, .args = {"--output-selftest", folder.string()}});
+    EXPECT_EQ(run->wait(120), 0) << run->output();
+    for (const auto& line : row.lines) EXPECT_EQ(run->printed(line), 1) << line << "\n" << run->output();
+    EXPECT_EQ(std::any_of(run->lines().begin(), run->lines().end(), [](const std::string& l) {
       return l.starts_with("[selftest] NDI discovery sees: ") && l.find(" (Velmora)") != std::string::npos &&
              l.find("STAGE-LEFT") == std::string::npos;
-    }), row.discovered) << run.output();
+    }), row.discovered) << run->output();
     // The saved frame: the character, opaque in the middle, on a transparent background.
     const test::Picture frame = test::loadPicture((folder / "syphon_received.png").string());
     EXPECT_EQ(frame.width, row.frame ? 1920 : 0);
@@ -83,13 +78,10 @@ TEST(OutputSelfTestPipeWire, EachPartSaysWhatItFoundAndTheRunExitsZero) {
       EXPECT_EQ(frame.alpha(960, 540), 255);
     }
     if (row.gl) continue;
-    EXPECT_TRUE(std::any_of(run.lines().begin(), run.lines().end(), [](const std::string& l) {
+    EXPECT_TRUE(std::any_of(run->lines().begin(), run->lines().end(), [](const std::string& l) {
       return l.starts_with("[Renderer] ") && l.find("nothing will be rendered") != std::string::npos;
-    })) << run.output();
-    std::ifstream settingsFile(config.path() / "settings.json");
-    std::string settings(std::istreambuf_iterator<char>(settingsFile), {});
-    std::erase_if(settings, [](char c) { return c == ' ' || c == '\n'; });
-    EXPECT_NE(settings.find(R"("ndiOutputEnabled":true)"), std::string::npos) << settings;
+    })) << run->output();
+    EXPECT_EQ(run.settings()["ndiOutputEnabled"], true) << run.settings().dump();
   }
 }
 

@@ -10,12 +10,6 @@
 namespace velmora {
 namespace {
 
-TEST(SelfTestRunner, MeasuredValuesAreAppendedWithAClosingParenthesis) {
-  EXPECT_EQ(SelfTestRunner::withActual("Z (actual: ", 0.32f), "Z (actual: 0.32)");
-  EXPECT_EQ(SelfTestRunner::withActual("pitch (actual: ", 0.5f), "pitch (actual: 0.5)");
-  EXPECT_EQ(SelfTestRunner::withActual("x: ", -0.125f), "x: -0.125)");
-}
-
 TEST(SelfTestRunner, ChecksPrintPassOrFailAndAreCounted) {
   test::LogCapture log;
   SelfTestRunner runner;

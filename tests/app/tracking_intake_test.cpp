@@ -8,6 +8,7 @@
 #include "tracking/TrackingLossEase.h"
 #include "base/Log.h"
 #include "base/SettingsStore.h"
+#include "support/LogCapture.h"
 #include "support/StateFixture.h"
 #include "tracking/FaceTrackingState.h"
 #include "tracking/TrackingReceiver.h"
@@ -36,30 +37,27 @@ TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
   FaceTrackingState& state = f.state;
   TrackingReceiver receiver(std::make_shared<NullSink>());
   TrackingIntake intake(receiver, state);
-  std::vector<std::string> lines;
-  setLogSink([&](const std::string& l) {
-    if (l.rfind("[Velmora] tracking:", 0) == 0) lines.push_back(l);
-  });
+  test::LogCapture log;  // the status lines: nothing else is said here
 
   intake.tick(10.0);  // nothing arrived: silent
   state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}}, std::nullopt, std::nullopt, "127.0.0.1:50000");
   intake.tick(10.1);  // first packets: the rate needs a second first
   intake.tick(10.5);
-  EXPECT_TRUE(lines.empty());
+  EXPECT_TRUE(log.lines().empty());
   intake.tick(11.1);
-  EXPECT_EQ(lines, std::vector<std::string>{"[Velmora] tracking: 0.0 packets/s from 127.0.0.1:50000, 1 received"});
+  EXPECT_EQ(log.lines(), std::vector<std::string>{"[Velmora] tracking: 0.0 packets/s from 127.0.0.1:50000, 1 received"});
 
   intake.tick(14.0);  // nothing new: silent
   state.setSenderIP("10.1.2.3:7 (Unknown format)");
   state.setTotalPacketsReceived(5);
   intake.tick(14.5);  // 3.4 s since the last line, something new
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[1], "[Velmora] tracking: 0.0 packets/s from 10.1.2.3:7 (Unknown format), 5 received");
+  ASSERT_EQ(log.lines().size(), 2u);
+  EXPECT_EQ(log.lines()[1], "[Velmora] tracking: 0.0 packets/s from 10.1.2.3:7 (Unknown format), 5 received");
   state.setTotalPacketsReceived(6);
   intake.tick(16.0);  // only 1.5 s later
-  EXPECT_EQ(lines.size(), 2u);
+  EXPECT_EQ(log.lines().size(), 2u);
   intake.tick(16.6);
-  EXPECT_EQ(lines.size(), 3u);
+  EXPECT_EQ(log.lines().size(), 3u);
 
   // Frames reaching the outputs: the line goes on with their latency, and
   // with its split once the application says where that comes from.
@@ -80,7 +78,6 @@ TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
   EXPECT_EQ(intake.statusLine(),
             "tracking: 0.0 packets/s from 10.1.2.3:49983 (iFacialMocap), 7 received, head pitch -11.5 yaw 5.7 "
             "roll 0.0 deg, output latency p50 12.5 ms, p99 20.1 ms (tick wait 8.0 ms + render 4.5 ms)");
-  setLogSink(nullptr);
 }
 
 TEST(TrackingIntakeTest, TrackingLostLineWhileThePhoneIsGone) {

@@ -1,9 +1,12 @@
 #pragma once
-// Drives a built program from a test: spawns it with extra environment
-// entries, reads its standard output and error line by line, signals it and
+// Programs started from a test: spawnProcess() (the one posix_spawn here,
+// under ChildProcess, PrivatePipeWire and XorgDummy) and ChildProcess, which
+// reads a program's standard output and error line by line, signals it and
 // collects its exit status.
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,13 +18,62 @@
 #include <thread>
 #include <vector>
 
-#include "support/Spawn.h"
 #include "support/UdpSocket.h"
+
+extern char** environ;
 
 namespace velmora::test {
 
 // A program this build made, by name: builtProgram("velmora").
 inline std::string builtProgram(const std::string& name) { return std::string(VELMORA_BINARY_DIR "/bin/") + name; }
+
+// This process's environment without the entries whose name starts with
+// `dropPrefix`, after the entries in `first` (which so take precedence).
+inline std::vector<std::string> environmentWithout(const std::string& dropPrefix, std::vector<std::string> first = {}) {
+  for (char** e = environ; *e; ++e)
+    if (!std::string_view(*e).starts_with(dropPrefix)) first.emplace_back(*e);
+  return first;
+}
+
+// Starts the program at path args[0] with exactly `environment`, standard
+// output and error both to `outputFd` (-1: /dev/null); its id, or -1. Open
+// descriptors the child must not keep are opened close-on-exec.
+inline pid_t spawnProcess(const std::vector<std::string>& args, const std::vector<std::string>& environment,
+                          int outputFd = -1) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (outputFd >= 0)
+    posix_spawn_file_actions_adddup2(&actions, outputFd, 1);
+  else
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  std::vector<char*> argv, envp;
+  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  for (const auto& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
+  argv.push_back(nullptr);
+  envp.push_back(nullptr);
+  pid_t pid = -1;
+  const int failed = args.empty() || posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  return failed ? -1 : pid;
+}
+
+// Signals a started process and reaps it, with SIGKILL after `graceSeconds`;
+// the id becomes -1. Nothing when it is -1 already.
+inline void stopProcess(pid_t& pid, int sig, double graceSeconds = 2.0) {
+  if (pid <= 0) return;
+  ::kill(pid, sig);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(graceSeconds);
+  while (::waitpid(pid, nullptr, WNOHANG) != pid) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  pid = -1;
+}
 
 class ChildProcess {
  public:
@@ -30,13 +82,8 @@ class ChildProcess {
   // its test chose.
   ChildProcess(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv) {
     int fds[2];
-    if (::pipe(fds) != 0) return;
-    const std::vector<std::string> env = environmentWithout("VELMORA_", extraEnv);
-    SpawnOptions options;
-    options.environment = &env;
-    options.outputFd = fds[1];
-    options.closeFd = fds[0];
-    pid_ = spawnProcess(args, options);
+    if (::pipe2(fds, O_CLOEXEC) != 0) return;
+    pid_ = spawnProcess(args, environmentWithout("VELMORA_", extraEnv), fds[1]);
     ::close(fds[1]);
     out_ = fds[0];
   }
@@ -47,7 +94,6 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  bool started() const { return pid_ > 0; }
   // The child's process id (for /proc/<pid>), -1 when it did not start.
   pid_t pid() const { return pid_; }
 
@@ -69,12 +115,12 @@ class ChildProcess {
   }
 
   // Reads to the end of output and reaps the child: its exit status, or -1
-  // when it did not exit normally within the time.
+  // when it did not start or did not exit normally within the time.
   int wait(double seconds) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
+    int status = 0;
+    while (pid_ > 0 && std::chrono::steady_clock::now() < deadline) {
       readSome(50);
-      int status = 0;
       if (::waitpid(pid_, &status, WNOHANG) == pid_) {
         exited_ = true;
         while (readSome(100)) {
@@ -84,12 +130,11 @@ class ChildProcess {
     }
     return -1;
   }
-  // Sends the signal, then wait().
+  // Sends the signal (0: none, the child ends by itself), then wait().
   int stop(int sig, double seconds) {
-    signal(sig);
+    if (sig) ::kill(pid_, sig);
     return wait(seconds);
   }
-  void signal(int sig) { ::kill(pid_, sig); }
 
   const std::vector<std::string>& lines() const { return lines_; }
   // How many lines read so far are `line`, or start with `prefix`.
@@ -106,9 +151,8 @@ class ChildProcess {
  private:
   // False at the end of output or the timeout.
   bool readSome(int timeoutMs) {
-    if (eof_) return false;
     pollfd p{out_, POLLIN, 0};
-    if (::poll(&p, 1, timeoutMs) <= 0) return false;
+    if (eof_ || ::poll(&p, 1, timeoutMs) <= 0) return false;
     char buffer[4096];
     const ssize_t n = ::read(out_, buffer, sizeof buffer);
     if (n <= 0) {
@@ -116,10 +160,8 @@ class ChildProcess {
       return false;
     }
     partial_.append(buffer, static_cast<std::size_t>(n));
-    for (std::size_t nl; (nl = partial_.find('\n')) != std::string::npos;) {
+    for (std::size_t nl; (nl = partial_.find('\n')) != std::string::npos; partial_.erase(0, nl + 1))
       lines_.push_back(partial_.substr(0, nl));
-      partial_.erase(0, nl + 1);
-    }
     return true;
   }
 
@@ -154,7 +196,7 @@ struct Finished {
 inline Finished runToEnd(const std::vector<std::string>& args, std::vector<std::string> env = {}, double seconds = 60) {
   if (const char* config = std::getenv("VELMORA_CONFIG_DIR")) env.push_back(std::string("VELMORA_CONFIG_DIR=") + config);
   ChildProcess child(args, env);
-  const int status = child.started() ? child.wait(seconds) : -1;
+  const int status = child.wait(seconds);
   return {status, child.output()};
 }
 

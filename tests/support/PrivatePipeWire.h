@@ -5,19 +5,19 @@
 // it (so in-process PipeWire clients find it) and env() gives the same
 // entries for child processes. Both daemons are always stopped (SIGTERM,
 // then SIGKILL) when the object goes, also when a test fails.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "support/ChildProcess.h"
 #include "support/ScopedEnv.h"
-#include "support/Spawn.h"
 #include "support/TempDir.h"
 
 namespace velmora::test {
@@ -53,14 +53,9 @@ class PrivatePipeWire {
     std::error_code ec;
     std::filesystem::remove(socket, ec);
     pipewire_ = spawn({"/usr/bin/pipewire"}, "pipewire.log");
-    for (int i = 0; i < 100 && !std::filesystem::exists(socket); ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    eventually([&] { return std::filesystem::exists(socket); }, 2.0);
     wireplumber_ = spawn({"/usr/bin/wireplumber"}, "wireplumber.log");
-    for (int i = 0; i < 50; ++i) {
-      if (run({"/usr/bin/pw-cli", "info", "0"}) == 0) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return false;
+    return eventually([&] { return run({"/usr/bin/pw-cli", "info", "0"}) == 0; }, 2.5);
   }
   // Kills both daemons at once (SIGKILL), as a crash would.
   void kill() {
@@ -88,28 +83,24 @@ class PrivatePipeWire {
     ::waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
-  // Waits until a node of this name is in the registry (pw-cli's listing, each in its own file).
+  // Waits until a node of this name is in the registry (pw-cli's listing).
   bool waitForNode(const std::string& name, double seconds) const {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
-      const std::string file = "capture-" + std::to_string(++captures_) + ".txt";
-      run({"/usr/bin/pw-cli", "ls", "Node"}, file);
-      std::ifstream in(dir_.path() / file);
-      if (std::string(std::istreambuf_iterator<char>(in), {}).find("node.name = \"" + name + "\"") != std::string::npos)
-        return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    return false;
+    return eventually(
+        [&] {
+          ChildProcess ls({"/usr/bin/pw-cli", "ls", "Node"}, env());
+          return ls.wait(10) == 0 && ls.output().find("node.name = \"" + name + "\"") != std::string::npos;
+        },
+        seconds);
   }
 
   // Starts a command in this session without waiting (stdout and stderr to
   // `outputFile` in dir(), or dropped).
   pid_t spawn(const std::vector<std::string>& args, const std::string& outputFile = {}) const {
-    const std::vector<std::string> environment = environmentWithout("XDG_", env());
-    SpawnOptions options;
-    options.environment = &environment;
-    if (!outputFile.empty()) options.outputFile = (dir_.path() / outputFile).string();
-    return spawnProcess(args, options);
+    const int fd = outputFile.empty() ? -1
+                                      : ::open((dir_.path() / outputFile).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    const pid_t pid = spawnProcess(args, environmentWithout("XDG_", env()), fd);
+    if (fd >= 0) ::close(fd);
+    return pid;
   }
   // Signals a process started with spawn() and reaps it (SIGKILL after 2 s).
   static void killOne(pid_t& pid, int sig) { stopProcess(pid, sig); }
@@ -119,7 +110,6 @@ class PrivatePipeWire {
   ScopedEnv runtimeDir_{"XDG_RUNTIME_DIR", dir_.path().c_str()};  // put back when the object goes
   pid_t pipewire_ = -1;
   pid_t wireplumber_ = -1;
-  mutable int captures_ = 0;
 };
 
 }  // namespace velmora::test

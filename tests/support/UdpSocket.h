@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -38,20 +39,16 @@ class UdpSocket {
   bool bound() const { return bound_; }
   int descriptor() const { return fd_; }
   std::uint16_t port() const { return port_; }
-  void sendTo(std::uint16_t port, const void* data, std::size_t size) const {
-    sendTo(INADDR_LOOPBACK, port, data, size);
-  }
-  // To `port` of another local address (host byte order).
-  void sendTo(std::uint32_t address, std::uint16_t port, const void* data, std::size_t size) const {
+  // To `port` of loopback, or of another local address (host byte order).
+  void sendTo(std::uint16_t port, std::span<const std::uint8_t> bytes, std::uint32_t address = INADDR_LOOPBACK) const {
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_addr.s_addr = htonl(address);
     to.sin_port = htons(port);
-    ::sendto(fd_, data, size, 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    ::sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
   }
-  void sendTo(std::uint16_t port, std::string_view text) const { sendTo(port, text.data(), text.size()); }
-  void sendTo(std::uint16_t port, const std::vector<std::uint8_t>& bytes) const {
-    sendTo(port, bytes.data(), bytes.size());
+  void sendTo(std::uint16_t port, std::string_view text, std::uint32_t address = INADDR_LOOPBACK) const {
+    sendTo(port, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, address);
   }
   // The next datagram, waiting up to `seconds`; none when nothing came.
   std::optional<std::vector<std::uint8_t>> receive(double seconds) const {

@@ -19,10 +19,6 @@
 
 namespace velmora::test {
 
-inline std::string listeningLine(std::uint16_t port) {
-  return "[TrackingReceiver] Listening for ARKit facial tracking on UDP port " + std::to_string(port);
-}
-
 struct VelmoraOptions {
   nlohmann::json settings = nlohmann::json::object();
   std::vector<std::string> env = {};      // "NAME=value", added
@@ -47,7 +43,8 @@ class VelmoraRun {
   // True once every tracking port and the cue port listen, in whatever order they open.
   bool ready(double seconds = 20.0) {
     std::set<std::string> opening{"[QLabOSCServer] QLab Remote Cue listener active on UDP port " + std::to_string(cuePort)};
-    for (std::uint16_t port : ports) opening.insert(listeningLine(port));
+    for (std::uint16_t port : ports)
+      opening.insert("[TrackingReceiver] Listening for ARKit facial tracking on UDP port " + std::to_string(port));
     return process->waitForLine([&](const std::string& l) { return opening.erase(l) == 1 && opening.empty(); },
                                 seconds);
   }

@@ -14,7 +14,7 @@
 #include <string>
 #include <thread>
 
-#include "support/Spawn.h"
+#include "support/ChildProcess.h"
 
 namespace velmora::test {
 
@@ -48,11 +48,9 @@ class XorgDummy {
   // Starts Xorg on display_; true once its socket is there (about half a second).
   bool launch() {
     const std::string name = ":" + std::to_string(display_);
-    SpawnOptions options;
-    options.searchPath = true;
-    pid_ = spawnProcess({"Xorg", name, "-config", config_.string(), "-noreset", "-nolisten", "tcp", "-logfile",
-                         log_.string()},
-                        options);
+    pid_ = spawnProcess({"/usr/bin/Xorg", name, "-config", config_.string(), "-noreset", "-nolisten", "tcp",
+                         "-logfile", log_.string()},
+                        environmentWithout("VELMORA_"));
     if (pid_ <= 0) return false;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
     while (std::chrono::steady_clock::now() < deadline) {
@@ -79,10 +77,6 @@ class XorgDummy {
     c << "Section \"ServerFlags\"\n"
          "  Option \"AutoAddDevices\" \"false\"\n"
          "  Option \"AutoAddGPU\" \"false\"\n"
-         "  Option \"BlankTime\" \"0\"\n"
-         "  Option \"StandbyTime\" \"0\"\n"
-         "  Option \"SuspendTime\" \"0\"\n"
-         "  Option \"OffTime\" \"0\"\n"
          "EndSection\n"
          "Section \"Device\"\n"
          "  Identifier \"dummy\"\n"
