@@ -421,9 +421,7 @@ class OutputSyncTest : public SceneManagerTest {
 };
 
 // A running output's error is stale: its clients count. The retry note counts
-// whole seconds, rounded up, and is what the log leaves out. ("NDI: off",
-// waiting for a receiver and sending to 1 receiver: NDIPublisherTest, with the
-// runtime double.)
+// whole seconds, rounded up, and is what the log leaves out.
 TEST(OutputStatusText, EveryStateOfBothOutputs) {
   const auto syphonText = &MaskSceneManager::syphonStatusText;
   const auto ndiText = &MaskSceneManager::ndiStatusText;
@@ -449,6 +447,7 @@ TEST(OutputStatusText, EveryStateOfBothOutputs) {
       {ndiText, true, true, false, refused, 0, 2.0, "NDI: " + refused + " (next try in 2 s)"},
       {ndiText, true, true, false, refused, 0, 0.4, "NDI: " + refused + " (next try in 1 s)"},
       {ndiText, true, true, true, refused, -1, 2.0, "NDI: ready, waiting for a receiver"},
+      {ndiText, true, true, true, {}, 1, {}, "NDI: sending to 1 receiver"},
       {ndiText, true, true, true, {}, 2, {}, "NDI: sending to 2 receivers"},
       {ndiText, true, true, true, {}, 12, {}, "NDI: sending to 12 receivers"},
   };
