@@ -75,8 +75,8 @@ struct Shot {
 };
 
 // What the renderer uploads for a character: its vertex and index arrays as
-// they are, 16 bytes per vertex a target moves (its index and six half-float
-// deltas) plus 4 per vertex, a 24-byte morphed vertex, and the pictures with
+// they are, 13 bytes per vertex a target moves (six half-float deltas and
+// the target's index) plus 4 per vertex, a 24-byte morphed vertex, and the pictures with
 // their mipmaps (4/3).
 std::size_t gpuBytes(const Node& node, std::size_t textureBytes) {
   std::size_t bytes = textureBytes * 4 / 3;
@@ -86,7 +86,7 @@ std::size_t gpuBytes(const Node& node, std::size_t textureBytes) {
     const std::size_t vertices = node.geometry->vertexCount();
     if (node.morpher) bytes += vertices * (4 + 24);
     if (node.morpher && node.morpher->targets)
-      for (const auto& target : *node.morpher->targets) bytes += target ? target->vertices.size() * 16 : 0;
+      for (const auto& target : *node.morpher->targets) bytes += target ? target->vertices.size() * 13 : 0;
   }
   for (const auto& child : node.children()) bytes += gpuBytes(*child, 0);
   return bytes;

@@ -15,9 +15,9 @@ namespace {
 
 using Semantic = GeometrySource::Semantic;
 
-// One entry of the morph program's delta buffer: the target's index, then
-// position delta x, y, z and normal delta x, y, z as half floats.
-constexpr std::size_t kTexelsPerEntry = 4;
+// One entry of the morph program's delta buffer: position delta x, y, z and
+// normal delta x, y, z as half floats, two a texel.
+constexpr std::size_t kTexelsPerEntry = 3;
 
 GLenum glMode(GeometryElement::Primitive p) {
   switch (p) {
@@ -28,16 +28,20 @@ GLenum glMode(GeometryElement::Primitive p) {
   return GL_TRIANGLES;
 }
 
+void release(MeshCache::MorphDeltas& d) {
+  glDeleteTextures(1, &d.texture);
+  glDeleteBuffers(1, &d.buffer);
+  glDeleteTextures(1, &d.targetTexture);
+  glDeleteBuffers(1, &d.targetBuffer);
+}
+
 }  // namespace
 
 MeshCache::~MeshCache() {
   for (auto& [key, e] : meshes_) glDeleteVertexArrays(1, &e.mesh.vertexArray);
   for (auto& [key, e] : buffers_) glDeleteBuffers(1, &e.buffer);
   for (auto& [key, e] : parts_) glDeleteBuffers(1, &e.part.indexBuffer);
-  for (auto& [key, e] : deltas_) {
-    glDeleteTextures(1, &e.deltas.texture);
-    glDeleteBuffers(1, &e.deltas.buffer);
-  }
+  for (auto& [key, e] : deltas_) release(e.deltas);
 }
 
 unsigned MeshCache::arrayBuffer(const std::shared_ptr<const std::vector<float>>& data) {
@@ -148,8 +152,7 @@ const MeshCache::MorphDeltas* MeshCache::deltas(const Geometry& base, const std:
     const DeltaEntry& e = it->second;
     const bool sameBase = e.basePositions.lock() == bp->data && (!bn || e.baseNormals.lock() == bn->data);
     if (!e.owner.expired() && sameBase) return &e.deltas;
-    glDeleteTextures(1, &it->second.deltas.texture);
-    glDeleteBuffers(1, &it->second.deltas.buffer);
+    release(it->second.deltas);
     deltas_.erase(it);
   }
   const std::shared_ptr<const TargetList> targets = given ? given : source->load ? source->load() : nullptr;
@@ -165,9 +168,11 @@ const MeshCache::MorphDeltas* MeshCache::deltas(const Geometry& base, const std:
   const std::size_t normalCount = bn && bn->data ? static_cast<std::size_t>(std::max(0, bn->vectorCount)) : 0;
   // Per vertex, the targets that move it, in target order (see the morph
   // program): only moved vertices have entries, so the mask's 43 targets
-  // take about 16 MB, against 33 MB with a delta for every (target, vertex),
+  // take about 13 MB, against 33 MB with a delta for every (target, vertex),
   // and a half keeps a 5 cm delta to 0.03 mm, far below a pixel. Same rule
-  // as the CPU reference blend: vertices the target lacks do not move.
+  // as the CPU reference blend: vertices the target lacks do not move. The
+  // entries' target indices are bytes of their own (at most 128 targets)
+  // rather than a fourth 32-bit texel each: 3 MB less for the mask.
   std::vector<std::uint32_t> texels(n + 1, 0);
   for (std::size_t ti = 0; ti < t; ++ti)
     if (const MorphTarget* target = (*targets)[ti].get())
@@ -176,6 +181,7 @@ const MeshCache::MorphDeltas* MeshCache::deltas(const Geometry& base, const std:
   for (std::size_t v = 0; v < n; ++v) texels[v + 1] += texels[v];
   std::vector<std::uint32_t> cursor(texels.begin(), texels.end() - 1);
   texels.resize(n + 1 + texels[n] * kTexelsPerEntry, 0);
+  std::vector<std::uint8_t> targetOf(std::max<std::size_t>(texels[n], 1), 0);
   auto half = [](float value) { return static_cast<std::uint32_t>(glm::packHalf1x16(value)); };
   for (std::size_t ti = 0; ti < t; ++ti) {
     const MorphTarget* target = (*targets)[ti].get();
@@ -185,11 +191,12 @@ const MeshCache::MorphDeltas* MeshCache::deltas(const Geometry& base, const std:
       if (v >= n) break;  // ascending
       const float3 dp = target->hasPositions ? target->positionDeltas[k] : float3(0.0f);
       const float3 dn = target->hasNormals && v < normalCount ? target->normalDeltas[k] : float3(0.0f);
-      std::uint32_t* out = texels.data() + n + 1 + cursor[v]++ * kTexelsPerEntry;
-      out[0] = static_cast<std::uint32_t>(ti);
-      out[1] = half(dp.x) | half(dp.y) << 16;
-      out[2] = half(dp.z) | half(dn.x) << 16;
-      out[3] = half(dn.y) | half(dn.z) << 16;
+      const std::uint32_t e = cursor[v]++;
+      targetOf[e] = static_cast<std::uint8_t>(ti);
+      std::uint32_t* out = texels.data() + n + 1 + e * kTexelsPerEntry;
+      out[0] = half(dp.x) | half(dp.y) << 16;
+      out[1] = half(dp.z) | half(dn.x) << 16;
+      out[2] = half(dn.y) | half(dn.z) << 16;
     }
   }
   DeltaEntry entry;
@@ -199,13 +206,17 @@ const MeshCache::MorphDeltas* MeshCache::deltas(const Geometry& base, const std:
   if (bn) entry.baseNormals = bn->data;
   MorphDeltas& d = entry.deltas;
   d.targetCount = static_cast<int>(t);
-  glGenBuffers(1, &d.buffer);
-  glBindBuffer(GL_TEXTURE_BUFFER, d.buffer);
-  glBufferData(GL_TEXTURE_BUFFER, static_cast<GLsizeiptr>(texels.size() * sizeof(std::uint32_t)), texels.data(),
-               GL_STATIC_DRAW);
-  glGenTextures(1, &d.texture);
-  glBindTexture(GL_TEXTURE_BUFFER, d.texture);
-  glTexBuffer(GL_TEXTURE_BUFFER, GL_R32UI, d.buffer);  // decoded by the morph program
+  // Both read by the morph program as texture buffers.
+  auto upload = [](const void* data, std::size_t bytes, GLenum format, unsigned& buffer, unsigned& texture) {
+    glGenBuffers(1, &buffer);
+    glBindBuffer(GL_TEXTURE_BUFFER, buffer);
+    glBufferData(GL_TEXTURE_BUFFER, static_cast<GLsizeiptr>(bytes), data, GL_STATIC_DRAW);
+    glGenTextures(1, &texture);
+    glBindTexture(GL_TEXTURE_BUFFER, texture);
+    glTexBuffer(GL_TEXTURE_BUFFER, format, buffer);
+  };
+  upload(texels.data(), texels.size() * sizeof(std::uint32_t), GL_R32UI, d.buffer, d.texture);
+  upload(targetOf.data(), targetOf.size(), GL_R8UI, d.targetBuffer, d.targetTexture);
   glBindTexture(GL_TEXTURE_BUFFER, 0);
   glBindBuffer(GL_TEXTURE_BUFFER, 0);
   ++uploads_;
@@ -244,8 +255,7 @@ void MeshCache::purgeExpired() {
       ++it;
       continue;
     }
-    glDeleteTextures(1, &it->second.deltas.texture);
-    glDeleteBuffers(1, &it->second.deltas.buffer);
+    release(it->second.deltas);
     it = deltas_.erase(it);
   }
 }

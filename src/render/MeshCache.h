@@ -5,12 +5,12 @@
 // every frame, costs one upload. Entries whose arrays have been freed on the
 // CPU side are deleted by purgeExpired() (the weak references tell).
 //
-// Morph targets are uploaded as one R32UI texture buffer of deltas from the
+// Morph targets are uploaded as an R32UI texture buffer of deltas from the
 // base mesh, per vertex: first vertexCount + 1 offsets (vertex v's entries
-// are entries offset[v] .. offset[v + 1] - 1), then four texels per entry:
-// the target's index, and six half floats two to a texel, low half first
-// (position delta x y z, normal delta x y z). Only vertices a target moves
-// have an entry.
+// are entries offset[v] .. offset[v + 1] - 1), then three texels per entry:
+// six half floats two to a texel, low half first (position delta x y z,
+// normal delta x y z); and an R8UI texture buffer with each entry's target
+// index. Only vertices a target moves have an entry.
 //
 // Threads: the render thread, with the owning context current.
 
@@ -44,8 +44,8 @@ class MeshCache {
   };
 
   struct MorphDeltas {
-    unsigned buffer = 0;
-    unsigned texture = 0;
+    unsigned buffer = 0, texture = 0;              // offsets and deltas (R32UI)
+    unsigned targetBuffer = 0, targetTexture = 0;  // each entry's target (R8UI)
     int targetCount = 0;  // the targets the program weighs (at most maxMorphTargets)
   };
 

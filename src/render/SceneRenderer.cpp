@@ -47,6 +47,7 @@ constexpr int kUnitShadow = 1;
 constexpr int kUnitSpecular = 2;
 constexpr int kUnitDeltas = 3;
 constexpr int kUnitMaterial = 4;  // 4..8: the material's five textures, in uTextures' bit order
+constexpr int kUnitTargetOf = 9;
 
 constexpr int kMorphStride = 6 * sizeof(float);  // interleaved position, normal
 
@@ -339,6 +340,8 @@ struct SceneRenderer::Impl {
     if (!weights.empty()) morph->setArray("uMorphWeight", weights.data(), static_cast<int>(weights.size()));
     glActiveTexture(GL_TEXTURE0 + kUnitDeltas);
     glBindTexture(GL_TEXTURE_BUFFER, deltas ? deltas->texture : 0);
+    glActiveTexture(GL_TEXTURE0 + kUnitTargetOf);
+    glBindTexture(GL_TEXTURE_BUFFER, deltas ? deltas->targetTexture : 0);
     bindGeometry(mesh, 0);
     // Drawing needs a complete framebuffer even with rasterisation off, and
     // a surfaceless context has no default one.
@@ -593,6 +596,7 @@ CreateResult<SceneRenderer> SceneRenderer::create() {
   Impl::setSurfaceUnits(*impl->surface);
   impl->morph->use();
   impl->morph->set("uDeltas", kUnitDeltas);
+  impl->morph->set("uTargetOf", kUnitTargetOf);
   glUseProgram(0);
 
   if (GLenum e = glGetError(); e != GL_NO_ERROR)

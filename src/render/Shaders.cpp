@@ -7,10 +7,11 @@ layout(location = 0) in vec3 aPosition;
 layout(location = 1) in vec3 aNormal;
 // Per vertex, the targets that move it, in target order, as R32UI texels:
 // first one offset per vertex and one past the last (where the vertex's
-// entries start), then four texels per entry: the target's index and its
-// deltas as half floats, two a texel, low half first: position x y, z and
-// normal x, normal y z.
+// entries start), then three texels per entry: its deltas as half floats,
+// two a texel, low half first: position x y, z and normal x, normal y z.
+// uTargetOf holds each entry's target index.
 uniform usamplerBuffer uDeltas;
+uniform usamplerBuffer uTargetOf;
 uniform int uVertexCount;
 uniform int uTargetCount;         // 0: no deltas bound, nothing moves
 uniform float uMorphWeight[128];  // per target; 0 leaves the target out
@@ -35,12 +36,12 @@ void main() {
     last = int(texelFetch(uDeltas, gl_VertexID + 1).r);
   }
   for (int e = first; e < last; ++e) {
-    int texel = uVertexCount + 1 + 4 * e;
-    float w = uMorphWeight[texelFetch(uDeltas, texel).r];
+    float w = uMorphWeight[texelFetch(uTargetOf, e).r];
     if (w == 0.0) continue;
-    vec2 pxy = halves(texelFetch(uDeltas, texel + 1).r);
-    vec2 pzNx = halves(texelFetch(uDeltas, texel + 2).r);
-    vec2 nyz = halves(texelFetch(uDeltas, texel + 3).r);
+    int texel = uVertexCount + 1 + 3 * e;
+    vec2 pxy = halves(texelFetch(uDeltas, texel).r);
+    vec2 pzNx = halves(texelFetch(uDeltas, texel + 1).r);
+    vec2 nyz = halves(texelFetch(uDeltas, texel + 2).r);
     p += w * vec3(pxy, pzNx.x);
     n += w * vec3(pzNx.y, nyz);
   }
