@@ -77,7 +77,6 @@ TEST_F(SceneManagerTest, SwitchingToTheGhostAndBackRebuildsAndDropsTheEyes) {
   EXPECT_EQ(scene.ghostRootNode(), scene.maskNode());
   const Node& left = *scene.ghostLeftEyeNode();
   const Node& right = *scene.ghostRightEyeNode();
-  EXPECT_TRUE(left.name == "LeftEye" && right.name == "RightEye");
   EXPECT_LE(glm::length(left.eulerAngles - float3(0.175f, 0.35f, 0.0f)), 1e-6f);
   EXPECT_LE(glm::length(right.eulerAngles - float3(0.0f, 0.35f, 0.0f)), 1e-6f);
   EXPECT_NEAR(left.scale.y, 0.08f, 1e-6f);
@@ -107,8 +106,9 @@ TEST_F(SceneManagerTest, SwitchingToTheGhostAndBackRebuildsAndDropsTheEyes) {
 
 TEST_F(SceneManagerTest, WithoutACueTheMorphWeightsAreTheLiveValues) {
   EXPECT_EQ(scene.targetIndex("JAWOPEN"), scene.targetIndex("jawOpen"));  // any case
-  EXPECT_FALSE(scene.targetIndex("tongueOut").has_value());  // the mask has no tongue
-  // A sender's own spelling of a name still finds its target (any case).
+  // A sender's own spelling of a name still finds its target (any case); a
+  // name the character has no target for (the mask has no tongue:
+  // mask_targets_test) is left out.
   state.setBlendshapes({{"jawOpen", 0.3f}, {"tongueOut", 1.0f}, {"notAShape", 0.5f}, {"BROWDOWNLEFT", 0.4f}});
   scene.updateTracking(state);
   EXPECT_EQ(weightOf("jawOpen"), 0.3f);
@@ -122,21 +122,20 @@ TEST_F(SceneManagerTest, WithoutACueTheMorphWeightsAreTheLiveValues) {
 // Every target is live * (1 - w) + cue * w for the channels the cue drives
 // and the live value (0 when the sender does not name it) for the others;
 // the head turns by the live rotation plus the cue's offset. A cue stopped
-// without a fade or ended on its own leaves no weight behind.
+// without a fade leaves no weight behind (one that ends on its own ends
+// neutral: CharacterAnimationController's tests; the scene takes the same path).
 TEST_F(SceneManagerTest, ACueBlendsItsChannelsOverLiveTrackingByItsWeight) {
   struct Row {
     const char* what;
     AnimationCue::Kind kind;
     double duration, at;
-    bool reset;
-    double after;  // a second update this much later; 0: none
+    double after;  // reset, then a second update this much later; 0: none
     BlendshapeMap live;
   };
   const Row rows[] = {
-      {"early in a gasp's rise", AnimationCue::Kind::maskGasp, 2.0, 0.1, false, 0, {{"browInnerUp", 0.2f}, {"eyeBlinkLeft", 0.6f}}},
-      {"a nod turns the head at weight 0", AnimationCue::Kind::maskNod, 1.0, 0.13, false, 0, {{"jawOpen", 0.4f}}},
-      {"a gasp reset mid-way, no phone", AnimationCue::Kind::maskGasp, 2.0, 0.8, true, 10.0, {}},
-      {"a gasp ended on its own", AnimationCue::Kind::maskGasp, 2.0, 0.8, false, 10.0, {{"browInnerUp", 0.25f}}},
+      {"early in a gasp's rise", AnimationCue::Kind::maskGasp, 2.0, 0.1, 0, {{"browInnerUp", 0.2f}, {"eyeBlinkLeft", 0.6f}}},
+      {"a nod turns the head at weight 0", AnimationCue::Kind::maskNod, 1.0, 0.13, 0, {{"jawOpen", 0.4f}}},
+      {"a gasp reset mid-way, no phone", AnimationCue::Kind::maskGasp, 2.0, 0.8, 10.0, {}},
   };
   const float3 head(0.1f, 0.2f, 0.3f);
   state.setHeadRotation(head);
@@ -150,11 +149,11 @@ TEST_F(SceneManagerTest, ACueBlendsItsChannelsOverLiveTrackingByItsWeight) {
     scene.updateTracking(state);
     if (row.after > 0) {
       ASSERT_GT(weightOf("jawOpen"), 0.1f);
-      if (row.reset) animation.reset(false, now);
+      animation.reset(false, now);
       now += row.after;
       scene.updateTracking(state);
     }
-    const AnimationOutput out = row.reset ? AnimationOutput::neutral() : referenceOutput(cue, start, now);
+    const AnimationOutput out = row.after > 0 ? AnimationOutput::neutral() : referenceOutput(cue, start, now);
     if (row.after == 0) {
       ASSERT_LT(out.blendWeight, 1.0f);
     }
@@ -285,7 +284,6 @@ TEST_F(SceneManagerTest, InitBuildsTheSceneAndAFrameIsASnapshotOfIt) {
   EXPECT_FALSE(scene.ghostRootNode());
   for (const auto& light : {scene.keyLightNode(), scene.fillLightNode(), scene.rimLightNode()})
     EXPECT_EQ(light->parent(), scene.scene().get());
-  EXPECT_EQ(scene.cameraNode()->position, float3(0.0f, 0.0f, 3.2f));
   const auto first = scene.makeFrameDescription();  // no update yet
   EXPECT_EQ(first->lights, LightRig::applied(state.lighting(), state.lightIntensity()));
   const FrameCamera& camera = first->camera;
@@ -441,7 +439,6 @@ TEST(OutputStatusText, EveryStateOfBothOutputs) {
       {syphonText, true, true, false, {}, 0, {}, "Syphon: unavailable"},
       {syphonText, true, true, false, noDaemon, 0, {}, "Syphon: " + noDaemon},
       {syphonText, true, true, true, noDaemon, 0, {}, "Syphon: ready, waiting for a client"},
-      {syphonText, true, true, true, {}, 1, {}, "Syphon: sending to a client"},
       {ndiText, true, false, false, {}, 0, {}, "NDI: unavailable"},
       {ndiText, true, true, false, "NDI sender could not be created", 0, {}, "NDI: NDI sender could not be created"},
       {ndiText, true, true, false, refused, 0, 2.0, "NDI: " + refused + " (next try in 2 s)"},
