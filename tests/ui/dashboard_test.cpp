@@ -65,7 +65,8 @@ TEST_F(DashboardTest, CuePortEntryAcceptsOnlyUsablePortsAndRefuses53000WithTheSe
 }
 
 // What "Copy as text" puts on the clipboard: one literal opening, then every
-// group heading followed by its commands' addresses, in catalogue order.
+// group heading followed by its commands' addresses, in catalogue order
+// (that the groups hold every command once: the catalogue's table test).
 TEST_F(DashboardTest, CopyAsTextListsEveryCommandUnderItsGroupInCatalogueOrder) {
   std::string clipboard;
   context.setClipboard = [&](const std::string& t) { clipboard = t; };
@@ -82,7 +83,6 @@ TEST_F(DashboardTest, CopyAsTextListsEveryCommandUnderItsGroupInCatalogueOrder) 
     expected.push_back(group);
     for (const OSCCommand* command : OSCCommandCatalog::commands(group)) expected.push_back(command->address);
   }
-  EXPECT_EQ(expected.size(), OSCCommandCatalog::groups().size() + OSCCommandCatalog::all().size());
   std::istringstream lines(clipboard);
   for (std::string line; std::getline(lines, line);)
     if (line.starts_with("/") || std::ranges::count(OSCCommandCatalog::groups(), line)) listed.push_back(line);
