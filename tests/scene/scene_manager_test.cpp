@@ -222,9 +222,9 @@ TEST_F(SceneManagerTest, TheFaceEasesToNeutralWhileCuesPlayOverIt) {
   ASSERT_NE(head, float3(0.0f));
 
   // Half-way through the ease (0.5 s timeout, then half of the second); the
-  // published values are untouched.
+  // published values are untouched. (The lost flag itself: the state's and
+  // the intake's tests.)
   tick(1.0);
-  EXPECT_TRUE(state.isTrackingLost());
   EXPECT_NEAR(weightOf("jawOpen"), 0.5f * jaw, 1e-6f);
   EXPECT_NEAR(scene.maskNode()->eulerAngles.y, 0.5f * head.y, 1e-6f);
   EXPECT_EQ(state.blendshapes().at("jawOpen"), jaw);
@@ -245,7 +245,6 @@ TEST_F(SceneManagerTest, TheFaceEasesToNeutralWhileCuesPlayOverIt) {
   state.setTrackingTimeout(0.0);
   tick(30.0);
   tick(30.0);
-  EXPECT_FALSE(state.isTrackingLost());
   EXPECT_EQ(weightOf("jawOpen"), jaw);
 }
 
