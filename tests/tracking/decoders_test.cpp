@@ -167,15 +167,15 @@ TEST(PhoneAppsTest, VMCHeadBoneTurnedAboutEachAxis) {
 // Which format a datagram is taken for (OSC, then iFacialMocap text, JSON,
 // Live Link; anything else unknown) is also the reference decoder's order,
 // so the edge cases are corpus files: edge_detect_01 to 13, edge_osc_44 and
-// 45. Here, what the receiver adds to the decoder: the arrival time, an
-// unknown format recorded, frames handed to the sink's deliver, everything
-// else to deliverUnknown (a known format, the sender and the count recorded:
-// TrackingReceiverNetTest.BatchedBurstArrivesWholeAndInOrder).
+// 45. Here, what the receiver adds to the decoder: the format and sender
+// recorded, the count, the arrival time, and frames handed to the sink's
+// deliver, everything else to deliverUnknown.
 TEST(TrackingReceiverTest, RecordsEachDatagramAndHandsItOn) {
   auto sink = std::make_shared<test::RecordingSink>();
   TrackingReceiver receiver(sink);
   const double before = uptime();
   receiver.processData(bytesOf("jawOpen-50|"), kSender);
+  EXPECT_EQ(receiver.statistics().lastFormat, TrackingFormat::iFacialMocap);
   ASSERT_EQ(sink->frames().size(), 1u);
   // On the uptime clock the outputs measure latency with.
   EXPECT_GE(sink->frames()[0].frame.arrivalTime, before);
@@ -184,6 +184,8 @@ TEST(TrackingReceiverTest, RecordsEachDatagramAndHandsItOn) {
   EXPECT_EQ(receiver.statistics().lastFormat, TrackingFormat::unknown);
   EXPECT_EQ(sink->frames().size(), 1u);
   EXPECT_EQ(sink->total(), 2u);
+  EXPECT_EQ(receiver.statistics().packetsReceived, 2u);
+  EXPECT_EQ(receiver.statistics().lastSender, "10.0.0.3:7");
 }
 
 // ---------------------------------------------------------------------------
