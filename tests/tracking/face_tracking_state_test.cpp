@@ -110,7 +110,7 @@ TEST(FaceTrackingStateTest, InitialValuesAndTexts) {
   Fixture f;
   const FaceTrackingState& s = f.state;
   // Smoothing 0.45 and the mouth's 1.2 are pinned by the filter-parameter
-  // and per-name tests.
+  // and per-name tests, "NDI: off" by OutputSyncTest (not written again).
   EXPECT_FALSE(s.isCalibrated());
   EXPECT_FLOAT_EQ(s.browSensitivity(), 1.2f);
   EXPECT_EQ(s.eyeSensitivity(), 1.0f);
@@ -118,7 +118,6 @@ TEST(FaceTrackingStateTest, InitialValuesAndTexts) {
   EXPECT_EQ(s.rimLightColor(), float3(0.9f, 0.95f, 1.0f));
   EXPECT_TRUE(s.isSyphonActive());
   EXPECT_EQ(s.syphonStatus(), "Syphon: starting…");
-  EXPECT_EQ(s.ndiStatus(), "NDI: off");
   EXPECT_FALSE(s.localIP().empty());
   EXPECT_EQ(s.senderIP(), "Waiting for iPhone...");
   EXPECT_EQ(s.lastQLabCommand(), "None");
@@ -132,21 +131,20 @@ TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
     f.state.ingestPacket(std::nullopt, std::nullopt, std::nullopt, sender);
   };
   for (int i = 1; i <= 30; ++i) at(i * 0.03, "192.168.1.20:50123");  // up to 0.9 s: no rate yet
+  // The count, the newest sender and the last packet's time are shown by
+  // TrackingIntakeTest's status line and the allow-list net test.
   EXPECT_EQ(f.state.incomingFPS(), 0.0);
-  EXPECT_EQ(f.state.totalPacketsReceived(), 30u);
   EXPECT_TRUE(f.state.isConnected());
-  EXPECT_EQ(f.state.senderIP(), "192.168.1.20:50123");
-  ASSERT_TRUE(f.state.lastPacketTimestamp());
   at(1.25, "192.168.1.21:7");
   EXPECT_DOUBLE_EQ(f.state.incomingFPS(), 31 / 1.25);
-  EXPECT_EQ(f.state.senderIP(), "192.168.1.21:7");
   // The count restarts: 10 packets over the next 2 s.
   for (int i = 1; i <= 10; ++i) at(1.25 + i * 0.2, "192.168.1.21:7");
   EXPECT_DOUBLE_EQ(f.state.incomingFPS(), 5 / 1.0);  // the 5 packets up to 2.25 s
-  EXPECT_EQ(f.state.totalPacketsReceived(), 41u);
 }
 
-TEST(FaceTrackingStateTest, FramesCarryTheAppTheEyesAndALostFace) {
+// The app's name each frame carries is shown by TrackingIntakeTest's status
+// line and PhoneConnectionTest's "answered (VTube Studio)".
+TEST(FaceTrackingStateTest, FramesCarryTheEyesAndALostFace) {
   Fixture f;
   f.state.setMouthSensitivity(1.0f);
   FaceFrame frame;
@@ -154,7 +152,6 @@ TEST(FaceTrackingStateTest, FramesCarryTheAppTheEyesAndALostFace) {
   frame.blendshapes = BlendshapeMap{{"jawOpen", 0.5f}};
   frame.leftEyeRotation = float3(0.5f * eyeLookFullTurn, -eyeLookFullTurn, 0.0f);  // down half, in fully
   f.state.ingestFrame(frame, TrackingApp::iFacialMocap);
-  EXPECT_EQ(f.state.senderApp(), "iFacialMocap");
   const BlendshapeMap& out = f.state.blendshapes();  // the first sample passes the filters unchanged
   EXPECT_FLOAT_EQ(out.at("eyeLookDownLeft"), 0.5f);
   EXPECT_EQ(out.at("eyeLookUpLeft"), 0.0f);
@@ -165,7 +162,6 @@ TEST(FaceTrackingStateTest, FramesCarryTheAppTheEyesAndALostFace) {
   f.now += 1.0 / 60.0;
   f.state.ingestFrame(frame, TrackingApp::vtubeStudio);
   EXPECT_EQ(f.state.rawBlendshapes().at("eyeLookInLeft"), 1.0f);  // unchanged from the first frame
-  EXPECT_EQ(f.state.senderApp(), "VTube Studio");
   // A faceless frame starts the ease at the next tick, long before the timeout.
   frame.faceFound = false;
   f.now += 1.0 / 60.0;
@@ -227,8 +223,7 @@ TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZero) {
   f.state.ingestPacket({{{"jawOpen", 0.7f}}}, pose, float3(1, 2, 3), "a:1");
   EXPECT_EQ(f.state.headPosition(), float3(0.0f));  // the position never moves the head (raw: the offset below)
   f.state.setRange("jawOpen", 0.1f, std::nullopt);
-  f.state.recentreNeutralPose();
-  EXPECT_TRUE(f.state.isCalibrated());
+  f.state.recentreNeutralPose();  // isCalibrated on and off: MenuCommandsTest
   EXPECT_EQ(f.state.zeroRotationOffset(), pose);
   EXPECT_EQ(f.state.zeroPositionOffset(), float3(1, 2, 3));
   EXPECT_FALSE(f.state.rotationFilter().x().isPrimed());
@@ -248,7 +243,6 @@ TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZero) {
   EXPECT_NEAR(f.state.headRotation().x, fresh.state.headRotation().x, 1e-6f);
 
   f.state.resetCalibration();
-  EXPECT_FALSE(f.state.isCalibrated());
   EXPECT_EQ(f.state.zeroRotationOffset(), float3(0.0f));
   EXPECT_EQ(f.state.zeroPositionOffset(), float3(0.0f));
   EXPECT_EQ(f.state.range("jawOpen").floor, 0.1f);
@@ -376,15 +370,11 @@ TEST(FaceTrackingStateTest, FloorsFromCurrentPose) {
 TEST(FaceTrackingStateTest, ObserversHearEveryWriteAndMayChangeWhileNotified) {
   Fixture f;
   std::vector<Property> heard;
-  std::vector<float> opacities;  // read while notified: observers see the new value
-  const int token = f.state.observe([&](Property p) {
-    heard.push_back(p);
-    if (p == Property::maskOpacity) opacities.push_back(f.state.maskOpacity());
-  });
+  // That observers read the new value is the OSC switch test's.
+  const int token = f.state.observe([&](Property p) { heard.push_back(p); });
   f.state.setMaskOpacity(0.5f);
   f.state.setMaskOpacity(0.5f);  // unchanged values notify too
   EXPECT_EQ(heard, (std::vector<Property>{Property::maskOpacity, Property::maskOpacity}));
-  EXPECT_EQ(opacities, (std::vector<float>{0.5f, 0.5f}));
 
   heard.clear();
   f.state.ingestPacket({{{"jawOpen", 0.5f}}}, float3(0.1f), float3(0.2f), "s:1");
@@ -431,7 +421,7 @@ TEST(FaceTrackingStateTest, OSCSwitchPersistsAndSetsStatusBeforeObserversHear) {
   Fixture f;
   std::vector<bool> calls;
   // The application's cue-server switch is such an observer.
-  const int token = f.state.observe([&](Property p) {
+  f.state.observe([&](Property p) {
     if (p != Property::isOSCEnabled) return;
     const bool enabled = f.state.isOSCEnabled();
     calls.push_back(enabled);
@@ -446,9 +436,6 @@ TEST(FaceTrackingStateTest, OSCSwitchPersistsAndSetsStatusBeforeObserversHear) {
   f.state.setIsOSCEnabled(true);
   EXPECT_EQ(f.state.oscStatus(), "OSC cues: listening on UDP 53100");  // only switching off writes it
   EXPECT_EQ(calls, (std::vector<bool>{false, true}));
-  f.state.unobserve(token);
-  f.state.setIsOSCEnabled(false);  // nobody observing: the status is still written
-  EXPECT_EQ(f.state.oscStatus(), "OSC cues: disabled");
 }
 
 #ifndef NDEBUG

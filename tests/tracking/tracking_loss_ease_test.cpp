@@ -1,7 +1,11 @@
 // Tracking loss on an injected clock: the live face eases to neutral after
 // the timeout, back in when packets return, and is left exactly alone while
-// packets flow or with the ease switched off.
+// packets flow or with the ease switched off. (The eased face as the scene
+// shows it, half-way out and with the timeout 0:
+// SceneManagerTest.TheFaceEasesToNeutralWhileCuesPlayOverIt.)
 #include <gtest/gtest.h>
+
+#include <cmath>
 
 #include "tracking/TrackingLossEase.h"
 
@@ -12,14 +16,15 @@ namespace {
 // S(0.25) = 0.103515625, S(0.75) = 0.896484375.
 constexpr double kS25 = 0.103515625;
 
-// The weight after a tick at `t`.
-double weightAt(TrackingLossEase& ease, double t) {
-  ease.update(t);
-  return ease.weight();
-}
-
-TEST(TrackingLossEaseTest, PacketsFlowingLeaveTheFaceBitForBit) {
+// One ease through a show: ten seconds of packets leave the face bit for
+// bit; then each step does its event at `t`, then a tick, then reads the
+// weight, whether the phone counts as lost (update() says when that changed)
+// and since when (-1: not lost). Out takes 1 s, in 0.25 s.
+TEST(TrackingLossEaseTest, WeightAlongATimeline) {
   TrackingLossEase ease;
+  // Before any packet the phone is not "lost": nothing was there to lose.
+  EXPECT_FALSE(ease.update(4.0));
+  EXPECT_EQ(ease.weight(), 1.0);
   BlendshapeMap face{{"jawOpen", 0.37f}, {"eyeBlinkLeft", 0.9999f}};
   float3 head(0.1f, -0.2f, 0.3f);
   for (int i = 0; i < 600; ++i) {  // ten seconds at 60 packets/s, ticks in between
@@ -29,97 +34,56 @@ TEST(TrackingLossEaseTest, PacketsFlowingLeaveTheFaceBitForBit) {
   }
   EXPECT_EQ(face, (BlendshapeMap{{"jawOpen", 0.37f}, {"eyeBlinkLeft", 0.9999f}}));
   EXPECT_EQ(head, float3(0.1f, -0.2f, 0.3f));
-  EXPECT_FALSE(ease.isLost());
-  EXPECT_FALSE(ease.lostSince());
-  // Before any packet the phone is not "lost": nothing was there to lose.
-  TrackingLossEase fresh;
-  EXPECT_FALSE(fresh.update(1000.0));
-  EXPECT_EQ(fresh.weight(), 1.0);
-}
 
-TEST(TrackingLossEaseTest, PacketsWithoutAFaceStartTheEaseAtOnce) {
-  TrackingLossEase ease;
-  ease.packetArrived(10.0);
-  ease.packetArrived(10.02, false);  // the sender sees no face
-  ease.packetArrived(10.04, false);  // still none: the ease keeps its start
-  EXPECT_TRUE(ease.update(10.05));
-  EXPECT_EQ(ease.lostSince(), 10.02);
-  EXPECT_DOUBLE_EQ(weightAt(ease, 10.27), 1.0 - kS25);  // a quarter of the way out, from 10.02
-  ease.packetArrived(10.3);  // the face is back
-  EXPECT_TRUE(ease.update(10.3));
-  EXPECT_FALSE(ease.isLost());
-}
-
-TEST(TrackingLossEaseTest, EasesOutOverASecondAndBackInOverAQuarter) {
-  TrackingLossEase ease;  // default timeout 0.5 s
-  ease.packetArrived(10.0);
-  EXPECT_FALSE(ease.update(10.49));
-  EXPECT_EQ(ease.weight(), 1.0);
-  EXPECT_TRUE(ease.update(10.5));  // became lost
-  EXPECT_TRUE(ease.isLost());
-  EXPECT_EQ(ease.lostSince(), 10.0);
-  EXPECT_DOUBLE_EQ(ease.weight(), 1.0);
-  EXPECT_DOUBLE_EQ(weightAt(ease, 10.75), 1.0 - kS25);
-  EXPECT_DOUBLE_EQ(weightAt(ease, 11.0), 0.5);
-
-  BlendshapeMap face{{"jawOpen", 0.8f}, {"browInnerUp", 0.4f}};
-  float3 head(0.2f, -0.4f, 0.1f);
-  ease.apply(face, head);
-  EXPECT_FLOAT_EQ(face["jawOpen"], 0.4f);
-  EXPECT_FLOAT_EQ(face["browInnerUp"], 0.2f);
-  EXPECT_FLOAT_EQ(head.y, -0.2f);
-
-  EXPECT_EQ(weightAt(ease, 11.5), 0.0);
-  EXPECT_EQ(weightAt(ease, 60.0), 0.0);  // stays neutral however long the phone is gone
-  face = {{"jawOpen", 0.8f}};
-  head = float3(0.2f);
-  ease.apply(face, head);
-  EXPECT_EQ(face["jawOpen"], 0.0f);
-  EXPECT_EQ(head, float3(0.0f));
-
-  // Packets return: back to live in a quarter second.
-  ease.packetArrived(61.0);
-  EXPECT_TRUE(ease.update(61.0));
-  EXPECT_FALSE(ease.isLost());
-  EXPECT_FALSE(ease.lostSince());
-  EXPECT_EQ(ease.weight(), 0.0);
-  EXPECT_DOUBLE_EQ(weightAt(ease, 61.0625), kS25);
-  ease.packetArrived(61.1);
-  EXPECT_DOUBLE_EQ(weightAt(ease, 61.125), 0.5);
-  ease.packetArrived(61.25);
-  EXPECT_EQ(weightAt(ease, 61.25), 1.0);
-}
-
-TEST(TrackingLossEaseTest, ReturnInTheMiddleOfTheEaseStartsFromWhereTheFaceIs) {
-  TrackingLossEase ease;
-  ease.setTimeout(2.0);
-  ease.packetArrived(0.0);
-  ease.update(1.9);
-  EXPECT_FALSE(ease.isLost());
-  EXPECT_DOUBLE_EQ(weightAt(ease, 2.5), 0.5);  // lost at 2.0, half-way out
-  ease.packetArrived(2.5);
-  EXPECT_DOUBLE_EQ(weightAt(ease, 2.625), 0.75);  // 0.5 + 0.5 * S(0.5)
-  // Lost again before it was fully back: out from 0.75.
-  ease.update(4.625);
-  EXPECT_TRUE(ease.isLost());
-  EXPECT_DOUBLE_EQ(weightAt(ease, 5.0), 1.0 * 0.5);  // 0.5 s after the loss at 4.5 (2 s after the packet at 2.5)
-}
-
-TEST(TrackingLossEaseTest, TimeoutZeroTurnsTheEaseOff) {
-  TrackingLossEase ease;
-  ease.setTimeout(0.0);
-  ease.packetArrived(1.0);
-  EXPECT_EQ(weightAt(ease, 500.0), 1.0);
-  EXPECT_FALSE(ease.isLost());
-
-  // Switched off while the face is neutral: it comes back at once, eased.
-  ease.setTimeout(0.5);
-  EXPECT_EQ(weightAt(ease, 501.5), 0.0);
-  ease.setTimeout(0.0);
-  EXPECT_TRUE(ease.update(502.0));
-  EXPECT_FALSE(ease.isLost());
-  EXPECT_DOUBLE_EQ(weightAt(ease, 502.125), 0.5);
-  EXPECT_EQ(weightAt(ease, 502.25), 1.0);
+  enum Event { tick, packet, faceless, timeoutTo };
+  struct Step {
+    double t;
+    Event event;
+    double weight;
+    bool lost;
+    double since = -1.0;
+    double timeout = 0.0;
+  };
+  const Step steps[] = {
+      {20.0, packet, 1.0, false},  // the default timeout 0.5 s
+      {20.49, tick, 1.0, false},
+      {20.5, tick, 1.0, true, 20.0},  // lost at the timeout: the ease starts there
+      {20.75, tick, 1.0 - kS25, true, 20.0},
+      {21.0, tick, 0.5, true, 20.0},
+      {21.5, tick, 0.0, true, 20.0},
+      {80.0, tick, 0.0, true, 20.0},  // stays neutral however long the phone is gone
+      {81.0, packet, 0.0, false},     // back to live in a quarter second
+      {81.0625, tick, kS25, false},
+      {81.125, packet, 0.5, false},
+      {81.25, packet, 1.0, false},
+      {83.0, timeoutTo, 1.0, false, -1.0, 2.0},
+      {83.75, tick, 0.5, true, 81.25},  // lost at 83.25, half-way out
+      {83.75, packet, 0.5, false},      // back from where the face is
+      {83.875, tick, 0.75, false},      // 0.5 + 0.5 * S(0.5)
+      {86.0, tick, 1.0 - kS25, true, 83.75},  // lost at 85.75, out from the ease-in's end
+      {86.5, packet, kS25, false},            // back from 1 - S(0.75)
+      {86.75, tick, 1.0, false},
+      {87.0, faceless, 1.0, true, 87.0},  // the sender sees no face: the ease starts at once
+      {87.25, faceless, 1.0 - kS25, true, 87.0},  // still none: the ease keeps its start
+      {87.5, packet, 0.5, false},
+      {88.0, timeoutTo, 1.0, false, -1.0, 0.0},  // off: never lost
+      {500.0, tick, 1.0, false},
+      {500.0, timeoutTo, 0.0, true, 87.5, 0.5},  // on again: no packet since 87.5, long neutral
+      {501.0, timeoutTo, 0.0, false, -1.0, 0.0},  // off while neutral: back at once, eased
+      {501.125, tick, 0.5, false},
+      {501.25, tick, 1.0, false},
+  };
+  bool wasLost = false;
+  for (const Step& s : steps) {
+    SCOPED_TRACE(s.t);
+    if (s.event == timeoutTo) ease.setTimeout(s.timeout);
+    if (s.event == packet || s.event == faceless) ease.packetArrived(s.t, s.event == packet);
+    EXPECT_EQ(ease.update(s.t), s.lost != wasLost);
+    wasLost = s.lost;
+    EXPECT_DOUBLE_EQ(ease.weight(), s.weight);
+    EXPECT_EQ(ease.isLost(), s.lost);
+    EXPECT_EQ(ease.lostSince().value_or(-1.0), s.since);
+  }
   // Nonsense timeouts count as off.
   for (double nonsense : {-3.0, std::nan("")}) {
     ease.setTimeout(nonsense);

@@ -42,12 +42,10 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
   {
     SettingsStore store(dir.path());
     FaceTrackingState state(store);
-    state.setCharacterModel(CharacterModelType::cartoonGhost);
     state.setTrackingDetail(TrackingDetail::many);
     state.setRange("jawOpen", 0.1f, 0.8f);
     state.setRange("eyeBlinkLeft", std::nullopt, 0.3f);
     state.setOscPort(53210);
-    state.setIsOSCEnabled(false);
     state.setIsNDIActive(true);
     state.setLighting(lighting);
     EXPECT_TRUE(state.relayTargets().empty());
@@ -63,12 +61,12 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
     state.setMaskOpacity(0.2f);
     state.setGlobalSensitivity(2.0f);
   }
+  // The model's stored form is VelmoraE2E's (a cue switches to the ghost, the
+  // file says "cartoon_ghost"), the OSC switch's the state test's.
   SettingsStore store(dir.path());
-  EXPECT_EQ(store.object("characterModel"), json("cartoon_ghost"));
   EXPECT_EQ(store.object("trackingDetail"), json(3));
   EXPECT_TRUE(store.object("trackingDetail")->is_number_integer());
   EXPECT_EQ(store.object("oscCuePort"), json(53210));
-  EXPECT_EQ(store.object("isOSCEnabled"), json(false));
   EXPECT_EQ(store.object("ndiOutputEnabled"), json(true));
   EXPECT_EQ(store.object("blendshapeRanges"),
             (json{{"jawOpen", {static_cast<double>(0.1f), static_cast<double>(0.8f)}},
@@ -152,7 +150,6 @@ TEST(TrackingSettingsTest, StoredRangesKeepOnlyTwoNumbersWithCeilingAboveFloor) 
   EXPECT_EQ(loaded.size(), 2u);
   EXPECT_EQ(s.state->range("jawOpen"), (BlendshapeRange{0.1f, 0.8f}));
   EXPECT_TRUE(loaded.contains("eyeWideLeft"));
-  EXPECT_EQ(TrackingSettings(*s.store).loadRanges(), loaded);
 
   // A value that is not a dictionary of number arrays yields no ranges at all.
   for (const json& bad : {json{{"jawOpen", {0.1, 0.8}}, {"cheekPuff", "0.2,0.4"}},
