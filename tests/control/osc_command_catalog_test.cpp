@@ -190,18 +190,17 @@ TEST_F(CatalogTest, ResetCommandsRestoreDefaultsAndStopTheCueAtOnce) {
   EXPECT_EQ(state().maskOpacity(), 1.0f);
   EXPECT_FALSE(controller().activeCue());
   EXPECT_FALSE(controller().isFadingOut());  // at once, no fade
-  // The lighting reset restores the theatrical look and master, and saves them.
+  // The lighting reset restores the theatrical look and master (that the state
+  // saves every look: TrackingSettingsTest.SettingsSurviveARestart...).
   dispatch("/lighting/preset", {std::int32_t(5)});
   dispatch("/lighting", {3.0f});
   ASSERT_TRUE(dispatch("/lighting/reset"));
   EXPECT_EQ(state().lighting(), LightingSettings::theatrical());
   EXPECT_EQ(state().lightIntensity(), 1.2f);
-  SettingsStore::shared().reload();
-  EXPECT_EQ(LightingSettings::load(SettingsStore::shared()), LightingSettings::theatrical());
 }
 
 // Numbers clamp into the command's range, infinities to its ends; NaN and no
-// argument keep the value; a light is saved. Which arguments read as a
+// argument keep the value. Which arguments read as a
 // number (int, double, not text or booleans) is the message accessors'
 // (OSCMessageTest.AccessorsAndPrintedArguments).
 TEST_F(CatalogTest, NumbersClampIntoTheirRangeAndNaNOrNoneKeepTheValue) {
@@ -214,8 +213,6 @@ TEST_F(CatalogTest, NumbersClampIntoTheirRangeAndNaNOrNoneKeepTheValue) {
       ASSERT_TRUE(dispatch(r.address, args));
       EXPECT_EQ(float(r.get()), float(expected)) << msg("", args).printedArguments();
     }
-    SettingsStore::shared().reload();
-    EXPECT_EQ(LightingSettings::load(SettingsStore::shared()), state().lighting());
   }
 }
 
