@@ -292,11 +292,10 @@ TEST_F(CatalogTest, ModelCommandsRunTheModelChangeEvenWhenUnchangedAndPutACharac
   const int token = state().observe([&](FaceTrackingState::Property p) {
     notifications += p == FaceTrackingState::Property::characterModel;
   });
-  SettingsStore::shared().remove("characterModel");
-  dispatch("/velmora/model", {std::string("mask")});  // already the mask: still handled and saved
+  // Already the mask: the model change still runs (and with it the state's
+  // save: TrackingSettingsTest.SettingsSurviveARestart...).
+  dispatch("/velmora/model", {std::string("mask")});
   EXPECT_EQ(notifications, 1);
-  SettingsStore::shared().reload();
-  EXPECT_EQ(SettingsStore::shared().string("characterModel"), "theatrical_mask");
   dispatch("/velmora/ghost");
   dispatch("/ghost");
   EXPECT_EQ(notifications, 3);
