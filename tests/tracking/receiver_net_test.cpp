@@ -48,19 +48,28 @@ bool listen(TrackingReceiver& receiver, std::uint16_t port) {
 }
 
 // A port another program holds is skipped; a second receiver shares a port
-// through address reuse; after stopListening the ports are free again. Data
-// on every port and the "Listening for ARKit facial tracking" lines: every
-// VelmoraE2E launch waits for those lines and sends to all three ports.
+// through address reuse; after stopListening the ports are free again.
 TEST(TrackingReceiverNetTest, PortHeldElsewhereIsSkippedOthersListen) {
   LogCapture log;
   UdpSocket holder;  // another program holding the port, no reuse options
   ASSERT_TRUE(holder.bound());
   const std::uint16_t a = freeUdpPort(), b = freeUdpPort();
-  TrackingReceiver receiver(std::make_shared<test::RecordingSink>()), sharing(std::make_shared<test::RecordingSink>());
+  auto sink = std::make_shared<test::RecordingSink>();
+  TrackingReceiver receiver(sink), sharing(std::make_shared<test::RecordingSink>());
   receiver.setPorts({a, holder.port(), b});
   receiver.startListening();
   EXPECT_EQ(receiver.listeningPorts(), (std::vector<std::uint16_t>{std::min(a, b), std::max(a, b)}));
-  EXPECT_TRUE(log.has("[TrackingReceiver] Could not bind to port " + std::to_string(holder.port())));
+  for (const auto& [port, line] : {std::pair{a, "Listening for ARKit facial tracking on UDP port "},
+                                   std::pair{holder.port(), "Could not bind to port "},
+                                   std::pair{b, "Listening for ARKit facial tracking on UDP port "}}) {
+    EXPECT_TRUE(log.has("[TrackingReceiver] " + std::string(line) + std::to_string(port))) << line << port;
+  }
+
+  UdpSocket phone;
+  phone.sendTo(a, "jawOpen-50|");
+  phone.sendTo(b, "jawOpen-50|");
+  ASSERT_TRUE(waitFor([&] { return sink->frames().size() == 2; }));
+  for (const auto& f : sink->frames()) EXPECT_EQ(f.frame.sender, "127.0.0.1:" + std::to_string(phone.port()));
   EXPECT_TRUE(listen(sharing, a));
   for (TrackingReceiver* r : {&sharing, &receiver}) {
     r->stopListening();

@@ -42,6 +42,7 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
   {
     SettingsStore store(dir.path());
     FaceTrackingState state(store);
+    state.setCharacterModel(CharacterModelType::cartoonGhost);
     state.setTrackingDetail(TrackingDetail::many);
     state.setRange("jawOpen", 0.1f, 0.8f);
     state.setRange("eyeBlinkLeft", std::nullopt, 0.3f);
@@ -61,9 +62,9 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
     state.setMaskOpacity(0.2f);
     state.setGlobalSensitivity(2.0f);
   }
-  // The model's stored form is VelmoraE2E's (a cue switches to the ghost, the
-  // file says "cartoon_ghost"), the OSC switch's the state test's.
+  // The OSC switch's stored form is the state test's.
   SettingsStore store(dir.path());
+  EXPECT_EQ(store.object("characterModel"), json("cartoon_ghost"));
   EXPECT_EQ(store.object("trackingDetail"), json(3));
   EXPECT_TRUE(store.object("trackingDetail")->is_number_integer());
   EXPECT_EQ(store.object("oscCuePort"), json(53210));
