@@ -55,11 +55,7 @@ TEST(SnapshotE2ETest, WritesEveryPictureWithATransparentBackground) {
     ASSERT_EQ(entry.path().extension(), ".png") << name;
     const test::Picture image = test::loadPicture(entry.path().string());
     ASSERT_FALSE(image.rgba.empty()) << name;
-    if (name == "contact-sheet.png") {
-      EXPECT_GT(image.width, 1000) << name;
-      EXPECT_EQ(image.alpha(image.width / 2, image.height / 2), 255) << name;
-      continue;
-    }
+    if (name == "contact-sheet.png") continue;  // its tiles and opacity are ContactSheetTest's
     ++pictures;
     EXPECT_EQ(image.width, 1920) << name;
     EXPECT_EQ(image.height, 1080) << name;

@@ -77,11 +77,8 @@ TEST(OutputSelfTestPipeWire, EachPartSaysWhatItFoundAndTheRunExitsZero) {
       EXPECT_EQ(frame.alpha(1919, 1079), 0);
       EXPECT_EQ(frame.alpha(960, 540), 255);
     }
-    if (row.gl) continue;
-    EXPECT_TRUE(std::any_of(run->lines().begin(), run->lines().end(), [](const std::string& l) {
-      return l.starts_with("[Renderer] ") && l.find("nothing will be rendered") != std::string::npos;
-    })) << run->output();
-    EXPECT_EQ(run.settings()["ndiOutputEnabled"], true) << run.settings().dump();
+    // (What the renderer says without GL is the batch runs' test.)
+    EXPECT_TRUE(row.gl || run.settings()["ndiOutputEnabled"] == true) << run.settings().dump();
   }
 }
 

@@ -147,10 +147,8 @@ TEST(VelmoraE2E, OneHeadlessShowTakesCuesTrackingRelaysAndRecordsAndItsReplayOut
   EXPECT_FALSE(velmora->waitForLine(isStatusLine, 4.0)) << velmora->output();
   for (int i = 0; i < 5; ++i) phone.sendTo(ports[0], face, kBound);
   EXPECT_TRUE(velmora->waitForLine(isStatusLine, 10.0)) << velmora->output();
+  // Refused (its text is receiver_net_test's): neither relayed nor recorded.
   for (int i = 0; i < 5; ++i) stranger.sendTo(ports[0], face, kBound);
-  EXPECT_TRUE(velmora->waitForLine("[TrackingReceiver] Refused tracking data from 127.0.0.3 (not in the allowed senders)",
-                                   10))
-      << velmora->output();
   // The relay target got what was admitted, byte for byte and in order; a
   // datagram of no known format is relayed all the same.
   const std::vector<std::vector<std::uint8_t>> relayed = {{'j', 'a', 'w', 'O', 'p', 'e', 'n', '-', '4', '0', '|', '=', '1'},
@@ -200,20 +198,13 @@ TEST(VelmoraE2E, OneHeadlessShowTakesCuesTrackingRelaysAndRecordsAndItsReplayOut
   EXPECT_EQ(velmora->printed("[SessionRecorder] Recording stopped: " + std::to_string(sent) + " datagrams in " + file), 1)
       << velmora->output();
   EXPECT_EQ(velmora->printedStarting("[OSC] /velmora/sensitivity"), 0) << velmora->output();
-  EXPECT_EQ(velmora->printedStarting("[QLabOSCServer] Refused OSC"), 1) << velmora->output();
-  EXPECT_EQ(velmora->printedStarting("[NDI]"), 0) << velmora->output();
   for (const auto& line : velmora->lines()) EXPECT_EQ(line.find("no/such"), std::string::npos) << line;
   // The commands' persisted effects: the look, and the ghost the cue switched to.
   const nlohmann::json settings = velmora.settings();
   ASSERT_TRUE(settings.is_object());
   EXPECT_EQ(settings["lightingSettings"]["preset"], "Top Light");
   EXPECT_EQ(settings["characterModel"], "cartoon_ghost");
-  EXPECT_EQ(settings["oscCuePort"], velmora.cuePort);
-  EXPECT_NE(settings["ndiOutputEnabled"], true);
 
-  const test::Finished read = tshark(file);
-  EXPECT_EQ(lines(read), sent);
-  for (std::uint16_t port : ports) EXPECT_NE(read.output.find(std::to_string(port) + "\n"), std::string::npos) << port;
   // Each datagram as it came, stamped when it came: the first allowed face
   // first, the last simulator's last one the better part of 12.5 s later.
   const auto recorded = PcapReader::readFile(file);

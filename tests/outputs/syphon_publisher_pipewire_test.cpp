@@ -58,7 +58,6 @@ TEST(SyphonPublisherPipeWire, FromNoLibraryAndNoDaemonToConsumersAcrossADaemonRe
   double now = 100.0;
   {
     SyphonPublisher publisher({empty.path().string(), "/nonexistent/lib"}, [&] { return now; }, false);
-    EXPECT_FALSE(publisher.hasClients());
     EXPECT_FALSE(publisher.start());
     EXPECT_EQ(publisher.lastError(), "PipeWire not found (looked in " + empty.path().string() + ", /nonexistent/lib)");
     EXPECT_FALSE(publisher.frameworkPath());
@@ -86,7 +85,6 @@ TEST(SyphonPublisherPipeWire, FromNoLibraryAndNoDaemonToConsumersAcrossADaemonRe
   ASSERT_TRUE(session.start());
   now += 1.0;  // too soon: not tried, although the daemon is there now
   EXPECT_FALSE(publisher.start());
-  EXPECT_FALSE(publisher.isRunning());
   now += 1.1;
   EXPECT_TRUE(publisher.start());
   EXPECT_TRUE(publisher.isRunning());
@@ -94,7 +92,6 @@ TEST(SyphonPublisherPipeWire, FromNoLibraryAndNoDaemonToConsumersAcrossADaemonRe
   EXPECT_TRUE(log.has("[Syphon] Server 'Velmora' started using " + systemFolder + "/libpipewire-0.3.so.0"));
   EXPECT_TRUE(publisher.start());  // starting twice is harmless
   EXPECT_TRUE(session.waitForNode("Velmora", 5.0));
-  EXPECT_FALSE(publisher.hasClients());  // nobody linked yet
 
   session.kill();
   // A killed daemon leaves its socket file behind; nothing answers on it.
@@ -108,7 +105,6 @@ TEST(SyphonPublisherPipeWire, FromNoLibraryAndNoDaemonToConsumersAcrossADaemonRe
   EXPECT_TRUE(log.hasPrefix("[Syphon] Server lost its PipeWire connection ("));
 
   ASSERT_TRUE(session.start());
-  EXPECT_TRUE(PipeWireVideoSource::daemonSocketAnswers());
   now += 2.5;
   EXPECT_TRUE(publisher.start());
   EXPECT_TRUE(session.waitForNode("Velmora", 5.0));
