@@ -168,26 +168,21 @@ struct SceneRenderer::Impl {
     t.height = h;
     t.samples = samples;
 
-    glGenTextures(1, &t.sceneColor);
-    glGenRenderbuffers(1, &t.sceneDepth);
-    glBindRenderbuffer(GL_RENDERBUFFER, t.sceneDepth);
-    glGenFramebuffers(1, &t.sceneFbo);
-    glBindFramebuffer(GL_FRAMEBUFFER, t.sceneFbo);
     if (samples > 1) {
       // Fixed sample locations: required when a texture and a renderbuffer
       // are attached together.
+      glGenTextures(1, &t.sceneColor);
       glBindTexture(GL_TEXTURE_2D_MULTISAMPLE, t.sceneColor);
       glTexImage2DMultisample(GL_TEXTURE_2D_MULTISAMPLE, samples, GL_RGBA16F, w, h, GL_TRUE);
+      glGenFramebuffers(1, &t.sceneFbo);
+      glBindFramebuffer(GL_FRAMEBUFFER, t.sceneFbo);
       glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D_MULTISAMPLE, t.sceneColor, 0);
-      glRenderbufferStorageMultisample(GL_RENDERBUFFER, samples, GL_DEPTH_COMPONENT24, w, h);
     } else {
-      glBindTexture(GL_TEXTURE_2D, t.sceneColor);
-      glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA16F, w, h, 0, GL_RGBA, GL_FLOAT, nullptr);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-      glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, t.sceneColor, 0);
-      glRenderbufferStorage(GL_RENDERBUFFER, GL_DEPTH_COMPONENT24, w, h);
+      makeTextureTarget(w, h, GL_RGBA16F, GL_FLOAT, t.sceneColor, t.sceneFbo);
     }
+    glGenRenderbuffers(1, &t.sceneDepth);
+    glBindRenderbuffer(GL_RENDERBUFFER, t.sceneDepth);
+    glRenderbufferStorageMultisample(GL_RENDERBUFFER, samples > 1 ? samples : 0, GL_DEPTH_COMPONENT24, w, h);
     glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT, GL_RENDERBUFFER, t.sceneDepth);
     GLenum status = glCheckFramebufferStatus(GL_FRAMEBUFFER);
     if (status != GL_FRAMEBUFFER_COMPLETE) {
