@@ -167,9 +167,7 @@ TEST(CharacterAnimationController, EveryCueIsContinuousBoundedAndEndsNeutral) {
       previous = o;
     }
     c.sample(5.5);  // e == D: the last frame of the cue
-    EXPECT_FALSE(c.isPlaying());
-    EXPECT_FALSE(c.activeCue());
-    EXPECT_EQ(c.activeCueName(), "Idle");
+    EXPECT_EQ(std::tuple(c.isPlaying(), c.activeCue(), c.activeCueName()), std::tuple(false, std::nullopt, "Idle"));
     EXPECT_TRUE(kind == K::ghostFlyOut || c.sample(5.51) == AnimationOutput::neutral());  // offstage: its own test
   }
   EXPECT_LE(maxSpookZ, 0.3200001f);
@@ -206,17 +204,14 @@ TEST(CharacterAnimationController, FadeOutEasesTheCapturedOutputToNeutral) {
                       {0.175, {0, 1.6f, -3.5f}, {-0.175f, 0, 0}, 0.65f, 0.5f, 0.5f}};  // S(0.5) = 0.5
   for (const Row& r : rows) {
     const AnimationOutput o = c.sample(r.t);
-    EXPECT_NEAR(glm::length(o.positionOffset - r.pos), 0, kTol) << r.t;
-    EXPECT_NEAR(glm::length(o.rotationOffset - r.rot), 0, kTol) << r.t;
-    EXPECT_NEAR(glm::length(o.scaleMultiplier - float3(r.scale)), 0, kTol) << r.t;
-    EXPECT_NEAR(o.opacityMultiplier, r.opacity, kTol) << r.t;
-    EXPECT_NEAR(o.blendWeight, r.weight, kTol) << r.t;
+    const float3 got[] = {o.positionOffset, o.rotationOffset, o.scaleMultiplier, {o.opacityMultiplier, o.blendWeight, 0}};
+    const float3 expected[] = {r.pos, r.rot, float3(r.scale), {r.opacity, r.weight, 0}};
+    for (int f = 0; f < 4; ++f) EXPECT_NEAR(glm::length(got[f] - expected[f]), 0, kTol) << r.t << ", field " << f;
     EXPECT_EQ(o.blendshapes, captured.blendshapes) << r.t;
     EXPECT_TRUE(c.isPlaying());
   }
   EXPECT_EQ(c.sample(0.35), AnimationOutput::neutral());
-  EXPECT_FALSE(c.isPlaying());
-  EXPECT_FALSE(c.isFadingOut());
+  EXPECT_FALSE(c.isPlaying() || c.isFadingOut());
 }
 
 // Without a fade, or with nothing playing, reset stops at once; a trigger
@@ -235,8 +230,7 @@ TEST(CharacterAnimationController, ResetStopsAtOnceAndTriggerRestartsWithoutCros
   EXPECT_NEAR(c.sample(11).rotationOffset.x, 0.5f, kTol);
   c.trigger(AnimationCue::make(K::maskGasp, 2.0), 11);
   const AnimationOutput o = c.sample(11);  // gasp at p = 0: w = 0
-  EXPECT_EQ(o.rotationOffset, float3(0));
-  EXPECT_EQ(o.blendWeight, 0.0f);
+  EXPECT_EQ(std::pair(o.rotationOffset, o.blendWeight), std::pair(float3(0), 0.0f));
   EXPECT_EQ(c.activeCueName(), "Mask Gasp");
   c.reset(true, 11.2);
   c.trigger(AnimationCue::make(K::maskGlare, 2.0), 11.3);
@@ -261,8 +255,7 @@ TEST(CharacterAnimationController, IdleUntilATriggerAndCallsFromOtherThreadsRunO
   std::thread([&] { c.trigger(AnimationCue::make(K::maskSob, 2.6), 1.0); }).join();
   EXPECT_FALSE(c.activeCue());  // not yet: posted
   MainQueue::shared().drain();
-  ASSERT_TRUE(c.activeCue());
-  EXPECT_EQ(*c.activeCue(), AnimationCue::make(K::maskSob, 2.6));
+  EXPECT_EQ(c.activeCue(), AnimationCue::make(K::maskSob, 2.6));
   EXPECT_EQ(c.activeCueName(), "Mask Tragedy Sob");
   EXPECT_TRUE(c.isPlaying());
   EXPECT_GE(notified, 1);

@@ -26,11 +26,7 @@
 namespace velmora {
 namespace {
 
-using test::Bytes;
-using test::oscBundle;
-using test::oscMessage;
-using test::UdpSocket;
-using test::freeUdpPort;
+using namespace test;  // the socket and OSC byte kit
 
 // Seconds the server's clock runs ahead of uptime(), so that a test can let
 // a subscription lapse; 0 while cues play (the cue player runs on uptime()).

@@ -1,5 +1,6 @@
 // Lighting settings (presets, lookup, persistence, tint) and the light rig
 // numbers derived from them.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "base/SettingsStore.h"
@@ -113,21 +114,19 @@ TEST(LightRigTest, SettingsAndMasterScaleTheLights) {
        {0.0f, 0.0f, 3.0f}, white, fill, false, 0.0f},
       {"shadow 0.01", LightRig::applied(faint, 1.0f), 26.0f, 75.0f, 135.0f, 0.08333f, key, white, fill, false, 0.01f},
   };
-  EXPECT_EQ(LightRig::initial().fillPosition, float3(-1.5f, 2.0f, 2.0f));
-  EXPECT_EQ(LightRig::initial().rimPosition, float3(0.0f, 3.0f, -1.0f));
+  EXPECT_EQ(std::pair(LightRig::initial().fillPosition, LightRig::initial().rimPosition),
+            std::pair(float3(-1.5f, 2.0f, 2.0f), float3(0.0f, 3.0f, -1.0f)));
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    EXPECT_FLOAT_EQ(row.rig.keyIntensity, row.key);
-    EXPECT_FLOAT_EQ(row.rig.fillIntensity, row.fill);
-    EXPECT_FLOAT_EQ(row.rig.rimIntensity, row.rim);
-    EXPECT_FLOAT_EQ(row.rig.environmentIntensity, row.environment);
-    EXPECT_EQ(row.rig.keyPosition, row.keyPosition);
-    EXPECT_EQ(row.rig.keyTarget, float3(0.0f, 0.1f, 0.0f));
-    for (int c = 0; c < 3; ++c) EXPECT_FLOAT_EQ(row.rig.keyColor[c], row.keyColor[c]) << c;
-    for (int c = 0; c < 3; ++c) EXPECT_FLOAT_EQ(row.rig.fillColor[c], row.fillColor[c]) << c;
-    EXPECT_EQ(row.rig.rimColor, float3(0.9f, 1.0f, 0.95f));
-    EXPECT_EQ(row.rig.keyCastsShadows, row.shadows);
-    EXPECT_FLOAT_EQ(row.rig.shadowAlpha, row.shadowAlpha);
+    const LightRig& r = row.rig;
+    // Intensities, shadow alpha, key and fill colour (r, g, b), each within 4 ulps.
+    EXPECT_THAT((std::vector{r.keyIntensity, r.fillIntensity, r.rimIntensity, r.environmentIntensity, r.shadowAlpha,
+                             r.keyColor.r, r.keyColor.g, r.keyColor.b, r.fillColor.r, r.fillColor.g, r.fillColor.b}),
+                ::testing::Pointwise(::testing::FloatEq(),
+                                     {row.key, row.fill, row.rim, row.environment, row.shadowAlpha, row.keyColor.r,
+                                      row.keyColor.g, row.keyColor.b, row.fillColor.r, row.fillColor.g, row.fillColor.b}));
+    EXPECT_EQ(std::tuple(r.keyPosition, r.keyTarget, r.rimColor, r.keyCastsShadows),
+              std::tuple(row.keyPosition, float3(0.0f, 0.1f, 0.0f), float3(0.9f, 1.0f, 0.95f), row.shadows));
   }
 }
 

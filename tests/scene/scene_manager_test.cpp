@@ -20,7 +20,6 @@
 #include "animation/CharacterAnimationController.h"
 #include "scene/MaskSceneManager.h"
 #include "scene/OutputLatency.h"
-#include "scene/StandInRenderer.h"  // tests/scene
 #include "support/StateFixture.h"
 
 namespace velmora {
@@ -30,16 +29,44 @@ namespace {
 // [SECTION] Fixture
 // ---------------------------------------------------------------------------
 
+// A renderer without GL: records the size of each description it is handed
+// and hands it straight back as a finished frame of that size (no pixels:
+// nothing here reads them), advancing the test's clock by renderSeconds
+// first when given one.
+class StandInRenderer : public FrameRenderer {
+ public:
+  std::vector<std::pair<int, int>> sizes;  // of every description submitted
+  double* clock = nullptr;
+  double renderSeconds = 0.0;
+
+  void setFrameHandler(FrameHandler h) override { handler_ = std::move(h); }
+  void submit(std::shared_ptr<const FrameDescription> d) override {
+    sizes.emplace_back(d->width, d->height);
+    auto frame = std::make_shared<RenderedFrame>();
+    frame->width = d->width;
+    frame->height = d->height;
+    frame->time = d->time;
+    frame->newestArrival = d->newestArrival;
+    if (clock) *clock += renderSeconds;
+    handler_(frame);
+  }
+  Result renderNow(std::shared_ptr<const FrameDescription>) override { return {nullptr, "not here"}; }
+  void stop() override {}
+
+ private:
+  FrameHandler handler_;
+};
+
 class SceneManagerTest : public ::testing::Test, protected test::StateFixture {
  protected:
   SceneManagerTest() : test::StateFixture(true, 10.0) {  // one clock for the state and the cues
-    auto owned = std::make_unique<test::StandInRenderer>();
+    auto owned = std::make_unique<StandInRenderer>();
     renderer = owned.get();
     scene.setRenderer(std::move(owned));
   }
   CharacterAnimationController animation;
   MaskSceneManager scene{state, animation, [this] { return now; }};
-  test::StandInRenderer* renderer = nullptr;  // owned by the scene
+  StandInRenderer* renderer = nullptr;  // owned by the scene
 
   float weightOf(const char* name) {
     auto index = scene.targetIndex(name);
@@ -95,9 +122,8 @@ TEST_F(SceneManagerTest, SwitchingToTheGhostAndBackRebuildsAndDropsTheEyes) {
   EXPECT_FALSE(scene.ghostRootNode() || scene.ghostLeftEyeNode() || scene.ghostRightEyeNode());
   EXPECT_EQ(scene.targetNameToIndex(), maskMap);
   EXPECT_NE(scene.maskNode(), mask);  // a fresh node
-  int characters = 0;
-  for (const auto& child : scene.scene()->children()) characters += child->geometry || !child->children().empty();
-  EXPECT_EQ(characters, 1);
+  const auto isCharacter = [](const auto& child) { return child->geometry || !child->children().empty(); };
+  EXPECT_EQ(std::ranges::count_if(scene.scene()->children(), isCharacter), 1);
 }
 
 // ---------------------------------------------------------------------------
@@ -114,9 +140,9 @@ TEST_F(SceneManagerTest, WithoutACueTheMorphWeightsAreTheLiveValues) {
   EXPECT_EQ(weightOf("jawOpen"), 0.3f);
   EXPECT_EQ(weightOf("browDownLeft"), 0.4f);
   // Rest pose, full opacity.
-  EXPECT_EQ(scene.maskNode()->eulerAngles, float3(0.0f));
-  EXPECT_EQ(scene.maskNode()->position, float3(0.0f));
-  EXPECT_TRUE(scene.maskNode()->scale == float3(1.0f) && scene.maskNode()->opacity == 1.0f);
+  const Node& mask = *scene.maskNode();
+  EXPECT_EQ(std::tuple(mask.eulerAngles, mask.position, mask.scale, mask.opacity),
+            std::tuple(float3(0.0f), float3(0.0f), float3(1.0f), 1.0f));
 }
 
 // Every target is live * (1 - w) + cue * w for the channels the cue drives
@@ -285,9 +311,9 @@ TEST_F(SceneManagerTest, InitBuildsTheSceneAndAFrameIsASnapshotOfIt) {
     EXPECT_EQ(light->parent(), scene.scene().get());
   const auto first = scene.makeFrameDescription();  // no update yet
   EXPECT_EQ(first->lights, LightRig::applied(state.lighting(), state.lightIntensity()));
-  const FrameCamera& camera = first->camera;
-  EXPECT_EQ(camera.position, float3(0.0f, 0.0f, 3.2f));
-  EXPECT_TRUE(camera.verticalFieldOfViewDegrees == 45.0f && camera.nearPlane == 0.1f && camera.farPlane == 100.0f);
+  const FrameCamera& c = first->camera;
+  EXPECT_EQ(std::tuple(c.position, c.verticalFieldOfViewDegrees, c.nearPlane, c.farPlane),
+            std::tuple(float3(0.0f, 0.0f, 3.2f), 45.0f, 0.1f, 100.0f));
   EXPECT_EQ(std::pair(first->width, first->height), std::pair(1920, 1080));
   ASSERT_TRUE(first->environment);
   EXPECT_EQ(first->environment, scene.environment());
@@ -298,11 +324,8 @@ TEST_F(SceneManagerTest, InitBuildsTheSceneAndAFrameIsASnapshotOfIt) {
   auto frame = scene.makeFrameDescription();
   ASSERT_FALSE(frame->items.empty());
   const auto& item = frame->items.front();
-  EXPECT_EQ(item.geometry, scene.maskNode()->geometry);
-  EXPECT_EQ(item.opacity, 0.25f);
-  ASSERT_EQ(item.morphIndices.size(), 1u);  // only the non-zero weights travel
-  EXPECT_EQ(item.morphIndices[0], *scene.targetIndex("jawOpen"));
-  EXPECT_EQ(item.morphWeights[0], 0.5f);
+  EXPECT_EQ(std::tuple(item.geometry, item.opacity, item.morphIndices, item.morphWeights),  // only the non-zero weights
+            std::tuple(scene.maskNode()->geometry, 0.25f, std::vector{*scene.targetIndex("jawOpen")}, std::vector{0.5f}));
   // Later changes do not reach a captured frame.
   state.setBlendshapes({{"jawOpen", 0.9f}});
   scene.updateTracking(state);
@@ -316,21 +339,17 @@ TEST_F(SceneManagerTest, InitBuildsTheSceneAndAFrameIsASnapshotOfIt) {
 
 TEST_F(SceneManagerTest, HiddenNodesAndOpacityMultiplyDownTheTree) {
   auto root = Node::make("root"), child = Node::make("child"), hidden = Node::make("hidden");
-  auto geometry = std::make_shared<Geometry>();
-  child->geometry = geometry;
-  hidden->geometry = geometry;
+  child->geometry = hidden->geometry = std::make_shared<Geometry>();
   hidden->hidden = true;
   root->addChild(child);
   root->addChild(hidden);
-  root->opacity = 0.5f;
-  child->opacity = 0.5f;
+  root->opacity = child->opacity = 0.5f;
   child->position = float3(1.0f, 0.0f, 0.0f);
   root->position = float3(0.0f, 2.0f, 0.0f);
   FrameDescription frame;
   frame.addNodes(*root);
   ASSERT_EQ(frame.items.size(), 1u);
-  EXPECT_EQ(frame.items[0].opacity, 0.25f);
-  EXPECT_EQ(float3(frame.items[0].worldTransform[3]), float3(1.0f, 2.0f, 0.0f));
+  EXPECT_EQ(std::pair(frame.items[0].opacity, float3(frame.items[0].worldTransform[3])), std::pair(0.25f, float3(1, 2, 0)));
 }
 
 // ---------------------------------------------------------------------------
@@ -378,17 +397,15 @@ TEST_F(SceneManagerTest, LiveViewsShareTheOutputsFrameAtTheirSize) {
 // An output whose answers the test sets, recording what it was asked to do.
 class ScriptedOutput : public VideoOutput {
  public:
-  bool startSucceeds = true;
+  bool startSucceeds = true, running = false, wants = true;  // wants: while running
   std::optional<std::string> error;
   std::optional<double> retry;
   int clients = 0;
-  bool wants = true;  // while running
   int starts = 0, stops = 0, published = 0;  // published: frames taken while running
 
   bool start() override {
     ++starts;
-    running = startSucceeds;
-    return running;
+    return running = startSucceeds;
   }
   void stop() override {
     ++stops;
@@ -400,8 +417,6 @@ class ScriptedOutput : public VideoOutput {
   std::optional<double> retryIn() const override { return retry; }
   bool wantsFrames() const override { return running && wants; }
   void publish(const std::shared_ptr<const RenderedFrame>&) override { published += running ? 1 : 0; }
-
-  bool running = false;
 };
 
 class OutputSyncTest : public SceneManagerTest {
@@ -493,13 +508,12 @@ TEST_F(OutputSyncTest, OutputsFollowTheSwitchesAndStatusIsRefreshedTwiceASecondA
   now += 1.0;
   scene.syncOutputs(state);
   scene.syncOutputs(state);
-  EXPECT_EQ(syphon.stops, 1);  // not running: not stopped again
-  EXPECT_EQ(ndi.starts, 2);  // never while switched off
+  // Syphon, not running, is not stopped again; NDI is never started while switched off.
+  EXPECT_EQ(std::pair(syphon.stops, ndi.starts), std::pair(1, 2));
   EXPECT_EQ(state.syphonStatus(), "Syphon: off");
   EXPECT_EQ(state.ndiStatus(), "NDI: NDI runtime refused to initialize (unsupported CPU?)");
   scene.shutdownOutputs();
-  EXPECT_EQ(ndi.stops, 1);
-  EXPECT_EQ(syphon.stops, 2);
+  EXPECT_EQ(std::pair(ndi.stops, syphon.stops), std::pair(1, 2));
 }
 
 // A frame is rendered only for an output that can take it; the finished
@@ -523,11 +537,8 @@ TEST_F(OutputSyncTest, RendersOnlyForAnOutputThatCanTakeTheFrame) {
     state.setIsNDIActive(row.ndiOn);
     syphon.wants = row.syphonWants;
     scene.tick();
-    EXPECT_EQ(syphon.running, row.syphonOn);
-    EXPECT_EQ(ndi.running, row.ndiOn);
-    EXPECT_EQ(int(renderer->sizes.size()), row.submitted);
-    EXPECT_EQ(syphon.published, row.syphonPublished);
-    EXPECT_EQ(ndi.published, row.ndiPublished);
+    EXPECT_EQ(std::tuple(syphon.running, ndi.running, int(renderer->sizes.size()), syphon.published, ndi.published),
+              std::tuple(row.syphonOn, row.ndiOn, row.submitted, row.syphonPublished, row.ndiPublished));
   }
   // Without outputs the status still reads as unavailable, and nothing renders.
   state.setIsSyphonActive(true);
@@ -563,8 +574,7 @@ TEST_F(OutputSyncTest, LatencyFromArrivalToHandOffIsPublished) {
 // the split of each sample into tick wait and render, and a bounded memory.
 TEST(OutputLatency, PercentilesAndSplitOverTheLastSecondInBoundedMemory) {
   OutputLatency latency;
-  EXPECT_EQ(latency.summary(10.0).count, 0u);
-  EXPECT_EQ(latency.summary(10.0).p99, 0.0);
+  EXPECT_EQ(std::pair(latency.summary(10.0).count, latency.summary(10.0).p99), std::pair(std::size_t{0}, 0.0));
   // An old sample (outside the window) that would dominate every figure.
   latency.record(5.0, 5.5, 8.0);
   // 100 samples handed off within the last second: totals 1..100 ms, each

@@ -57,11 +57,9 @@ TEST_F(DashboardTest, CuePortEntryAcceptsOnlyUsablePortsAndRefuses53000WithTheSe
   context.restartCueServer = [&] { ++restarts; };
   RemoteControlPanel panel(context);
   EXPECT_EQ(panel.applyPort("53000"), "OSC cues: port 53000 is QLab's own port, choose another");
-  EXPECT_EQ(state.oscPort(), 53100);
-  EXPECT_EQ(restarts, 0);
+  EXPECT_EQ(std::pair(state.oscPort(), restarts), std::pair(53100, 0));
   EXPECT_EQ(panel.applyPort("54321"), "");
-  EXPECT_EQ(state.oscPort(), 54321);
-  EXPECT_EQ(restarts, 1);
+  EXPECT_EQ(std::pair(state.oscPort(), restarts), std::pair(54321, 1));
 }
 
 // What "Copy as text" puts on the clipboard: one literal opening, then every
@@ -127,8 +125,7 @@ TEST_F(DashboardTest, CueButtonsSwitchCharacterStartWithDefaultDurationAndStopWi
 TEST_F(DashboardTest, RangeEditsPassOnlyTheMovedBound) {
   state.setRange("jawOpen", 0.2f, 0.8f);
   ExpressionPanel::applyRangeEdit(state, "jawOpen", 0.2f, 0.8f, 0.3f, 0.8f);
-  EXPECT_FLOAT_EQ(state.range("jawOpen").floor, 0.3f);
-  EXPECT_FLOAT_EQ(state.range("jawOpen").ceiling, 0.8f);
+  EXPECT_EQ(std::pair(state.range("jawOpen").floor, state.range("jawOpen").ceiling), std::pair(0.3f, 0.8f));
   ExpressionPanel::applyRangeEdit(state, "jawOpen", 0.3f, 0.8f, 0.3f, 0.31f);  // too close: kept a gap
   EXPECT_FLOAT_EQ(state.range("jawOpen").ceiling, 0.3f + FaceTrackingState::minRangeGap);
 
@@ -165,11 +162,9 @@ TEST_F(DashboardTest, PreviewShrinksWithAlphaWeightedColourAndKeepsTheNewestFram
   frame.pixels = {0, 0, 255, 255, 0, 0, 0, 0, 200, 100, 50, 128, 200, 100, 50, 128,
                   0, 0, 0,   0,   0, 0, 0, 0, 200, 100, 50, 128, 200, 100, 50, 128};
   auto small = PreviewFrames::shrink(frame, 2);
-  ASSERT_EQ(small->width, 2);
-  ASSERT_EQ(small->height, 1);
-  const auto bgra = [&](int x) { return std::vector<int>(small->pixel(x, 0), small->pixel(x, 0) + 4); };
-  EXPECT_EQ(bgra(0), (std::vector<int>{0, 0, 255, 64}));  // still red: transparent pixels do not darken it
-  EXPECT_EQ(bgra(1), (std::vector<int>{200, 100, 50, 128}));
+  ASSERT_EQ(std::pair(small->width, small->height), std::pair(2, 1));
+  // The left pixel still red: transparent pixels do not darken it.
+  EXPECT_EQ(small->pixels, (std::vector<std::uint8_t>{0, 0, 255, 64, 200, 100, 50, 128}));
 
   PreviewFrames frames;
   EXPECT_FALSE(frames.newerThan(0));
@@ -198,21 +193,6 @@ TEST_F(DashboardTest, WireframeFollowsTheDetailAndTheHead) {
   EXPECT_NEAR(tilted.x, -1.0f, 1e-6f);  // rolled a quarter turn: up becomes left
 }
 
-// An ImGui context with a laptop-sized display and its font atlas built,
-// for the life of a test; no GL.
-struct HeadlessImGui {
-  HeadlessImGui() {
-    ImGui::CreateContext();
-    ImGuiIO& io = ImGui::GetIO();
-    io.IniFilename = nullptr;
-    io.DisplaySize = ImVec2(1366, 768);
-    unsigned char* pixels = nullptr;
-    int w = 0, h = 0;
-    io.Fonts->GetTexDataAsRGBA32(&pixels, &w, &h);
-  }
-  ~HeadlessImGui() { ImGui::DestroyContext(); }
-};
-
 // Every panel and the commands window draw in a headless ImGui frame (no
 // GL: the preview shows its reason), and the windows are where the operator
 // expects them.
@@ -223,7 +203,12 @@ TEST_F(DashboardTest, EveryPanelDrawsInAHeadlessFrameAndStatusTextsWrap) {
   WireframeTracker tracker;
   tracker.update(state);
   context.showOSCCommands = true;
-  HeadlessImGui imgui;  // io.DeltaTime stays at its 1/60 s
+  // An ImGui context with a laptop-sized display and its font atlas built;
+  // no GL. io.DeltaTime stays at its 1/60 s.
+  ImGui::CreateContext();
+  ImGui::GetIO().IniFilename = nullptr;
+  ImGui::GetIO().DisplaySize = ImVec2(1366, 768);
+  ImGui::GetIO().Fonts->Build();
   {
     Dashboard dashboard(context, frames, tracker, false);
     for (int frame = 0; frame < 3; ++frame) {
@@ -260,6 +245,7 @@ TEST_F(DashboardTest, EveryPanelDrawsInAHeadlessFrameAndStatusTextsWrap) {
   const float height = window->DC.CursorMaxPos.y - window->DC.CursorStartPos.y;
   ImGui::End();
   ImGui::Render();
+  ImGui::DestroyContext();
   EXPECT_LE(rightmost, right + 1.0f);
   EXPECT_GT(height, 8 * lineHeight) << "two checkboxes, two wrapped statuses, the projector lines";
 }
@@ -317,9 +303,7 @@ TEST_F(MenuCommandsTest, EntriesActOnTheStateThroughItsSetters) {
   MenuCommands::perform(MenuCommand::toggleSyphon, context);
   MenuCommands::perform(MenuCommand::toggleNDI, context);
   MenuCommands::perform(MenuCommand::toggleOSCCues, context);
-  EXPECT_EQ(state.isSyphonActive(), !syphon);
-  EXPECT_EQ(state.isNDIActive(), !ndi);
-  EXPECT_EQ(state.isOSCEnabled(), !osc);
+  EXPECT_EQ(std::tuple(state.isSyphonActive(), state.isNDIActive(), state.isOSCEnabled()), std::tuple(!syphon, !ndi, !osc));
 
   int toggles = 0;
   MenuCommands::perform(MenuCommand::toggleProjector, context);  // no window system: nothing happens
