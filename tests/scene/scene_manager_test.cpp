@@ -13,6 +13,7 @@
 //   [SECTION] Rendering only when someone takes the frame
 //   [SECTION] Outputs: switches, status texts, what is rendered for whom, latency
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -104,10 +105,9 @@ TEST_F(SceneManagerTest, SwitchingToTheGhostAndBackRebuildsAndDropsTheEyes) {
   EXPECT_EQ(scene.ghostRootNode(), scene.maskNode());
   const Node& left = *scene.ghostLeftEyeNode();
   const Node& right = *scene.ghostRightEyeNode();
-  EXPECT_LE(glm::length(left.eulerAngles - float3(0.175f, 0.35f, 0.0f)), 1e-6f);
-  EXPECT_LE(glm::length(right.eulerAngles - float3(0.0f, 0.35f, 0.0f)), 1e-6f);
-  EXPECT_NEAR(left.scale.y, 0.08f, 1e-6f);
-  EXPECT_NEAR(right.scale.y, 0.54f, 1e-6f);
+  EXPECT_EQ(left.eulerAngles, float3(0.175f, 0.35f, 0.0f));
+  EXPECT_EQ(right.eulerAngles, float3(0.0f, 0.35f, 0.0f));
+  EXPECT_THAT((std::vector{left.scale.y, right.scale.y}), ::testing::Pointwise(::testing::FloatNear(1e-6f), {0.08f, 0.54f}));
   ASSERT_EQ(scene.morpher()->followers.size(), 1u);
   EXPECT_EQ(scene.morpher()->followers[0]->weight(*scene.targetIndex("jawOpen")), 0.4f);
   state.setBlendshapes({});
@@ -562,12 +562,11 @@ TEST_F(OutputSyncTest, LatencyFromArrivalToHandOffIsPublished) {
     now += 1.0 / 60;
   }
   const auto summary = scene.outputLatency().summary(now, 10.0);  // all of them
-  EXPECT_EQ(summary.count, 60u);
+  EXPECT_EQ(std::pair(summary.count, syphon.published), std::pair(std::size_t{60}, 120));
   EXPECT_NEAR(summary.tickWaitP50, 0.010, 1e-6);
   EXPECT_NEAR(summary.renderP50, 0.004, 1e-6);
-  EXPECT_DOUBLE_EQ(state.outputLatencyP50(), 14.0);  // milliseconds
-  EXPECT_DOUBLE_EQ(state.outputLatencyP99(), 14.0);
-  EXPECT_EQ(syphon.published, 120);
+  EXPECT_THAT((std::vector{state.outputLatencyP50(), state.outputLatencyP99()}),  // milliseconds
+              ::testing::Each(::testing::DoubleEq(14.0)));
 }
 
 // OutputLatency's figures: nearest-rank percentiles over a sliding window,
@@ -585,10 +584,8 @@ TEST(OutputLatency, PercentilesAndSplitOverTheLastSecondInBoundedMemory) {
   }
   const auto s = latency.summary(9.0 + 100 * 0.005 + 0.1);
   EXPECT_EQ(s.count, 100u);
-  EXPECT_NEAR(s.p50, 0.050, 1e-9);
-  EXPECT_NEAR(s.p99, 0.099, 1e-9);
-  EXPECT_NEAR(s.tickWaitP50, 0.0125, 1e-9);
-  EXPECT_NEAR(s.renderP50, 0.0375, 1e-9);
+  EXPECT_THAT((std::vector{s.p50, s.p99, s.tickWaitP50, s.renderP50}),
+              ::testing::Pointwise(::testing::DoubleNear(1e-9), {0.050, 0.099, 0.0125, 0.0375}));
   // A single slow datagram shows in p99, not in p50.
   latency.record(9.6, 9.6, 9.6 + 0.5);
   const auto t = latency.summary(10.2);
