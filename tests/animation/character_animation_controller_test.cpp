@@ -110,9 +110,8 @@ TEST(CharacterAnimationController, GhostFlyOutStaysOffstageUntilATriggerOrReset)
   EXPECT_EQ(c.sample(2.2).scaleMultiplier, float3(0.25f));  // last frame of the cue
   for (double t : {2.3, 100.0}) {
     const AnimationOutput o = c.sample(t);
-    EXPECT_TRUE(o.opacityMultiplier == 0 && o.blendWeight == 0 && o.positionOffset == float3(0) &&
-                o.rotationOffset == float3(0))
-        << t;
+    EXPECT_EQ(std::tuple(o.opacityMultiplier, o.blendWeight, o.positionOffset, o.rotationOffset),
+              std::tuple(0.0f, 0.0f, float3(0), float3(0))) << t;
   }
   EXPECT_TRUE(c.isOffstage());
   c.trigger(AnimationCue::make(K::ghostSpin, 2), 200);
@@ -222,8 +221,7 @@ TEST(CharacterAnimationController, ResetStopsAtOnceAndTriggerRestartsWithoutCros
   EXPECT_FALSE(c.isFadingOut());
   c.trigger(AnimationCue::make(K::maskBow, 2.5), 2.0);
   c.reset(false, 3.0);
-  EXPECT_FALSE(c.isPlaying());
-  EXPECT_EQ(c.activeCueName(), "Idle");
+  EXPECT_EQ(std::tuple(c.isPlaying(), c.activeCueName()), std::tuple(false, "Idle"));
   EXPECT_EQ(c.sample(3.0), AnimationOutput::neutral());
 
   c.trigger(AnimationCue::make(K::maskBow, 2.0), 10);
@@ -247,17 +245,15 @@ TEST(CharacterAnimationController, ResetStopsAtOnceAndTriggerRestartsWithoutCros
 TEST(CharacterAnimationController, IdleUntilATriggerAndCallsFromOtherThreadsRunOnTheMainQueue) {
   CharacterAnimationController c;
   EXPECT_EQ(c.sample(0.5), AnimationOutput::neutral());
-  EXPECT_FALSE(c.activeCue());
-  EXPECT_EQ(c.activeCueName(), "Idle");
+  EXPECT_EQ(std::tuple(c.activeCue(), c.activeCueName()), std::tuple(std::nullopt, "Idle"));
   int notified = 0;
   c.observe([&] { ++notified; });
   MainQueue::shared().drain();
   std::thread([&] { c.trigger(AnimationCue::make(K::maskSob, 2.6), 1.0); }).join();
   EXPECT_FALSE(c.activeCue());  // not yet: posted
   MainQueue::shared().drain();
-  EXPECT_EQ(c.activeCue(), AnimationCue::make(K::maskSob, 2.6));
-  EXPECT_EQ(c.activeCueName(), "Mask Tragedy Sob");
-  EXPECT_TRUE(c.isPlaying());
+  EXPECT_EQ(std::tuple(c.activeCue(), c.activeCueName(), c.isPlaying()),
+            std::tuple(AnimationCue::make(K::maskSob, 2.6), "Mask Tragedy Sob", true));
   EXPECT_GE(notified, 1);
 
   std::thread([&] { c.reset(false, 2.0); }).join();

@@ -337,9 +337,8 @@ TEST_F(CatalogTest, CueCommandsStartTheirCueOnTheirCharacterAndStopCommandsFadeI
     dispatch("/ghost/spin");
     cues.sample(uptime());
     ASSERT_TRUE(dispatch(stop));
-    EXPECT_FALSE(cues.activeCue());
-    EXPECT_TRUE(cues.isFadingOut());
-    EXPECT_EQ(state.characterModel(), CharacterModelType::cartoonGhost);
+    EXPECT_EQ(std::tuple(cues.activeCue(), cues.isFadingOut(), state.characterModel()),
+              std::tuple(std::nullopt, true, CharacterModelType::cartoonGhost));
   }
   // With nothing playing there is no fade: CharacterAnimationController.ResetStopsAtOnce...
 }
