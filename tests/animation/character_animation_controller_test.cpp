@@ -80,21 +80,18 @@ TEST(CharacterAnimationController, KeyframesOfEveryCue) {
       {K::maskShake, 0.3, X, {0, -0.118882f, 0}, X, N, 0, {}, 0},
       {K::maskShake, 1.0, X, float3(0), X, N, 0, {}, 0},
   };
-  auto expectNear = [](const char* what, const float3& actual, const float3& expected) {
-    for (int i = 0; i < 3; ++i)
-      if (!std::isnan(expected[i])) {
-        EXPECT_NEAR(actual[i], expected[i], kTol) << what << "[" << i << "]";
-      }
-  };
   for (const Key& k : keys) {
     SCOPED_TRACE(std::string(AnimationCue::name(k.kind)) + " at p = " + std::to_string(k.p));
     CharacterAnimationController c;
     c.trigger(AnimationCue::make(k.kind, 2.0), 10.0);  // 2 s: above every kind's minimum
     const AnimationOutput o = c.sample(10.0 + 2.0 * k.p);
-    expectNear("position", o.positionOffset, k.pos);
-    expectNear("rotation", o.rotationOffset, k.rot);
-    expectNear("scale", o.scaleMultiplier, k.scale);
-    expectNear("opacity, weight", {o.opacityMultiplier, o.blendWeight, 0}, {k.opacity, k.weight, N});
+    // Position, rotation, scale, (opacity, weight): each component within kTol unless not checked.
+    const float3 got[] = {o.positionOffset, o.rotationOffset, o.scaleMultiplier, {o.opacityMultiplier, o.blendWeight, 0}};
+    const float3 expected[] = {k.pos, k.rot, k.scale, {k.opacity, k.weight, N}};
+    for (int f = 0; f < 4; ++f)
+      for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(std::isnan(expected[f][i]) || std::fabs(got[f][i] - expected[f][i]) <= kTol)
+            << "field " << f << "[" << i << "] is " << got[f][i] << ", not " << expected[f][i];
     for (const auto& [name, value] : k.shapes) {
       EXPECT_NEAR(o.blendshapes.at(name), value, kTol) << name;  // not scaled by the weight; at() throws when missing
     }

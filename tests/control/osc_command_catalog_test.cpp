@@ -120,10 +120,8 @@ TEST_F(CatalogTest, TableOrderGroupsAndSpotChecksOfExactTexts) {
       {38, "/velmora/mask/glare", "none or float duration (default 2.2s)"},
       {39, "/velmora/mask/reset", "none"},
   };
-  for (const auto& [index, address, arguments] : spots) {
-    EXPECT_EQ(all[index].address, address);
-    EXPECT_EQ(all[index].arguments, arguments) << address;
-  }
+  for (const auto& [index, address, arguments] : spots)
+    EXPECT_EQ(std::pair(all[index].address, all[index].arguments), std::pair(std::string(address), arguments));
   EXPECT_EQ(all[13].summary,
             "Load a lighting look: 0 Theatrical, 1 Soft Front, 2 Under Light, 3 Top Light, 4 Side Light, "
             "5 Flat Even.");
