@@ -209,7 +209,7 @@ TEST_F(CatalogTest, SwitchesModelAndPresetFollowTheirArgumentOrKeepTheValue) {
   const Field osc = flag(&FaceTrackingState::isOSCEnabled, &FaceTrackingState::setIsOSCEnabled);
   const Field model{[](S s) { return double(s.characterModel() == CharacterModelType::cartoonGhost); },
                     [](FaceTrackingState& s, double v) {
-                      s.setCharacterModel(v != 0 ? CharacterModelType::cartoonGhost : CharacterModelType::theatricalMask);
+                      s.setCharacterModel(v ? CharacterModelType::cartoonGhost : CharacterModelType::theatricalMask);
                     }};
   const Field preset{[&](S s) {
                        const auto it = std::find(presets.begin(), presets.end(), s.lighting());
@@ -261,21 +261,19 @@ TEST_F(CatalogTest, SwitchesModelAndPresetFollowTheirArgumentOrKeepTheValue) {
 }
 
 TEST_F(CatalogTest, ModelCommandsRunTheModelChangeEvenWhenUnchangedAndPutACharacterFileAway) {
-  int notifications = 0;
-  state.observe([&](FaceTrackingState::Property p) {
-    notifications += p == FaceTrackingState::Property::characterModel;
-  });
+  int changes = 0;
+  state.observe([&](FaceTrackingState::Property p) { changes += p == FaceTrackingState::Property::characterModel; });
   // Already the mask: the model change still runs (and with it the state's
   // save: TrackingSettingsTest.SettingsSurviveARestart...).
   dispatch("/velmora/model", {std::string("mask")});
-  EXPECT_EQ(notifications, 1);
+  EXPECT_EQ(changes, 1);
   dispatch("/velmora/ghost");
   dispatch("/ghost");
-  EXPECT_EQ(std::pair(notifications, state.characterModel()), std::pair(3, CharacterModelType::cartoonGhost));
+  EXPECT_EQ(std::pair(changes, state.characterModel()), std::pair(3, CharacterModelType::cartoonGhost));
   dispatch("/velmora/mask");
   EXPECT_EQ(state.characterModel(), CharacterModelType::theatricalMask);
   dispatch("/velmora/model");  // no argument: nothing
-  EXPECT_EQ(notifications, 4);  // the mask command only, not the empty model command
+  EXPECT_EQ(changes, 4);  // the mask command only, not the empty model command
 
   // A character file's name is handed on; a built-in choice puts the file away.
   std::vector<std::string> opened;
