@@ -26,6 +26,8 @@
 namespace velmora {
 namespace {
 
+using namespace ::testing;  // matchers
+
 // ---------------------------------------------------------------------------
 // [SECTION] Fixture
 // ---------------------------------------------------------------------------
@@ -107,7 +109,7 @@ TEST_F(SceneManagerTest, SwitchingToTheGhostAndBackRebuildsAndDropsTheEyes) {
   const Node& right = *scene.ghostRightEyeNode();
   EXPECT_EQ(left.eulerAngles, float3(0.175f, 0.35f, 0.0f));
   EXPECT_EQ(right.eulerAngles, float3(0.0f, 0.35f, 0.0f));
-  EXPECT_THAT((std::vector{left.scale.y, right.scale.y}), ::testing::Pointwise(::testing::FloatNear(1e-6f), {0.08f, 0.54f}));
+  EXPECT_THAT((std::vector{left.scale.y, right.scale.y}), Pointwise(FloatNear(1e-6f), {0.08f, 0.54f}));
   ASSERT_EQ(scene.morpher()->followers.size(), 1u);
   EXPECT_EQ(scene.morpher()->followers[0]->weight(*scene.targetIndex("jawOpen")), 0.4f);
   state.setBlendshapes({});
@@ -345,7 +347,8 @@ TEST_F(SceneManagerTest, HiddenNodesAndOpacityMultiplyDownTheTree) {
   FrameDescription frame;
   frame.addNodes(*root);
   ASSERT_EQ(frame.items.size(), 1u);
-  EXPECT_EQ(std::pair(frame.items[0].opacity, float3(frame.items[0].worldTransform[3])), std::pair(0.25f, float3(1, 2, 0)));
+  EXPECT_EQ(std::pair(frame.items[0].opacity, float3(frame.items[0].worldTransform[3])),
+            std::pair(0.25f, float3(1.0f, 2.0f, 0.0f)));
 }
 
 // ---------------------------------------------------------------------------
@@ -382,8 +385,7 @@ TEST_F(SceneManagerTest, LiveViewsShareTheOutputsFrameAtTheirSize) {
   scene.removeFrameConsumer(small);
   scene.removeFrameConsumer(preview);
   EXPECT_TRUE(ticked(false).empty());
-  EXPECT_EQ(previewGot, (std::vector{output, output, output}));
-  EXPECT_EQ(smallGot, (std::vector{other, other}));
+  EXPECT_EQ(std::pair(previewGot, smallGot), std::pair(std::vector{output, output, output}, std::vector{other, other}));
 }
 
 // ---------------------------------------------------------------------------
@@ -561,8 +563,7 @@ TEST_F(OutputSyncTest, LatencyFromArrivalToHandOffIsPublished) {
   EXPECT_EQ(std::pair(summary.count, syphon.published), std::pair(std::size_t{60}, 120));
   EXPECT_NEAR(summary.tickWaitP50, 0.010, 1e-6);
   EXPECT_NEAR(summary.renderP50, 0.004, 1e-6);
-  EXPECT_THAT((std::vector{state.outputLatencyP50(), state.outputLatencyP99()}),  // milliseconds
-              ::testing::Each(::testing::DoubleEq(14.0)));
+  EXPECT_THAT((std::vector{state.outputLatencyP50(), state.outputLatencyP99()}), Each(DoubleEq(14.0)));  // ms
 }
 
 // OutputLatency's figures: nearest-rank percentiles over a sliding window,
@@ -581,7 +582,7 @@ TEST(OutputLatency, PercentilesAndSplitOverTheLastSecondInBoundedMemory) {
   const auto s = latency.summary(9.0 + 100 * 0.005 + 0.1);
   EXPECT_EQ(s.count, 100u);
   EXPECT_THAT((std::vector{s.p50, s.p99, s.tickWaitP50, s.renderP50}),
-              ::testing::Pointwise(::testing::DoubleNear(1e-9), {0.050, 0.099, 0.0125, 0.0375}));
+              Pointwise(DoubleNear(1e-9), {0.050, 0.099, 0.0125, 0.0375}));
   // A single slow datagram shows in p99, not in p50.
   latency.record(9.6, 9.6, 9.6 + 0.5);
   const auto t = latency.summary(10.2);
