@@ -116,11 +116,11 @@ TEST(LightRigTest, SettingsAndMasterScaleTheLights) {
     SCOPED_TRACE(row.what);
     const LightRig& r = row.rig;
     // Intensities, shadow alpha, key and fill colour (r, g, b), each within 4 ulps.
+    const std::vector expected = {row.key, row.fill, row.rim, row.environment, row.shadowAlpha, row.keyColor.r,
+                                  row.keyColor.g, row.keyColor.b, row.fillColor.r, row.fillColor.g, row.fillColor.b};
     EXPECT_THAT((std::vector{r.keyIntensity, r.fillIntensity, r.rimIntensity, r.environmentIntensity, r.shadowAlpha,
                              r.keyColor.r, r.keyColor.g, r.keyColor.b, r.fillColor.r, r.fillColor.g, r.fillColor.b}),
-                ::testing::Pointwise(::testing::FloatEq(),
-                                     {row.key, row.fill, row.rim, row.environment, row.shadowAlpha, row.keyColor.r,
-                                      row.keyColor.g, row.keyColor.b, row.fillColor.r, row.fillColor.g, row.fillColor.b}));
+                ::testing::Pointwise(::testing::FloatEq(), expected));
     EXPECT_EQ(std::tuple(r.keyPosition, r.keyTarget, r.rimColor, r.keyCastsShadows),
               std::tuple(row.keyPosition, float3(0.0f, 0.1f, 0.0f), float3(0.9f, 1.0f, 0.95f), row.shadows));
   }

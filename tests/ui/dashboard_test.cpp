@@ -298,7 +298,8 @@ TEST_F(MenuCommandsTest, EntriesActOnTheStateThroughItsSetters) {
   MenuCommands::perform(MenuCommand::toggleSyphon, context);
   MenuCommands::perform(MenuCommand::toggleNDI, context);
   MenuCommands::perform(MenuCommand::toggleOSCCues, context);
-  EXPECT_EQ(std::tuple(state.isSyphonActive(), state.isNDIActive(), state.isOSCEnabled()), std::tuple(!syphon, !ndi, !osc));
+  EXPECT_EQ(std::tuple(state.isSyphonActive(), state.isNDIActive(), state.isOSCEnabled()),
+            std::tuple(!syphon, !ndi, !osc));
 
   int toggles = 0;
   MenuCommands::perform(MenuCommand::toggleProjector, context);  // no window system: nothing happens
