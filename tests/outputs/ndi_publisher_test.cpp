@@ -5,11 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
+#include <future>
 #include <limits>
 #include <thread>
 #include <tuple>
@@ -162,16 +161,12 @@ TEST_F(NDIPublisherTest, OneFrameInFlightStopWaitsForItAndNoneReachesADestroyedS
   auto third = patternFrame(320, 180, 5);  // idle again: the next frame goes out, and stop waits for it
   publisher->publish(third);
   ASSERT_TRUE(eventually([&] { return read().sendsInProgress == 1; }, 5.0));
-  std::atomic<bool> stopped{false};
-  std::thread stopper([&] {
-    publisher->stop();
-    stopped = true;
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_FALSE(stopped) << "stop() returned while a send was in progress";
+  auto stopping = std::async(std::launch::async, [&] { publisher->stop(); });
+  EXPECT_EQ(stopping.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout)
+      << "stop() returned while a send was in progress";
   EXPECT_FALSE(publisher->isRunning());  // new frames are refused at once
   holdSends(false);
-  stopper.join();
+  stopping.get();
   const Readout afterStop = read();
   EXPECT_EQ(std::tuple(afterStop.framesSent, afterStop.lastChecksum, third.use_count()),
             std::tuple(2, checksum(*third), 1L));
@@ -180,16 +175,14 @@ TEST_F(NDIPublisherTest, OneFrameInFlightStopWaitsForItAndNoneReachesADestroyedS
   publisher->publish(patternFrame(16, 8, 6));  // stopped: dropped
   EXPECT_EQ(read().framesSent, 2);
 
-  std::atomic<bool> done{false};
-  std::thread render([&] {
-    auto frame = patternFrame(16, 8, 1);
-    while (!done) publisher->publish(frame);
+  std::jthread render([&, frame = patternFrame(16, 8, 1)](const std::stop_token& stop) {
+    while (!stop.stop_requested()) publisher->publish(frame);
   });
   for (int i = 0; i < 20000 && read().violations == 0; ++i) {
     ASSERT_TRUE(publisher->start());
     publisher->stop();
   }
-  done = true;
+  render.request_stop();
   render.join();
   EXPECT_STREQ(read().firstViolation, "");  // no broken promise
   EXPECT_EQ(read().liveSenders, 0);
@@ -204,25 +197,25 @@ TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
       "[NDI] " + kIncompleteDoubleDir + "/libndi.so.6 lacks NDIlib_send_get_no_connections; skipped";
   struct Row {
     const char* what;
-    std::function<void()> cause, cure;
+    test::ScopedEnv* env;  // set to `cause` for the failure, to `cure` after it
+    const char *cause, *cure;
     std::string error;
     bool runtimeLoaded;
     std::string logLine;  // said once; empty: none
     int initializedAgain;  // at the retry 2 s later
   };
   const Row rows[] = {
-      {"no runtime anywhere", [&] { v6.set(nullptr); }, [&] { v6.set(kDoubleDir.c_str()); }, kNotFound, false, "", 0},
-      {"a runtime lacking an entry point", [&] { v6.set(kIncompleteDoubleDir.c_str()); },
-       [&] { v6.set(kDoubleDir.c_str()); }, kNotFound, false, incompleteLine, 0},
-      {"initialisation refused", [&] { refuse.set("1"); }, [&] { refuse.set(nullptr); },
-       "NDI runtime refused to initialize (unsupported CPU?)", false, "", 1},
-      {"no sender", [&] { failCreate.set("1"); }, [&] { failCreate.set(nullptr); }, "NDI sender could not be created",
-       true, "", 0},
+      {"no runtime anywhere", &v6, nullptr, kDoubleDir.c_str(), kNotFound, false, "", 0},
+      {"a runtime lacking an entry point", &v6, kIncompleteDoubleDir.c_str(), kDoubleDir.c_str(), kNotFound, false,
+       incompleteLine, 0},
+      {"initialisation refused", &refuse, "1", nullptr, "NDI runtime refused to initialize (unsupported CPU?)", false,
+       "", 1},
+      {"no sender", &failCreate, "1", nullptr, "NDI sender could not be created", true, "", 0},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     auto publisher = makePublisher();
-    row.cause();
+    row.env->set(row.cause);
     test::LogCapture log;
     EXPECT_FALSE(publisher->start());
     EXPECT_EQ(std::tuple(publisher->lastError(), publisher->isRuntimeLoaded(), publisher->isRunning()),
@@ -239,7 +232,7 @@ TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
     EXPECT_EQ(publisher->lastError(), row.error);
     EXPECT_EQ(std::ranges::count(log.lines(), row.logLine), row.logLine.empty() ? 0 : 1);
 
-    row.cure();
+    row.env->set(row.cure);
     now += NDIPublisher::retryInterval - 0.01;
     EXPECT_FALSE(publisher->start()) << "not tried again before " << NDIPublisher::retryInterval << " s";
     now += 0.01;
