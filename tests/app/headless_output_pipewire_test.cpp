@@ -9,7 +9,6 @@
 // status texts output_sync_test's.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -81,7 +80,7 @@ TEST(HeadlessOutputPipeWire, AConsumerReceivesTheCharacterAndTheStatusFollowsIt)
   ASSERT_FALSE(holes.empty());
   const int top = holes.front().first, bottom = holes.back().first;
   std::size_t upper = 0, lower = 0;
-  for (const auto [y, n] : holes) (y < (top + bottom) / 2 ? upper : lower) += n;
+  for (const auto& [y, n] : holes) (y < (top + bottom) / 2 ? upper : lower) += n;
   EXPECT_GT(upper, 1000u);
   EXPECT_GT(upper, 10 * lower) << "rows " << top << ".." << bottom;
 
@@ -97,9 +96,9 @@ TEST(CharacterFilePipeWire, ABlenderHeadShowsItsTextureAndOpensItsJawToAJawOpenS
     GTEST_SKIP() << "blender is not installed (scripts/setup installs it): no third-party character to read";
   test::TempDir dir;
   const std::string head = (dir.path() / "BlenderHead.glb").string();
-  const std::string make = "/usr/bin/timeout 300 /usr/bin/blender -b --factory-startup --python " + kMake + " -- " +
-                           head + " > " + (dir.path() / "blender.log").string() + " 2>&1";
-  ASSERT_EQ(std::system(make.c_str()), 0) << "see " << (dir.path() / "blender.log");
+  const test::Finished blender =
+      test::runToEnd({"/usr/bin/blender", "-b", "--factory-startup", "--python", kMake, "--", head}, {}, 300);
+  ASSERT_EQ(blender.status, 0) << blender.output;
 
   test::PrivatePipeWire session;
   ASSERT_TRUE(session.start());

@@ -45,9 +45,8 @@ test::Picture screenshot(const std::string& display, int monitor, const std::str
 bool showsCharacterOnBlack(const test::Picture& s) {
   if (s.width != 1920 || s.height != 1080) return false;
   auto black = [](int r, int g, int b, int) { return r == 0 && g == 0 && b == 0; };
-  for (auto [x, y] : {std::pair{0, 0}, {1800, 0}, {0, 1000}, {1800, 1000}}) {
+  for (auto [x, y] : {std::pair{0, 0}, {1800, 0}, {0, 1000}, {1800, 1000}})
     if (s.count(x, y, x + 100, y + 60, black) != 100 * 60) return false;
-  }
   return s.count(760, 340, 1160, 740, [](int r, int g, int b, int) { return r + g + b > 300; }) > 20000;
 }
 
