@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/ChildProcess.h"
@@ -41,11 +42,9 @@ TEST(SnapshotE2ETest, WritesEveryPictureWithATransparentBackground) {
   const test::Finished r = test::runToEnd({kVelmora, "--snapshot", folder.string()}, {}, 300);
   ASSERT_EQ(r.status, 0) << r.output;
 
-  std::smatch m;
-  ASSERT_TRUE(std::regex_search(r.output, m, std::regex(R"(\[snapshot\] Wrote (\d+) files to )"))) << r.output;
-  const int count = std::stoi(m[1]);
   // 2 at rest, 5 mask and 5 ghost expressions, 6 presets, 15 cues, the sheet.
-  EXPECT_EQ(count, 34);
+  const int count = 34;
+  EXPECT_NE(r.output.find("[snapshot] Wrote 34 files to "), std::string::npos) << r.output;
   const std::regex fileLine(R"(\[snapshot\] Wrote /.*\.png)");
   EXPECT_EQ(std::distance(std::sregex_iterator(r.output.begin(), r.output.end(), fileLine), std::sregex_iterator()), count);
 
@@ -57,14 +56,11 @@ TEST(SnapshotE2ETest, WritesEveryPictureWithATransparentBackground) {
     ASSERT_FALSE(image.rgba.empty()) << name;
     if (name == "contact-sheet.png") continue;  // its tiles and opacity are ContactSheetTest's
     ++pictures;
-    EXPECT_EQ(image.width, 1920) << name;
-    EXPECT_EQ(image.height, 1080) << name;
-    EXPECT_EQ(image.alpha(0, 0), 0) << name;
-    EXPECT_EQ(image.alpha(1919, 1079), 0) << name;
-    const std::size_t seen = image.count(0, 0, 1920, 1080, [](int, int, int, int a) { return a > 0; });
-    const std::size_t opaque = image.count(0, 0, 1920, 1080, [](int, int, int, int a) { return a == 255; });
-    EXPECT_GT(double(seen) / (1920.0 * 1080.0), 0.002) << name;  // even the ghost flying away, fading
-    const double coverage = double(opaque) / (1920.0 * 1080.0);
+    const auto size = std::tuple(image.width, image.height, image.alpha(0, 0), image.alpha(1919, 1079));
+    EXPECT_EQ(size, std::tuple(1920, 1080, 0, 0)) << name;  // clear corners
+    const auto share = [&](auto covers) { return double(image.count(0, 0, 1920, 1080, covers)) / (1920.0 * 1080.0); };
+    EXPECT_GT(share([](int, int, int, int a) { return a > 0; }), 0.002) << name;  // even the ghost flying away, fading
+    const double coverage = share([](int, int, int, int a) { return a == 255; });
     EXPECT_LT(coverage, 0.6) << name;
     EXPECT_GT(coverage, name.starts_with("cue-") ? -1.0 : 0.1) << name;  // a character at rest fills a tenth
   }

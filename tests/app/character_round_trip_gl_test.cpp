@@ -34,10 +34,7 @@ TEST(CharacterRoundTripGl, TheExportedMaskReadBackRendersTheSamePicture) {
   ASSERT_TRUE(read) << read.reason;
   std::shared_ptr<const FileCharacter> character = std::move(read.value);
 
-  BlendshapeMap smile;
-  smile["mouthSmileLeft"] = 1.0f;
-  smile["jawOpen"] = 0.6f;
-  for (const BlendshapeMap& face : {BlendshapeMap{}, smile}) {
+  for (const BlendshapeMap& face : {BlendshapeMap{}, BlendshapeMap{{"mouthSmileLeft", 1.0f}, {"jawOpen", 0.6f}}}) {
     state.setBlendshapes(face);
     state.setCharacterFile({});
     scene.updateTracking(state);

@@ -9,13 +9,10 @@
 // status texts output_sync_test's.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/PrivatePipeWire.h"
@@ -25,8 +22,6 @@
 namespace velmora {
 namespace {
 
-const std::string kStarted =
-    "[Syphon] Server 'Velmora' started using /usr/lib/x86_64-linux-gnu/libpipewire-0.3.so.0";
 const std::string kReady = "[Velmora] Syphon: ready, waiting for a client";
 const std::string kMake = VELMORA_SOURCE_DIR "/tests/characters/blender/make.py";
 
@@ -72,32 +67,26 @@ TEST(HeadlessOutputPipeWire, AConsumerReceivesTheCharacterAndTheStatusFollowsIt)
   // The character: an opaque region around the centre, a real share of the
   // frame. Upright: the mask's eye openings (see-through pixels between its
   // left and right edges) are in the upper half of its rows, not the lower.
-  std::size_t covered = 0, holesUpper = 0, holesLower = 0;
-  int top = image.height, bottom = -1;
-  std::vector<std::array<int, 3>> spans(image.height, {-1, -1, 0});  // first, last, count of opaque
-  for (int y = 0; y < image.height; ++y)
-    for (int x = 0; x < image.width; ++x)
-      if (image.alpha(x, y) == 255) {
-        if (spans[y][0] < 0) spans[y][0] = x;
-        spans[y][1] = x;
-        ++spans[y][2];
-        ++covered;
-        top = std::min(top, y);
-        bottom = std::max(bottom, y);
-      }
-  EXPECT_GT(covered, image.width * image.height / 20u);
-  EXPECT_EQ(image.alpha(image.width / 2, image.height / 2), 255);
-  const int middle = (top + bottom) / 2;
-  for (int y = top; y <= bottom; ++y) {
-    if (spans[y][0] < 0) continue;
-    const std::size_t holes = static_cast<std::size_t>(spans[y][1] - spans[y][0] + 1 - spans[y][2]);
-    (y < middle ? holesUpper : holesLower) += holes;
+  const auto opaque = [](int, int, int, int a) { return a == 255; };
+  EXPECT_GT(image.count(0, 0, 1920, 1080, opaque), 1920 * 1080 / 20u);
+  EXPECT_EQ(image.alpha(960, 540), 255);
+  std::vector<std::pair<int, std::size_t>> holes;  // per row with opaque pixels: y, see-through pixels inside
+  for (int y = 0; y < 1080; ++y) {
+    int first = 0, last = 1919;
+    while (first < 1920 && image.alpha(first, y) != 255) ++first;
+    while (last > first && image.alpha(last, y) != 255) --last;
+    if (first < 1920) holes.emplace_back(y, last - first + 1 - image.count(first, y, last + 1, y + 1, opaque));
   }
-  EXPECT_GT(holesUpper, 1000u);
-  EXPECT_GT(holesUpper, 10 * holesLower) << "rows " << top << ".." << bottom;
+  ASSERT_FALSE(holes.empty());
+  const int top = holes.front().first, bottom = holes.back().first;
+  std::size_t upper = 0, lower = 0;
+  for (const auto& [y, n] : holes) (y < (top + bottom) / 2 ? upper : lower) += n;
+  EXPECT_GT(upper, 1000u);
+  EXPECT_GT(upper, 10 * lower) << "rows " << top << ".." << bottom;
 
   EXPECT_TRUE(velmora.stopsCleanly(SIGTERM)) << velmora->output();
-  for (const std::string line : {kStarted.c_str(), "[NDI] Sending 'Velmora' using " VELMORA_NDI_DOUBLE_DIR "/libndi.so.6",
+  for (const std::string line : {"[Syphon] Server 'Velmora' started using /usr/lib/x86_64-linux-gnu/libpipewire-0.3.so.0",
+                                 "[NDI] Sending 'Velmora' using " VELMORA_NDI_DOUBLE_DIR "/libndi.so.6",
                                  "[Velmora] NDI: sending to 1 receiver", "[Syphon] Server stopped", "[NDI] Sender stopped"})
     EXPECT_EQ(velmora->printed(line), 1) << line << "\n" << velmora->output();
 }
@@ -107,9 +96,9 @@ TEST(CharacterFilePipeWire, ABlenderHeadShowsItsTextureAndOpensItsJawToAJawOpenS
     GTEST_SKIP() << "blender is not installed (scripts/setup installs it): no third-party character to read";
   test::TempDir dir;
   const std::string head = (dir.path() / "BlenderHead.glb").string();
-  const std::string make = "/usr/bin/timeout 300 /usr/bin/blender -b --factory-startup --python " + kMake + " -- " +
-                           head + " > " + (dir.path() / "blender.log").string() + " 2>&1";
-  ASSERT_EQ(std::system(make.c_str()), 0) << "see " << (dir.path() / "blender.log");
+  const test::Finished blender =
+      test::runToEnd({"/usr/bin/blender", "-b", "--factory-startup", "--python", kMake, "--", head}, {}, 300);
+  ASSERT_EQ(blender.status, 0) << blender.output;
 
   test::PrivatePipeWire session;
   ASSERT_TRUE(session.start());
@@ -119,7 +108,7 @@ TEST(CharacterFilePipeWire, ABlenderHeadShowsItsTextureAndOpensItsJawToAJawOpenS
                                    "head bone; targets not matched: Wobble",
                                    30))
       << velmora->output();
-  ASSERT_TRUE(velmora->waitForLine("[Velmora] Syphon: ready, waiting for a client", 20)) << velmora->output();
+  ASSERT_TRUE(velmora->waitForLine(kReady, 20)) << velmora->output();
   ASSERT_TRUE(session.waitForNode("Velmora", 10));
 
   const test::Picture rest = fourthFrame(session, "rest");
@@ -132,18 +121,13 @@ TEST(CharacterFilePipeWire, ABlenderHeadShowsItsTextureAndOpensItsJawToAJawOpenS
             20000u);
 
   // A phone streams jawOpen (iFacialMocap text) while a frame is taken.
-  std::atomic<bool> streaming{true};
-  std::thread phone([&] {
+  const std::jthread phone([&](const std::stop_token& stop) {
     const test::UdpSocket socket;
-    while (streaming) {
+    for (; !stop.stop_requested(); std::this_thread::sleep_for(std::chrono::milliseconds(20)))
       socket.sendTo(velmora.ports[0], "jawOpen-100|");
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
   });
   std::this_thread::sleep_for(std::chrono::seconds(2));  // the filters settle
   const test::Picture jaw = fourthFrame(session, "jaw");
-  streaming = false;
-  phone.join();
   // The jaw drops: the chin's lowest row moves well down the frame.
   EXPECT_GT(lowestCovered(jaw), lowestCovered(rest) + 40) << velmora->output();
   EXPECT_TRUE(velmora.stopsCleanly(SIGTERM)) << velmora->output();

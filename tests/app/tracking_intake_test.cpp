@@ -11,36 +11,29 @@
 #include "support/LogCapture.h"
 #include "support/StateFixture.h"
 #include "tracking/FaceTrackingState.h"
+#include "tracking/RecordingSink.h"
 #include "tracking/TrackingReceiver.h"
 
 namespace velmora {
 namespace {
-
-class NullSink final : public TrackingSink {
- public:
-  void deliver(DecodedFrame) override {}
-  void deliverUnknown(const std::string&) override {}
-};
 
 TEST(TrackingIntakeTest, ParsePorts) {
   using P = std::vector<std::uint16_t>;
   EXPECT_EQ(TrackingIntake::parsePorts("11111,49983,39539"), (P{11111, 49983, 39539}));
   EXPECT_EQ(TrackingIntake::parsePorts("1"), (P{1}));
   EXPECT_EQ(TrackingIntake::parsePorts("65535"), (P{65535}));
-  for (const char* bad : {"", "0", "65536", "1,,2", "1,", ",1", " 1", "1 ", "a", "-5", "1;2", "99999999999"}) {
+  for (const char* bad : {"", "0", "65536", "1,,2", "1,", ",1", " 1", "1 ", "a", "-5", "1;2", "99999999999"})
     EXPECT_EQ(TrackingIntake::parsePorts(bad), std::nullopt) << bad;
-  }
 }
 
 TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
   test::StateFixture f;
-  FaceTrackingState& state = f.state;
-  TrackingReceiver receiver(std::make_shared<NullSink>());
-  TrackingIntake intake(receiver, state);
+  TrackingReceiver receiver(std::make_shared<test::RecordingSink>());
+  TrackingIntake intake(receiver, f.state);
   test::LogCapture log;  // the status lines: nothing else is said here
 
   intake.tick(10.0);  // nothing arrived: silent
-  state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}}, std::nullopt, std::nullopt, "127.0.0.1:50000");
+  f.state.ingestPacket(BlendshapeMap{{"jawOpen", 0.5f}}, std::nullopt, std::nullopt, "127.0.0.1:50000");
   intake.tick(10.1);  // first packets: the rate needs a second first
   intake.tick(10.5);
   EXPECT_TRUE(log.lines().empty());
@@ -48,12 +41,12 @@ TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
   EXPECT_EQ(log.lines(), std::vector<std::string>{"[Velmora] tracking: 0.0 packets/s from 127.0.0.1:50000, 1 received"});
 
   intake.tick(14.0);  // nothing new: silent
-  state.setSenderIP("10.1.2.3:7 (Unknown format)");
-  state.setTotalPacketsReceived(5);
+  f.state.setSenderIP("10.1.2.3:7 (Unknown format)");
+  f.state.setTotalPacketsReceived(5);
   intake.tick(14.5);  // 3.4 s since the last line, something new
   ASSERT_EQ(log.lines().size(), 2u);
   EXPECT_EQ(log.lines()[1], "[Velmora] tracking: 0.0 packets/s from 10.1.2.3:7 (Unknown format), 5 received");
-  state.setTotalPacketsReceived(6);
+  f.state.setTotalPacketsReceived(6);
   intake.tick(16.0);  // only 1.5 s later
   EXPECT_EQ(log.lines().size(), 2u);
   intake.tick(16.6);
@@ -61,8 +54,8 @@ TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
 
   // Frames reaching the outputs: the line goes on with their latency, and
   // with its split once the application says where that comes from.
-  state.setOutputLatencyP50(12.5);
-  state.setOutputLatencyP99(20.1);
+  f.state.setOutputLatencyP50(12.5);
+  f.state.setOutputLatencyP99(20.1);
   EXPECT_EQ(intake.statusLine(),
             "tracking: 0.0 packets/s from 10.1.2.3:7 (Unknown format), 6 received, "
             "output latency p50 12.5 ms, p99 20.1 ms");
@@ -74,7 +67,7 @@ TEST(TrackingIntakeTest, StatusLineAtMostEveryTwoSecondsWhilePacketsArrive) {
   FaceFrame frame;
   frame.sender = "10.1.2.3:49983";
   frame.rotation = float3(0.2f, -0.1f, 0.0f);  // published with the signs turned round
-  state.ingestFrame(frame, TrackingApp::iFacialMocap);
+  f.state.ingestFrame(frame, TrackingApp::iFacialMocap);
   EXPECT_EQ(intake.statusLine(),
             "tracking: 0.0 packets/s from 10.1.2.3:49983 (iFacialMocap), 7 received, head pitch -11.5 yaw 5.7 "
             "roll 0.0 deg, output latency p50 12.5 ms, p99 20.1 ms (tick wait 8.0 ms + render 4.5 ms)");
@@ -84,7 +77,7 @@ TEST(TrackingIntakeTest, TrackingLostLineWhileThePhoneIsGone) {
   test::StateFixture f(true);
   double& clock = f.now;
   FaceTrackingState& state = f.state;
-  TrackingReceiver receiver(std::make_shared<NullSink>());
+  TrackingReceiver receiver(std::make_shared<test::RecordingSink>());
   TrackingIntake intake(receiver, state);
   std::vector<std::string> lines;
   setLogSink([&](const std::string& l) {

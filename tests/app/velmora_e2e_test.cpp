@@ -37,11 +37,8 @@ constexpr std::uint32_t kBound = 0x7F000002, kStranger = 0x7F000003;
 
 // The next OSC message `socket` receives within ten seconds, decoded.
 std::optional<OSCMessage> receiveMessage(const test::UdpSocket& socket) {
-  const auto bytes = socket.receive(10.0);
-  if (!bytes) return std::nullopt;
-  auto messages = OSCParser::parsePacket(*bytes);
-  if (messages.empty()) return std::nullopt;
-  return messages.front();
+  const auto messages = OSCParser::parsePacket(socket.receive(10.0).value_or(std::vector<std::uint8_t>{}));
+  return messages.empty() ? std::nullopt : std::optional(messages.front());
 }
 
 // The "data" of a reply to `address` whose status is "ok".
@@ -55,18 +52,13 @@ nlohmann::json replyData(const test::UdpSocket& socket, const std::string& addre
 }
 
 // oscsend's commands, each with the handled line it gives ("" for none).
-struct Sent {
-  std::vector<std::string> args;
-  std::string line;
-};
-
-void oscsendAll(test::VelmoraRun& velmora, const std::vector<Sent>& rows) {
-  for (const Sent& row : rows) {
-    SCOPED_TRACE(row.args.front());
+void oscsendAll(test::VelmoraRun& velmora, const std::vector<std::pair<std::vector<std::string>, std::string>>& rows) {
+  for (const auto& [command, line] : rows) {
+    SCOPED_TRACE(command.front());
     std::vector<std::string> args{"127.0.0.1", std::to_string(velmora.cuePort)};
-    args.insert(args.end(), row.args.begin(), row.args.end());
+    args.insert(args.end(), command.begin(), command.end());
     ASSERT_EQ(test::oscsend(args), 0);
-    EXPECT_TRUE(row.line.empty() || velmora->waitForLine(row.line, 10)) << velmora->output();
+    EXPECT_TRUE(line.empty() || velmora->waitForLine(line, 10)) << velmora->output();
   }
 }
 
@@ -160,19 +152,15 @@ TEST(VelmoraE2E, OneHeadlessShowTakesCuesTrackingRelaysAndRecordsAndItsReplayOut
 
   // Every format from the phone simulator: a status line counting well over a
   // second's worth of its packets, from the loopback sender, named after its app.
-  struct Row {
-    const char* format;
-    const char* app;
-  };
-  const Row rows[] = {{"livelink", "Live Link Face"}, {"ifacialmocap", "iFacialMocap"}, {"osc", "OSC"},
-                      {"vmc", "VMC"}, {"json", "JSON"}};
+  const std::pair<const char*, const char*> formats[] = {
+      {"livelink", "Live Link Face"}, {"ifacialmocap", "iFacialMocap"}, {"osc", "OSC"}, {"vmc", "VMC"}, {"json", "JSON"}};
   const std::regex status(R"(\[Velmora\] tracking: ([0-9]+\.[0-9]) packets/s from 127\.0\.0\.1:[0-9]+ \((.*)\), ([0-9]+) received.*)");
   const std::regex simSent(R"(\[phone-sim\] sent ([0-9]+) packets\n$)");
   unsigned long long received = 0;
   std::size_t i = 0;
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.format);
-    const test::Finished sim = test::runToEnd({kPhoneSim, "--format", row.format, "--host", "127.0.0.2", "--port",
+  for (const auto& [format, app] : formats) {
+    SCOPED_TRACE(format);
+    const test::Finished sim = test::runToEnd({kPhoneSim, "--format", format, "--host", "127.0.0.2", "--port",
                                                std::to_string(ports[i++ % ports.size()]), "--duration", "2.5"},
                                               {}, 30);
     std::smatch m;
@@ -184,7 +172,7 @@ TEST(VelmoraE2E, OneHeadlessShowTakesCuesTrackingRelaysAndRecordsAndItsReplayOut
         [&](const std::string& l) {
           if (!std::regex_match(l, m, status)) return false;
           seen = l;
-          return m[2] == row.app && std::stod(m[1]) > 0.0 && std::stoull(m[3]) >= received + 100;
+          return m[2] == app && std::stod(m[1]) > 0.0 && std::stoull(m[3]) >= received + 100;
         },
         6.0))
         << "last status line \"" << seen << "\"\n" << velmora->output();

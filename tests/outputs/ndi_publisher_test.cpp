@@ -5,13 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
+#include <future>
 #include <limits>
 #include <thread>
+#include <tuple>
 
 #include "base/RuntimeLibrary.h"
 #include "outputs/NDIPublisher.h"
@@ -19,6 +19,7 @@
 #include "support/ChildProcess.h"
 #include "support/LogCapture.h"
 #include "support/ScopedEnv.h"
+#include "support/SolidFrame.h"
 #include "support/TempDir.h"
 
 namespace velmora {
@@ -31,36 +32,10 @@ const std::string kDoubleDir = VELMORA_NDI_DOUBLE_DIR;
 const std::string kIncompleteDoubleDir = VELMORA_BINARY_DIR "/tests/ndi-runtime-missing";
 using test::eventually;
 
-// The tests' view of the double: opens the same file the publisher loads, so
-// both see one copy of its state, and keeps it loaded for the whole test even
-// when the publisher closes its handle.
-class RuntimeDouble {
- public:
-  using Readout = NDIDoubleReadout<ndi::VideoFrameV2>;
-  bool loaded() const { return library_ && library_->symbol("NDIdouble_read"); }
-  void reset() { library_->function<void (*)()>("NDIdouble_reset")(); }
-  void holdSends(bool hold) { library_->function<void (*)(bool)>("NDIdouble_hold_sends")(hold); }
-  Readout read() const {
-    Readout r;
-    library_->function<void (*)(Readout*)>("NDIdouble_read")(&r);
-    return r;
-  }
-  std::string violations() const {
-    const Readout r = read();
-    return r.violations ? std::to_string(r.violations) + " violation(s), first: " + r.firstViolation : "";
-  }
-
- private:
-  std::unique_ptr<RuntimeLibrary> library_ = RuntimeLibrary::open(kDoubleDir + "/libndi.so.6").value;
-};
-
 // Every byte differs from its row neighbours and from the row above, so a
 // wrong stride or a shifted pointer changes the checksum.
 std::shared_ptr<RenderedFrame> patternFrame(int w, int h, std::uint8_t seed) {
-  auto f = std::make_shared<RenderedFrame>();
-  f->width = w;
-  f->height = h;
-  f->pixels.resize(static_cast<std::size_t>(w) * h * 4);
+  auto f = std::make_shared<RenderedFrame>(test::solidFrame(w, h, 0, 0, 0, 0));
   for (std::size_t i = 0; i < f->pixels.size(); ++i) f->pixels[i] = static_cast<std::uint8_t>(i * 7 + i / (w * 4) + seed);
   return f;
 }
@@ -74,11 +49,19 @@ std::uint64_t checksum(const RenderedFrame& f) {
 
 class NDIPublisherTest : public ::testing::Test {
  protected:
+  using Readout = NDIDoubleReadout<ndi::VideoFrameV2>;
   void SetUp() override {
-    ASSERT_TRUE(runtime.loaded()) << "build ndi_runtime_double first";
-    runtime.reset();
+    ASSERT_TRUE(runtime && runtime->symbol("NDIdouble_read")) << "build ndi_runtime_double first";
+    runtime->function<void (*)()>("NDIdouble_reset")();
   }
-  void TearDown() override { runtime.holdSends(false); }
+  void TearDown() override { holdSends(false); }
+  // What the double recorded since SetUp, and its live counts.
+  Readout read() const {
+    Readout r;
+    runtime->function<void (*)(Readout*)>("NDIdouble_read")(&r);
+    return r;
+  }
+  void holdSends(bool hold) { runtime->function<void (*)(bool)>("NDIdouble_hold_sends")(hold); }
 
   // The fixed folders hold nothing, so only the environment finds a runtime.
   std::unique_ptr<NDIPublisher> makePublisher() {
@@ -95,7 +78,9 @@ class NDIPublisherTest : public ::testing::Test {
   test::ScopedEnv failCreate{"NDI_DOUBLE_FAIL_CREATE", nullptr};
   test::ScopedEnv connections{"NDI_DOUBLE_CONNECTIONS", nullptr};
   test::ScopedEnv failFind{"NDI_DOUBLE_FAIL_FIND", nullptr};
-  RuntimeDouble runtime;
+  // The tests' view of the double: the same file the publisher loads, so both
+  // see one copy of its state, kept loaded when the publisher closes its handle.
+  std::unique_ptr<RuntimeLibrary> runtime = RuntimeLibrary::open(kDoubleDir + "/libndi.so.6").value;
 };
 
 // What receivers get, and discovery finding our source under the machine name.
@@ -109,59 +94,43 @@ TEST_F(NDIPublisherTest, SendsEachFrameFromTheRenderedMemoryWithTheFieldsReceive
   ASSERT_TRUE(publisher->start()) << publisher->lastError().value_or("");
   EXPECT_TRUE(log.has("[NDI] Sending 'Velmora' using " + kDoubleDir + "/libndi.so.6"));
   EXPECT_TRUE(publisher->start());  // a second start keeps the one sender
-  EXPECT_EQ(runtime.read().liveSenders, 1);
+  const Readout created = read();
+  // In the default group, not paced by the runtime.
+  EXPECT_EQ(std::tuple(created.liveSenders, created.groupsNull, created.clockVideo, created.clockAudio),
+            std::tuple(1, true, false, false));
   // Receiver counts come from the runtime, asked each time.
   EXPECT_EQ(publisher->connectionCount(), 1);
   connections.set("3");
   EXPECT_EQ(publisher->clientCount(), 3);
-  const auto found = publisher->findSources(0.5);
-  ASSERT_TRUE(found);
-  EXPECT_EQ(*found, std::vector<std::string>{publisher->networkSourceName()});
+  EXPECT_EQ(publisher->findSources(0.5), std::optional(std::vector{publisher->networkSourceName()}));
   EXPECT_TRUE(publisher->networkSourceName().ends_with(" (Velmora)"));
-
-  const RuntimeDouble::Readout created = runtime.read();
-  EXPECT_TRUE(created.groupsNull);
-  EXPECT_FALSE(created.clockVideo);  // not paced by the runtime
-  EXPECT_FALSE(created.clockAudio);
 
   // Every size-dependent field follows the frame; the frame goes out straight
   // from its memory, and is let go once sent (so its buffer can be reused).
-  struct Row {
-    int w, h, stride;
-    float aspect;
-  };
-  const Row rows[] = {{1920, 1080, 7680, 1920.0f / 1080.0f}, {64, 32, 256, 2.0f}};
   int sentSoFar = 0;
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.w);
-    auto frame = patternFrame(row.w, row.h, 3);
+  for (const auto& [w, h, stride, aspect] : {std::tuple{1920, 1080, 7680, 1920.0f / 1080.0f}, {64, 32, 256, 2.0f}}) {
+    SCOPED_TRACE(w);
+    auto frame = patternFrame(w, h, 3);
     publisher->publish(frame);
-    ASSERT_TRUE(eventually([&] { return runtime.read().framesSent == sentSoFar + 1; }, 5.0));
+    ASSERT_TRUE(eventually([&] { return read().framesSent == sentSoFar + 1; }, 5.0));
     ++sentSoFar;
-    const RuntimeDouble::Readout sent = runtime.read();
-    EXPECT_EQ(sent.lastFrame.xres, row.w);
-    EXPECT_EQ(sent.lastFrame.yres, row.h);
-    EXPECT_EQ(sent.lastFrame.FourCC, 0x41524742u);  // 'B' 'G' 'R' 'A'
-    EXPECT_EQ(sent.lastFrame.frame_rate_N, 60);
-    EXPECT_EQ(sent.lastFrame.frame_rate_D, 1);
-    EXPECT_FLOAT_EQ(sent.lastFrame.picture_aspect_ratio, row.aspect);
-    EXPECT_EQ(sent.lastFrame.frame_format_type, 1);  // progressive
-    EXPECT_EQ(sent.lastFrame.timecode, std::numeric_limits<std::int64_t>::max());  // runtime synthesises it
-    EXPECT_EQ(sent.lastFrame.line_stride_in_bytes, row.stride);
-    EXPECT_EQ(sent.lastFrame.p_metadata, nullptr);
-    EXPECT_EQ(sent.lastFrame.timestamp, 0);
-    EXPECT_EQ(sent.lastFrame.p_data, frame->pixels.data());
-    EXPECT_EQ(sent.lastChecksum, checksum(*frame));
+    const Readout sent = read();
+    const ndi::VideoFrameV2& f = sent.lastFrame;
+    // 'B' 'G' 'R' 'A' at 60/1 frames/s, progressive (1), the timecode left to the runtime, no metadata, no
+    // timestamp; the pixels straight from the frame's memory, all of them read at the stride.
+    EXPECT_EQ(std::tuple(f.xres, f.yres, f.line_stride_in_bytes, f.picture_aspect_ratio, f.FourCC, f.frame_rate_N,
+                         f.frame_rate_D, f.frame_format_type, f.timecode, f.p_metadata, f.timestamp, f.p_data,
+                         sent.lastChecksum),
+              std::tuple(w, h, stride, aspect, 0x41524742u, 60, 1, 1,
+                         std::numeric_limits<std::int64_t>::max(), nullptr, 0, frame->pixels.data(), checksum(*frame)));
     EXPECT_TRUE(eventually([&] { return frame.use_count() == 1; }, 5.0));
   }
 
   publisher->stop();
-  EXPECT_EQ(runtime.read().liveSenders, 0);
+  EXPECT_EQ(read().liveSenders, 0);
   EXPECT_EQ(publisher->connectionCount(), 0);
-  EXPECT_EQ(runtime.violations(), "");
-  const auto after = publisher->findSources(0.05);
-  ASSERT_TRUE(after);
-  EXPECT_TRUE(after->empty());
+  EXPECT_STREQ(read().firstViolation, "");  // no broken promise
+  EXPECT_EQ(publisher->findSources(0.05), std::optional(std::vector<std::string>{}));
   failFind.set("1");
   EXPECT_FALSE(publisher->findSources(0.05)) << "a finder that cannot be created";
 }
@@ -177,52 +146,46 @@ TEST_F(NDIPublisherTest, OneFrameInFlightStopWaitsForItAndNoneReachesADestroyedS
   ASSERT_TRUE(publisher->start());
   test::LogCapture log;
 
-  runtime.holdSends(true);
+  holdSends(true);
   auto first = patternFrame(16, 8, 2);
   publisher->publish(first);
-  ASSERT_TRUE(eventually([&] { return runtime.read().sendsInProgress == 1; }, 5.0));
+  ASSERT_TRUE(eventually([&] { return read().sendsInProgress == 1; }, 5.0));
   auto second = patternFrame(16, 8, 3);
   publisher->publish(second);  // busy: dropped, and not held on to
   EXPECT_EQ(second.use_count(), 1);
-  runtime.holdSends(false);
+  holdSends(false);
   ASSERT_TRUE(eventually([&] { return first.use_count() == 1; }, 5.0));
-  EXPECT_EQ(runtime.read().lastChecksum, checksum(*first));  // the dropped one never goes out: two sent in all, below
+  EXPECT_EQ(read().lastChecksum, checksum(*first));  // the dropped one never goes out: two sent in all, below
 
-  runtime.holdSends(true);
+  holdSends(true);
   auto third = patternFrame(320, 180, 5);  // idle again: the next frame goes out, and stop waits for it
   publisher->publish(third);
-  ASSERT_TRUE(eventually([&] { return runtime.read().sendsInProgress == 1; }, 5.0));
-  std::atomic<bool> stopped{false};
-  std::thread stopper([&] {
-    publisher->stop();
-    stopped = true;
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_FALSE(stopped) << "stop() returned while a send was in progress";
+  ASSERT_TRUE(eventually([&] { return read().sendsInProgress == 1; }, 5.0));
+  auto stopping = std::async(std::launch::async, [&] { publisher->stop(); });
+  EXPECT_EQ(stopping.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout)
+      << "stop() returned while a send was in progress";
   EXPECT_FALSE(publisher->isRunning());  // new frames are refused at once
-  runtime.holdSends(false);
-  stopper.join();
-  EXPECT_EQ(runtime.read().framesSent, 2);
-  EXPECT_EQ(runtime.read().lastChecksum, checksum(*third));
-  EXPECT_EQ(third.use_count(), 1);
+  holdSends(false);
+  stopping.get();
+  const Readout afterStop = read();
+  EXPECT_EQ(std::tuple(afterStop.framesSent, afterStop.lastChecksum, third.use_count()),
+            std::tuple(2, checksum(*third), 1L));
   publisher->stop();
   EXPECT_EQ(std::ranges::count(log.lines(), "[NDI] Sender stopped"), 1);
   publisher->publish(patternFrame(16, 8, 6));  // stopped: dropped
-  EXPECT_EQ(runtime.read().framesSent, 2);
+  EXPECT_EQ(read().framesSent, 2);
 
-  std::atomic<bool> done{false};
-  std::thread render([&] {
-    auto frame = patternFrame(16, 8, 1);
-    while (!done) publisher->publish(frame);
+  std::jthread render([&, frame = patternFrame(16, 8, 1)](const std::stop_token& stop) {
+    while (!stop.stop_requested()) publisher->publish(frame);
   });
-  for (int i = 0; i < 20000 && runtime.violations().empty(); ++i) {
+  for (int i = 0; i < 20000 && read().violations == 0; ++i) {
     ASSERT_TRUE(publisher->start());
     publisher->stop();
   }
-  done = true;
+  render.request_stop();
   render.join();
-  EXPECT_EQ(runtime.violations(), "");
-  EXPECT_EQ(runtime.read().liveSenders, 0);
+  EXPECT_STREQ(read().firstViolation, "");  // no broken promise
+  EXPECT_EQ(read().liveSenders, 0);
 }
 
 // Each failure leaves its text (and its log line once, however often it is
@@ -234,45 +197,42 @@ TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
       "[NDI] " + kIncompleteDoubleDir + "/libndi.so.6 lacks NDIlib_send_get_no_connections; skipped";
   struct Row {
     const char* what;
-    std::function<void()> cause, cure;
+    test::ScopedEnv* env;  // set to `cause` for the failure, to `cure` after it
+    const char *cause, *cure;
     std::string error;
     bool runtimeLoaded;
-    std::string logLine;  // said once; empty: none checked
+    std::string logLine;  // said once; empty: none
     int initializedAgain;  // at the retry 2 s later
   };
   const Row rows[] = {
-      {"no runtime anywhere", [&] { v6.set(nullptr); }, [&] { v6.set(kDoubleDir.c_str()); }, kNotFound, false, "", 0},
-      {"a runtime lacking an entry point", [&] { v6.set(kIncompleteDoubleDir.c_str()); },
-       [&] { v6.set(kDoubleDir.c_str()); }, kNotFound, false, incompleteLine, 0},
-      {"initialisation refused", [&] { refuse.set("1"); }, [&] { refuse.set(nullptr); },
-       "NDI runtime refused to initialize (unsupported CPU?)", false, "", 1},
-      {"no sender", [&] { failCreate.set("1"); }, [&] { failCreate.set(nullptr); }, "NDI sender could not be created",
-       true, "", 0},
+      {"no runtime anywhere", &v6, nullptr, kDoubleDir.c_str(), kNotFound, false, "", 0},
+      {"a runtime lacking an entry point", &v6, kIncompleteDoubleDir.c_str(), kDoubleDir.c_str(), kNotFound, false,
+       incompleteLine, 0},
+      {"initialisation refused", &refuse, "1", nullptr, "NDI runtime refused to initialize (unsupported CPU?)", false,
+       "", 1},
+      {"no sender", &failCreate, "1", nullptr, "NDI sender could not be created", true, "", 0},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
     auto publisher = makePublisher();
-    row.cause();
+    row.env->set(row.cause);
     test::LogCapture log;
     EXPECT_FALSE(publisher->start());
-    EXPECT_EQ(publisher->lastError(), row.error);
-    EXPECT_EQ(publisher->isRuntimeLoaded(), row.runtimeLoaded);
-    EXPECT_FALSE(publisher->isRunning());
+    EXPECT_EQ(std::tuple(publisher->lastError(), publisher->isRuntimeLoaded(), publisher->isRunning()),
+              std::tuple(row.error, row.runtimeLoaded, false));
     EXPECT_FALSE(log.hasPrefix("[NDI] Sending"));
-    const int initialized = runtime.read().initializeCalls;
+    const int initialized = read().initializeCalls;
     const double failedAt = now;
     for (int frame = 0; frame < 30; ++frame, now += 1.0 / 60) EXPECT_FALSE(publisher->start());
-    EXPECT_EQ(runtime.read().initializeCalls, initialized) << "asked again before " << NDIPublisher::retryInterval << " s";
+    EXPECT_EQ(read().initializeCalls, initialized) << "asked again before " << NDIPublisher::retryInterval << " s";
     EXPECT_NEAR(publisher->retryIn().value_or(0), 1.5, 1e-9);
     now = failedAt + NDIPublisher::retryInterval;
     EXPECT_FALSE(publisher->start());  // tried again, same answer
-    EXPECT_EQ(runtime.read().initializeCalls, initialized + row.initializedAgain);
+    EXPECT_EQ(read().initializeCalls, initialized + row.initializedAgain);
     EXPECT_EQ(publisher->lastError(), row.error);
-    if (!row.logLine.empty()) {
-      EXPECT_EQ(std::ranges::count(log.lines(), row.logLine), 1);
-    }
+    EXPECT_EQ(std::ranges::count(log.lines(), row.logLine), row.logLine.empty() ? 0 : 1);
 
-    row.cure();
+    row.env->set(row.cure);
     now += NDIPublisher::retryInterval - 0.01;
     EXPECT_FALSE(publisher->start()) << "not tried again before " << NDIPublisher::retryInterval << " s";
     now += 0.01;
@@ -280,7 +240,7 @@ TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
     EXPECT_FALSE(publisher->lastError());
     EXPECT_EQ(publisher->runtimePath(), kDoubleDir + "/libndi.so.6");
     publisher->stop();
-    EXPECT_EQ(runtime.violations(), "");
+    EXPECT_STREQ(read().firstViolation, "");  // no broken promise
   }
 }
 
@@ -300,21 +260,17 @@ TEST_F(NDIPublisherTest, SearchesTheEnvironmentFoldersFirstNewestRuntimeFirst) {
   // in a fixed folder; an unusable one there is passed over.
   std::filesystem::copy_file(kDoubleDir + "/libndi.so.6", b.path() / "libndi.so.6");
   std::filesystem::copy_file(kDoubleDir + "/libndi.so.6", c.path() / "libndi.so.5");
-  struct Row {
-    const char* v6;
-    const char* v5;
-    std::string chosen;
-  };
-  const Row rows[] = {{kDoubleDir.c_str(), b.path().c_str(), kDoubleDir + "/libndi.so.6"},
-                      {kIncompleteDoubleDir.c_str(), b.path().c_str(), in(b, "libndi.so.6")},
-                      {nullptr, nullptr, in(c, "libndi.so.5")}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.chosen);
-    v6.set(row.v6);
-    v5.set(row.v5);
+  // V6 folder, V5 folder, the runtime chosen.
+  for (const auto& [v6Dir, v5Dir, path] : {std::tuple<const char*, const char*, std::string>{
+                                              kDoubleDir.c_str(), b.path().c_str(), kDoubleDir + "/libndi.so.6"},
+                                          {kIncompleteDoubleDir.c_str(), b.path().c_str(), in(b, "libndi.so.6")},
+                                          {nullptr, nullptr, in(c, "libndi.so.5")}}) {
+    SCOPED_TRACE(path);
+    v6.set(v6Dir);
+    v5.set(v5Dir);
     NDIPublisher chosen({c.path().string()});
     ASSERT_TRUE(chosen.loadRuntime());
-    EXPECT_EQ(chosen.runtimePath(), row.chosen);
+    EXPECT_EQ(chosen.runtimePath(), path);
   }
 }
 

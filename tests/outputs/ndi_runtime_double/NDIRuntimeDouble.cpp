@@ -29,12 +29,11 @@
 #include <cctype>
 #include <chrono>
 #include <condition_variable>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <list>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -66,10 +65,7 @@ typedef struct NDIlib_video_frame_v2_t {
   std::int32_t frame_format_type;
   std::int64_t timecode;
   std::uint8_t* p_data;
-  union {
-    int line_stride_in_bytes;
-    int data_size_in_bytes;
-  };
+  int line_stride_in_bytes;  // a union with data_size_in_bytes (compressed frames only)
   const char* p_metadata;
   std::int64_t timestamp;
 } NDIlib_video_frame_v2_t;
@@ -84,10 +80,7 @@ static_assert(sizeof(NDIlib_find_create_t) == 24);
 
 typedef struct NDIlib_source_t {
   const char* p_ndi_name;
-  union {
-    const char* p_url_address;
-    const char* p_ip_address;
-  };
+  const char* p_url_address;  // a union with p_ip_address; the double has no addresses
 } NDIlib_source_t;
 static_assert(sizeof(NDIlib_source_t) == 16);
 
@@ -108,17 +101,15 @@ struct Finder {
 };
 
 struct State {
-  std::mutex mutex;
+  std::mutex mutex;  // guards everything below
   std::condition_variable released;
-  std::vector<std::unique_ptr<Sender>> senders;
+  std::list<Sender> senders;  // a sender's address is its instance handle
   bool holdSends = false;
   NDIDoubleReadout<NDIlib_video_frame_v2_t> r;  // what NDIdouble_reset forgets; the live counts are filled in when read
 };
 
-State& state() {
-  static State s;
-  return s;
-}
+// One per process: every handle the runtime gives out belongs to it.
+State state;
 
 bool flag(const char* name) {
   const char* v = std::getenv(name);
@@ -126,34 +117,35 @@ bool flag(const char* name) {
 }
 
 // Under the state's lock.
-void violation(State& s, const char* text) {
-  if (s.r.violations++ == 0) std::snprintf(s.r.firstViolation, sizeof s.r.firstViolation, "%s", text);
+void violation(const std::string& text) {
+  auto& first = state.r.firstViolation;
+  if (state.r.violations++ == 0) std::snprintf(first, sizeof first, "%s", text.c_str());
 }
 
 // Under the state's lock. Without such a sender, a call named `caller` broke a promise.
-Sender* find(State& s, NDIlib_send_instance_t instance, const char* caller = nullptr) {
-  for (auto& sender : s.senders)
-    if (sender.get() == instance) return sender.get();
-  if (caller) violation(s, (std::string(caller) + ": unknown sender").c_str());
+Sender* find(NDIlib_send_instance_t instance, const char* caller = nullptr) {
+  for (Sender& sender : state.senders)
+    if (&sender == instance) return &sender;
+  if (caller) violation(std::string(caller) + ": unknown sender");
   return nullptr;
 }
 
+// The machine's short name in capitals, as the runtime announces it.
 std::string machineName() {
   char host[256] = {};
   ::gethostname(host, sizeof host - 1);
-  std::string name(host);
-  name = name.substr(0, name.find('.'));  // the machine's short name, as the runtime announces it
-  std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::toupper(c); });
+  std::string name(host, std::strcspn(host, "."));
+  std::ranges::transform(name, name.begin(), [](unsigned char c) { return std::toupper(c); });
   return name;
 }
 
-// FNV-1a over the picture's visible bytes, row by row at the given stride:
+// FNV-1a over the picture's visible bytes, row by row at the stated stride:
 // reading every byte is what a runtime compressing the frame does.
-std::uint64_t checksum(const std::uint8_t* data, int width, int height, int stride) {
+std::uint64_t checksum(const NDIlib_video_frame_v2_t& f) {
   std::uint64_t h = 1469598103934665603ull;
-  for (int y = 0; y < height; ++y) {
-    const std::uint8_t* row = data + static_cast<std::size_t>(y) * stride;
-    for (int i = 0; i < width * 4; ++i) h = (h ^ row[i]) * 1099511628211ull;
+  for (int y = 0; y < f.yres; ++y) {
+    const std::uint8_t* row = f.p_data + std::size_t(y) * f.line_stride_in_bytes;
+    for (int i = 0; i < f.xres * 4; ++i) h = (h ^ row[i]) * 1099511628211ull;
   }
   return h;
 }
@@ -163,75 +155,56 @@ std::uint64_t checksum(const std::uint8_t* data, int width, int height, int stri
 // [SECTION] Send entry points
 
 NDI_EXPORT bool NDIlib_initialize(void) {
-  State& s = state();
-  std::lock_guard lock(s.mutex);
-  ++s.r.initializeCalls;
+  std::lock_guard lock(state.mutex);
+  ++state.r.initializeCalls;
   return !flag("NDI_DOUBLE_REFUSE_INIT");
 }
 
 NDI_EXPORT NDIlib_send_instance_t NDIlib_send_create(const NDIlib_send_create_t* settings) {
-  State& s = state();
-  std::lock_guard lock(s.mutex);
-  s.r.groupsNull = !settings || !settings->p_groups;
-  s.r.clockVideo = !settings || settings->clock_video;
-  s.r.clockAudio = !settings || settings->clock_audio;
+  std::lock_guard lock(state.mutex);
+  state.r.groupsNull = !settings || !settings->p_groups;
+  state.r.clockVideo = !settings || settings->clock_video;
+  state.r.clockAudio = !settings || settings->clock_audio;
   if (flag("NDI_DOUBLE_FAIL_CREATE")) return nullptr;
-  auto sender = std::make_unique<Sender>();
-  sender->name = settings && settings->p_ndi_name ? settings->p_ndi_name : "";
-  sender->readPixels = !flag("NDI_DOUBLE_UNREAD_SENDS");
-  s.senders.push_back(std::move(sender));
-  return s.senders.back().get();
+  const char* name = settings && settings->p_ndi_name ? settings->p_ndi_name : "";
+  return &state.senders.emplace_back(Sender{name, !flag("NDI_DOUBLE_UNREAD_SENDS")});
 }
 
 NDI_EXPORT void NDIlib_send_destroy(NDIlib_send_instance_t instance) {
-  State& s = state();
-  std::lock_guard lock(s.mutex);
-  Sender* sender = find(s, instance, "NDIlib_send_destroy");
-  if (!sender) return;
-  if (sender->sendsInProgress > 0) violation(s, "NDIlib_send_destroy: sender destroyed during its own send");
-  s.senders.erase(std::find_if(s.senders.begin(), s.senders.end(), [&](auto& p) { return p.get() == sender; }));
+  std::lock_guard lock(state.mutex);
+  Sender* sender = find(instance, "NDIlib_send_destroy");
+  if (sender && sender->sendsInProgress > 0) violation("NDIlib_send_destroy: sender destroyed during its own send");
+  state.senders.remove_if([&](const Sender& s) { return &s == sender; });
 }
 
 NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const NDIlib_video_frame_v2_t* frame) {
-  State& s = state();
-  bool readPixels = true;
-  {
-    std::lock_guard lock(s.mutex);
-    Sender* sender = find(s, instance, "NDIlib_send_send_video_v2");
-    if (!sender) return;
-    // What the double itself reads; every other field is checked by the tests, literally.
-    if (!frame || !frame->p_data || frame->xres <= 0 || frame->yres <= 0 ||
-        frame->line_stride_in_bytes < frame->xres * 4) {
-      violation(s, "NDIlib_send_send_video_v2: no pixels at the stated size and stride");
-      return;
-    }
-    ++sender->sendsInProgress;
-    readPixels = sender->readPixels;
-  }
+  std::unique_lock lock(state.mutex);
+  Sender* sender = find(instance, "NDIlib_send_send_video_v2");
+  if (!sender) return;
+  // What the double itself reads; every other field is checked by the tests, literally.
+  if (!frame || !frame->p_data || frame->xres <= 0 || frame->yres <= 0 ||
+      frame->line_stride_in_bytes < frame->xres * 4)
+    return violation("NDIlib_send_send_video_v2: no pixels at the stated size and stride");
+  ++sender->sendsInProgress;
   // The runtime owns the frame for the length of the call and no longer.
-  const auto sumOf = [&] {
-    return readPixels ? checksum(frame->p_data, frame->xres, frame->yres, frame->line_stride_in_bytes) : 0;
-  };
+  const auto sumOf = [&, readPixels = sender->readPixels] { return readPixels ? checksum(*frame) : 0; };
+  lock.unlock();
   const std::uint64_t sum = sumOf();
-
-  std::unique_lock lock(s.mutex);
-  s.released.wait(lock, [&] { return !s.holdSends; });
+  lock.lock();
+  state.released.wait(lock, [&] { return !state.holdSends; });
   // Read again after waiting: the caller must not have let go of the pixels.
-  if (sumOf() != sum)
-    violation(s, "NDIlib_send_send_video_v2: pixels changed during the send");
-  if (Sender* sender = find(s, instance)) --sender->sendsInProgress;
-  ++s.r.framesSent;
-  s.r.lastFrame = *frame;
-  s.r.lastChecksum = sum;
+  if (sumOf() != sum) violation("NDIlib_send_send_video_v2: pixels changed during the send");
+  if (Sender* still = find(instance)) --still->sendsInProgress;
+  ++state.r.framesSent;
+  state.r.lastFrame = *frame;
+  state.r.lastChecksum = sum;
 }
 
 #ifndef NDI_DOUBLE_WITHOUT_GET_NO_CONNECTIONS
 NDI_EXPORT int NDIlib_send_get_no_connections(NDIlib_send_instance_t instance, std::uint32_t /*timeout_in_ms*/) {
-  State& s = state();
-  std::lock_guard lock(s.mutex);
-  if (!find(s, instance, "NDIlib_send_get_no_connections")) return 0;
+  std::lock_guard lock(state.mutex);
   const char* connections = std::getenv("NDI_DOUBLE_CONNECTIONS");
-  return connections ? std::max(0, std::atoi(connections)) : 0;
+  return find(instance, "NDIlib_send_get_no_connections") && connections ? std::max(0, std::atoi(connections)) : 0;
 }
 #endif
 
@@ -239,41 +212,34 @@ NDI_EXPORT int NDIlib_send_get_no_connections(NDIlib_send_instance_t instance, s
 
 NDI_EXPORT NDIlib_find_instance_t NDIlib_find_create_v2(const NDIlib_find_create_t* settings) {
   if (flag("NDI_DOUBLE_FAIL_FIND")) return nullptr;
-  auto* finder = new Finder;
-  finder->showLocal = settings ? settings->show_local_sources : true;
-  return finder;
+  return new Finder{!settings || settings->show_local_sources, {}, {}};
 }
 
 NDI_EXPORT void NDIlib_find_destroy(NDIlib_find_instance_t instance) { delete static_cast<Finder*>(instance); }
 
 // Local sources are there at once; otherwise nothing turns up within the timeout.
 NDI_EXPORT bool NDIlib_find_wait_for_sources(NDIlib_find_instance_t instance, std::uint32_t timeout_in_ms) {
-  State& s = state();
-  {
-    std::lock_guard lock(s.mutex);
-    if (static_cast<Finder*>(instance)->showLocal && !s.senders.empty()) return true;
-  }
+  std::unique_lock lock(state.mutex);
+  if (static_cast<Finder*>(instance)->showLocal && !state.senders.empty()) return true;
+  lock.unlock();
   std::this_thread::sleep_for(std::chrono::milliseconds(timeout_in_ms));
   return false;
 }
 
-// Every sender alive in this process is a local source. The list stays valid
-// until the next call on this finder or its destruction.
+// Every sender alive in this process is a local source, then the remote ones.
+// The list stays valid until the next call on this finder or its destruction.
 NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(NDIlib_find_instance_t instance,
                                                                   std::uint32_t* p_no_sources) {
   auto* finder = static_cast<Finder*>(instance);
   finder->names.clear();
-  {
-    State& s = state();
-    std::lock_guard lock(s.mutex);
-    for (const auto& sender : s.senders)
-      if (finder->showLocal) finder->names.push_back(machineName() + " (" + sender->name + ")");
-  }
+  std::lock_guard lock(state.mutex);
+  for (const Sender& sender : state.senders)
+    if (finder->showLocal) finder->names.push_back(machineName() + " (" + sender.name + ")");
   std::istringstream remote(std::getenv("NDI_DOUBLE_REMOTE_SOURCES") ? std::getenv("NDI_DOUBLE_REMOTE_SOURCES") : "");
   for (std::string name; std::getline(remote, name, ',');)
     if (!name.empty()) finder->names.push_back(name);
   finder->sources.clear();
-  for (const auto& name : finder->names) finder->sources.push_back(NDIlib_source_t{name.c_str(), {nullptr}});
+  for (const auto& name : finder->names) finder->sources.push_back(NDIlib_source_t{name.c_str(), nullptr});
   if (p_no_sources) *p_no_sources = static_cast<std::uint32_t>(finder->sources.size());
   return finder->sources.empty() ? nullptr : finder->sources.data();
 }
@@ -282,25 +248,21 @@ NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(NDIlib_find_in
 
 // Forgets what was recorded (live senders stay).
 NDI_EXPORT void NDIdouble_reset(void) {
-  std::lock_guard lock(state().mutex);
-  state().r = {};
+  std::lock_guard lock(state.mutex);
+  state.r = {};
 }
 
 // Everything recorded since the last reset, and the live counts.
 NDI_EXPORT void NDIdouble_read(NDIDoubleReadout<NDIlib_video_frame_v2_t>* out) {
-  State& s = state();
-  std::lock_guard lock(s.mutex);
-  *out = s.r;
-  out->liveSenders = static_cast<int>(s.senders.size());
-  for (const auto& sender : s.senders) out->sendsInProgress += sender->sendsInProgress;
+  std::lock_guard lock(state.mutex);
+  *out = state.r;
+  out->liveSenders = static_cast<int>(state.senders.size());
+  for (const Sender& sender : state.senders) out->sendsInProgress += sender.sendsInProgress;
 }
 
 // While held, every send blocks before returning (after reading its pixels once).
 NDI_EXPORT void NDIdouble_hold_sends(bool hold) {
-  State& s = state();
-  {
-    std::lock_guard lock(s.mutex);
-    s.holdSends = hold;
-  }
-  s.released.notify_all();
+  std::lock_guard lock(state.mutex);
+  state.holdSends = hold;
+  state.released.notify_all();
 }
