@@ -3,6 +3,8 @@
 // listed; the framing rule), and the one line each hostile file gives.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <ranges>
 #include <string>
 #include <vector>
 
@@ -59,12 +61,9 @@ TEST(GltfCharacterReader, NamesTargetsBySpellingOrByVrmAndFramesByTheBestRuleItH
   ASSERT_TRUE(head) << head.reason;
   EXPECT_EQ(head.value->framing, CharacterFraming::Rule::headNode);
   // Framed to the mask's height, centred where the mask's box is.
-  const auto* positions = head.value->build.node->children()[0]->geometry->source(GeometrySource::Semantic::vertex);
-  float lo = 1e9f, hi = -1e9f;
-  for (int i = 0; i < positions->vectorCount; ++i) {
-    lo = std::min(lo, positions->vec3(i).y);
-    hi = std::max(hi, positions->vec3(i).y);
-  }
+  const auto* geometry = head.value->build.node->children()[0]->geometry.get();
+  const auto [lo, hi] = std::ranges::minmax(geometry->source(GeometrySource::Semantic::vertex)->toVec3() |
+                                            std::views::transform([](float3 p) { return p.y; }));
   EXPECT_NEAR(lo, CharacterFraming::maskLow.y, 1e-5f);
   EXPECT_NEAR(hi, CharacterFraming::maskHigh.y, 1e-5f);
 
