@@ -195,25 +195,16 @@ TEST(RendererGLTest, TheGpuMorphMatchesTheCpuReference) {
   MaskSceneManager scene(f.state, animation, [] { return 1.0; });
   for (const char* name : {"jawOpen", "mouthSmileLeft", "browInnerUp", "eyeBlinkRight"})
     scene.morpher()->setWeight(static_cast<std::size_t>(*scene.targetIndex(name)), 0.8f);
-  struct Row {
-    const char* what;
-    std::shared_ptr<FrameDescription> frame;
-    const Geometry& geometry;
-    const Morpher& morpher;
-    float positionGap;
-  };
-  const Row rows[] = {{"test face", frameOf({face}), *face->geometry, *face->morpher, 2e-4f},
-                      {"mask", frameOf({scene.maskNode()}), *scene.maskNode()->geometry, *scene.morpher(), 5e-4f}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
+  for (const auto& [node, positionGap] : {std::pair{face, 2e-4f}, std::pair{scene.maskNode(), 5e-4f}}) {
+    SCOPED_TRACE(node->name);
+    const auto frame = frameOf({node});
     BlendedMesh gpu;
     std::string error;
-    ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer& r) { gpu = r.morphOnGpu(row.frame->items[0]); }, &error))
-        << error;
-    const BlendedMesh cpu = referenceBlend(row.geometry, row.morpher);
-    EXPECT_LT(worstGap(gpu.positions, cpu.positions), row.positionGap);
+    ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer& r) { gpu = r.morphOnGpu(frame->items[0]); }, &error)) << error;
+    const BlendedMesh cpu = referenceBlend(*node->geometry, *node->morpher);
+    EXPECT_LT(worstGap(gpu.positions, cpu.positions), positionGap);
     EXPECT_LT(worstGap(gpu.normals, cpu.normals), 5e-3f);
-    EXPECT_GT(worstGap(gpu.positions, row.geometry.source(GeometrySource::Semantic::vertex)->toVec3()), 0.02f);
+    EXPECT_GT(worstGap(gpu.positions, node->geometry->source(Semantic::vertex)->toVec3()), 0.02f);
   }
 }
 
@@ -267,27 +258,23 @@ TEST(RendererGLTest, MeshesAreUploadedOncePerContextAndFailuresAreReported) {
   auto face = makeTestFace();
   face->morpher->setWeight(0, 0.5f);
   auto frame = frameOf({face, face});  // the same mesh twice in one frame
-  std::size_t first = 0, second = 0;
   ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer& r) {
     r.render(*frame);
-    first = r.meshUploadCount();
+    const std::size_t first = r.meshUploadCount();
     r.render(*frame);
-    second = r.meshUploadCount();
+    EXPECT_EQ(r.meshUploadCount(), first);
   }));
-  EXPECT_EQ(first, second);
 
   frame->width = 0;
   auto result = renderer().renderNow(frame);
   EXPECT_FALSE(result.frame);
   EXPECT_FALSE(result.error.empty());
 
-  std::string reason;
   ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer&) {
     auto program = ShaderProgram::create({"broken", "#version 330 core\nvoid main() { nonsense; }\n", "", {}});
     EXPECT_FALSE(program);
-    reason = program.reason;
+    EXPECT_NE(program.reason.find("broken vertex shader does not compile"), std::string::npos) << program.reason;
   }));
-  EXPECT_NE(reason.find("broken vertex shader does not compile"), std::string::npos) << reason;
 
   // The renderer still works afterwards.
   frame->width = W;
