@@ -6,6 +6,7 @@
 #include <cmath>
 #include <set>
 #include <string>
+#include <tuple>
 
 #include "ClosedShell.h"
 #include "characters/CartoonGhost.h"
@@ -70,9 +71,8 @@ TEST(CartoonGhost, ShellIsClosedAndFacesOutwards) {
   const std::size_t n = body.outerCount();
   const std::size_t k = body.rimVertices.size();
   const auto geometry = CartoonGhost::bodyGeometry();
-  EXPECT_EQ(geometry->vertexCount(), 2 * n + 2 * k);
-  ASSERT_EQ(geometry->elements.size(), 3u);
-  ASSERT_EQ(geometry->materials.size(), 3u);
+  ASSERT_EQ(std::tuple(geometry->vertexCount(), geometry->elements.size(), geometry->materials.size()),
+            std::tuple(2 * n + 2 * k, 3u, 3u));
   EXPECT_GT(geometry->materials[0].emission.x, 0.0f);  // a faint glow
   test::expectClosedShell(body.allTriangles, body.rimVertices, n);
 
@@ -93,8 +93,7 @@ TEST(CartoonGhost, ShellIsClosedAndFacesOutwards) {
   // Inside darker than the outside.
   const auto* colours = geometry->source(Semantic::color);
   ASSERT_NE(colours, nullptr);
-  const float3 outside = colours->vec3(0);
-  const float3 inside = colours->vec3(n);
+  const float3 outside = colours->vec3(0), inside = colours->vec3(n);
   EXPECT_LT(inside.x + inside.y + inside.z, outside.x + outside.y + outside.z);
   EXPECT_NEAR(outside.z, 1.0f, 1e-6f);
 }

@@ -134,15 +134,14 @@ TEST(MaskTargets, TargetsAreMirrorSymmetric) {
   const auto& table = T::blendShapeDisplacements();
   for (std::size_t i = 0; i < table.size(); ++i) {
     if (i >= 16 && i < 32) continue;
+    const bool sided = i < 16;
     const auto& left = table[i];
-    const auto& right = i < 16 ? table[16 + i] : left;
-    if (i < 16) {
-      ASSERT_EQ(left.name.substr(0, left.name.size() - 4), right.name.substr(0, right.name.size() - 5));
-    }
-    const float tolerance = i < 16 ? 1e-7f : 1e-6f;
+    const auto& right = sided ? table[16 + i] : left;
+    ASSERT_EQ(left.name.substr(0, left.name.size() - 4 * sided), right.name.substr(0, right.name.size() - 5 * sided));
+    const float tolerance = sided ? 1e-7f : 1e-6f;
     for (const bool lower : {false, true}) {
       for (float y = -0.9f; y <= 0.9f; y += 0.0617f) {
-        for (float x = i < 16 ? 0.0f : 0.0533f; x <= 0.8f; x += 0.0533f) {  // unsided: s = +1 at x = 0
+        for (float x = sided ? 0.0f : 0.0533f; x <= 0.8f; x += 0.0533f) {  // unsided: s = +1 at x = 0
           const float3 l = left.displacement({x, y}, lower);
           const float3 r = right.displacement({-x, y}, lower);
           ASSERT_LE(glm::length(l - float3(-r.x, r.y, r.z)), tolerance) << left.name << " at " << x << ", " << y;
@@ -209,9 +208,8 @@ TEST(MaskTargets, SecondBuildsAndTheWireframeShareTheMeshArraysAndTargetsMatchAF
     const auto a = make();
     const auto b = make();
     EXPECT_NE(a.node, b.node);
-    EXPECT_EQ(a.node->morpher, a.morpher);
-    EXPECT_EQ(a.node->geometry, b.node->geometry);
-    EXPECT_EQ(a.morpher->targets, b.morpher->targets);
+    EXPECT_EQ(std::tuple(a.node->morpher, a.node->geometry, a.morpher->targets),
+              std::tuple(a.morpher, b.node->geometry, b.morpher->targets));
     a.morpher->setWeight(0, 1.0f);
     EXPECT_EQ(b.morpher->weight(0), 0.0f);
   }
