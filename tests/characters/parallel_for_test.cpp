@@ -17,12 +17,10 @@ TEST(ParallelFor, CoversEveryIndexOnceForAnyThreadCount) {
     for (const std::size_t count : {std::size_t{0}, std::size_t{1}, std::size_t{5}, std::size_t{1001}}) {
       // parallelFor adds 1 to each index, parallelForEach 100: 101 everywhere.
       std::vector<std::atomic<int>> hits(count);
-      parallelFor(
-          count,
-          [&](std::size_t begin, std::size_t end) {
-            for (std::size_t i = begin; i < end; ++i) hits[i].fetch_add(1);
-          },
-          threads);
+      const auto range = [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) hits[i].fetch_add(1);
+      };
+      parallelFor(count, range, threads);
       parallelForEach(count, [&](std::size_t i) { hits[i].fetch_add(100); }, threads);
       for (std::size_t i = 0; i < count; ++i) ASSERT_EQ(hits[i].load(), 101) << threads << " threads, " << count;
     }
