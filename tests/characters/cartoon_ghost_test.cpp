@@ -38,20 +38,16 @@ TEST(CartoonGhost, NodeTreeEyesAndFitInTheFrame) {
   EXPECT_EQ(build.node->name, "CartoonGhost");
   // The "Left" eye is on the x >= 0 side; the pivot is the eye's centre, so
   // the geometry is centred on the node (0.09 wide, 0.13 tall).
-  const struct {
-    const char* name;
-    float x;
-  } eyes[] = {{"LeftEye", 0.21f}, {"RightEye", -0.21f}};
-  for (const auto& e : eyes) {
-    const auto eye = build.node->find(e.name);
-    ASSERT_TRUE(eye) << e.name;
-    EXPECT_FLOAT_EQ(eye->position.x, e.x);
+  for (const auto& [name, x] : {std::pair{"LeftEye", 0.21f}, std::pair{"RightEye", -0.21f}}) {
+    const auto eye = build.node->find(name);
+    ASSERT_TRUE(eye) << name;
+    EXPECT_FLOAT_EQ(eye->position.x, x);
     EXPECT_NEAR(eye->position.y, 0.42f, 1e-6f);
     EXPECT_GT(eye->position.z, 0.25f);
     EXPECT_LT(eye->geometry->materials[0].roughness, 0.3f);  // glossy
     const auto [lo, hi] = bounds(worldPoints(*eye));
-    EXPECT_LE(glm::length(float2(hi - lo) - float2(0.09f, 0.13f)), 1e-3f) << e.name;        // size
-    EXPECT_LE(glm::length(float2(hi + lo) / 2.0f - float2(e.x, 0.42f)), 1e-5f) << e.name;  // centre
+    EXPECT_LE(glm::length(float2(hi - lo) - float2(0.09f, 0.13f)), 1e-3f) << name;      // size
+    EXPECT_LE(glm::length(float2(hi + lo) / 2.0f - float2(x, 0.42f)), 1e-5f) << name;  // centre
     // A blink squash keeps the eye centred where it was.
     eye->scale = float3(1.0f, 0.08f, 1.0f);
     EXPECT_EQ(float3(eye->worldTransform()[3]), eye->position);

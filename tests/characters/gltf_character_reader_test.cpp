@@ -79,12 +79,8 @@ TEST(GltfCharacterReader, NamesTargetsBySpellingOrByVrmAndFramesByTheBestRuleItH
 
 TEST(GltfCharacterReader, HostileFilesGiveTheirOneLine) {
   const std::string good = document();
-  struct Case {
-    const char* what;
-    std::string text;
-    const char* says;
-  };
-  const Case cases[] = {
+  // What, the file's text, what its line says.
+  const std::tuple<const char*, std::string, const char*> cases[] = {
       {"empty", "", "quad.gltf: empty file"},
       {"truncated", good.substr(0, good.size() / 2), "broken glTF"},
       {"not JSON at all", "PK\x03\x04 a zip", "broken glTF"},
@@ -97,10 +93,10 @@ TEST(GltfCharacterReader, HostileFilesGiveTheirOneLine) {
                 R"(, "images": [{"uri": "data:image/png;base64,iVBORw0KGgoAAAAA"}], "textures": [{"source": 0}])"),
        "image 0"},
   };
-  for (const auto& c : cases) {
-    auto result = readText(c.text);  // a reason only on failure
-    EXPECT_NE(result.reason.find(c.says), std::string::npos) << c.what << ": " << result.reason;
-    EXPECT_EQ(result.reason.find('\n'), std::string::npos) << c.what;
+  for (const auto& [what, text, says] : cases) {
+    auto result = readText(text);  // a reason only on failure
+    EXPECT_NE(result.reason.find(says), std::string::npos) << what << ": " << result.reason;
+    EXPECT_EQ(result.reason.find('\n'), std::string::npos) << what;
     EXPECT_EQ(result.reason.rfind("GltfCharacterReader: quad.gltf: ", 0), 0u) << result.reason;
   }
   auto missing = GltfCharacterReader::read("/nonexistent/velmora/head.glb");

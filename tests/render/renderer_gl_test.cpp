@@ -209,12 +209,9 @@ TEST(RendererGLTest, TheShadowAlphaDarkensWhatTheKeyLightCannotReach) {
   const float3 onFace(0.0f, -0.25f, 0.43f);
   const float3 key = LightRig::initial().keyPosition;
   auto ball = sphereNode(0.1f, onFace + 0.3f * (key - onFace));
-  LightingSettings lit;
-  lit.shadow = 0.0f;
-  auto frame = frameOf({face, ball}, lit);
+  auto frame = frameOf({face, ball}, {.shadow = 0.0f});
   auto without = render(frame);
-  lit.shadow = 1.0f;
-  auto with = render(frameOf({face, ball}, lit));
+  auto with = render(frameOf({face, ball}, {.shadow = 1.0f}));
   int darker = 0, lighter = 0;
   for (std::size_t i = 0; i < with->pixels.size(); i += 4) {
     const int d = int(without->pixels[i + 1]) - int(with->pixels[i + 1]);
