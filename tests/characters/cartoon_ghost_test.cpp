@@ -168,7 +168,7 @@ TEST(CartoonGhost, SidesMirrorAndTheBackStaysStill) {
   const auto& body = CartoonGhost::body();
   for (std::size_t t = 0; t < table.size(); ++t) {
     const auto& name = table[t].name;
-    if (name.size() < 4 || name.compare(name.size() - 4, 4, "Left") != 0) continue;
+    if (!name.ends_with("Left")) continue;
     const auto& right = table[t + 1];
     ASSERT_EQ(right.name, name.substr(0, name.size() - 4) + "Right");
     for (float y = -0.4f; y < 0.7f; y += 0.037f) {
@@ -180,13 +180,9 @@ TEST(CartoonGhost, SidesMirrorAndTheBackStaysStill) {
     }
   }
   // Nothing on the back of the sheet moves.
-  for (const auto& entry : table) {
-    for (std::size_t i = 0; i < body.outerCount(); i += 53) {
-      if (body.outer[i].z < 0.0f) {
-        ASSERT_EQ(entry.displacement(body.outer[i]), float3(0.0f)) << entry.name;
-      }
-    }
-  }
+  for (const auto& entry : table)
+    for (std::size_t i = 0; i < body.outerCount(); i += 53)
+      ASSERT_TRUE(body.outer[i].z >= 0.0f || entry.displacement(body.outer[i]) == float3(0.0f)) << entry.name << " " << i;
 }
 
 }  // namespace

@@ -61,8 +61,7 @@ TEST(MaskTargets, TableOrderTargetMapAndBothCharactersNames) {
   EXPECT_EQ(names, expected);
   ASSERT_EQ(CartoonGhost::displacements().size(), 41u);
   for (const auto& e : CartoonGhost::displacements()) ghost.insert(e.name);
-  expected.erase("eyeBlinkLeft");
-  expected.erase("eyeBlinkRight");
+  for (const char* blink : {"eyeBlinkLeft", "eyeBlinkRight"}) expected.erase(blink);
   EXPECT_EQ(ghost, expected);
   // That each key names its own target (lower-cased), for both characters,
   // is checked by the export round trip (CharacterExport.EachFileReadsBack...).

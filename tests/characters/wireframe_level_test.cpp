@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <set>
+#include <tuple>
 
 #include "MaskFeatures.h"
 #include "characters/TheatricalMaskGeometry.h"
@@ -22,19 +23,18 @@ TEST(WireframeLevel, SizesGrowWithDetailAndSegmentsAreValidAndAvoidHolesAndTheSl
   const auto& topo = G::topology();
   std::vector<bool> used(topo.frontCount(), false);
   for (const auto i : topo.frontTriangles) used[static_cast<std::size_t>(i)] = true;
-  const struct {
-    TrackingDetail detail;
-    std::size_t above, below;
-  } rows[] = {{TrackingDetail::simple, 59, 101},
-              {TrackingDetail::standard, 17 * 15, 17 * 15 + 80},
-              {TrackingDetail::detailed, 0, 65 * 55 + 80},
-              {TrackingDetail::many, 3300, 65 * 55 + 80}};
+  // Detail, and the point count's bounds (exclusive).
+  const std::tuple<TrackingDetail, std::size_t, std::size_t> rows[] = {
+      {TrackingDetail::simple, 59, 101},
+      {TrackingDetail::standard, 17 * 15, 17 * 15 + 80},
+      {TrackingDetail::detailed, 0, 65 * 55 + 80},
+      {TrackingDetail::many, 3300, 65 * 55 + 80}};
   std::size_t previous = 0;
-  for (const auto& r : rows) {
-    SCOPED_TRACE(static_cast<int>(r.detail));
-    const auto level = wireframeForDetail(r.detail, {});
-    EXPECT_GT(level.points.size(), std::max(previous, r.above));
-    EXPECT_LT(level.points.size(), r.below);
+  for (const auto& [detail, above, below] : rows) {
+    SCOPED_TRACE(static_cast<int>(detail));
+    const auto level = wireframeForDetail(detail, {});
+    EXPECT_GT(level.points.size(), std::max(previous, above));
+    EXPECT_LT(level.points.size(), below);
     previous = level.points.size();
     ASSERT_EQ(level.points.size(), level.vertices.size());
     std::set<std::int32_t> unique(level.vertices.begin(), level.vertices.end());

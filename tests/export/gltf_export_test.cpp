@@ -209,13 +209,11 @@ TEST(CharacterExport, AFolderThatCannotBeCreatedFailsEveryFileWithOneLineAndWrit
   const fs::path folder = blocker / "characters";
   test::LogCapture log;
   std::vector<CharacterExport::Outcome> outcomes;
-  bool onMainThread = false;
   CharacterExport::runInBackground(folder.string(), [&](std::vector<CharacterExport::Outcome> o) {
-    onMainThread = MainQueue::shared().isMainThread();
+    EXPECT_TRUE(MainQueue::shared().isMainThread());
     outcomes = std::move(o);
   });
   ASSERT_TRUE(MainQueue::shared().runUntil([&] { return !outcomes.empty(); }, 30.0));
-  EXPECT_TRUE(onMainThread);
   ASSERT_EQ(std::tuple(outcomes.size(), log.lines().size()), std::tuple(2u, 2u));
   for (const auto& o : outcomes) {
     EXPECT_FALSE(o.written);
