@@ -146,7 +146,7 @@ int alphaAt(const RenderedFrame& f, glm::ivec2 p) { return f.pixel(p.x, p.y)[3];
 
 float luminance(const std::uint8_t* p) { return (0.0722f * p[0] + 0.7152f * p[1] + 0.2126f * p[2]) / 255.0f; }
 
-// The fully opaque pixels (RGBA each).
+// The fully opaque pixels (RGBA each), pointing into the frame.
 std::vector<const std::uint8_t*> opaquePixels(const RenderedFrame& f) {
   std::vector<const std::uint8_t*> out;
   for (int y = 0; y < f.height; ++y)
@@ -175,7 +175,8 @@ TEST(RendererGLTest, TheBackgroundIsTransparentAndTheCharacterOpaqueEvenUnlit) {
   for (float side : {-1.0f, 1.0f})
     EXPECT_EQ(alphaAt(*out, project(*frame, 0.5f * glm::normalize(float3(0.35f * side, 0.3f, 1.0f)))), 0);
   // With the master at 0 the character is black but still opaque.
-  const auto unlit = opaquePixels(*render(frameOf({face}, {}, 0.0f)));
+  const auto black = render(frameOf({face}, {}, 0.0f));
+  const auto unlit = opaquePixels(*black);
   EXPECT_GT(unlit.size(), 3000u);
   EXPECT_EQ(std::ranges::count_if(unlit, [](const std::uint8_t* p) { return p[0] + p[1] + p[2] > 0; }), 0);
 }
@@ -291,7 +292,8 @@ TEST(MaskSceneGLTest, TheMaskAtRestOpenAndRenderedLaterAndTheGhost) {
   };
 
   // The default look is well exposed.
-  const auto covered = opaquePixels(*renderNow(480, 270, 4));
+  const auto exposed = renderNow(480, 270, 4);  // holds the pixels listed below
+  const auto covered = opaquePixels(*exposed);
   ASSERT_GT(covered.size(), 10000u);
   double sum = 0;
   std::size_t clipped = 0, black = 0;
