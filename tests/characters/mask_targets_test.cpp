@@ -39,7 +39,6 @@ const T::Entry& entry(const std::string& name) {
 TEST(MaskTargets, TableOrderTargetMapAndBothCharactersNames) {
   const auto& table = T::blendShapeDisplacements();
   const auto build = createTheatricalMaskNode();
-  const auto& map = build.targetNameToIndex;
   ASSERT_EQ(table.size(), 43u);  // the map's size: the export round trip (one key per target)
   const std::pair<std::size_t, const char*> order[] = {
       {0, "eyeBlinkLeft"}, {7, "jawLeft"},     {15, "mouthUpperUpLeft"},  {16, "eyeBlinkRight"}, {24, "mouthRight"},
@@ -48,7 +47,7 @@ TEST(MaskTargets, TableOrderTargetMapAndBothCharactersNames) {
     std::string key = name;
     for (auto& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     EXPECT_EQ(table[index].name, name);
-    EXPECT_EQ(map.at(key), static_cast<int>(index)) << key;
+    EXPECT_EQ(build.targetNameToIndex.at(key), static_cast<int>(index)) << key;
   }
   // An ARKit name each (no name twice): every one but gaze and the tongue;
   // the ghost's eyes are nodes, so it has no blinks either.

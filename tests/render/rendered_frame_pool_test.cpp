@@ -18,8 +18,7 @@ TEST(RenderedFramePoolTest, ReusesAFrameOnlyAfterEveryHolderLetsGo) {
   first->pixels[0] = 7;
 
   // An output still holds it: the next frame is other memory.
-  std::shared_ptr<const RenderedFrame> output = first;
-  first.reset();
+  std::shared_ptr<const RenderedFrame> output = std::move(first);
   auto second = pool.acquire(64, 32);
   EXPECT_NE(second->pixels.data(), memory);
   EXPECT_EQ(output->pixels[0], 7) << "a held frame was written to";

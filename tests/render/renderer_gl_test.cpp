@@ -208,8 +208,7 @@ TEST(RendererGLTest, TheShadowAlphaDarkensWhatTheKeyLightCannotReach) {
   // A ball between the key light (below, in front) and the face.
   auto face = makeTestFace();
   const float3 onFace(0.0f, -0.25f, 0.43f);
-  const float3 key = LightRig::initial().keyPosition;
-  auto ball = sphereNode(0.1f, onFace + 0.3f * (key - onFace));
+  auto ball = sphereNode(0.1f, onFace + 0.3f * (LightRig::initial().keyPosition - onFace));
   auto frame = frameOf({face, ball}, {.shadow = 0.0f});
   auto without = render(frame);
   auto with = render(frameOf({face, ball}, {.shadow = 1.0f}));
