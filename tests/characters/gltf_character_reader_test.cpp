@@ -3,7 +3,10 @@
 // listed; the framing rule), and the one line each hostile file gives.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <ranges>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "characters/GltfCharacterReader.h"
@@ -48,23 +51,19 @@ CreateResult<FileCharacter> readText(const std::string& text) {
 TEST(GltfCharacterReader, NamesTargetsBySpellingOrByVrmAndFramesByTheBestRuleItHas) {
   auto quad = readText(document());
   ASSERT_TRUE(quad) << quad.reason;
-  EXPECT_EQ(quad.value->matchedBlendshapes, std::vector<std::string>{"jawOpen"});  // "JawOpen"
-  EXPECT_EQ(quad.value->unmatchedTargets, std::vector<std::string>{"Wobble"});
-  EXPECT_EQ(quad.value->triangles, 2u);
-  EXPECT_EQ(quad.value->build.targetNameToIndex.at("jawopen"), 0);
-  // No head node: framed by the vertices the jaw target moves.
-  EXPECT_EQ(quad.value->framing, CharacterFraming::Rule::faceTargets);
+  // "JawOpen" matched; no head node: framed by the vertices the jaw target moves.
+  EXPECT_EQ(std::tuple(quad.value->matchedBlendshapes, quad.value->unmatchedTargets, quad.value->triangles,
+                       quad.value->build.targetNameToIndex.at("jawopen"), quad.value->framing),
+            std::tuple(std::vector<std::string>{"jawOpen"}, std::vector<std::string>{"Wobble"}, 2u, 0,
+                       CharacterFraming::Rule::faceTargets));
 
   auto head = readText(document(R"("mesh": 0, "name": "J_Bip_C_Head")"));
   ASSERT_TRUE(head) << head.reason;
   EXPECT_EQ(head.value->framing, CharacterFraming::Rule::headNode);
   // Framed to the mask's height, centred where the mask's box is.
-  const auto* positions = head.value->build.node->children()[0]->geometry->source(GeometrySource::Semantic::vertex);
-  float lo = 1e9f, hi = -1e9f;
-  for (int i = 0; i < positions->vectorCount; ++i) {
-    lo = std::min(lo, positions->vec3(i).y);
-    hi = std::max(hi, positions->vec3(i).y);
-  }
+  const auto* geometry = head.value->build.node->children()[0]->geometry.get();
+  const auto [lo, hi] = std::ranges::minmax(geometry->source(GeometrySource::Semantic::vertex)->toVec3() |
+                                            std::views::transform([](float3 p) { return p.y; }));
   EXPECT_NEAR(lo, CharacterFraming::maskLow.y, 1e-5f);
   EXPECT_NEAR(hi, CharacterFraming::maskHigh.y, 1e-5f);
 
@@ -74,18 +73,14 @@ TEST(GltfCharacterReader, NamesTargetsBySpellingOrByVrmAndFramesByTheBestRuleItH
       "extensions": {"VRMC_vrm": {"expressions": {"custom": {"JawOpen": {"morphTargetBinds": [{"node": 0, "index": 1, "weight": 0.5}]},
                                                             "happy": {"morphTargetBinds": [{"node": 0, "index": 0, "weight": 1.0}]}}}}})"));
   ASSERT_TRUE(vrm) << vrm.reason;
-  EXPECT_EQ(vrm.value->matchedBlendshapes, std::vector<std::string>{"jawOpen"});
-  EXPECT_EQ(vrm.value->unmatchedTargets, std::vector<std::string>{"happy"});
+  EXPECT_EQ(std::tuple(vrm.value->matchedBlendshapes, vrm.value->unmatchedTargets),
+            std::tuple(std::vector<std::string>{"jawOpen"}, std::vector<std::string>{"happy"}));
 }
 
 TEST(GltfCharacterReader, HostileFilesGiveTheirOneLine) {
   const std::string good = document();
-  struct Case {
-    const char* what;
-    std::string text;
-    const char* says;
-  };
-  const Case cases[] = {
+  // What, the file's text, what its line says.
+  const std::tuple<const char*, std::string, const char*> cases[] = {
       {"empty", "", "quad.gltf: empty file"},
       {"truncated", good.substr(0, good.size() / 2), "broken glTF"},
       {"not JSON at all", "PK\x03\x04 a zip", "broken glTF"},
@@ -98,10 +93,10 @@ TEST(GltfCharacterReader, HostileFilesGiveTheirOneLine) {
                 R"(, "images": [{"uri": "data:image/png;base64,iVBORw0KGgoAAAAA"}], "textures": [{"source": 0}])"),
        "image 0"},
   };
-  for (const auto& c : cases) {
-    auto result = readText(c.text);  // a reason only on failure
-    EXPECT_NE(result.reason.find(c.says), std::string::npos) << c.what << ": " << result.reason;
-    EXPECT_EQ(result.reason.find('\n'), std::string::npos) << c.what;
+  for (const auto& [what, text, says] : cases) {
+    auto result = readText(text);  // a reason only on failure
+    EXPECT_NE(result.reason.find(says), std::string::npos) << what << ": " << result.reason;
+    EXPECT_EQ(result.reason.find('\n'), std::string::npos) << what;
     EXPECT_EQ(result.reason.rfind("GltfCharacterReader: quad.gltf: ", 0), 0u) << result.reason;
   }
   auto missing = GltfCharacterReader::read("/nonexistent/velmora/head.glb");

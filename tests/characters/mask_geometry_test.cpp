@@ -25,32 +25,94 @@ float heightNear(const std::vector<float3>& front, float x, float y) {
   return front[best].z;
 }
 
-TEST(MaskGeometry, CountsAndVertexOrder) {
+// Counts and the vertex-order contract: the shell has 2n + 2k entries in
+// every stream; back = front - 0.045 along the shell direction; the rim
+// copies repeat front and back. Front triangles use front vertices; the back
+// and the rim walls close the shell (the back mirrors the front with
+// reversed winding). Holes: snapped vertices lie on the literal ellipses (as
+// many on each side); vertices inside are used by no triangle. Kept front
+// triangles are counter-clockwise and not degenerate; normals are unit
+// length and the used front ones face the viewer. Colours: front grey =
+// occlusion^2.2 (linear), back 0.12; the rim walls are 0.02 at the mouth,
+// 0.06 at the eyes, 0.65 elsewhere, half that behind.
+TEST(MaskGeometry, ShellHolesAndSources) {
   const auto& topo = G::topology();
   const std::size_t n = topo.frontCount();
   const std::size_t k = topo.rimCount();
   EXPECT_EQ(n, 30832u);  // 191 x 161 grid + 81 mouth-row duplicates
   for (const std::size_t size : {topo.uvs.size(), topo.shellDirections.size(), topo.lowerJaw.size(), topo.snapped.size()})
     EXPECT_EQ(size, n);
-  // Front triangles use front vertices; the back and the rim walls close the
-  // shell (the back mirrors the front with reversed winding).
   for (const auto i : topo.frontTriangles) ASSERT_LT(i, static_cast<std::int32_t>(n));
   test::expectClosedShell(topo.allTriangles, topo.rimVertices, n);
   // The rim holds the mouth slit: the upper lip at the centre is a boundary vertex.
   EXPECT_EQ(std::count(topo.rimVertices.begin(), topo.rimVertices.end(), 136 * 161 + 80), 1);
 
-  // The shell has 2n + 2k entries in every stream; back = front - 0.045
-  // along the shell direction; the rim copies repeat front and back.
-  const auto [pos, nrm] = G::assembleSources(G::neutralFront());
-  for (const int count : {pos.vectorCount, nrm.vectorCount, G::makeUVSource().vectorCount, G::makeColorSource().vectorCount})
+  const auto [pos, normals] = G::assembleSources(G::neutralFront());
+  const GeometrySource colors = G::makeColorSource();
+  for (const int count : {pos.vectorCount, normals.vectorCount, G::makeUVSource().vectorCount, colors.vectorCount})
     EXPECT_EQ(count, static_cast<int>(2 * n + 2 * k));
   for (std::size_t i = 0; i < n; ++i)
     ASSERT_NEAR(glm::length(pos.vec3(i) - pos.vec3(n + i) - 0.045f * topo.shellDirections[i]), 0.0f, 1e-6f) << i;
+  std::map<float, int> rims;
   for (std::size_t j = 0; j < k; ++j) {
     const auto r = static_cast<std::size_t>(topo.rimVertices[j]);
     ASSERT_EQ(pos.vec3(2 * n + j), pos.vec3(r));
     ASSERT_EQ(pos.vec3(2 * n + k + j), pos.vec3(n + r));
+    ++rims[colors.vec3(2 * n + j).x];
+    ASSERT_EQ(colors.vec3(2 * n + k + j).x, colors.vec3(2 * n + j).x * 0.5f);
   }
+  ASSERT_EQ(rims.size(), 3u);
+  EXPECT_GT(rims[0.02f], 100);  // both lips of the slit
+  EXPECT_GT(rims[0.06f], 100);
+  EXPECT_GT(rims[0.65f], 300);
+  for (std::size_t i = 0; i < n; i += 997)
+    ASSERT_EQ(colors.vec3(i), float3(std::pow(G::occlusion(topo.gridPoints[i]), 2.2f))) << i;
+  EXPECT_EQ(colors.vec3(n + 5), float3(0.12f));
+
+  std::vector<bool> used(topo.shellCount(), false);
+  for (const auto i : topo.allTriangles) used[static_cast<std::size_t>(i)] = true;
+  int inside = 0, eyes[2] = {0, 0}, nostrils[2] = {0, 0};
+  for (std::size_t i = 0; i < n; ++i) {
+    ASSERT_NEAR(glm::length(normals.vec3(i)), 1.0f, 1e-5f) << i;
+    ASSERT_TRUE(!used[i] || normals.vec3(i).z > 0.0f) << i;
+    const float2 p = topo.gridPoints[i];
+    const int side = p.x >= 0.0f ? 0 : 1;
+    if (topo.snapped[i] == Snap::eye) {
+      ++eyes[side];
+      ASSERT_NEAR(test::maskEyeRadius(p), 1.0f, 2e-5f) << p.x << ", " << p.y;
+    } else if (topo.snapped[i] == Snap::nostril) {
+      ++nostrils[side];
+      ASSERT_NEAR(test::maskNostrilRadius(p), 1.0f, 2e-5f) << p.x << ", " << p.y;
+    }
+    if (test::maskEyeRadius(p) > 0.9f && test::maskNostrilRadius(p) > 0.9f) continue;
+    ++inside;
+    ASSERT_FALSE(used[i] || used[n + i]);
+    ASSERT_EQ(normals.vec3(i), float3(0.0f, 0.0f, 1.0f));
+    ASSERT_EQ(normals.vec3(n + i), float3(0.0f, 0.0f, 1.0f));
+  }
+  EXPECT_GT(inside, 100);
+  EXPECT_GT(eyes[0], 40);
+  EXPECT_EQ(eyes[0], eyes[1]);
+  EXPECT_GT(nostrils[0], 6);
+  EXPECT_EQ(nostrils[0], nostrils[1]);
+  const auto corner = [&](std::size_t t) { return topo.gridPoints[static_cast<std::size_t>(topo.frontTriangles[t])]; };
+  for (std::size_t t = 0; t < topo.frontTriangles.size(); t += 3) {
+    const float2 a = corner(t), b = corner(t + 1), c = corner(t + 2);
+    ASSERT_GT((b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x), 0.0f);
+  }
+
+  EXPECT_EQ(G::makeUVSource().vec2(n + 7), topo.uvs[7]);  // the back repeats the front's uvs
+  ASSERT_EQ(G::makeMaterials().size(), 3u);
+  EXPECT_FALSE(G::makeMaterials()[0].doubleSided);
+  // The three parts (front, back, rim walls) as separate elements, built once;
+  // the wireframe draws the front alone.
+  const auto& elements = G::elements();
+  ASSERT_EQ(elements.size(), 3u);
+  EXPECT_EQ(*elements[0].indices, topo.frontTriangles);
+  EXPECT_EQ(*elements[2].indices, topo.rimTriangles);
+  EXPECT_EQ(elements[1].bytesPerIndex, 4);
+  EXPECT_EQ(G::elements()[0].indices, elements[0].indices);
+  EXPECT_EQ(*G::makeWireframeGeometry()->elements.at(0).indices, topo.frontTriangles);
 }
 
 // Symmetry and range: the surface and its occlusion mirror in x (column j
@@ -120,84 +182,6 @@ TEST(MaskGeometry, EyeDistanceAndLidFoldSpotValues) {
   // -0.06 exp(-(0.062/0.026)^2) + 0.05 exp(-(0.108/0.035)^2) = -1.99852e-4.
   EXPECT_NEAR(G::lidFoldSculpt({0.4f, 0.33f}), 0.393586f * -1.99852e-4f, 2e-8f);
   EXPECT_EQ(G::lidFoldSculpt({0.0f, -0.7f}), 0.0f);  // far from both eyes
-}
-
-// Holes: snapped vertices lie on the literal ellipses (as many on each side);
-// vertices inside are used by no triangle. Kept front triangles are
-// counter-clockwise and not degenerate; normals are unit length and the used
-// front ones face the viewer.
-TEST(MaskGeometry, HolesAreSnappedUnreferencedAndFaceTheViewer) {
-  const auto& topo = G::topology();
-  const std::size_t n = topo.frontCount();
-  std::vector<bool> used(topo.shellCount(), false);
-  for (const auto i : topo.allTriangles) used[static_cast<std::size_t>(i)] = true;
-  const auto normals = G::assembleSources(G::neutralFront()).second;
-  int inside = 0, eyes[2] = {0, 0}, nostrils[2] = {0, 0};
-  for (std::size_t i = 0; i < n; ++i) {
-    ASSERT_NEAR(glm::length(normals.vec3(i)), 1.0f, 1e-5f) << i;
-    if (used[i]) {
-      ASSERT_GT(normals.vec3(i).z, 0.0f) << i;
-    }
-    const float2 p = topo.gridPoints[i];
-    const int side = p.x >= 0.0f ? 0 : 1;
-    if (topo.snapped[i] == Snap::eye) {
-      ++eyes[side];
-      ASSERT_NEAR(test::maskEyeRadius(p), 1.0f, 2e-5f) << p.x << ", " << p.y;
-    } else if (topo.snapped[i] == Snap::nostril) {
-      ++nostrils[side];
-      ASSERT_NEAR(test::maskNostrilRadius(p), 1.0f, 2e-5f) << p.x << ", " << p.y;
-    }
-    if (test::maskEyeRadius(p) > 0.9f && test::maskNostrilRadius(p) > 0.9f) continue;
-    ++inside;
-    ASSERT_FALSE(used[i] || used[n + i]);
-    ASSERT_EQ(normals.vec3(i), float3(0.0f, 0.0f, 1.0f));
-    ASSERT_EQ(normals.vec3(n + i), float3(0.0f, 0.0f, 1.0f));
-  }
-  EXPECT_GT(inside, 100);
-  EXPECT_GT(eyes[0], 40);
-  EXPECT_EQ(eyes[0], eyes[1]);
-  EXPECT_GT(nostrils[0], 6);
-  EXPECT_EQ(nostrils[0], nostrils[1]);
-  for (std::size_t t = 0; t < topo.frontTriangles.size(); t += 3) {
-    const float2 a = topo.gridPoints[static_cast<std::size_t>(topo.frontTriangles[t])];
-    const float2 b = topo.gridPoints[static_cast<std::size_t>(topo.frontTriangles[t + 1])];
-    const float2 c = topo.gridPoints[static_cast<std::size_t>(topo.frontTriangles[t + 2])];
-    ASSERT_GT((b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x), 0.0f);
-  }
-}
-
-// Colours: front grey = occlusion^2.2 (linear), back 0.12; the rim walls are
-// 0.02 at the mouth, 0.06 at the eyes, 0.65 elsewhere, half that behind.
-TEST(MaskGeometry, SourcesColoursMaterialsAndElements) {
-  const auto& topo = G::topology();
-  const std::size_t n = topo.frontCount();
-  const std::size_t k = topo.rimCount();
-  const GeometrySource colors = G::makeColorSource();
-  for (std::size_t i = 0; i < n; i += 997)
-    ASSERT_EQ(colors.vec3(i), float3(std::pow(G::occlusion(topo.gridPoints[i]), 2.2f))) << i;
-  EXPECT_EQ(colors.vec3(n + 5), float3(0.12f));
-  std::map<float, int> rims;
-  for (std::size_t j = 0; j < k; ++j) {
-    ++rims[colors.vec3(2 * n + j).x];
-    ASSERT_EQ(colors.vec3(2 * n + k + j).x, colors.vec3(2 * n + j).x * 0.5f);
-  }
-  ASSERT_EQ(rims.size(), 3u);
-  EXPECT_GT(rims[0.02f], 100);  // both lips of the slit
-  EXPECT_GT(rims[0.06f], 100);
-  EXPECT_GT(rims[0.65f], 300);
-
-  EXPECT_EQ(G::makeUVSource().vec2(n + 7), topo.uvs[7]);  // the back repeats the front's uvs
-  ASSERT_EQ(G::makeMaterials().size(), 3u);
-  EXPECT_FALSE(G::makeMaterials()[0].doubleSided);
-  // The three parts (front, back, rim walls) as separate elements, built once;
-  // the wireframe draws the front alone.
-  const auto& elements = G::elements();
-  ASSERT_EQ(elements.size(), 3u);
-  EXPECT_EQ(*elements[0].indices, topo.frontTriangles);
-  EXPECT_EQ(*elements[2].indices, topo.rimTriangles);
-  EXPECT_EQ(elements[1].bytesPerIndex, 4);
-  EXPECT_EQ(G::elements()[0].indices, elements[0].indices);
-  EXPECT_EQ(*G::makeWireframeGeometry()->elements.at(0).indices, topo.frontTriangles);
 }
 
 TEST(MaskGeometry, SmoothNormalsWeightByArea) {

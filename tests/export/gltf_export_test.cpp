@@ -14,6 +14,7 @@
 #include <set>
 #include <unordered_map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <glm/gtc/quaternion.hpp>
@@ -42,9 +43,8 @@ void expectSameNode(const tinygltf::Model& doc, int index, const Node& node,
   SCOPED_TRACE(node.name);
   const tinygltf::Node& out = doc.nodes.at(static_cast<std::size_t>(index));
   EXPECT_EQ(out.name, node.name);
-  const std::vector<double> position{node.position.x, node.position.y, node.position.z};
-  const std::vector<double> origin(3, 0.0);
-  EXPECT_EQ(out.translation.empty() ? origin : out.translation, position);
+  EXPECT_EQ(out.translation.empty() ? std::vector<double>(3, 0.0) : out.translation,
+            (std::vector<double>{node.position.x, node.position.y, node.position.z}));
   ASSERT_EQ(out.children.size(), node.children().size());
   for (std::size_t c = 0; c < out.children.size(); ++c) expectSameNode(doc, out.children[c], *node.children()[c], keys);
 
@@ -53,11 +53,9 @@ void expectSameNode(const tinygltf::Model& doc, int index, const Node& node,
   const Geometry& g = *node.geometry;
   const tinygltf::Mesh& mesh = doc.meshes.at(static_cast<std::size_t>(out.mesh));
   ASSERT_EQ(mesh.primitives.size(), g.elements.size());
+  using enum GeometrySource::Semantic;
   const std::pair<const char*, GeometrySource::Semantic> streams[] = {
-      {"POSITION", GeometrySource::Semantic::vertex},
-      {"NORMAL", GeometrySource::Semantic::normal},
-      {"TEXCOORD_0", GeometrySource::Semantic::texcoord},
-      {"COLOR_0", GeometrySource::Semantic::color}};
+      {"POSITION", vertex}, {"NORMAL", normal}, {"TEXCOORD_0", texcoord}, {"COLOR_0", color}};
   const std::size_t targetCount = node.morpher ? node.morpher->targetCount() : 0;
   const std::vector<std::string> names = targetCount ? test::targetNames(mesh) : std::vector<std::string>{};
   ASSERT_EQ(names.size(), targetCount);
@@ -81,15 +79,15 @@ void expectSameNode(const tinygltf::Model& doc, int index, const Node& node,
       }
     }
 
+    // The material: name, base colour, roughness, metalness, emission, sides.
     const Material& m = g.materials[std::min(e, g.materials.size() - 1)];
     const tinygltf::Material& mat = doc.materials.at(static_cast<std::size_t>(p.material));
-    EXPECT_EQ(mat.name, m.name);
-    EXPECT_EQ(mat.pbrMetallicRoughness.baseColorFactor,
-              (std::vector<double>{m.diffuse.r, m.diffuse.g, m.diffuse.b, m.diffuse.a}));
-    EXPECT_EQ(mat.pbrMetallicRoughness.roughnessFactor, double{m.roughness});
-    EXPECT_EQ(mat.pbrMetallicRoughness.metallicFactor, double{m.metalness});
-    EXPECT_EQ(mat.emissiveFactor, (std::vector<double>{m.emission.r, m.emission.g, m.emission.b}));
-    EXPECT_EQ(mat.doubleSided, m.doubleSided);
+    const auto& pbr = mat.pbrMetallicRoughness;
+    EXPECT_EQ(std::tuple(mat.name, pbr.baseColorFactor, pbr.roughnessFactor, pbr.metallicFactor, mat.emissiveFactor,
+                         mat.doubleSided),
+              std::tuple(m.name, std::vector<double>{m.diffuse.r, m.diffuse.g, m.diffuse.b, m.diffuse.a},
+                         double{m.roughness}, double{m.metalness},
+                         std::vector<double>{m.emission.r, m.emission.g, m.emission.b}, m.doubleSided));
 
     // Every target of every primitive: the same deltas, float for float.
     ASSERT_EQ(p.targets.size(), targetCount);
@@ -106,8 +104,8 @@ void expectSameNode(const tinygltf::Model& doc, int index, const Node& node,
       for (auto& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
       EXPECT_EQ(keys.contains(key) ? keys.at(key) : -1, static_cast<int>(t)) << names[t];
       for (const auto& [attribute, semantic] : {streams[0], streams[1]}) {
-        const auto deltas = semantic == GeometrySource::Semantic::vertex ? target.densePositionDeltas(g.vertexCount())
-                                                                        : target.denseNormalDeltas(g.vertexCount());
+        const auto deltas =
+            semantic == vertex ? target.densePositionDeltas(g.vertexCount()) : target.denseNormalDeltas(g.vertexCount());
         std::vector<float> expected;
         for (const float3& d : deltas) expected.insert(expected.end(), {d.x, d.y, d.z});
         const int index = p.targets[t].at(attribute);
@@ -132,16 +130,15 @@ TEST(CharacterExport, EachFileReadsBackAsTheCharacterInMemory) {
   test::TempDir dir;
   test::LogCapture log;
   const auto outcomes = CharacterExport::run((dir.path() / "characters").string());
-  ASSERT_EQ(outcomes.size(), 2u);
-  EXPECT_EQ(log.lines().size(), 2u);
+  ASSERT_EQ(std::tuple(outcomes.size(), log.lines().size()), std::tuple(2u, 2u));
   std::set<std::string> present;
   for (const auto& entry : fs::directory_iterator(dir.path() / "characters")) present.insert(entry.path().filename().string());
   for (const auto& o : outcomes) {
     SCOPED_TRACE(o.file.string());
     ASSERT_TRUE(o.written) << o.error;
-    EXPECT_EQ(fs::file_size(o.file), o.bytes);
     const CharacterBuild build = createCharacterNode(o.model);
-    EXPECT_EQ(o.morphTargets, static_cast<int>(build.morpher->targetCount()));
+    EXPECT_EQ(std::tuple(o.bytes, o.morphTargets),
+              std::tuple(fs::file_size(o.file), static_cast<int>(build.morpher->targetCount())));
     EXPECT_TRUE(log.has("[export] Wrote " + o.file.string() + " (" + std::to_string(o.bytes) + " bytes, " +
                         std::to_string(o.morphTargets) + " morph targets)"));
 
@@ -166,16 +163,14 @@ TEST(GltfExporter, MaterialsKeepTheirLook) {
     EXPECT_LE(out.emissiveFactor[static_cast<std::size_t>(c)], 1.0);
     EXPECT_FLOAT_EQ(static_cast<float>(out.emissiveFactor[static_cast<std::size_t>(c)] * strength), glow.emission[c]);
   }
-  EXPECT_TRUE(out.extensions.count("KHR_materials_unlit"));
-  EXPECT_EQ(out.alphaMode, "BLEND");
+  EXPECT_EQ(std::tuple(out.extensions.count("KHR_materials_unlit"), out.alphaMode), std::tuple(1u, "BLEND"));
 
   Material plaster;
   plaster.diffuse = float4(0.82f, 0.84f, 0.83f, 1.0f);
   plaster.emission = float3(0.26f, 0.28f, 1.0f);
   const tinygltf::Material plain = GltfExporter::material(plaster);
-  EXPECT_TRUE(plain.extensions.empty());
-  EXPECT_EQ(plain.alphaMode, "OPAQUE");
-  EXPECT_EQ(plain.emissiveFactor, (std::vector<double>{0.26f, 0.28f, 1.0f}));
+  EXPECT_EQ(std::tuple(plain.extensions.size(), plain.alphaMode, plain.emissiveFactor),
+            std::tuple(0u, "OPAQUE", std::vector<double>{0.26f, 0.28f, 1.0f}));
 }
 
 TEST(GltfExporter, NodeTransformsMeanWhatTheSceneMeans) {
@@ -190,8 +185,8 @@ TEST(GltfExporter, NodeTransformsMeanWhatTheSceneMeans) {
   EXPECT_TRUE(doc.nodes[0].rotation.empty() && doc.nodes[0].translation.empty() && doc.nodes[0].scale.empty());
   ASSERT_EQ(doc.nodes[0].children, std::vector<int>{1});
   const tinygltf::Node& out = doc.nodes[1];
-  EXPECT_EQ(out.translation, (std::vector<double>{0.1f, -0.2f, 0.3f}));
-  EXPECT_EQ(out.scale, (std::vector<double>{1.0f, 2.0f, 0.5f}));
+  EXPECT_EQ(std::pair(out.translation, out.scale),
+            std::pair(std::vector<double>{0.1f, -0.2f, 0.3f}, std::vector<double>{1.0f, 2.0f, 0.5f}));
   // glTF's rotation is (x, y, z, w); it must turn vectors as the scene's Euler angles do (a quaternion
   // not of unit length turns them wrongly).
   ASSERT_EQ(out.rotation.size(), 4u);
@@ -214,24 +209,19 @@ TEST(CharacterExport, AFolderThatCannotBeCreatedFailsEveryFileWithOneLineAndWrit
   const fs::path folder = blocker / "characters";
   test::LogCapture log;
   std::vector<CharacterExport::Outcome> outcomes;
-  bool onMainThread = false;
   CharacterExport::runInBackground(folder.string(), [&](std::vector<CharacterExport::Outcome> o) {
-    onMainThread = MainQueue::shared().isMainThread();
+    EXPECT_TRUE(MainQueue::shared().isMainThread());
     outcomes = std::move(o);
   });
   ASSERT_TRUE(MainQueue::shared().runUntil([&] { return !outcomes.empty(); }, 30.0));
-  EXPECT_TRUE(onMainThread);
-  ASSERT_EQ(outcomes.size(), 2u);
-  EXPECT_EQ(log.lines().size(), 2u);
+  ASSERT_EQ(std::tuple(outcomes.size(), log.lines().size()), std::tuple(2u, 2u));
   for (const auto& o : outcomes) {
     EXPECT_FALSE(o.written);
     EXPECT_TRUE(log.has("[export] Could not write " + (folder / CharacterExport::fileName(o.model)).string() +
                         ": cannot create the folder " + folder.string() + ": Not a directory"))
         << log.lines().front();
   }
-  std::vector<fs::path> left;
-  for (const auto& entry : fs::recursive_directory_iterator(dir.path())) left.push_back(entry.path());
-  EXPECT_EQ(left, std::vector<fs::path>{blocker});
+  EXPECT_EQ(std::vector<fs::path>(fs::recursive_directory_iterator(dir.path()), {}), std::vector<fs::path>{blocker});
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <tuple>
 
 #include "render/RenderedFramePool.h"
 
@@ -12,15 +13,12 @@ namespace {
 TEST(RenderedFramePoolTest, ReusesAFrameOnlyAfterEveryHolderLetsGo) {
   RenderedFramePool pool(2);
   auto first = pool.acquire(64, 32);
-  ASSERT_EQ(first->pixels.size(), 64u * 32 * 4);
-  EXPECT_EQ(first->width, 64);
-  EXPECT_EQ(first->height, 32);
+  ASSERT_EQ(std::tuple(first->width, first->height, first->pixels.size()), std::tuple(64, 32, 64u * 32 * 4));
   const std::uint8_t* memory = first->pixels.data();
   first->pixels[0] = 7;
 
   // An output still holds it: the next frame is other memory.
-  std::shared_ptr<const RenderedFrame> output = first;
-  first.reset();
+  std::shared_ptr<const RenderedFrame> output = std::move(first);
   auto second = pool.acquire(64, 32);
   EXPECT_NE(second->pixels.data(), memory);
   EXPECT_EQ(output->pixels[0], 7) << "a held frame was written to";
@@ -51,9 +49,7 @@ TEST(RenderedFramePoolTest, BeyondItsCapacityFramesAreMadeAndNotKept) {
   // A new size reuses the kept frame, sized to match.
   auto bigger = pool.acquire(16, 4);
   EXPECT_EQ(bigger.get(), keptAddress);
-  EXPECT_EQ(bigger->pixels.size(), 16u * 4 * 4);
-  EXPECT_EQ(bigger->width, 16);
-  EXPECT_EQ(bigger->height, 4);
+  EXPECT_EQ(std::tuple(bigger->width, bigger->height, bigger->pixels.size()), std::tuple(16, 4, 16u * 4 * 4));
 }
 
 }  // namespace
