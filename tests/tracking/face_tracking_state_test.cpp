@@ -5,6 +5,7 @@
 // parameters, observers and the OSC switch. Persistence is in
 // tracking_settings_test.cpp.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -21,6 +22,8 @@
 namespace velmora {
 namespace {
 
+using testing::FloatEq;
+using testing::Pointwise;
 using Property = FaceTrackingState::Property;
 
 constexpr float nan = std::numeric_limits<float>::quiet_NaN();
@@ -60,36 +63,29 @@ TEST(FacePipelineTest, RegionalSensitivityAndClamping) {
 
   f.sensitivities.global = 0.8f;
   f.packet({{"jawOpen", 0.5f}, {"cheekPuff", 0.5f}}, 0.0);
-  EXPECT_FLOAT_EQ(f.out.at("jawOpen"), 0.48f);
-  EXPECT_FLOAT_EQ(f.out.at("cheekPuff"), 0.4f);
+  EXPECT_THAT((std::vector{f.out.at("jawOpen"), f.out.at("cheekPuff")}), Pointwise(FloatEq(), {0.48f, 0.4f}));
   f.sensitivities.global = nan;
   f.packet({{"cheekPuff", 0.5f}}, 0.0);
   EXPECT_EQ(f.out.at("cheekPuff"), 0.0f);  // NaN clamps to 0
 }
 
 TEST(FacePipelineTest, RotationSignsScaleAndReverseFlags) {
-  struct Case {
-    bool upDown, leftRight, tilt;
-    float scale;
-    float3 expected;
-  };
   const float3 received(0.1f, -0.2f, 0.3f);
-  const Case cases[] = {
-      {false, false, false, 1.0f, {-0.1f, 0.2f, -0.3f}},  // inverted by default
-      {true, false, false, 1.0f, {0.1f, 0.2f, -0.3f}},
-      {false, true, false, 1.0f, {-0.1f, -0.2f, -0.3f}},
-      {false, false, true, 1.0f, {-0.1f, 0.2f, 0.3f}},
-      {true, true, true, 2.0f, {0.2f, -0.4f, 0.6f}},
+  // `.neutralRotation = {}` names the last field, which the compiler wants after designated ones.
+  const std::pair<FacePipeline::HeadOptions, float3> cases[] = {
+      {{}, {-0.1f, 0.2f, -0.3f}},  // inverted by default
+      {{.reverseUpDown = true, .neutralRotation = {}}, {0.1f, 0.2f, -0.3f}},
+      {{.reverseLeftRight = true, .neutralRotation = {}}, {-0.1f, -0.2f, -0.3f}},
+      {{.reverseTilt = true, .neutralRotation = {}}, {-0.1f, 0.2f, 0.3f}},
+      {{.rotationScale = 2.0f, .reverseUpDown = true, .reverseLeftRight = true, .reverseTilt = true,
+        .neutralRotation = {}},
+       {0.2f, -0.4f, 0.6f}},
   };
-  for (const Case& c : cases) {
+  for (const auto& [head, expected] : cases) {
     Pipe f;
-    FacePipeline::HeadOptions head;
-    head.reverseUpDown = c.upDown;
-    head.reverseLeftRight = c.leftRight;
-    head.reverseTilt = c.tilt;
-    head.rotationScale = c.scale;
     // First sample: the filter passes it through.
-    EXPECT_EQ(f.pipeline.rotation(received, head, f.now), c.expected) << c.upDown << c.leftRight << c.tilt;
+    EXPECT_EQ(f.pipeline.rotation(received, head, f.now), expected)
+        << head.reverseUpDown << head.reverseLeftRight << head.reverseTilt;
   }
 }
 
@@ -111,17 +107,11 @@ TEST(FaceTrackingStateTest, InitialValuesAndTexts) {
   const FaceTrackingState& s = f.state;
   // Smoothing 0.45 and the mouth's 1.2 are pinned by the filter-parameter
   // and per-name tests, "NDI: off" by OutputSyncTest (not written again).
-  EXPECT_FALSE(s.isCalibrated());
-  EXPECT_FLOAT_EQ(s.browSensitivity(), 1.2f);
-  EXPECT_EQ(s.eyeSensitivity(), 1.0f);
-  EXPECT_FLOAT_EQ(s.lightIntensity(), 1.2f);
-  EXPECT_EQ(s.rimLightColor(), float3(0.9f, 0.95f, 1.0f));
-  EXPECT_TRUE(s.isSyphonActive());
-  EXPECT_EQ(s.syphonStatus(), "Syphon: starting…");
+  EXPECT_EQ(std::tuple(s.isCalibrated(), s.browSensitivity(), s.eyeSensitivity(), s.lightIntensity(), s.rimLightColor(),
+                       s.isSyphonActive(), s.syphonStatus(), s.senderIP(), s.lastQLabCommand(), s.oscStatus()),
+            std::tuple(false, 1.2f, 1.0f, 1.2f, float3(0.9f, 0.95f, 1.0f), true, "Syphon: starting…",
+                       "Waiting for iPhone...", "None", "OSC cues: starting…"));
   EXPECT_FALSE(s.localIP().empty());
-  EXPECT_EQ(s.senderIP(), "Waiting for iPhone...");
-  EXPECT_EQ(s.lastQLabCommand(), "None");
-  EXPECT_EQ(s.oscStatus(), "OSC cues: starting…");
 }
 
 TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
@@ -153,10 +143,10 @@ TEST(FaceTrackingStateTest, FramesCarryTheEyesAndALostFace) {
   frame.leftEyeRotation = float3(0.5f * eyeLookFullTurn, -eyeLookFullTurn, 0.0f);  // down half, in fully
   f.state.ingestFrame(frame, TrackingApp::iFacialMocap);
   const BlendshapeMap& out = f.state.blendshapes();  // the first sample passes the filters unchanged
-  EXPECT_FLOAT_EQ(out.at("eyeLookDownLeft"), 0.5f);
-  EXPECT_EQ(out.at("eyeLookUpLeft"), 0.0f);
-  EXPECT_EQ(out.at("eyeLookInLeft"), 1.0f);
-  EXPECT_FALSE(out.contains("eyeLookDownRight"));  // no right eye sent
+  // No right eye sent.
+  EXPECT_EQ(std::tuple(out.at("eyeLookDownLeft"), out.at("eyeLookUpLeft"), out.at("eyeLookInLeft"),
+                       out.contains("eyeLookDownRight")),
+            std::tuple(0.5f, 0.0f, 1.0f, false));
   // Sent eyeLook* values win over the eye rotations.
   frame.blendshapes = BlendshapeMap{{"eyeLookUpRight", 0.25f}};
   f.now += 1.0 / 60.0;
@@ -204,48 +194,46 @@ TEST(FaceTrackingStateTest, FilterThenRangeThenSensitivityPerName) {
 TEST(FaceTrackingStateTest, NonFiniteValuesAreSkipped) {
   Fixture f;
   f.packet({{"jawOpen", 0.5f}, {"eyeBlinkLeft", nan}, {"cheekPuff", inf}});
-  EXPECT_EQ(f.state.blendshapes().size(), 1u);
-  EXPECT_FALSE(f.state.rawBlendshapes().contains("eyeBlinkLeft"));
-  EXPECT_FALSE(f.state.blendshapeFilter("cheekPuff"));
+  EXPECT_EQ(std::tuple(f.state.blendshapes().size(), f.state.rawBlendshapes().contains("eyeBlinkLeft"),
+                       f.state.blendshapeFilter("cheekPuff").has_value()),
+            std::tuple(1u, false, false));
   const float before = f.state.blendshapes().at("jawOpen");
   f.packet({{"jawOpen", -inf}});
-  EXPECT_EQ(f.state.blendshapes().at("jawOpen"), before);
-  EXPECT_EQ(f.state.rawBlendshapes().at("jawOpen"), 0.5f);
+  EXPECT_EQ(std::tuple(f.state.blendshapes().at("jawOpen"), f.state.rawBlendshapes().at("jawOpen")),
+            std::tuple(before, 0.5f));
   f.packet({});  // an empty map changes nothing
-  EXPECT_EQ(f.state.blendshapes().size(), 1u);
-  EXPECT_EQ(f.state.totalPacketsReceived(), 3u);
+  EXPECT_EQ(std::tuple(f.state.blendshapes().size(), f.state.totalPacketsReceived()), std::tuple(1u, 3u));
 }
 
 TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZero) {
   Fixture f;
+  FaceTrackingState& s = f.state;
   const float3 pose(0.3f, -0.25f, 0.1f);
   for (int i = 0; i < 20; ++i) f.rotation(pose + float3(0.001f * i));
-  f.state.ingestPacket({{{"jawOpen", 0.7f}}}, pose, float3(1, 2, 3), "a:1");
-  EXPECT_EQ(f.state.headPosition(), float3(0.0f));  // the position never moves the head (raw: the offset below)
-  f.state.setRange("jawOpen", 0.1f, std::nullopt);
-  f.state.recentreNeutralPose();  // isCalibrated on and off: MenuCommandsTest
-  EXPECT_EQ(f.state.zeroRotationOffset(), pose);
-  EXPECT_EQ(f.state.zeroPositionOffset(), float3(1, 2, 3));
-  EXPECT_FALSE(f.state.rotationFilter().x().isPrimed());
-  EXPECT_EQ(f.state.range("jawOpen").floor, 0.1f);  // ranges and blendshapes untouched
-  EXPECT_TRUE(f.state.blendshapeFilter("jawOpen")->isPrimed());
+  s.ingestPacket({{{"jawOpen", 0.7f}}}, pose, float3(1, 2, 3), "a:1");
+  EXPECT_EQ(s.headPosition(), float3(0.0f));  // the position never moves the head (raw: the offset below)
+  s.setRange("jawOpen", 0.1f, std::nullopt);
+  s.recentreNeutralPose();  // isCalibrated on and off: MenuCommandsTest
+  // The head filter restarts; ranges and blendshapes are untouched.
+  EXPECT_EQ(std::tuple(s.zeroRotationOffset(), s.zeroPositionOffset(), s.rotationFilter().x().isPrimed(),
+                       s.range("jawOpen").floor, s.blendshapeFilter("jawOpen")->isPrimed()),
+            std::tuple(pose, float3(1, 2, 3), false, 0.1f, true));
   for (int i = 0; i < 5; ++i) {
     f.rotation(pose);
-    EXPECT_EQ(f.state.headRotation(), float3(0.0f)) << i;
+    EXPECT_EQ(s.headRotation(), float3(0.0f)) << i;
   }
-  f.state.ingestPacket(std::nullopt, std::nullopt, float3(4, 5, 6), "x:1");  // not moved by the offset either
-  EXPECT_EQ(f.state.headPosition(), float3(0.0f));
+  s.ingestPacket(std::nullopt, std::nullopt, float3(4, 5, 6), "x:1");  // not moved by the offset either
+  EXPECT_EQ(s.headPosition(), float3(0.0f));
   // Turning away from the neutral pose moves the head by the difference.
   Fixture fresh;
   fresh.rotation(float3(0.2f, 0.0f, 0.0f));
-  f.state.recenterNeutralPose();
+  s.recenterNeutralPose();
   f.rotation(pose + float3(0.2f, 0.0f, 0.0f));
-  EXPECT_NEAR(f.state.headRotation().x, fresh.state.headRotation().x, 1e-6f);
+  EXPECT_NEAR(s.headRotation().x, fresh.state.headRotation().x, 1e-6f);
 
-  f.state.resetCalibration();
-  EXPECT_EQ(f.state.zeroRotationOffset(), float3(0.0f));
-  EXPECT_EQ(f.state.zeroPositionOffset(), float3(0.0f));
-  EXPECT_EQ(f.state.range("jawOpen").floor, 0.1f);
+  s.resetCalibration();
+  EXPECT_EQ(std::tuple(s.zeroRotationOffset(), s.zeroPositionOffset(), s.range("jawOpen").floor),
+            std::tuple(float3(0.0f), float3(0.0f), 0.1f));
 }
 
 TEST(FaceTrackingStateTest, LockRotationEasesToZeroWhileRawFollows) {
@@ -273,8 +261,8 @@ TEST(FaceTrackingStateTest, FilterParametersFollowSmoothing) {
   EXPECT_FLOAT_EQ(head.beta, 0.011f);
   f.packet({{"jawOpen", 0.5f}});
   // A filter created by a packet keeps its creation values until the next update.
-  EXPECT_EQ(f.state.blendshapeFilter("jawOpen")->minCutoff, 1.5f);
-  EXPECT_EQ(f.state.blendshapeFilter("jawOpen")->beta, 0.02f);
+  EXPECT_EQ(std::tuple(f.state.blendshapeFilter("jawOpen")->minCutoff, f.state.blendshapeFilter("jawOpen")->beta),
+            std::tuple(1.5f, 0.02f));
   // Head: (1 - s) * 3 + 0.2 * s and (1 - s) * 0.02 + 0.001 * s; blendshapes x1.2 and x1.5.
   struct Row {
     float smoothing, headCutoff, headBeta, shapeCutoff, shapeBeta;
@@ -289,13 +277,10 @@ TEST(FaceTrackingStateTest, FilterParametersFollowSmoothing) {
     SCOPED_TRACE(r.smoothing);
     f.state.setSmoothing(r.smoothing);
     const OneEuroFilter1D shape = *f.state.blendshapeFilter("jawOpen");
-    EXPECT_FLOAT_EQ(head.minCutoff, r.headCutoff);
-    EXPECT_FLOAT_EQ(head.beta, r.headBeta);
-    EXPECT_FLOAT_EQ(f.state.positionFilter().z().minCutoff, r.headCutoff);
-    EXPECT_EQ(head.dCutoff, 1.0f);
-    EXPECT_FLOAT_EQ(shape.minCutoff, r.shapeCutoff);
-    EXPECT_FLOAT_EQ(shape.beta, r.shapeBeta);
-    EXPECT_TRUE(shape.isPrimed());
+    EXPECT_THAT((std::vector{head.minCutoff, head.beta, f.state.positionFilter().z().minCutoff, shape.minCutoff,
+                             shape.beta}),
+                Pointwise(FloatEq(), {r.headCutoff, r.headBeta, r.headCutoff, r.shapeCutoff, r.shapeBeta}));
+    EXPECT_EQ(std::tuple(head.dCutoff, shape.isPrimed()), std::tuple(1.0f, true));
   }
 }
 
@@ -323,8 +308,8 @@ TEST(FaceTrackingStateTest, SetRangeLimits) {
   for (const Row& r : rows) {
     SCOPED_TRACE(testing::Message() << r.name << " " << r.floor.value_or(-1) << " " << r.ceiling.value_or(-1));
     s.setRange(r.name, r.floor, r.ceiling);
-    EXPECT_FLOAT_EQ(s.range(r.name).floor, r.expectedFloor);
-    EXPECT_FLOAT_EQ(s.range(r.name).ceiling, r.expectedCeiling);
+    EXPECT_THAT((std::vector{s.range(r.name).floor, s.range(r.name).ceiling}),
+                Pointwise(FloatEq(), {r.expectedFloor, r.expectedCeiling}));
     EXPECT_EQ(s.blendshapeRanges().contains(r.name), r.stored);
   }
   // The whole map is stored on each change (its stored form:
@@ -351,8 +336,8 @@ TEST(FaceTrackingStateTest, RangeChangesApplyToTheNextPacket) {
   f.state.setBlendshapes({});
   f.state.setRawBlendshapes({});
   f.packet({{"cheekPuff", 0.4f}});
-  EXPECT_EQ(f.state.blendshapes().at("cheekPuff"), 0.4f);
-  EXPECT_EQ(f.state.rawBlendshapes().at("cheekPuff"), 0.4f);
+  EXPECT_EQ(std::tuple(f.state.blendshapes().at("cheekPuff"), f.state.rawBlendshapes().at("cheekPuff")),
+            std::tuple(0.4f, 0.4f));
 }
 
 TEST(FaceTrackingStateTest, FloorsFromCurrentPose) {
@@ -360,8 +345,7 @@ TEST(FaceTrackingStateTest, FloorsFromCurrentPose) {
   f.packet({{"jawOpen", 0.95f}, {"cheekPuff", 0.3f}, {"browInnerUp", 0.0f}});
   f.state.setRange("cheekPuff", std::nullopt, 0.8f);
   f.state.setFloorsFromCurrentPose();
-  EXPECT_FLOAT_EQ(f.state.range("jawOpen").floor, 0.9f);
-  EXPECT_EQ(f.state.range("jawOpen").ceiling, 1.0f);
+  EXPECT_EQ(f.state.range("jawOpen"), (BlendshapeRange{0.9f, 1.0f}));
   EXPECT_EQ(f.state.range("cheekPuff"), (BlendshapeRange{0.3f, 0.8f}));
   EXPECT_FALSE(f.state.blendshapeRanges().contains("browInnerUp"));
   EXPECT_EQ(f.store.dictionary("blendshapeRanges")->size(), 2u);
@@ -398,8 +382,7 @@ TEST(FaceTrackingStateTest, ObserversHearEveryWriteAndMayChangeWhileNotified) {
 
   // Observers may unobserve and observe while notified.
   int first = 0, second = 0, late = 0;
-  int firstToken = 0;
-  firstToken = f.state.observe([&](Property) {
+  const int firstToken = f.state.observe([&](Property) {
     ++first;
     f.state.unobserve(firstToken);
     f.state.observe([&](Property) { ++late; });
@@ -409,9 +392,9 @@ TEST(FaceTrackingStateTest, ObserversHearEveryWriteAndMayChangeWhileNotified) {
     if (p == Property::maskOpacity) f.state.setLightIntensity(2.0f);  // nested write
   });
   f.state.setMaskOpacity(0.3f);
-  EXPECT_EQ(first, 1);
-  EXPECT_EQ(second, 2);  // maskOpacity, then the nested lightIntensity
-  EXPECT_EQ(late, 1);    // added during the first notification, heard the nested one
+  // The second heard maskOpacity, then the nested lightIntensity; the late one,
+  // added during the first notification, heard the nested one.
+  EXPECT_EQ(std::tuple(first, second, late), std::tuple(1, 2, 1));
   f.state.setMaskOpacity(0.4f);
   EXPECT_EQ(first, 1);
   f.state.unobserve(12345);  // unknown tokens are ignored

@@ -73,46 +73,42 @@ TEST(MainThreadTrackingSinkTest, NewerFrameReplacesTheWaitingOneKeepingWhatOnlyT
     MainQueue::shared().drain();
   }
   for (const auto& p : packets) coalesced.sink.deliver(decoded(p));
-  EXPECT_EQ(coalesced.sink.waitingSenders(), 1u);
-  EXPECT_EQ(coalesced.sink.droppedCount(), packets.size() - 1);
+  EXPECT_EQ(std::tuple(coalesced.sink.waitingSenders(), coalesced.sink.droppedCount()),
+            std::tuple(1u, packets.size() - 1));
   MainQueue::shared().drain();
 
   // What the packets published, as ingesting them one by one does (the
-  // newest jawOpen, customTwitch only the first packet carried).
-  EXPECT_EQ(coalesced.state.rawBlendshapes(), reference.state.rawBlendshapes());
-  EXPECT_EQ(coalesced.state.rawBlendshapes().size(), 4u);
-  EXPECT_EQ(coalesced.state.senderIP(), kSender);
-  EXPECT_EQ(coalesced.state.rawRotation(), float3(10.0f * kDeg, -45.0f * kDeg, -5.0f * kDeg));
-  EXPECT_EQ(coalesced.state.rawPosition(), float3(1.0f, 1.0f, 0.07f));
-  // Every packet counts as received, merged or not.
-  EXPECT_EQ(coalesced.state.totalPacketsReceived(), 1 + packets.size());
-  EXPECT_EQ(reference.sink.droppedCount(), 0u);
+  // newest jawOpen, customTwitch only the first packet carried); every
+  // packet counts as received, merged or not.
+  const FaceTrackingState& c = coalesced.state;
+  EXPECT_EQ(c.rawBlendshapes(), reference.state.rawBlendshapes());
+  EXPECT_EQ(std::tuple(c.rawBlendshapes().size(), c.senderIP(), c.rawRotation(), c.rawPosition(),
+                       c.totalPacketsReceived(), reference.sink.droppedCount()),
+            std::tuple(4u, kSender, float3(10.0f * kDeg, -45.0f * kDeg, -5.0f * kDeg), float3(1.0f, 1.0f, 0.07f),
+                       1 + packets.size(), 0u));
 }
 
 TEST(MainThreadTrackingSinkTest, UnknownFormatWaitsOncePerSenderAndSendersKeepArrivalOrder) {
   Target t;
   MainQueue& main = MainQueue::shared();
   for (int i = 0; i < 100; ++i) t.sink.deliverUnknown(kSender);
-  EXPECT_EQ(t.sink.waitingSenders(), 1u);
-  EXPECT_EQ(t.sink.droppedCount(), 99u);
+  EXPECT_EQ(std::tuple(t.sink.waitingSenders(), t.sink.droppedCount()), std::tuple(1u, 99u));
   main.drain();
-  EXPECT_EQ(t.state.totalPacketsReceived(), 100u);
-  EXPECT_EQ(t.state.senderIP(), kSender + " (Unknown format)");
+  EXPECT_EQ(std::tuple(t.state.totalPacketsReceived(), t.state.senderIP()),
+            std::tuple(100u, kSender + " (Unknown format)"));
 
   // A frame after an unknown datagram shows the sender plainly; an unknown
   // one after a frame shows the note, as ingesting them in order would.
   t.sink.deliverUnknown(kSender);
   t.sink.deliver(text("jawOpen-50|"));
   main.drain();
-  EXPECT_EQ(t.state.senderIP(), kSender);
-  EXPECT_EQ(t.state.rawBlendshapes().at("jawOpen"), 0.5f);
+  EXPECT_EQ(std::tuple(t.state.senderIP(), t.state.rawBlendshapes().at("jawOpen")), std::tuple(kSender, 0.5f));
   t.sink.deliver(text("jawOpen-70|"));
   t.sink.deliverUnknown(kSender);
   main.drain();
-  EXPECT_EQ(t.state.senderIP(), kSender + " (Unknown format)");
-  EXPECT_EQ(t.state.rawBlendshapes().at("jawOpen"), 0.7f);
-  EXPECT_EQ(t.state.totalPacketsReceived(), 104u);
-  EXPECT_EQ(t.sink.droppedCount(), 99u);
+  EXPECT_EQ(std::tuple(t.state.senderIP(), t.state.rawBlendshapes().at("jawOpen"), t.state.totalPacketsReceived(),
+                       t.sink.droppedCount()),
+            std::tuple(kSender + " (Unknown format)", 0.7f, 104u, 99u));
 
   // Senders are ingested in the order of their newest packet.
   const std::string a = "10.0.0.1:1000", b = "10.0.0.2:2000";
@@ -120,9 +116,8 @@ TEST(MainThreadTrackingSinkTest, UnknownFormatWaitsOncePerSenderAndSendersKeepAr
   t.sink.deliver(text("jawOpen-20|", b));
   t.sink.deliver(text("jawOpen-30|", a));  // a's newest came last: a is ingested last
   main.drain();
-  EXPECT_EQ(t.state.senderIP(), a);
-  EXPECT_EQ(t.state.rawBlendshapes().at("jawOpen"), 0.3f);
-  EXPECT_EQ(t.sink.droppedCount(), 100u);
+  EXPECT_EQ(std::tuple(t.state.senderIP(), t.state.rawBlendshapes().at("jawOpen"), t.sink.droppedCount()),
+            std::tuple(a, 0.3f, 100u));
 }
 
 TEST(MainThreadTrackingSinkTest, FloodStaysBoundedInSendersAndNames) {
@@ -132,8 +127,7 @@ TEST(MainThreadTrackingSinkTest, FloodStaysBoundedInSendersAndNames) {
   for (int round = 0; round < 3; ++round) {
     for (int s = 0; s < 10; ++s) t.sink.deliver(text("jawOpen-40|", "10.0.0." + std::to_string(s) + ":5000"));
   }
-  EXPECT_EQ(t.sink.waitingSenders(), 4u);
-  EXPECT_EQ(t.sink.droppedCount(), 30u - 4u);
+  EXPECT_EQ(std::tuple(t.sink.waitingSenders(), t.sink.droppedCount()), std::tuple(4u, 30u - 4u));
   MainQueue::shared().drain();
   EXPECT_EQ(t.state.totalPacketsReceived(), 4u * 3u);  // what the four waiting senders sent
   // Room again once the main thread took them.

@@ -116,13 +116,9 @@ TEST(TrackingReceiverNetTest, BatchedBurstArrivesWholeAndInOrder) {
   auto released = release.get_future().share();
   receiver.queue().post([released] { released.wait(); });
   UdpSocket a, b;
-  std::vector<std::string> sent;
-  std::vector<std::uint16_t> from;
-  std::vector<float> jaw;  // each frame's jawOpen, -1 for none
+  std::vector<std::tuple<std::string, std::uint16_t, float>> sent;  // text, sender's port, jawOpen (-1: none)
   auto send = [&](const UdpSocket& phone, const std::string& t, float jawOpen) {
-    sent.push_back(t);
-    from.push_back(phone.port());
-    jaw.push_back(jawOpen);
+    sent.emplace_back(t, phone.port(), jawOpen);
     phone.sendTo(port, t);
   };
   auto text = [&](const UdpSocket& phone, int i) { send(phone, "jawOpen-" + std::to_string(i) + "|", i / 100.0f); };
@@ -140,23 +136,23 @@ TEST(TrackingReceiverNetTest, BatchedBurstArrivesWholeAndInOrder) {
 
   const std::size_t total = sent.size();
   ASSERT_TRUE(waitFor([&] { return sink->frames().size() == total; })) << sink->total() << " of " << total;
-  EXPECT_EQ(receiver.statistics().readinessEvents - eventsBefore, 1u);
-  EXPECT_EQ(receiver.statistics().packetsReceived, total);
-  EXPECT_EQ(receiver.statistics().lastSender, "127.0.0.1:" + std::to_string(b.port()));
-  EXPECT_EQ(receiver.statistics().lastFormat, TrackingFormat::iFacialMocap);
+  const auto stats = receiver.statistics();
+  EXPECT_EQ(std::tuple(stats.readinessEvents - eventsBefore, stats.packetsReceived, stats.lastSender, stats.lastFormat),
+            std::tuple(1u, total, "127.0.0.1:" + std::to_string(b.port()), TrackingFormat::iFacialMocap));
   const auto seen = tap->seen();
   const auto frames = sink->frames();
   ASSERT_EQ(seen.size(), total);
   for (std::size_t i = 0; i < total; ++i) {
     SCOPED_TRACE(i);
+    const auto& [text, from, jaw] = sent[i];
     const DatagramEnvelope& e = seen[i].envelope;
-    EXPECT_EQ(seen[i].payload, std::vector<std::uint8_t>(sent[i].begin(), sent[i].end()));
+    EXPECT_EQ(seen[i].payload, std::vector<std::uint8_t>(text.begin(), text.end()));
     EXPECT_EQ(std::tuple(e.sourceAddress, e.sourcePort, e.destinationAddress, e.destinationPort),
-              std::tuple(0x7F000001u, from[i], 0x7F000001u, port));
+              std::tuple(0x7F000001u, from, 0x7F000001u, port));
     EXPECT_GE(e.arrivalMicroseconds, i > 0 ? seen[i - 1].envelope.arrivalMicroseconds : 1);
     const BlendshapeMap& shapes = *frames[i].frame.blendshapes;
-    EXPECT_EQ(frames[i].frame.sender, "127.0.0.1:" + std::to_string(from[i]));
-    EXPECT_EQ(shapes.count("jawOpen") ? shapes.at("jawOpen") : -1.0f, jaw[i]);
+    EXPECT_EQ(std::tuple(frames[i].frame.sender, shapes.count("jawOpen") ? shapes.at("jawOpen") : -1.0f),
+              std::tuple("127.0.0.1:" + std::to_string(from), jaw));
   }
 }
 
@@ -213,9 +209,8 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   UdpSocket refused(0, 0x7F000003), allowed(0, 0x7F000002);
   ASSERT_TRUE(refused.bound() && allowed.bound());
   auto refusedLines = [&](const std::string& address) {
-    const auto lines = log.lines();
-    return std::count(lines.begin(), lines.end(),
-                      "[TrackingReceiver] Refused tracking data from " + address + " (not in the allowed senders)");
+    return std::ranges::count(log.lines(), "[TrackingReceiver] Refused tracking data from " + address +
+                                               " (not in the allowed senders)");
   };
 
   // Every way into the state: blendshapes and head, VMC, and an unknown format.
@@ -224,12 +219,10 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   refused.sendTo(port, "hello");
   ASSERT_TRUE(waitFor([&] { return receiver.statistics().refused == 3; }));
   // Every frame reaches the state through the one ingest that counts it.
-  EXPECT_EQ(f.state.totalPacketsReceived(), 0u);
-  EXPECT_EQ(receiver.statistics().packetsReceived, 0u);
-  EXPECT_TRUE(receiver.statistics().lastSender.empty());
-  EXPECT_EQ(sink->droppedCount(), 0u);
-  EXPECT_TRUE(tap->seen().empty());
-  EXPECT_EQ(refusedLines("127.0.0.3"), 1);
+  EXPECT_EQ(std::tuple(f.state.totalPacketsReceived(), receiver.statistics().packetsReceived,
+                       receiver.statistics().lastSender, sink->droppedCount(), tap->seen().size(),
+                       refusedLines("127.0.0.3")),
+            std::tuple(0u, 0u, "", 0u, 0u, 1));
 
   // An allowed sender still gets through, so the above cannot pass vacuously.
   allowed.sendTo(port, "jawOpen-20|");
@@ -237,11 +230,10 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   ASSERT_TRUE(waitFor([&] {
     return f.state.totalPacketsReceived() == 1 && receiver.statistics().packetsReceived == 1;
   }));
-  EXPECT_EQ(f.state.rawBlendshapes().at("jawOpen"), 0.2f);
-  EXPECT_EQ(f.state.senderIP(), "127.0.0.2:" + std::to_string(allowed.port()));
+  EXPECT_EQ(std::tuple(f.state.rawBlendshapes().at("jawOpen"), f.state.senderIP(), receiver.statistics().refused),
+            std::tuple(0.2f, "127.0.0.2:" + std::to_string(allowed.port()), 3u));
   ASSERT_EQ(tap->seen().size(), 1u);
   EXPECT_EQ(tap->seen()[0].envelope.sourceAddress, 0x7F000002u);
-  EXPECT_EQ(receiver.statistics().refused, 3u);
   waitFor([] { return false; }, 0.05);
   EXPECT_EQ(f.state.totalPacketsReceived(), 1u);  // no late delivery of refused frames
 
@@ -250,10 +242,9 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   allowed.sendTo(port, "jawOpen-70|");
   refused.sendTo(port, "jawOpen-40|");
   ASSERT_TRUE(waitFor([&] { return f.state.totalPacketsReceived() == 2; }));
-  EXPECT_EQ(f.state.rawBlendshapes().at("jawOpen"), 0.4f);
-  EXPECT_EQ(f.state.senderIP(), "127.0.0.3:" + std::to_string(refused.port()));
-  EXPECT_EQ(receiver.statistics().refused, 4u);
-  EXPECT_EQ(refusedLines("127.0.0.2"), 1);
+  EXPECT_EQ(std::tuple(f.state.rawBlendshapes().at("jawOpen"), f.state.senderIP(), receiver.statistics().refused,
+                       refusedLines("127.0.0.2")),
+            std::tuple(0.4f, "127.0.0.3:" + std::to_string(refused.port()), 4u, 1));
 }
 
 // A phone connection over a receiver that feeds a state.
@@ -293,9 +284,9 @@ TEST(PhoneConnectionTest, AsksTheAppAndShowsWhichAnswered) {
   const ssize_t n = ::recvfrom(phone.descriptor(), buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &length);
   ASSERT_GT(n, 0);
   EXPECT_EQ(ntohs(from.sin_port), port);  // from the port that listens for the answer
-  const auto request = nlohmann::json::parse(buffer, buffer + n);
-  EXPECT_EQ(request["messageType"], "iOSTrackingDataRequest");
-  EXPECT_EQ(request["ports"], nlohmann::json::array({port}));
+  EXPECT_EQ(nlohmann::json::parse(buffer, buffer + n),
+            (nlohmann::json{{"messageType", "iOSTrackingDataRequest"}, {"time", 10.0}, {"sentBy", "Velmora"},
+                            {"ports", nlohmann::json::array({port})}}));
 
   phone.sendTo(port, R"({"FaceFound":true,"BlendShapes":[{"k":"JawOpen","v":0.5}]})");
   // Shown once the answer reached the state, with the app its decoder named.

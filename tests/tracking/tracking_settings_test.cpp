@@ -39,6 +39,7 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
   LightingSettings lighting = *LightingSettings::presetMatching("under light");
   lighting.preset = LightingSettings::customName;
   lighting.warmth = -0.4;
+  const std::vector<std::string> relays{"127.0.0.1:9000", "lighting-desk:7000"}, oscAllowed{"10.0.0.7", "10.0.1.0/28"};
   {
     SettingsStore store(dir.path());
     FaceTrackingState state(store);
@@ -49,14 +50,13 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
     state.setOscPort(53210);
     state.setIsNDIActive(true);
     state.setLighting(lighting);
-    EXPECT_TRUE(state.relayTargets().empty());
-    EXPECT_TRUE(state.trackingAllowedSenders().empty());
+    EXPECT_EQ(std::tuple(state.relayTargets().size(), state.trackingAllowedSenders().size()), std::tuple(0u, 0u));
     state.setTrackingTimeout(1.25);
-    state.setRelayTargets({"127.0.0.1:9000", "lighting-desk:7000"});
+    state.setRelayTargets(relays);
     state.setTrackingBindAddress("192.168.1.5");
     state.setOscBindAddress("127.0.0.1");
     state.setTrackingAllowedSenders({"192.168.1.0/24"});
-    state.setOscAllowedSenders({"10.0.0.7", "10.0.1.0/28"});
+    state.setOscAllowedSenders(oscAllowed);
     // Not persisted:
     state.setSmoothing(0.9f);
     state.setMaskOpacity(0.2f);
@@ -64,35 +64,32 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
   }
   // The OSC switch's stored form is the state test's.
   SettingsStore store(dir.path());
-  EXPECT_EQ(store.object("characterModel"), json("cartoon_ghost"));
-  EXPECT_EQ(store.object("trackingDetail"), json(3));
-  EXPECT_TRUE(store.object("trackingDetail")->is_number_integer());
-  EXPECT_EQ(store.object("oscCuePort"), json(53210));
-  EXPECT_EQ(store.object("ndiOutputEnabled"), json(true));
-  EXPECT_EQ(store.object("blendshapeRanges"),
-            (json{{"jawOpen", {static_cast<double>(0.1f), static_cast<double>(0.8f)}},
-                  {"eyeBlinkLeft", {0.0, static_cast<double>(0.3f)}}}));
-  EXPECT_EQ(*store.object("trackingTimeout"), json(1.25));
-  EXPECT_EQ(*store.object("oscAllowedSenders"), json({"10.0.0.7", "10.0.1.0/28"}));
-  EXPECT_FALSE(store.object("smoothing"));
-  EXPECT_FALSE(store.object("maskOpacity"));
+  json stored;  // null: not stored
+  for (const char* key : {"characterModel", "trackingDetail", "oscCuePort", "ndiOutputEnabled", "blendshapeRanges",
+                          "trackingTimeout", "oscAllowedSenders", "smoothing", "maskOpacity"})
+    stored[key] = store.object(key).value_or(nullptr);
+  EXPECT_EQ(stored, (json{{"characterModel", "cartoon_ghost"}, {"trackingDetail", 3}, {"oscCuePort", 53210},
+                          {"ndiOutputEnabled", true},
+                          {"blendshapeRanges", {{"jawOpen", {static_cast<double>(0.1f), static_cast<double>(0.8f)}},
+                                                {"eyeBlinkLeft", {0.0, static_cast<double>(0.3f)}}}},
+                          {"trackingTimeout", 1.25}, {"oscAllowedSenders", oscAllowed}, {"smoothing", nullptr},
+                          {"maskOpacity", nullptr}}));
+  EXPECT_TRUE(stored["trackingDetail"].is_number_integer());
 
   // Model, detail, port, the switches and the timeout read back by
   // EveryKeyFallsBackFromUnusableValues's usable rows, ranges by
   // StoredRangesKeepOnlyTwoNumbersWithCeilingAboveFloor.
   FaceTrackingState restarted(store);
-  EXPECT_EQ(restarted.lighting(), lighting);
-  EXPECT_EQ(restarted.globalSensitivity(), 1.0f);
-  EXPECT_EQ(restarted.trackingLoss().timeout(), 1.25);
-  EXPECT_EQ(restarted.relayTargets(), (std::vector<std::string>{"127.0.0.1:9000", "lighting-desk:7000"}));
-  EXPECT_EQ(restarted.trackingBindAddress(), "192.168.1.5");
-  EXPECT_EQ(restarted.oscBindAddress(), "127.0.0.1");
-  EXPECT_EQ(restarted.trackingAllowedSenders(), std::vector<std::string>{"192.168.1.0/24"});
-  EXPECT_EQ(restarted.oscAllowedSenders(), (std::vector<std::string>{"10.0.0.7", "10.0.1.0/28"}));
+  EXPECT_EQ(std::tuple(restarted.lighting(), restarted.globalSensitivity(), restarted.trackingLoss().timeout(),
+                       restarted.relayTargets(), restarted.trackingBindAddress(), restarted.oscBindAddress(),
+                       restarted.trackingAllowedSenders(), restarted.oscAllowedSenders()),
+            std::tuple(lighting, 1.0f, 1.25, relays, "192.168.1.5", "127.0.0.1",
+                       std::vector<std::string>{"192.168.1.0/24"}, oscAllowed));
 }
 
-// Each key read back from a stored value: unusable values give the key's
-// default. A value read from the state, as the JSON it would be stored as.
+// Each key read back from a stored value: usable values as they were stored
+// (expected null), unusable ones as the key's default. A value read from the
+// state, as the JSON it would be stored as.
 TEST(TrackingSettingsTest, EveryKeyFallsBackFromUnusableValues) {
   using Read = json (*)(const FaceTrackingState&);
   const Read model = [](const FaceTrackingState& s) { return json(rawValue(s.characterModel())); };
@@ -109,27 +106,24 @@ TEST(TrackingSettingsTest, EveryKeyFallsBackFromUnusableValues) {
     json expected;
   };
   const Row rows[] = {
-      {"characterModel", model, {"cartoon_ghost"}, "cartoon_ghost"},
+      {"characterModel", model, {"cartoon_ghost"}, nullptr},
       {"characterModel", model, {"ghost", "Cartoon Ghost", "CARTOON_GHOST", "", 1, true, json::array()}, "theatrical_mask"},
-      {"trackingDetail", detail, {0}, 0},
-      {"trackingDetail", detail, {3}, 3},
+      {"trackingDetail", detail, {0, 3}, nullptr},
       {"trackingDetail", detail, {7, -1, 4, std::int64_t{1} << 40, "3", true, json::object()}, 2},
-      {"oscCuePort", port, {1024}, 1024},
-      {"oscCuePort", port, {65535}, 65535},
-      {"oscCuePort", port, {53210}, 53210},
+      {"oscCuePort", port, {1024, 65535, 53210}, nullptr},
       {"oscCuePort", port, {80, 70000, 1023, 65536, "53210", -53210, false, 1e12}, 53100},
-      {"isOSCEnabled", osc, {false}, false},
+      {"isOSCEnabled", osc, {false}, nullptr},
       {"isOSCEnabled", osc, {0, 1, "false", nullptr}, true},
-      {"ndiOutputEnabled", ndi, {true}, true},
+      {"ndiOutputEnabled", ndi, {true}, nullptr},
       {"ndiOutputEnabled", ndi, {1, "true", json::array({true})}, false},
       {"trackingTimeout", timeout, {-1}, 0.5},
-      {"trackingTimeout", timeout, {0}, 0.0},  // 0: never lose the face
+      {"trackingTimeout", timeout, {0}, nullptr},  // 0: never lose the face
       {"oscBindAddress", bind, {7}, ""},
   };
   for (const Row& r : rows) {
     for (const json& stored : r.stored) {
       SCOPED_TRACE(std::string(r.key) + " " + stored.dump());
-      EXPECT_EQ(r.read(*Stored(json{{r.key, stored}}).state), r.expected);
+      EXPECT_EQ(r.read(*Stored(json{{r.key, stored}}).state), r.expected.is_null() ? stored : r.expected);
     }
   }
   EXPECT_EQ(Stored(json::object()).state->oscPort(), FaceTrackingState::defaultOSCPort);
@@ -147,10 +141,7 @@ TEST(TrackingSettingsTest, StoredRangesKeepOnlyTwoNumbersWithCeilingAboveFloor) 
       {"eyeWideLeft", {0, 1}},  // integers are numbers
   };
   Stored s(json{{"blendshapeRanges", ranges}});
-  const auto& loaded = s.state->blendshapeRanges();
-  EXPECT_EQ(loaded.size(), 2u);
-  EXPECT_EQ(s.state->range("jawOpen"), (BlendshapeRange{0.1f, 0.8f}));
-  EXPECT_TRUE(loaded.contains("eyeWideLeft"));
+  EXPECT_EQ(s.state->blendshapeRanges(), (BlendshapeRanges{{"jawOpen", {0.1f, 0.8f}}, {"eyeWideLeft", {0.0f, 1.0f}}}));
 
   // A value that is not a dictionary of number arrays yields no ranges at all.
   for (const json& bad : {json{{"jawOpen", {0.1, 0.8}}, {"cheekPuff", "0.2,0.4"}},
@@ -164,10 +155,8 @@ TEST(TrackingSettingsTest, StoredRangesKeepOnlyTwoNumbersWithCeilingAboveFloor) 
 TEST(TrackingSettingsTest, UnreadableFileFallsBackAndTheNextWriteIsValid) {
   test::LogCapture log;
   Stored s(std::string("{\"characterModel\": \"cartoon_ghost\", oops"));
-  EXPECT_EQ(s.state->characterModel(), CharacterModelType::theatricalMask);
-  EXPECT_EQ(s.state->oscPort(), 53100);
-  EXPECT_TRUE(s.state->isOSCEnabled());
-  EXPECT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(std::tuple(s.state->characterModel(), s.state->oscPort(), s.state->isOSCEnabled(), log.lines().size()),
+            std::tuple(CharacterModelType::theatricalMask, 53100, true, 1u));
 
   s.state->setTrackingDetail(TrackingDetail::simple);
   std::ifstream in(s.dir.path() / "settings.json");
@@ -193,10 +182,8 @@ TEST(TrackingSettingsTest, UnusableValuesAreLoggedOnceAndAllowListsNeverComeBack
                          }));
   EXPECT_EQ(stored.state->oscAllowedSenders(), std::vector<std::string>{"10.0.0.7"});
   EXPECT_EQ(stored.state->trackingAllowedSenders(), (std::vector<std::string>{"10.0.0.8", "42", "null"}));
-  Stored other(json{{"oscAllowedSenders", json::object({{"a", 1}})}});
-  EXPECT_EQ(other.state->oscAllowedSenders().size(), 1u);
-  Stored empty(json{{"oscAllowedSenders", json::array()}});
-  EXPECT_TRUE(empty.state->oscAllowedSenders().empty());
+  EXPECT_EQ(Stored(json{{"oscAllowedSenders", json::object({{"a", 1}})}}).state->oscAllowedSenders().size(), 1u);
+  EXPECT_TRUE(Stored(json{{"oscAllowedSenders", json::array()}}).state->oscAllowedSenders().empty());
 }
 
 }  // namespace

@@ -47,9 +47,8 @@ TEST(LiveLinkNamesTest, WireOrderCoversTheVocabularyOnce) {
     EXPECT_TRUE(fromRawValue<ARKitBlendShape>(name)) << name;
     seen.insert(name);
   }
-  EXPECT_EQ(seen.size(), 52u);
   // Positions 0, 17, 41 and 51 are LiveLinkDecoderTest.ReadsTheLast244BytesInWireOrder's.
-  EXPECT_EQ(unrealARKitNames[46], "cheekPuff");
+  EXPECT_EQ(std::tuple(seen.size(), unrealARKitNames[46]), std::tuple(52u, "cheekPuff"));
 }
 
 TEST(BlendshapeRegionTest, PlainCaseSensitivePrefix) {
@@ -71,17 +70,15 @@ TEST(PersistedEnumerationsTest, RawValuesNamesAndLabels) {
   // The raw values both ways (stored and read back, the fallback's
   // "theatrical_mask"): the rows of
   // TrackingSettingsTest.EveryKeyFallsBackFromUnusableValues.
-  EXPECT_EQ(models[0], CharacterModelType::theatricalMask);
-  EXPECT_EQ(displayName(models[0]), "Theatrical Mask");
-  EXPECT_EQ(displayName(models[1]), "Cartoon Ghost");
+  EXPECT_EQ(std::tuple(models[0], displayName(models[0]), displayName(models[1])),
+            std::tuple(CharacterModelType::theatricalMask, "Theatrical Mask", "Cartoon Ghost"));
 
   const auto details = allCases<TrackingDetail>();
   ASSERT_EQ(details.size(), 4u);
   const char* labels[] = {"Simple", "Standard", "Detailed", "Many"};
   for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(rawValue(details[i]), i);
-    EXPECT_EQ(label(details[i]), labels[i]);
-    EXPECT_EQ(fromRawValue<TrackingDetail>(i), details[i]);
+    EXPECT_EQ(std::tuple(rawValue(details[i]), label(details[i]), fromRawValue<TrackingDetail>(i)),
+              std::tuple(i, labels[i], std::optional(details[i])));
   }
   // The values refused: TrackingSettingsTest.EveryKeyFallsBackFromUnusableValues.
 }
