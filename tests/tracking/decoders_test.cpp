@@ -134,19 +134,17 @@ TEST(PhoneAppsTest, VMCHeadBoneTurnedAboutEachAxis) {
       ',', 0, 0, 0,                                                  // 116: no arguments
   };
   // The quaternion's component at byte 72 + 4 * axis is sin 15 degrees.
-  const struct {
-    int axis;
-    float3 degrees;  // pitch, yaw, roll: down, turn, tilt as Velmora's signs say
-  } cases[] = {{0, {30, 0, 0}}, {1, {0, -30, 0}}, {2, {0, 0, -30}}};
-  for (const auto& c : cases) {
+  // The axis, and the degrees of pitch, yaw, roll: down, turn, tilt as Velmora's signs say.
+  const std::pair<int, float3> cases[] = {{0, {30, 0, 0}}, {1, {0, -30, 0}}, {2, {0, 0, -30}}};
+  for (const auto& [axis, degrees] : cases) {
     std::vector<std::uint8_t> datagram = bundle;
     std::memset(datagram.data() + 72, 0, 12);
-    std::memcpy(datagram.data() + 72 + 4 * c.axis, bundle.data() + 72, 4);
+    std::memcpy(datagram.data() + 72 + 4 * axis, bundle.data() + 72, 4);
     const auto d = decodeDatagram(datagram, kSender);
     ASSERT_EQ(d.format, TrackingFormat::osc);
     EXPECT_EQ(d.frame->app, TrackingApp::vmc);
     const float3 r = *d.frame->frame.rotation / kDeg;
-    for (int i = 0; i < 3; ++i) EXPECT_NEAR(r[i], c.degrees[i], 1e-3) << "axis " << c.axis << ", component " << i;
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(r[i], degrees[i], 1e-3) << "axis " << axis << ", component " << i;
     EXPECT_EQ(*d.frame->frame.position, float3(-0.01f, 1.5f, 0.02f));  // Unity's x mirrored
   }
   // A VMC name through the same spellings, and a bone other than Head moving

@@ -29,21 +29,6 @@ using Property = FaceTrackingState::Property;
 constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 constexpr float inf = std::numeric_limits<float>::infinity();
 
-// A pipeline with the state's default smoothing and sensitivities.
-struct Pipe {
-  Pipe() { pipeline.updateFilterParameters(0.45f); }
-  FacePipeline pipeline;
-  FacePipeline::Sensitivities sensitivities;
-  BlendshapeRanges ranges;
-  BlendshapeMap raw, out;
-  double now = 100.0;
-
-  void packet(const BlendshapeMap& shapes, double advance = 1.0 / 60.0) {
-    now += advance;
-    pipeline.blendshapes(shapes, now, ranges, sensitivities, {raw, out});
-  }
-};
-
 TEST(FacePipelineTest, RegionalSensitivityAndClamping) {
   // First samples (the filters pass them through) with the default mouth and
   // brow 1.2 and an eye 1.5; names outside the 52 are processed alike.
@@ -53,20 +38,22 @@ TEST(FacePipelineTest, RegionalSensitivityAndClamping) {
       {"someOtherName", 0.5f, 0.5f}, {"mouthFunnel", 0.9f, 1.0f},  // 1.08 clamped
       {"noseSneerLeft", -0.3f, 0.0f},
   };
-  Pipe f;
-  f.sensitivities.eye = 1.5f;
-  BlendshapeMap shapes;
+  FacePipeline pipeline;
+  FacePipeline::Sensitivities sensitivities;  // the state's defaults
+  sensitivities.eye = 1.5f;
+  BlendshapeMap shapes, raw, out;
   for (const auto& [name, received, processed] : rows) shapes[name] = received;
-  f.packet(shapes);
-  for (const auto& [name, received, processed] : rows) EXPECT_FLOAT_EQ(f.out.at(name), processed) << name;
-  EXPECT_EQ(f.raw.at("noseSneerLeft"), -0.3f);
+  pipeline.blendshapes(shapes, 100.0, {}, sensitivities, {raw, out});
+  for (const auto& [name, received, processed] : rows) EXPECT_FLOAT_EQ(out.at(name), processed) << name;
+  EXPECT_EQ(raw.at("noseSneerLeft"), -0.3f);
 
-  f.sensitivities.global = 0.8f;
-  f.packet({{"jawOpen", 0.5f}, {"cheekPuff", 0.5f}}, 0.0);
-  EXPECT_THAT((std::vector{f.out.at("jawOpen"), f.out.at("cheekPuff")}), Pointwise(FloatEq(), {0.48f, 0.4f}));
-  f.sensitivities.global = nan;
-  f.packet({{"cheekPuff", 0.5f}}, 0.0);
-  EXPECT_EQ(f.out.at("cheekPuff"), 0.0f);  // NaN clamps to 0
+  // The same values again: the filters keep them whatever their parameters.
+  sensitivities.global = 0.8f;
+  pipeline.blendshapes({{"jawOpen", 0.5f}, {"cheekPuff", 0.5f}}, 100.0, {}, sensitivities, {raw, out});
+  EXPECT_THAT((std::vector{out.at("jawOpen"), out.at("cheekPuff")}), Pointwise(FloatEq(), {0.48f, 0.4f}));
+  sensitivities.global = nan;
+  pipeline.blendshapes({{"cheekPuff", 0.5f}}, 100.0, {}, sensitivities, {raw, out});
+  EXPECT_EQ(out.at("cheekPuff"), 0.0f);  // NaN clamps to 0
 }
 
 TEST(FacePipelineTest, RotationSignsScaleAndReverseFlags) {
@@ -82,9 +69,9 @@ TEST(FacePipelineTest, RotationSignsScaleAndReverseFlags) {
        {0.2f, -0.4f, 0.6f}},
   };
   for (const auto& [head, expected] : cases) {
-    Pipe f;
+    FacePipeline pipeline;
     // First sample: the filter passes it through.
-    EXPECT_EQ(f.pipeline.rotation(received, head, f.now), expected)
+    EXPECT_EQ(pipeline.rotation(received, head, 100.0), expected)
         << head.reverseUpDown << head.reverseLeftRight << head.reverseTilt;
   }
 }
@@ -136,7 +123,6 @@ TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
 // line and PhoneConnectionTest's "answered (VTube Studio)".
 TEST(FaceTrackingStateTest, FramesCarryTheEyesAndALostFace) {
   Fixture f;
-  f.state.setMouthSensitivity(1.0f);
   FaceFrame frame;
   frame.sender = "192.168.1.7:49983";
   frame.blendshapes = BlendshapeMap{{"jawOpen", 0.5f}};
@@ -257,29 +243,27 @@ TEST(FaceTrackingStateTest, LockRotationEasesToZeroWhileRawFollows) {
 TEST(FaceTrackingStateTest, FilterParametersFollowSmoothing) {
   Fixture f;
   const OneEuroFilter1D& head = f.state.rotationFilter().x();
-  EXPECT_FLOAT_EQ(head.minCutoff, 1.65f);  // the default smoothing 0.45 from the start
-  EXPECT_FLOAT_EQ(head.beta, 0.011f);
+  // The default smoothing 0.45 from the start.
+  EXPECT_THAT((std::vector{head.minCutoff, head.beta}), Pointwise(FloatEq(), {1.65f, 0.011f}));
   f.packet({{"jawOpen", 0.5f}});
   // A filter created by a packet keeps its creation values until the next update.
   EXPECT_EQ(std::tuple(f.state.blendshapeFilter("jawOpen")->minCutoff, f.state.blendshapeFilter("jawOpen")->beta),
             std::tuple(1.5f, 0.02f));
   // Head: (1 - s) * 3 + 0.2 * s and (1 - s) * 0.02 + 0.001 * s; blendshapes x1.2 and x1.5.
-  struct Row {
-    float smoothing, headCutoff, headBeta, shapeCutoff, shapeBeta;
-  };
-  const Row rows[] = {
+  // Smoothing, head minCutoff and beta, blendshape minCutoff and beta:
+  const std::tuple<float, float, float, float, float> rows[] = {
       {0.45f, 1.65f, 0.011f, 1.98f, 0.0165f},
       {1.0f, 0.2f, 0.001f, 0.24f, 0.0015f},
       {0.0f, 3.0f, 0.02f, 3.6f, 0.03f},
       {nan, 0.2f, 0.001f, 0.24f, 0.0015f},  // never NaN parameters
   };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.smoothing);
-    f.state.setSmoothing(r.smoothing);
+  for (const auto& [smoothing, headCutoff, headBeta, shapeCutoff, shapeBeta] : rows) {
+    SCOPED_TRACE(smoothing);
+    f.state.setSmoothing(smoothing);
     const OneEuroFilter1D shape = *f.state.blendshapeFilter("jawOpen");
     EXPECT_THAT((std::vector{head.minCutoff, head.beta, f.state.positionFilter().z().minCutoff, shape.minCutoff,
                              shape.beta}),
-                Pointwise(FloatEq(), {r.headCutoff, r.headBeta, r.headCutoff, r.shapeCutoff, r.shapeBeta}));
+                Pointwise(FloatEq(), {headCutoff, headBeta, headCutoff, shapeCutoff, shapeBeta}));
     EXPECT_EQ(std::tuple(head.dCutoff, shape.isPrimed()), std::tuple(1.0f, true));
   }
 }
@@ -288,29 +272,24 @@ TEST(FaceTrackingStateTest, SetRangeLimits) {
   Fixture f;
   FaceTrackingState& s = f.state;
   EXPECT_EQ(s.range("jawOpen"), (BlendshapeRange{0.0f, 1.0f}));
-  // Applied in order; floor and ceiling stay 0.02 apart inside [0, 1].
-  struct Row {
-    const char* name;
-    std::optional<float> floor, ceiling;
-    float expectedFloor, expectedCeiling;
-    bool stored;
+  // Applied in order; floor and ceiling stay 0.02 apart inside [0, 1]. Name, floor and
+  // ceiling set, the range then, and whether it is stored (not neutral):
+  const std::tuple<const char*, std::optional<float>, std::optional<float>, BlendshapeRange, bool> rows[] = {
+      {"jawOpen", 0.99f, std::nullopt, {0.98f, 1.0f}, true},
+      {"jawOpen", 0.0f, 1.0f, {0.0f, 1.0f}, false},
+      {"cheekPuff", std::nullopt, 0.01f, {0.0f, 0.02f}, true},
+      {"browInnerUp", -0.5f, 2.0f, {0.0f, 1.0f}, false},  // both clamped: neutral, removed
+      {"browInnerUp", nan, 0.7f, {0.0f, 0.7f}, true},
+      {"browInnerUp", 0.69f, std::nullopt, {0.68f, 0.7f}, true},  // limited by the stored ceiling
+      {"browInnerUp", 0.5f, 0.3f, {0.5f, 0.52f}, true},           // ceiling raised above the new floor
+      {"browInnerUp", std::nullopt, nan, {0.5f, 1.0f}, true},     // NaN ceiling counts as 1
   };
-  const Row rows[] = {
-      {"jawOpen", 0.99f, std::nullopt, 0.98f, 1.0f, true},
-      {"jawOpen", 0.0f, 1.0f, 0.0f, 1.0f, false},
-      {"cheekPuff", std::nullopt, 0.01f, 0.0f, 0.02f, true},
-      {"browInnerUp", -0.5f, 2.0f, 0.0f, 1.0f, false},  // both clamped: neutral, removed
-      {"browInnerUp", nan, 0.7f, 0.0f, 0.7f, true},
-      {"browInnerUp", 0.69f, std::nullopt, 0.68f, 0.7f, true},  // limited by the stored ceiling
-      {"browInnerUp", 0.5f, 0.3f, 0.5f, 0.52f, true},           // ceiling raised above the new floor
-      {"browInnerUp", std::nullopt, nan, 0.5f, 1.0f, true},     // NaN ceiling counts as 1
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(testing::Message() << r.name << " " << r.floor.value_or(-1) << " " << r.ceiling.value_or(-1));
-    s.setRange(r.name, r.floor, r.ceiling);
-    EXPECT_THAT((std::vector{s.range(r.name).floor, s.range(r.name).ceiling}),
-                Pointwise(FloatEq(), {r.expectedFloor, r.expectedCeiling}));
-    EXPECT_EQ(s.blendshapeRanges().contains(r.name), r.stored);
+  for (const auto& [name, floor, ceiling, range, stored] : rows) {
+    SCOPED_TRACE(testing::Message() << name << " " << floor.value_or(-1) << " " << ceiling.value_or(-1));
+    s.setRange(name, floor, ceiling);
+    EXPECT_THAT((std::vector{s.range(name).floor, s.range(name).ceiling}),
+                Pointwise(FloatEq(), {range.floor, range.ceiling}));
+    EXPECT_EQ(s.blendshapeRanges().contains(name), stored);
   }
   // The whole map is stored on each change (its stored form:
   // TrackingSettingsTest.SettingsSurviveARestartInTheirStoredForms).

@@ -78,13 +78,10 @@ TEST(TrackingReceiverNetTest, PortHeldElsewhereIsSkippedOthersListen) {
   EXPECT_TRUE(UdpSocket(a).bound());
 }
 
-// A tap that keeps a copy of everything it is shown.
+// A tap that keeps a copy of everything it is shown: payload and envelope.
 class CopyingTap final : public DatagramTap {
  public:
-  struct Seen {
-    std::vector<std::uint8_t> payload;
-    DatagramEnvelope envelope;
-  };
+  using Seen = std::pair<std::vector<std::uint8_t>, DatagramEnvelope>;
   void datagramArrived(std::span<const std::uint8_t> payload, const DatagramEnvelope& envelope) override {
     std::lock_guard lock(mutex_);
     seen_.push_back({{payload.begin(), payload.end()}, envelope});
@@ -145,11 +142,11 @@ TEST(TrackingReceiverNetTest, BatchedBurstArrivesWholeAndInOrder) {
   for (std::size_t i = 0; i < total; ++i) {
     SCOPED_TRACE(i);
     const auto& [text, from, jaw] = sent[i];
-    const DatagramEnvelope& e = seen[i].envelope;
-    EXPECT_EQ(seen[i].payload, std::vector<std::uint8_t>(text.begin(), text.end()));
+    const auto& [payload, e] = seen[i];
+    EXPECT_EQ(payload, std::vector<std::uint8_t>(text.begin(), text.end()));
     EXPECT_EQ(std::tuple(e.sourceAddress, e.sourcePort, e.destinationAddress, e.destinationPort),
               std::tuple(0x7F000001u, from, 0x7F000001u, port));
-    EXPECT_GE(e.arrivalMicroseconds, i > 0 ? seen[i - 1].envelope.arrivalMicroseconds : 1);
+    EXPECT_GE(e.arrivalMicroseconds, i > 0 ? seen[i - 1].second.arrivalMicroseconds : 1);
     const BlendshapeMap& shapes = *frames[i].frame.blendshapes;
     EXPECT_EQ(std::tuple(frames[i].frame.sender, shapes.count("jawOpen") ? shapes.at("jawOpen") : -1.0f),
               std::tuple("127.0.0.1:" + std::to_string(from), jaw));
@@ -167,11 +164,10 @@ TEST(TrackingReceiverNetTest, FloodStaysBounded) {
 
   // More senders than may wait; each sends frames and unknown datagrams
   // (an odd count of phones, so every phone gets both kinds).
-  std::vector<std::unique_ptr<UdpSocket>> phones;
-  for (int i = 0; i < 21; ++i) phones.push_back(std::make_unique<UdpSocket>());
+  std::vector<UdpSocket> phones(21);
   constexpr int kFlood = 3000;
   for (int i = 0; i < kFlood; ++i) {
-    phones[i % phones.size()]->sendTo(port, i % 2 ? "jawOpen-50|" : "unknown");
+    phones[i % phones.size()].sendTo(port, i % 2 ? "jawOpen-50|" : "unknown");
     if (i % 200 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   // Wait until the receiver has read everything the kernel kept.
@@ -233,7 +229,7 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   EXPECT_EQ(std::tuple(f.state.rawBlendshapes().at("jawOpen"), f.state.senderIP(), receiver.statistics().refused),
             std::tuple(0.2f, "127.0.0.2:" + std::to_string(allowed.port()), 3u));
   ASSERT_EQ(tap->seen().size(), 1u);
-  EXPECT_EQ(tap->seen()[0].envelope.sourceAddress, 0x7F000002u);
+  EXPECT_EQ(tap->seen()[0].second.sourceAddress, 0x7F000002u);
   waitFor([] { return false; }, 0.05);
   EXPECT_EQ(f.state.totalPacketsReceived(), 1u);  // no late delivery of refused frames
 
@@ -249,6 +245,7 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
 
 // A phone connection over a receiver that feeds a state.
 struct Phone : test::StateFixture {
+  Phone() { MainQueue::shared().bindToCurrentThread(); }
   TrackingReceiver receiver{std::make_shared<MainThreadTrackingSink>(8, MainQueue::shared(), &state)};
   PhoneConnection connection{receiver, state, MainQueue::shared()};
 
@@ -263,15 +260,23 @@ struct Phone : test::StateFixture {
   }
 };
 
-// The request each app needs, sent from the receiver's own port, and the
-// answer shown with its app.
-TEST(PhoneConnectionTest, AsksTheAppAndShowsWhichAnswered) {
-  MainQueue::shared().bindToCurrentThread();
-  Phone p;
+// Each failure in the status and the log; then the request each app needs,
+// sent from the receiver's own port, and the answer shown with its app.
+TEST(PhoneConnectionTest, ShowsEachFailureThenAsksTheAppAndShowsWhichAnswered) {
+  Phone p;  // listening on no port yet: nothing to send from
+  LogCapture log;
+  p.state.setPhoneAddress("127.0.0.1");
+  ASSERT_TRUE(p.statusBecomes("Phone: could not send the request to 127.0.0.1: not listening on any tracking port"))
+      << p.state.phoneStatus();
+  EXPECT_TRUE(log.has("[PhoneConnection] could not send the request to 127.0.0.1: not listening on any tracking port"));
+  p.state.setPhoneAddress("no-such-phone.invalid");
+  ASSERT_TRUE(p.statusBecomes("Phone: cannot resolve \"no-such-phone.invalid\": ", true)) << p.state.phoneStatus();
+  p.state.setPhoneApp("Phone Tracker 3000");
+  ASSERT_TRUE(p.statusBecomes("Phone: unknown app \"Phone Tracker 3000\" (iFacialMocap or VTube Studio)"));
+
   const std::uint16_t port = freeUdpPort();
   ASSERT_TRUE(listen(p.receiver, port));
   UdpSocket phone;  // VTube Studio on the phone, on the port its screen shows
-  LogCapture log;
   p.state.setPhoneApp("VTube Studio");
   p.state.setPhoneAddress("127.0.0.1:" + std::to_string(phone.port()));
   ASSERT_TRUE(p.statusBecomes("Phone: asking 127.0.0.1 (VTube Studio) from UDP port " + std::to_string(port)))
@@ -294,20 +299,6 @@ TEST(PhoneConnectionTest, AsksTheAppAndShowsWhichAnswered) {
   EXPECT_EQ(PhoneConnection::request(PhoneConnection::App::iFacialMocap, port),
             "iFacialMocap_sahuasouryya9218sauhuiayeta91555dy3719");
   p.receiver.stopListening();
-}
-
-TEST(PhoneConnectionTest, FailuresShowInTheStatusAndTheLog) {
-  MainQueue::shared().bindToCurrentThread();
-  Phone p;  // listening on no port: nothing to send from
-  LogCapture log;
-  p.state.setPhoneAddress("127.0.0.1");
-  ASSERT_TRUE(p.statusBecomes("Phone: could not send the request to 127.0.0.1: not listening on any tracking port"))
-      << p.state.phoneStatus();
-  EXPECT_TRUE(log.has("[PhoneConnection] could not send the request to 127.0.0.1: not listening on any tracking port"));
-  p.state.setPhoneAddress("no-such-phone.invalid");
-  ASSERT_TRUE(p.statusBecomes("Phone: cannot resolve \"no-such-phone.invalid\": ", true)) << p.state.phoneStatus();
-  p.state.setPhoneApp("Phone Tracker 3000");
-  ASSERT_TRUE(p.statusBecomes("Phone: unknown app \"Phone Tracker 3000\" (iFacialMocap or VTube Studio)"));
 }
 
 }  // namespace

@@ -99,13 +99,8 @@ TEST(TrackingSettingsTest, EveryKeyFallsBackFromUnusableValues) {
   const Read ndi = [](const FaceTrackingState& s) { return json(s.isNDIActive()); };
   const Read timeout = [](const FaceTrackingState& s) { return json(s.trackingTimeout()); };
   const Read bind = [](const FaceTrackingState& s) { return json(s.oscBindAddress()); };
-  struct Row {
-    const char* key;
-    Read read;
-    std::vector<json> stored;
-    json expected;
-  };
-  const Row rows[] = {
+  // Key, its reader, the values stored one at a time, what each reads back as.
+  const std::tuple<const char*, Read, std::vector<json>, json> rows[] = {
       {"characterModel", model, {"cartoon_ghost"}, nullptr},
       {"characterModel", model, {"ghost", "Cartoon Ghost", "CARTOON_GHOST", "", 1, true, json::array()}, "theatrical_mask"},
       {"trackingDetail", detail, {0, 3}, nullptr},
@@ -120,10 +115,10 @@ TEST(TrackingSettingsTest, EveryKeyFallsBackFromUnusableValues) {
       {"trackingTimeout", timeout, {0}, nullptr},  // 0: never lose the face
       {"oscBindAddress", bind, {7}, ""},
   };
-  for (const Row& r : rows) {
-    for (const json& stored : r.stored) {
-      SCOPED_TRACE(std::string(r.key) + " " + stored.dump());
-      EXPECT_EQ(r.read(*Stored(json{{r.key, stored}}).state), r.expected.is_null() ? stored : r.expected);
+  for (const auto& [key, read, values, expected] : rows) {
+    for (const json& stored : values) {
+      SCOPED_TRACE(std::string(key) + " " + stored.dump());
+      EXPECT_EQ(read(*Stored(json{{key, stored}}).state), expected.is_null() ? stored : expected);
     }
   }
   EXPECT_EQ(Stored(json::object()).state->oscPort(), FaceTrackingState::defaultOSCPort);

@@ -26,18 +26,14 @@ TEST(ARKitBlendShapeTest, CasesAreAlphabeticalWithTheirIndicesAndRoundTrip) {
     names.emplace_back(rawValue(all[i]));
   }
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
-  for (const auto& [i, name] : {std::pair{0, "browDownLeft"}, std::pair{13, "eyeLookInRight"},
-                                std::pair{24, "jawOpen"}, std::pair{26, "mouthClose"},
-                                std::pair{39, "mouthRollLower"}, std::pair{51, "tongueOut"}}) {
-    EXPECT_EQ(rawValue(all[i]), name);
-  }
-  using std::string_view;
-  for (const string_view unknown : {string_view(""), string_view("JawOpen"), string_view("jawopen"),
-                                    string_view("jawOpen "), string_view("jawOpen\0", 8), string_view("tongueOutX"),
-                                    string_view("aaa"), string_view("zzz"), string_view("browDown"),
-                                    string_view("mouthSmileLeftX")}) {
+  // Positions 0, 13, 24, 26, 39 and 51.
+  EXPECT_EQ((std::vector{names[0], names[13], names[24], names[26], names[39], names[51]}),
+            (std::vector<std::string>{"browDownLeft", "eyeLookInRight", "jawOpen", "mouthClose", "mouthRollLower",
+                                      "tongueOut"}));
+  using namespace std::string_view_literals;
+  for (const std::string_view unknown : {""sv, "JawOpen"sv, "jawopen"sv, "jawOpen "sv, "jawOpen\0"sv, "tongueOutX"sv,
+                                         "aaa"sv, "zzz"sv, "browDown"sv, "mouthSmileLeftX"sv})
     EXPECT_FALSE(fromRawValue<ARKitBlendShape>(unknown)) << unknown;
-  }
 }
 
 TEST(LiveLinkNamesTest, WireOrderCoversTheVocabularyOnce) {
