@@ -110,8 +110,7 @@ TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
   for (int i = 1; i <= 30; ++i) at(i * 0.03, "192.168.1.20:50123");  // up to 0.9 s: no rate yet
   // The count, the newest sender and the last packet's time are shown by
   // TrackingIntakeTest's status line and the allow-list net test.
-  EXPECT_EQ(f.state.incomingFPS(), 0.0);
-  EXPECT_TRUE(f.state.isConnected());
+  EXPECT_EQ(std::tuple(f.state.incomingFPS(), f.state.isConnected()), std::tuple(0.0, true));
   at(1.25, "192.168.1.21:7");
   EXPECT_DOUBLE_EQ(f.state.incomingFPS(), 31 / 1.25);
   // The count restarts: 10 packets over the next 2 s.
@@ -233,8 +232,7 @@ TEST(FaceTrackingStateTest, LockRotationEasesToZeroWhileRawFollows) {
   for (int i = 0; i < 300; ++i) {
     f.rotation(float3(0.6f + 0.001f * i, 0.4f, -0.3f));
     const float now = std::fabs(f.state.headRotation().x);
-    EXPECT_LE(now, previous);
-    previous = now;
+    EXPECT_LE(now, std::exchange(previous, now));
   }
   EXPECT_NEAR(f.state.rawRotation().x, 0.899f, 1e-5f);
   EXPECT_LT(glm::length(f.state.headRotation()), 1e-3f);
@@ -404,10 +402,7 @@ TEST(FaceTrackingStateTest, OSCSwitchPersistsAndSetsStatusBeforeObserversHear) {
 TEST(FaceTrackingStateDeathTest, WritesOffTheMainThreadAreCaught) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   Fixture f;
-  auto offMain = [&](const std::function<void()>& write) {
-    std::thread worker(write);
-    worker.join();
-  };
+  auto offMain = [](const std::function<void()>& write) { std::thread(write).join(); };
   EXPECT_DEATH(offMain([&] { f.state.setMaskOpacity(0.5f); }), "must run on the main thread");
   EXPECT_DEATH(offMain([&] { f.state.ingestPacket(std::nullopt, std::nullopt, std::nullopt, "x:1"); }),
                "must run on the main thread");

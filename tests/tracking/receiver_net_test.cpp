@@ -173,10 +173,8 @@ TEST(TrackingReceiverNetTest, FloodStaysBounded) {
   // Wait until the receiver has read everything the kernel kept.
   std::uint64_t last = 0;
   waitFor([&] {
-    const auto now = receiver.statistics().packetsReceived;
-    const bool stable = now == last && now > 0;
-    last = now;
-    return stable;
+    const auto previous = std::exchange(last, receiver.statistics().packetsReceived);
+    return previous == last && last > 0;
   });
   receiver.listeningPorts();  // the queue is idle
   const auto stats = receiver.statistics();

@@ -21,17 +21,15 @@ using nlohmann::json;
 // Writes a settings file holding exactly this document and returns a fresh
 // state that reads it.
 struct Stored {
-  test::TempDir dir;
-  std::unique_ptr<SettingsStore> store;
-  std::unique_ptr<FaceTrackingState> state;
-
-  explicit Stored(const json& document) { write(document.dump()); }
-  explicit Stored(const std::string& text) { write(text); }
-  void write(const std::string& text) {
+  explicit Stored(const json& document) : Stored(document.dump()) {}
+  explicit Stored(const std::string& text) {
     std::ofstream(dir.path() / "settings.json") << text;
     store = std::make_unique<SettingsStore>(dir.path());
     state = std::make_unique<FaceTrackingState>(*store);
   }
+  test::TempDir dir;
+  std::unique_ptr<SettingsStore> store;
+  std::unique_ptr<FaceTrackingState> state;
 };
 
 TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
