@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <future>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
@@ -78,24 +77,6 @@ TEST(TrackingReceiverNetTest, PortHeldElsewhereIsSkippedOthersListen) {
   EXPECT_TRUE(UdpSocket(a).bound());
 }
 
-// A tap that keeps a copy of everything it is shown: payload and envelope.
-class CopyingTap final : public DatagramTap {
- public:
-  using Seen = std::pair<std::vector<std::uint8_t>, DatagramEnvelope>;
-  void datagramArrived(std::span<const std::uint8_t> payload, const DatagramEnvelope& envelope) override {
-    std::lock_guard lock(mutex_);
-    seen_.push_back({{payload.begin(), payload.end()}, envelope});
-  }
-  std::vector<Seen> seen() const {
-    std::lock_guard lock(mutex_);
-    return seen_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<Seen> seen_;
-};
-
 // Several receive calls' worth of datagrams from two senders, and the
 // largest datagram IPv4 can carry among them, all waiting when the queue
 // wakes: everything reaches the taps and the sink whole, in arrival order,
@@ -103,9 +84,8 @@ class CopyingTap final : public DatagramTap {
 TEST(TrackingReceiverNetTest, BatchedBurstArrivesWholeAndInOrder) {
   const std::uint16_t port = freeUdpPort();
   auto sink = std::make_shared<test::RecordingSink>();
-  auto tap = std::make_shared<CopyingTap>();
   TrackingReceiver receiver(sink);
-  receiver.addTap(tap);
+  receiver.addTap(sink);
   ASSERT_TRUE(listen(receiver, port));
 
   // Hold the queue while the burst lands in the socket buffer.
@@ -136,7 +116,7 @@ TEST(TrackingReceiverNetTest, BatchedBurstArrivesWholeAndInOrder) {
   const auto stats = receiver.statistics();
   EXPECT_EQ(std::tuple(stats.readinessEvents - eventsBefore, stats.packetsReceived, stats.lastSender, stats.lastFormat),
             std::tuple(1u, total, "127.0.0.1:" + std::to_string(b.port()), TrackingFormat::iFacialMocap));
-  const auto seen = tap->seen();
+  const auto seen = sink->seen();
   const auto frames = sink->frames();
   ASSERT_EQ(seen.size(), total);
   for (std::size_t i = 0; i < total; ++i) {
@@ -194,7 +174,7 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   test::StateFixture f;
   auto sink = std::make_shared<MainThreadTrackingSink>(8, MainQueue::shared(), &f.state);
   TrackingReceiver receiver(sink);
-  auto tap = std::make_shared<CopyingTap>();
+  auto tap = std::make_shared<test::RecordingSink>();  // as a tap only
   receiver.addTap(tap);
   LogCapture log;
   receiver.senderFilter().setAllowList(SenderAllowList::parse({"127.0.0.2"}));

@@ -37,12 +37,9 @@ TEST(ARKitBlendShapeTest, CasesAreAlphabeticalWithTheirIndicesAndRoundTrip) {
 }
 
 TEST(LiveLinkNamesTest, WireOrderCoversTheVocabularyOnce) {
-  ASSERT_EQ(unrealARKitNames.size(), 52u);
-  std::set<std::string_view> seen;
-  for (auto name : unrealARKitNames) {
-    EXPECT_TRUE(fromRawValue<ARKitBlendShape>(name)) << name;
-    seen.insert(name);
-  }
+  // 52 positions (the array's type), each a vocabulary name, none twice.
+  for (auto name : unrealARKitNames) EXPECT_TRUE(fromRawValue<ARKitBlendShape>(name)) << name;
+  const std::set<std::string_view> seen(unrealARKitNames.begin(), unrealARKitNames.end());
   // Positions 0, 17, 41 and 51 are LiveLinkDecoderTest.ReadsTheLast244BytesInWireOrder's.
   EXPECT_EQ(std::tuple(seen.size(), unrealARKitNames[46]), std::tuple(52u, "cheekPuff"));
 }
