@@ -49,8 +49,8 @@ TEST(FacePipelineTest, RegionalSensitivityAndClamping) {
 
   // The same values again: the filters keep them whatever their parameters.
   sensitivities.global = 0.8f;
-  pipeline.blendshapes({{"jawOpen", 0.5f}, {"browInnerUp", 0.5f}, {"eyeBlinkLeft", 0.5f}, {"cheekPuff", 0.5f}}, 100.0, {},
-                       sensitivities, {raw, out});
+  pipeline.blendshapes({{"jawOpen", 0.5f}, {"browInnerUp", 0.5f}, {"eyeBlinkLeft", 0.5f}, {"cheekPuff", 0.5f}},
+                       100.0, {}, sensitivities, {raw, out});
   EXPECT_THAT((std::vector{out.at("jawOpen"), out.at("browInnerUp"), out.at("eyeBlinkLeft"), out.at("cheekPuff")}),
               Pointwise(FloatEq(), {0.48f, 0.48f, 0.6f, 0.4f}));
   sensitivities.global = nan;

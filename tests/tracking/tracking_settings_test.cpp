@@ -163,10 +163,8 @@ TEST(TrackingSettingsTest, UnreadableFileFallsBackAndTheNextWriteIsValid) {
 TEST(TrackingSettingsTest, UnusableValuesAreLoggedOnceAndAllowListsNeverComeBackEmptyByAccident) {
   test::LogCapture log;
   Stored stored(json{{"oscCuePort", 80}, {"trackingDetail", "3"}, {"characterModel", "cartoon_ghost"},
-                     {"oscAllowedSenders", "10.0.0.7"},
-                     {"trackingAllowedSenders", json::array({"10.0.0.8", 42, nullptr})},
-                     {"trackingTimeout", -1},
-                     {"oscBindAddress", 7}});
+                     {"oscAllowedSenders", "10.0.0.7"}, {"trackingTimeout", -1}, {"oscBindAddress", 7},
+                     {"trackingAllowedSenders", json::array({"10.0.0.8", 42, nullptr})}});
   EXPECT_EQ(log.lines(), (std::vector<std::string>{
                              "[Settings] Stored \"trackingDetail\" value \"3\" is not usable; using 2",
                              "[Settings] Stored \"oscCuePort\" value 80 is not usable; using 53100",

@@ -21,8 +21,8 @@ TEST(ARKitBlendShapeTest, CasesAreAlphabeticalWithTheirIndicesAndRoundTrip) {
   std::vector<std::string> names;
   // Index and round trip per case also make the names and the cases distinct.
   for (std::size_t i = 0; i < all.size(); ++i) {
-    EXPECT_EQ(index(all[i]), i);
-    EXPECT_EQ(fromRawValue<ARKitBlendShape>(rawValue(all[i])), all[i]) << rawValue(all[i]);
+    EXPECT_EQ(std::tuple(index(all[i]), fromRawValue<ARKitBlendShape>(rawValue(all[i]))), std::tuple(i, all[i]))
+        << rawValue(all[i]);
     names.emplace_back(rawValue(all[i]));
   }
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
