@@ -58,14 +58,12 @@ TEST(MainThreadTrackingSinkTest, NewerFrameReplacesTheWaitingOneKeepingWhatOnlyT
   };
   Target reference, coalesced;
   // Both start from the same earlier pose, which fills what nobody set.
-  for (Target* t : {&reference, &coalesced}) {
-    DecodedFrame start;
-    start.frame.rotation = float3(0.5f, 0.5f, 0.5f);
-    start.frame.position = float3(1.0f, 1.0f, 1.0f);
-    start.frame.sender = kSender;
-    t->sink.deliver(start);
-    MainQueue::shared().drain();
-  }
+  DecodedFrame start;
+  start.frame.rotation = float3(0.5f, 0.5f, 0.5f);
+  start.frame.position = float3(1.0f, 1.0f, 1.0f);
+  start.frame.sender = kSender;
+  for (Target* t : {&reference, &coalesced}) t->sink.deliver(start);
+  MainQueue::shared().drain();
 
   for (const auto& p : packets) {
     reference.sink.deliver(decoded(p));

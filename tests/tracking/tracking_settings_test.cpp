@@ -3,7 +3,6 @@
 // of every key, stored ranges and an unreadable settings file.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 #include <vector>
 
@@ -11,7 +10,6 @@
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
-#include "tracking/TrackingSettings.h"
 
 namespace velmora {
 namespace {
