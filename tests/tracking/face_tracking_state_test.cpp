@@ -91,8 +91,8 @@ struct Fixture : test::StateFixture {
   }
 };
 
-TEST(FaceTrackingStateTest, InitialValuesAndTexts) {
-  Fixture f;
+TEST(FaceTrackingStateTest, InitialValuesThenPacketBookkeepingAndRate) {
+  Fixture f(0.0);
   const FaceTrackingState& s = f.state;
   // Smoothing 0.45 and the mouth's 1.2 are pinned by the filter-parameter
   // and per-name tests, "NDI: off" by OutputSyncTest (not written again).
@@ -101,10 +101,7 @@ TEST(FaceTrackingStateTest, InitialValuesAndTexts) {
             std::tuple(false, 1.2f, 1.0f, 1.2f, float3(0.9f, 0.95f, 1.0f), true, "Syphon: starting…",
                        "Waiting for iPhone...", "None", "OSC cues: starting…"));
   EXPECT_FALSE(s.localIP().empty());
-}
 
-TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
-  Fixture f(0.0);
   auto at = [&](double t, const char* sender) {
     f.now = t;
     f.state.ingestPacket(std::nullopt, std::nullopt, std::nullopt, sender);

@@ -141,25 +141,22 @@ TEST(TrackingSettingsTest, StoredRangesKeepOnlyTwoNumbersWithCeilingAboveFloor) 
   }
 }
 
-// Moving the file aside is the store's (settings_store_test); here, the
-// state's fallbacks afterwards and a valid next write.
-TEST(TrackingSettingsTest, UnreadableFileFallsBackAndTheNextWriteIsValid) {
+// Moving an unreadable file aside is the store's (settings_store_test); here,
+// the state's fallbacks afterwards and a valid next write. Each unusable value
+// is logged once, with what is used instead. Whatever is stored as an allow
+// list restricts: a lone string, non-string elements and other kinds come back
+// as entries (the allow-list reports the malformed ones); only an absent key
+// or [] admits everyone.
+TEST(TrackingSettingsTest, UnreadableFileAndUnusableValuesFallBackLoggedOnceAndAllowListsStayRestrictive) {
   test::LogCapture log;
   Stored s(std::string("{\"characterModel\": \"cartoon_ghost\", oops"));
   EXPECT_EQ(std::tuple(s.state->characterModel(), s.state->oscPort(), s.state->isOSCEnabled(), log.lines().size()),
             std::tuple(CharacterModelType::theatricalMask, 53100, true, 1u));
-
   s.state->setTrackingDetail(TrackingDetail::simple);
   std::ifstream in(s.dir.path() / "settings.json");
   EXPECT_EQ(json::parse(in, nullptr, false), (json{{"trackingDetail", 0}}));
-}
 
-// Each unusable value is logged once, with what is used instead. Whatever is
-// stored as an allow list restricts: a lone string, non-string elements and
-// other kinds come back as entries (the allow-list reports the malformed
-// ones); only an absent key or [] admits everyone.
-TEST(TrackingSettingsTest, UnusableValuesAreLoggedOnceAndAllowListsNeverComeBackEmptyByAccident) {
-  test::LogCapture log;
+  log.clear();
   Stored stored(json{{"oscCuePort", 80}, {"trackingDetail", "3"}, {"characterModel", "cartoon_ghost"},
                      {"oscAllowedSenders", "10.0.0.7"}, {"trackingTimeout", -1}, {"oscBindAddress", 7},
                      {"trackingAllowedSenders", json::array({"10.0.0.8", 42, nullptr})}});
