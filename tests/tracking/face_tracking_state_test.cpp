@@ -189,7 +189,7 @@ TEST(FaceTrackingStateTest, NonFiniteValuesAreSkipped) {
   EXPECT_EQ(std::tuple(f.state.blendshapes().size(), f.state.totalPacketsReceived()), std::tuple(1u, 3u));
 }
 
-TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZero) {
+TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZeroAndLockEasesToZero) {
   Fixture f;
   FaceTrackingState& s = f.state;
   const float3 pose(0.3f, -0.25f, 0.1f);
@@ -218,10 +218,8 @@ TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZero) {
   s.resetCalibration();
   EXPECT_EQ(std::tuple(s.zeroRotationOffset(), s.zeroPositionOffset(), s.range("jawOpen").floor),
             std::tuple(float3(0.0f), float3(0.0f), 0.1f));
-}
 
-TEST(FaceTrackingStateTest, LockRotationEasesToZeroWhileRawFollows) {
-  Fixture f;
+  // Locked, the head eases to zero while the raw rotation follows the sender.
   for (int i = 0; i < 120; ++i) f.rotation(float3(0.5f, 0.4f, -0.3f));
   EXPECT_NEAR(f.state.headRotation().x, -0.5f, 1e-3f);
   f.state.setLockRotation(true);
