@@ -146,32 +146,57 @@ TEST(FaceTrackingStateTest, FramesCarryTheEyesAndALostFace) {
 }
 
 // Each name's filter, then its range, then the regional sensitivity; names
-// seen at different times keep their own time steps. (That a smoothing
-// change re-parameterises the filters without resetting them is
-// FilterParametersFollowSmoothing's.)
-TEST(FaceTrackingStateTest, FilterThenRangeThenSensitivityPerName) {
+// seen at different times keep their own time steps.
+TEST(FaceTrackingStateTest, FilterThenRangeThenSensitivityPerNameWithParametersFollowingSmoothing) {
   // Replay the same samples through filters with the creation parameters; the
   // mouth's sensitivity is its default 1.2.
-  Fixture g;
-  g.state.setRange("jawOpen", 0.2f, 0.6f);
-  g.state.setBrowSensitivity(1.0f);
+  Fixture f;
+  f.state.setRange("jawOpen", 0.2f, 0.6f);
+  f.state.setBrowSensitivity(1.0f);
   OneEuroFilter1D jaw(1.5f, 0.02f, 1.0f), brow(1.5f, 0.02f, 1.0f);
   const std::vector<BlendshapeMap> packets = {
       {{"jawOpen", 0.0f}, {"browInnerUp", 0.9f}}, {{"jawOpen", 1.0f}}, {{"jawOpen", 1.0f}, {"browInnerUp", 0.1f}},
       {{"browInnerUp", 0.5f}, {"jawOpen", 0.3f}},
   };
   for (std::size_t i = 0; i < packets.size(); ++i) {
-    g.packet(packets[i], 0.02 * static_cast<double>(i + 1));
+    f.packet(packets[i], 0.02 * static_cast<double>(i + 1));
     for (const auto& [name, x] : packets[i]) {
       SCOPED_TRACE(testing::Message() << i << " " << name);
-      EXPECT_EQ(g.state.rawBlendshapes().at(name), x);
+      EXPECT_EQ(f.state.rawBlendshapes().at(name), x);
       if (name == "browInnerUp") {
-        EXPECT_EQ(g.state.blendshapes().at(name), brow.filter(x, g.now));
+        EXPECT_EQ(f.state.blendshapes().at(name), brow.filter(x, f.now));
         continue;
       }
-      const float n = std::clamp((jaw.filter(x, g.now) - 0.2f) / 0.4f, 0.0f, 1.0f) * 1.2f;
-      EXPECT_FLOAT_EQ(g.state.blendshapes().at(name), std::min(n, 1.0f));
+      const float n = std::clamp((jaw.filter(x, f.now) - 0.2f) / 0.4f, 0.0f, 1.0f) * 1.2f;
+      EXPECT_FLOAT_EQ(f.state.blendshapes().at(name), std::min(n, 1.0f));
     }
+  }
+
+  // The filters' parameters: the head's from the start, a blendshape's from its
+  // creation; a smoothing change re-parameterises them without resetting them.
+  const OneEuroFilter1D& head = f.state.rotationFilter().x();
+  // The default smoothing 0.45 from the start.
+  EXPECT_THAT((std::vector{head.minCutoff, head.beta}), Pointwise(FloatEq(), {1.65f, 0.011f}));
+  f.packet({{"jawOpen", 0.5f}});
+  // A filter created by a packet keeps its creation values until the next update.
+  EXPECT_EQ(std::tuple(f.state.blendshapeFilter("jawOpen")->minCutoff, f.state.blendshapeFilter("jawOpen")->beta),
+            std::tuple(1.5f, 0.02f));
+  // Head: (1 - s) * 3 + 0.2 * s and (1 - s) * 0.02 + 0.001 * s; blendshapes x1.2 and x1.5.
+  // Smoothing, head minCutoff and beta, blendshape minCutoff and beta:
+  const std::tuple<float, float, float, float, float> rows[] = {
+      {0.45f, 1.65f, 0.011f, 1.98f, 0.0165f},
+      {1.0f, 0.2f, 0.001f, 0.24f, 0.0015f},
+      {0.0f, 3.0f, 0.02f, 3.6f, 0.03f},
+      {nan, 0.2f, 0.001f, 0.24f, 0.0015f},  // never NaN parameters
+  };
+  for (const auto& [smoothing, headCutoff, headBeta, shapeCutoff, shapeBeta] : rows) {
+    SCOPED_TRACE(smoothing);
+    f.state.setSmoothing(smoothing);
+    const OneEuroFilter1D shape = *f.state.blendshapeFilter("jawOpen");
+    EXPECT_THAT((std::vector{head.minCutoff, head.beta, f.state.positionFilter().z().minCutoff, shape.minCutoff,
+                             shape.beta}),
+                Pointwise(FloatEq(), {headCutoff, headBeta, headCutoff, shapeCutoff, shapeBeta}));
+    EXPECT_EQ(std::tuple(head.dCutoff, shape.isPrimed()), std::tuple(1.0f, true));
   }
 }
 
@@ -235,34 +260,6 @@ TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZeroAndLockEasesToZero
   EXPECT_LT(glm::length(f.state.headRotation()), 1e-3f);
 }
 
-TEST(FaceTrackingStateTest, FilterParametersFollowSmoothing) {
-  Fixture f;
-  const OneEuroFilter1D& head = f.state.rotationFilter().x();
-  // The default smoothing 0.45 from the start.
-  EXPECT_THAT((std::vector{head.minCutoff, head.beta}), Pointwise(FloatEq(), {1.65f, 0.011f}));
-  f.packet({{"jawOpen", 0.5f}});
-  // A filter created by a packet keeps its creation values until the next update.
-  EXPECT_EQ(std::tuple(f.state.blendshapeFilter("jawOpen")->minCutoff, f.state.blendshapeFilter("jawOpen")->beta),
-            std::tuple(1.5f, 0.02f));
-  // Head: (1 - s) * 3 + 0.2 * s and (1 - s) * 0.02 + 0.001 * s; blendshapes x1.2 and x1.5.
-  // Smoothing, head minCutoff and beta, blendshape minCutoff and beta:
-  const std::tuple<float, float, float, float, float> rows[] = {
-      {0.45f, 1.65f, 0.011f, 1.98f, 0.0165f},
-      {1.0f, 0.2f, 0.001f, 0.24f, 0.0015f},
-      {0.0f, 3.0f, 0.02f, 3.6f, 0.03f},
-      {nan, 0.2f, 0.001f, 0.24f, 0.0015f},  // never NaN parameters
-  };
-  for (const auto& [smoothing, headCutoff, headBeta, shapeCutoff, shapeBeta] : rows) {
-    SCOPED_TRACE(smoothing);
-    f.state.setSmoothing(smoothing);
-    const OneEuroFilter1D shape = *f.state.blendshapeFilter("jawOpen");
-    EXPECT_THAT((std::vector{head.minCutoff, head.beta, f.state.positionFilter().z().minCutoff, shape.minCutoff,
-                             shape.beta}),
-                Pointwise(FloatEq(), {headCutoff, headBeta, headCutoff, shapeCutoff, shapeBeta}));
-    EXPECT_EQ(std::tuple(head.dCutoff, shape.isPrimed()), std::tuple(1.0f, true));
-  }
-}
-
 // Set range limits, the next packet mapped through them, and floors taken
 // from the current pose, one after the other on one state.
 TEST(FaceTrackingStateTest, RangesKeepTheirLimitsApplyToTheNextPacketAndTakeFloorsFromThePose) {
@@ -319,10 +316,9 @@ TEST(FaceTrackingStateTest, RangesKeepTheirLimitsApplyToTheNextPacketAndTakeFloo
   EXPECT_EQ(f.store.dictionary("blendshapeRanges")->size(), 2u);
 }
 
-TEST(FaceTrackingStateTest, ObserversHearEveryWriteAndMayChangeWhileNotified) {
+TEST(FaceTrackingStateTest, ObserversHearEveryWriteMayChangeWhileNotifiedAndReadTheNewValue) {
   Fixture f;
   std::vector<Property> heard;
-  // That observers read the new value is the OSC switch test's.
   const int token = f.state.observe([&](Property p) { heard.push_back(p); });
   f.state.setMaskOpacity(0.5f);
   f.state.setMaskOpacity(0.5f);  // unchanged values notify too
@@ -366,12 +362,10 @@ TEST(FaceTrackingStateTest, ObserversHearEveryWriteAndMayChangeWhileNotified) {
   f.state.setMaskOpacity(0.4f);
   EXPECT_EQ(first, 1);
   f.state.unobserve(12345);  // unknown tokens are ignored
-}
 
-TEST(FaceTrackingStateTest, OSCSwitchPersistsAndSetsStatusBeforeObserversHear) {
-  Fixture f;
+  // The application's cue-server switch is such an observer: it reads the new
+  // value, already stored, with the status written.
   std::vector<bool> calls;
-  // The application's cue-server switch is such an observer.
   f.state.observe([&](Property p) {
     if (p != Property::isOSCEnabled) return;
     const bool enabled = f.state.isOSCEnabled();
