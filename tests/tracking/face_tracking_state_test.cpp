@@ -5,6 +5,7 @@
 // parameters, observers and the OSC switch. Persistence is in
 // tracking_settings_test.cpp.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -21,25 +22,12 @@
 namespace velmora {
 namespace {
 
+using testing::FloatEq;
+using testing::Pointwise;
 using Property = FaceTrackingState::Property;
 
 constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 constexpr float inf = std::numeric_limits<float>::infinity();
-
-// A pipeline with the state's default smoothing and sensitivities.
-struct Pipe {
-  Pipe() { pipeline.updateFilterParameters(0.45f); }
-  FacePipeline pipeline;
-  FacePipeline::Sensitivities sensitivities;
-  BlendshapeRanges ranges;
-  BlendshapeMap raw, out;
-  double now = 100.0;
-
-  void packet(const BlendshapeMap& shapes, double advance = 1.0 / 60.0) {
-    now += advance;
-    pipeline.blendshapes(shapes, now, ranges, sensitivities, {raw, out});
-  }
-};
 
 TEST(FacePipelineTest, RegionalSensitivityAndClamping) {
   // First samples (the filters pass them through) with the default mouth and
@@ -50,46 +38,43 @@ TEST(FacePipelineTest, RegionalSensitivityAndClamping) {
       {"someOtherName", 0.5f, 0.5f}, {"mouthFunnel", 0.9f, 1.0f},  // 1.08 clamped
       {"noseSneerLeft", -0.3f, 0.0f},
   };
-  Pipe f;
-  f.sensitivities.eye = 1.5f;
-  BlendshapeMap shapes;
+  FacePipeline pipeline;
+  FacePipeline::Sensitivities sensitivities;  // the state's defaults
+  sensitivities.eye = 1.5f;
+  BlendshapeMap shapes, raw, out;
   for (const auto& [name, received, processed] : rows) shapes[name] = received;
-  f.packet(shapes);
-  for (const auto& [name, received, processed] : rows) EXPECT_FLOAT_EQ(f.out.at(name), processed) << name;
-  EXPECT_EQ(f.raw.at("noseSneerLeft"), -0.3f);
+  pipeline.blendshapes(shapes, 100.0, {}, sensitivities, {raw, out});
+  for (const auto& [name, received, processed] : rows) EXPECT_FLOAT_EQ(out.at(name), processed) << name;
+  EXPECT_EQ(raw.at("noseSneerLeft"), -0.3f);
 
-  f.sensitivities.global = 0.8f;
-  f.packet({{"jawOpen", 0.5f}, {"cheekPuff", 0.5f}}, 0.0);
-  EXPECT_FLOAT_EQ(f.out.at("jawOpen"), 0.48f);
-  EXPECT_FLOAT_EQ(f.out.at("cheekPuff"), 0.4f);
-  f.sensitivities.global = nan;
-  f.packet({{"cheekPuff", 0.5f}}, 0.0);
-  EXPECT_EQ(f.out.at("cheekPuff"), 0.0f);  // NaN clamps to 0
+  // The same values again: the filters keep them whatever their parameters.
+  sensitivities.global = 0.8f;
+  pipeline.blendshapes({{"jawOpen", 0.5f}, {"browInnerUp", 0.5f}, {"eyeBlinkLeft", 0.5f}, {"cheekPuff", 0.5f}},
+                       100.0, {}, sensitivities, {raw, out});
+  EXPECT_THAT((std::vector{out.at("jawOpen"), out.at("browInnerUp"), out.at("eyeBlinkLeft"), out.at("cheekPuff")}),
+              Pointwise(FloatEq(), {0.48f, 0.48f, 0.6f, 0.4f}));
+  sensitivities.global = nan;
+  pipeline.blendshapes({{"cheekPuff", 0.5f}}, 100.0, {}, sensitivities, {raw, out});
+  EXPECT_EQ(out.at("cheekPuff"), 0.0f);  // NaN clamps to 0
 }
 
 TEST(FacePipelineTest, RotationSignsScaleAndReverseFlags) {
-  struct Case {
-    bool upDown, leftRight, tilt;
-    float scale;
-    float3 expected;
-  };
   const float3 received(0.1f, -0.2f, 0.3f);
-  const Case cases[] = {
-      {false, false, false, 1.0f, {-0.1f, 0.2f, -0.3f}},  // inverted by default
-      {true, false, false, 1.0f, {0.1f, 0.2f, -0.3f}},
-      {false, true, false, 1.0f, {-0.1f, -0.2f, -0.3f}},
-      {false, false, true, 1.0f, {-0.1f, 0.2f, 0.3f}},
-      {true, true, true, 2.0f, {0.2f, -0.4f, 0.6f}},
+  // `.neutralRotation = {}` names the last field, which the compiler wants after designated ones.
+  const std::pair<FacePipeline::HeadOptions, float3> cases[] = {
+      {{}, {-0.1f, 0.2f, -0.3f}},  // inverted by default
+      {{.reverseUpDown = true, .neutralRotation = {}}, {0.1f, 0.2f, -0.3f}},
+      {{.reverseLeftRight = true, .neutralRotation = {}}, {-0.1f, -0.2f, -0.3f}},
+      {{.reverseTilt = true, .neutralRotation = {}}, {-0.1f, 0.2f, 0.3f}},
+      {{.rotationScale = 2.0f, .reverseUpDown = true, .reverseLeftRight = true, .reverseTilt = true,
+        .neutralRotation = {}},
+       {0.2f, -0.4f, 0.6f}},
   };
-  for (const Case& c : cases) {
-    Pipe f;
-    FacePipeline::HeadOptions head;
-    head.reverseUpDown = c.upDown;
-    head.reverseLeftRight = c.leftRight;
-    head.reverseTilt = c.tilt;
-    head.rotationScale = c.scale;
+  for (const auto& [head, expected] : cases) {
+    FacePipeline pipeline;
     // First sample: the filter passes it through.
-    EXPECT_EQ(f.pipeline.rotation(received, head, f.now), c.expected) << c.upDown << c.leftRight << c.tilt;
+    EXPECT_EQ(pipeline.rotation(received, head, 100.0), expected)
+        << head.reverseUpDown << head.reverseLeftRight << head.reverseTilt;
   }
 }
 
@@ -106,26 +91,17 @@ struct Fixture : test::StateFixture {
   }
 };
 
-TEST(FaceTrackingStateTest, InitialValuesAndTexts) {
-  Fixture f;
+TEST(FaceTrackingStateTest, InitialValuesThenPacketBookkeepingAndRate) {
+  Fixture f(0.0);
   const FaceTrackingState& s = f.state;
   // Smoothing 0.45 and the mouth's 1.2 are pinned by the filter-parameter
   // and per-name tests, "NDI: off" by OutputSyncTest (not written again).
-  EXPECT_FALSE(s.isCalibrated());
-  EXPECT_FLOAT_EQ(s.browSensitivity(), 1.2f);
-  EXPECT_EQ(s.eyeSensitivity(), 1.0f);
-  EXPECT_FLOAT_EQ(s.lightIntensity(), 1.2f);
-  EXPECT_EQ(s.rimLightColor(), float3(0.9f, 0.95f, 1.0f));
-  EXPECT_TRUE(s.isSyphonActive());
-  EXPECT_EQ(s.syphonStatus(), "Syphon: starting…");
+  EXPECT_EQ(std::tuple(s.isCalibrated(), s.browSensitivity(), s.eyeSensitivity(), s.lightIntensity(), s.rimLightColor(),
+                       s.isSyphonActive(), s.syphonStatus(), s.senderIP(), s.lastQLabCommand(), s.oscStatus()),
+            std::tuple(false, 1.2f, 1.0f, 1.2f, float3(0.9f, 0.95f, 1.0f), true, "Syphon: starting…",
+                       "Waiting for iPhone...", "None", "OSC cues: starting…"));
   EXPECT_FALSE(s.localIP().empty());
-  EXPECT_EQ(s.senderIP(), "Waiting for iPhone...");
-  EXPECT_EQ(s.lastQLabCommand(), "None");
-  EXPECT_EQ(s.oscStatus(), "OSC cues: starting…");
-}
 
-TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
-  Fixture f(0.0);
   auto at = [&](double t, const char* sender) {
     f.now = t;
     f.state.ingestPacket(std::nullopt, std::nullopt, std::nullopt, sender);
@@ -133,8 +109,7 @@ TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
   for (int i = 1; i <= 30; ++i) at(i * 0.03, "192.168.1.20:50123");  // up to 0.9 s: no rate yet
   // The count, the newest sender and the last packet's time are shown by
   // TrackingIntakeTest's status line and the allow-list net test.
-  EXPECT_EQ(f.state.incomingFPS(), 0.0);
-  EXPECT_TRUE(f.state.isConnected());
+  EXPECT_EQ(std::tuple(f.state.incomingFPS(), f.state.isConnected()), std::tuple(0.0, true));
   at(1.25, "192.168.1.21:7");
   EXPECT_DOUBLE_EQ(f.state.incomingFPS(), 31 / 1.25);
   // The count restarts: 10 packets over the next 2 s.
@@ -146,17 +121,16 @@ TEST(FaceTrackingStateTest, PacketBookkeepingAndRate) {
 // line and PhoneConnectionTest's "answered (VTube Studio)".
 TEST(FaceTrackingStateTest, FramesCarryTheEyesAndALostFace) {
   Fixture f;
-  f.state.setMouthSensitivity(1.0f);
   FaceFrame frame;
   frame.sender = "192.168.1.7:49983";
   frame.blendshapes = BlendshapeMap{{"jawOpen", 0.5f}};
   frame.leftEyeRotation = float3(0.5f * eyeLookFullTurn, -eyeLookFullTurn, 0.0f);  // down half, in fully
   f.state.ingestFrame(frame, TrackingApp::iFacialMocap);
   const BlendshapeMap& out = f.state.blendshapes();  // the first sample passes the filters unchanged
-  EXPECT_FLOAT_EQ(out.at("eyeLookDownLeft"), 0.5f);
-  EXPECT_EQ(out.at("eyeLookUpLeft"), 0.0f);
-  EXPECT_EQ(out.at("eyeLookInLeft"), 1.0f);
-  EXPECT_FALSE(out.contains("eyeLookDownRight"));  // no right eye sent
+  // No right eye sent.
+  EXPECT_EQ(std::tuple(out.at("eyeLookDownLeft"), out.at("eyeLookUpLeft"), out.at("eyeLookInLeft"),
+                       out.contains("eyeLookDownRight")),
+            std::tuple(0.5f, 0.0f, 1.0f, false));
   // Sent eyeLook* values win over the eye rotations.
   frame.blendshapes = BlendshapeMap{{"eyeLookUpRight", 0.25f}};
   f.now += 1.0 / 60.0;
@@ -172,84 +146,105 @@ TEST(FaceTrackingStateTest, FramesCarryTheEyesAndALostFace) {
 }
 
 // Each name's filter, then its range, then the regional sensitivity; names
-// seen at different times keep their own time steps. (That a smoothing
-// change re-parameterises the filters without resetting them is
-// FilterParametersFollowSmoothing's.)
-TEST(FaceTrackingStateTest, FilterThenRangeThenSensitivityPerName) {
+// seen at different times keep their own time steps.
+TEST(FaceTrackingStateTest, FilterThenRangeThenSensitivityPerNameWithParametersFollowingSmoothing) {
   // Replay the same samples through filters with the creation parameters; the
   // mouth's sensitivity is its default 1.2.
-  Fixture g;
-  g.state.setRange("jawOpen", 0.2f, 0.6f);
-  g.state.setBrowSensitivity(1.0f);
+  Fixture f;
+  f.state.setRange("jawOpen", 0.2f, 0.6f);
+  f.state.setBrowSensitivity(1.0f);
   OneEuroFilter1D jaw(1.5f, 0.02f, 1.0f), brow(1.5f, 0.02f, 1.0f);
   const std::vector<BlendshapeMap> packets = {
       {{"jawOpen", 0.0f}, {"browInnerUp", 0.9f}}, {{"jawOpen", 1.0f}}, {{"jawOpen", 1.0f}, {"browInnerUp", 0.1f}},
       {{"browInnerUp", 0.5f}, {"jawOpen", 0.3f}},
   };
   for (std::size_t i = 0; i < packets.size(); ++i) {
-    g.packet(packets[i], 0.02 * static_cast<double>(i + 1));
+    f.packet(packets[i], 0.02 * static_cast<double>(i + 1));
     for (const auto& [name, x] : packets[i]) {
       SCOPED_TRACE(testing::Message() << i << " " << name);
-      EXPECT_EQ(g.state.rawBlendshapes().at(name), x);
+      EXPECT_EQ(f.state.rawBlendshapes().at(name), x);
       if (name == "browInnerUp") {
-        EXPECT_EQ(g.state.blendshapes().at(name), brow.filter(x, g.now));
+        EXPECT_EQ(f.state.blendshapes().at(name), brow.filter(x, f.now));
         continue;
       }
-      const float n = std::clamp((jaw.filter(x, g.now) - 0.2f) / 0.4f, 0.0f, 1.0f) * 1.2f;
-      EXPECT_FLOAT_EQ(g.state.blendshapes().at(name), std::min(n, 1.0f));
+      const float n = std::clamp((jaw.filter(x, f.now) - 0.2f) / 0.4f, 0.0f, 1.0f) * 1.2f;
+      EXPECT_FLOAT_EQ(f.state.blendshapes().at(name), std::min(n, 1.0f));
     }
+  }
+
+  // The filters' parameters: the head's from the start, a blendshape's from its
+  // creation; a smoothing change re-parameterises them without resetting them.
+  const OneEuroFilter1D& head = f.state.rotationFilter().x();
+  // The default smoothing 0.45 from the start.
+  EXPECT_THAT((std::vector{head.minCutoff, head.beta}), Pointwise(FloatEq(), {1.65f, 0.011f}));
+  f.packet({{"jawOpen", 0.5f}});
+  // A filter created by a packet keeps its creation values until the next update.
+  EXPECT_EQ(std::tuple(f.state.blendshapeFilter("jawOpen")->minCutoff, f.state.blendshapeFilter("jawOpen")->beta),
+            std::tuple(1.5f, 0.02f));
+  // Head: (1 - s) * 3 + 0.2 * s and (1 - s) * 0.02 + 0.001 * s; blendshapes x1.2 and x1.5.
+  // Smoothing, head minCutoff and beta, blendshape minCutoff and beta:
+  const std::tuple<float, float, float, float, float> rows[] = {
+      {0.45f, 1.65f, 0.011f, 1.98f, 0.0165f},
+      {1.0f, 0.2f, 0.001f, 0.24f, 0.0015f},
+      {0.0f, 3.0f, 0.02f, 3.6f, 0.03f},
+      {nan, 0.2f, 0.001f, 0.24f, 0.0015f},  // never NaN parameters
+  };
+  for (const auto& [smoothing, headCutoff, headBeta, shapeCutoff, shapeBeta] : rows) {
+    SCOPED_TRACE(smoothing);
+    f.state.setSmoothing(smoothing);
+    const OneEuroFilter1D shape = *f.state.blendshapeFilter("jawOpen");
+    EXPECT_THAT((std::vector{head.minCutoff, head.beta, f.state.positionFilter().z().minCutoff, shape.minCutoff,
+                             shape.beta}),
+                Pointwise(FloatEq(), {headCutoff, headBeta, headCutoff, shapeCutoff, shapeBeta}));
+    EXPECT_EQ(std::tuple(head.dCutoff, shape.isPrimed()), std::tuple(1.0f, true));
   }
 }
 
 TEST(FaceTrackingStateTest, NonFiniteValuesAreSkipped) {
   Fixture f;
   f.packet({{"jawOpen", 0.5f}, {"eyeBlinkLeft", nan}, {"cheekPuff", inf}});
-  EXPECT_EQ(f.state.blendshapes().size(), 1u);
-  EXPECT_FALSE(f.state.rawBlendshapes().contains("eyeBlinkLeft"));
-  EXPECT_FALSE(f.state.blendshapeFilter("cheekPuff"));
+  EXPECT_EQ(std::tuple(f.state.blendshapes().size(), f.state.rawBlendshapes().contains("eyeBlinkLeft"),
+                       f.state.blendshapeFilter("cheekPuff").has_value()),
+            std::tuple(1u, false, false));
   const float before = f.state.blendshapes().at("jawOpen");
   f.packet({{"jawOpen", -inf}});
-  EXPECT_EQ(f.state.blendshapes().at("jawOpen"), before);
-  EXPECT_EQ(f.state.rawBlendshapes().at("jawOpen"), 0.5f);
+  EXPECT_EQ(std::tuple(f.state.blendshapes().at("jawOpen"), f.state.rawBlendshapes().at("jawOpen")),
+            std::tuple(before, 0.5f));
   f.packet({});  // an empty map changes nothing
-  EXPECT_EQ(f.state.blendshapes().size(), 1u);
-  EXPECT_EQ(f.state.totalPacketsReceived(), 3u);
+  EXPECT_EQ(std::tuple(f.state.blendshapes().size(), f.state.totalPacketsReceived()), std::tuple(1u, 3u));
 }
 
-TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZero) {
+TEST(FaceTrackingStateTest, RecentreHoldsTheCapturedPoseAtZeroAndLockEasesToZero) {
   Fixture f;
+  FaceTrackingState& s = f.state;
   const float3 pose(0.3f, -0.25f, 0.1f);
   for (int i = 0; i < 20; ++i) f.rotation(pose + float3(0.001f * i));
-  f.state.ingestPacket({{{"jawOpen", 0.7f}}}, pose, float3(1, 2, 3), "a:1");
-  EXPECT_EQ(f.state.headPosition(), float3(0.0f));  // the position never moves the head (raw: the offset below)
-  f.state.setRange("jawOpen", 0.1f, std::nullopt);
-  f.state.recentreNeutralPose();  // isCalibrated on and off: MenuCommandsTest
-  EXPECT_EQ(f.state.zeroRotationOffset(), pose);
-  EXPECT_EQ(f.state.zeroPositionOffset(), float3(1, 2, 3));
-  EXPECT_FALSE(f.state.rotationFilter().x().isPrimed());
-  EXPECT_EQ(f.state.range("jawOpen").floor, 0.1f);  // ranges and blendshapes untouched
-  EXPECT_TRUE(f.state.blendshapeFilter("jawOpen")->isPrimed());
+  s.ingestPacket({{{"jawOpen", 0.7f}}}, pose, float3(1, 2, 3), "a:1");
+  EXPECT_EQ(s.headPosition(), float3(0.0f));  // the position never moves the head (raw: the offset below)
+  s.setRange("jawOpen", 0.1f, std::nullopt);
+  s.recentreNeutralPose();  // isCalibrated on and off: MenuCommandsTest
+  // The head filter restarts; ranges and blendshapes are untouched.
+  EXPECT_EQ(std::tuple(s.zeroRotationOffset(), s.zeroPositionOffset(), s.rotationFilter().x().isPrimed(),
+                       s.range("jawOpen").floor, s.blendshapeFilter("jawOpen")->isPrimed()),
+            std::tuple(pose, float3(1, 2, 3), false, 0.1f, true));
   for (int i = 0; i < 5; ++i) {
     f.rotation(pose);
-    EXPECT_EQ(f.state.headRotation(), float3(0.0f)) << i;
+    EXPECT_EQ(s.headRotation(), float3(0.0f)) << i;
   }
-  f.state.ingestPacket(std::nullopt, std::nullopt, float3(4, 5, 6), "x:1");  // not moved by the offset either
-  EXPECT_EQ(f.state.headPosition(), float3(0.0f));
+  s.ingestPacket(std::nullopt, std::nullopt, float3(4, 5, 6), "x:1");  // not moved by the offset either
+  EXPECT_EQ(s.headPosition(), float3(0.0f));
   // Turning away from the neutral pose moves the head by the difference.
   Fixture fresh;
   fresh.rotation(float3(0.2f, 0.0f, 0.0f));
-  f.state.recenterNeutralPose();
+  s.recenterNeutralPose();
   f.rotation(pose + float3(0.2f, 0.0f, 0.0f));
-  EXPECT_NEAR(f.state.headRotation().x, fresh.state.headRotation().x, 1e-6f);
+  EXPECT_NEAR(s.headRotation().x, fresh.state.headRotation().x, 1e-6f);
 
-  f.state.resetCalibration();
-  EXPECT_EQ(f.state.zeroRotationOffset(), float3(0.0f));
-  EXPECT_EQ(f.state.zeroPositionOffset(), float3(0.0f));
-  EXPECT_EQ(f.state.range("jawOpen").floor, 0.1f);
-}
+  s.resetCalibration();
+  EXPECT_EQ(std::tuple(s.zeroRotationOffset(), s.zeroPositionOffset(), s.range("jawOpen").floor),
+            std::tuple(float3(0.0f), float3(0.0f), 0.1f));
 
-TEST(FaceTrackingStateTest, LockRotationEasesToZeroWhileRawFollows) {
-  Fixture f;
+  // Locked, the head eases to zero while the raw rotation follows the sender.
   for (int i = 0; i < 120; ++i) f.rotation(float3(0.5f, 0.4f, -0.3f));
   EXPECT_NEAR(f.state.headRotation().x, -0.5f, 1e-3f);
   f.state.setLockRotation(true);
@@ -259,118 +254,71 @@ TEST(FaceTrackingStateTest, LockRotationEasesToZeroWhileRawFollows) {
   for (int i = 0; i < 300; ++i) {
     f.rotation(float3(0.6f + 0.001f * i, 0.4f, -0.3f));
     const float now = std::fabs(f.state.headRotation().x);
-    EXPECT_LE(now, previous);
-    previous = now;
+    EXPECT_LE(now, std::exchange(previous, now));
   }
   EXPECT_NEAR(f.state.rawRotation().x, 0.899f, 1e-5f);
   EXPECT_LT(glm::length(f.state.headRotation()), 1e-3f);
 }
 
-TEST(FaceTrackingStateTest, FilterParametersFollowSmoothing) {
-  Fixture f;
-  const OneEuroFilter1D& head = f.state.rotationFilter().x();
-  EXPECT_FLOAT_EQ(head.minCutoff, 1.65f);  // the default smoothing 0.45 from the start
-  EXPECT_FLOAT_EQ(head.beta, 0.011f);
-  f.packet({{"jawOpen", 0.5f}});
-  // A filter created by a packet keeps its creation values until the next update.
-  EXPECT_EQ(f.state.blendshapeFilter("jawOpen")->minCutoff, 1.5f);
-  EXPECT_EQ(f.state.blendshapeFilter("jawOpen")->beta, 0.02f);
-  // Head: (1 - s) * 3 + 0.2 * s and (1 - s) * 0.02 + 0.001 * s; blendshapes x1.2 and x1.5.
-  struct Row {
-    float smoothing, headCutoff, headBeta, shapeCutoff, shapeBeta;
-  };
-  const Row rows[] = {
-      {0.45f, 1.65f, 0.011f, 1.98f, 0.0165f},
-      {1.0f, 0.2f, 0.001f, 0.24f, 0.0015f},
-      {0.0f, 3.0f, 0.02f, 3.6f, 0.03f},
-      {nan, 0.2f, 0.001f, 0.24f, 0.0015f},  // never NaN parameters
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.smoothing);
-    f.state.setSmoothing(r.smoothing);
-    const OneEuroFilter1D shape = *f.state.blendshapeFilter("jawOpen");
-    EXPECT_FLOAT_EQ(head.minCutoff, r.headCutoff);
-    EXPECT_FLOAT_EQ(head.beta, r.headBeta);
-    EXPECT_FLOAT_EQ(f.state.positionFilter().z().minCutoff, r.headCutoff);
-    EXPECT_EQ(head.dCutoff, 1.0f);
-    EXPECT_FLOAT_EQ(shape.minCutoff, r.shapeCutoff);
-    EXPECT_FLOAT_EQ(shape.beta, r.shapeBeta);
-    EXPECT_TRUE(shape.isPrimed());
-  }
-}
-
-TEST(FaceTrackingStateTest, SetRangeLimits) {
+// Set range limits, the next packet mapped through them, and floors taken
+// from the current pose, one after the other on one state.
+TEST(FaceTrackingStateTest, RangesKeepTheirLimitsApplyToTheNextPacketAndTakeFloorsFromThePose) {
   Fixture f;
   FaceTrackingState& s = f.state;
   EXPECT_EQ(s.range("jawOpen"), (BlendshapeRange{0.0f, 1.0f}));
-  // Applied in order; floor and ceiling stay 0.02 apart inside [0, 1].
-  struct Row {
-    const char* name;
-    std::optional<float> floor, ceiling;
-    float expectedFloor, expectedCeiling;
-    bool stored;
+  // Applied in order; floor and ceiling stay 0.02 apart inside [0, 1]. Name, floor and
+  // ceiling set, the range then, and whether it is stored (not neutral):
+  const std::tuple<const char*, std::optional<float>, std::optional<float>, BlendshapeRange, bool> rows[] = {
+      {"jawOpen", 0.99f, std::nullopt, {0.98f, 1.0f}, true},
+      {"jawOpen", 0.0f, 1.0f, {0.0f, 1.0f}, false},
+      {"cheekPuff", std::nullopt, 0.01f, {0.0f, 0.02f}, true},
+      {"browInnerUp", -0.5f, 2.0f, {0.0f, 1.0f}, false},  // both clamped: neutral, removed
+      {"browInnerUp", nan, 0.7f, {0.0f, 0.7f}, true},
+      {"browInnerUp", 0.69f, std::nullopt, {0.68f, 0.7f}, true},  // limited by the stored ceiling
+      {"browInnerUp", 0.5f, 0.3f, {0.5f, 0.52f}, true},           // ceiling raised above the new floor
+      {"browInnerUp", std::nullopt, nan, {0.5f, 1.0f}, true},     // NaN ceiling counts as 1
   };
-  const Row rows[] = {
-      {"jawOpen", 0.99f, std::nullopt, 0.98f, 1.0f, true},
-      {"jawOpen", 0.0f, 1.0f, 0.0f, 1.0f, false},
-      {"cheekPuff", std::nullopt, 0.01f, 0.0f, 0.02f, true},
-      {"browInnerUp", -0.5f, 2.0f, 0.0f, 1.0f, false},  // both clamped: neutral, removed
-      {"browInnerUp", nan, 0.7f, 0.0f, 0.7f, true},
-      {"browInnerUp", 0.69f, std::nullopt, 0.68f, 0.7f, true},  // limited by the stored ceiling
-      {"browInnerUp", 0.5f, 0.3f, 0.5f, 0.52f, true},           // ceiling raised above the new floor
-      {"browInnerUp", std::nullopt, nan, 0.5f, 1.0f, true},     // NaN ceiling counts as 1
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(testing::Message() << r.name << " " << r.floor.value_or(-1) << " " << r.ceiling.value_or(-1));
-    s.setRange(r.name, r.floor, r.ceiling);
-    EXPECT_FLOAT_EQ(s.range(r.name).floor, r.expectedFloor);
-    EXPECT_FLOAT_EQ(s.range(r.name).ceiling, r.expectedCeiling);
-    EXPECT_EQ(s.blendshapeRanges().contains(r.name), r.stored);
+  for (const auto& [name, floor, ceiling, range, stored] : rows) {
+    SCOPED_TRACE(testing::Message() << name << " " << floor.value_or(-1) << " " << ceiling.value_or(-1));
+    s.setRange(name, floor, ceiling);
+    EXPECT_THAT((std::vector{s.range(name).floor, s.range(name).ceiling}),
+                Pointwise(FloatEq(), {range.floor, range.ceiling}));
+    EXPECT_EQ(s.blendshapeRanges().contains(name), stored);
   }
   // The whole map is stored on each change (its stored form:
   // TrackingSettingsTest.SettingsSurviveARestartInTheirStoredForms).
   s.resetAllRanges();
   EXPECT_TRUE(s.blendshapeRanges().empty());
   EXPECT_EQ(*f.store.dictionary("blendshapeRanges"), nlohmann::json::object());
-}
 
-TEST(FaceTrackingStateTest, RangeChangesApplyToTheNextPacket) {
-  Fixture f;
-  f.state.setRange("cheekPuff", 0.2f, 0.6f);
+  s.setRange("cheekPuff", 0.2f, 0.6f);
   f.packet({{"cheekPuff", 0.4f}});
-  EXPECT_FLOAT_EQ(f.state.blendshapes().at("cheekPuff"), 0.5f);
-  f.state.resetAllRanges();
+  EXPECT_FLOAT_EQ(s.blendshapes().at("cheekPuff"), 0.5f);
+  s.resetAllRanges();
   f.packet({{"cheekPuff", 0.4f}});
-  EXPECT_EQ(f.state.blendshapes().at("cheekPuff"), 0.4f);
+  EXPECT_EQ(s.blendshapes().at("cheekPuff"), 0.4f);
   // A stored span narrower than the 0.02 minimum gap counts as that gap.
-  f.state.setBlendshapeRanges({{"noseSneerLeft", {0.5f, 0.51f}}});
+  s.setBlendshapeRanges({{"noseSneerLeft", {0.5f, 0.51f}}});
   f.packet({{"noseSneerLeft", 0.51f}});  // a fresh filter: passed through exactly
-  EXPECT_NEAR(f.state.blendshapes().at("noseSneerLeft"), 0.5f, 1e-5f);
-  f.state.resetAllRanges();
+  EXPECT_NEAR(s.blendshapes().at("noseSneerLeft"), 0.5f, 1e-5f);
+  s.resetAllRanges();
   // Replacing the published maps must not leave stale slots behind.
-  f.state.setBlendshapes({});
-  f.state.setRawBlendshapes({});
+  s.setBlendshapes({});
+  s.setRawBlendshapes({});
   f.packet({{"cheekPuff", 0.4f}});
-  EXPECT_EQ(f.state.blendshapes().at("cheekPuff"), 0.4f);
-  EXPECT_EQ(f.state.rawBlendshapes().at("cheekPuff"), 0.4f);
-}
+  EXPECT_EQ(std::tuple(s.blendshapes().at("cheekPuff"), s.rawBlendshapes().at("cheekPuff")), std::tuple(0.4f, 0.4f));
 
-TEST(FaceTrackingStateTest, FloorsFromCurrentPose) {
-  Fixture f;
+  // Floors from the raw pose, at most 0.9; a 0 stays neutral.
   f.packet({{"jawOpen", 0.95f}, {"cheekPuff", 0.3f}, {"browInnerUp", 0.0f}});
-  f.state.setRange("cheekPuff", std::nullopt, 0.8f);
-  f.state.setFloorsFromCurrentPose();
-  EXPECT_FLOAT_EQ(f.state.range("jawOpen").floor, 0.9f);
-  EXPECT_EQ(f.state.range("jawOpen").ceiling, 1.0f);
-  EXPECT_EQ(f.state.range("cheekPuff"), (BlendshapeRange{0.3f, 0.8f}));
-  EXPECT_FALSE(f.state.blendshapeRanges().contains("browInnerUp"));
+  s.setRange("cheekPuff", std::nullopt, 0.8f);
+  s.setFloorsFromCurrentPose();
+  EXPECT_EQ(s.blendshapeRanges(), (BlendshapeRanges{{"jawOpen", {0.9f, 1.0f}}, {"cheekPuff", {0.3f, 0.8f}}}));
   EXPECT_EQ(f.store.dictionary("blendshapeRanges")->size(), 2u);
 }
 
-TEST(FaceTrackingStateTest, ObserversHearEveryWriteAndMayChangeWhileNotified) {
+TEST(FaceTrackingStateTest, ObserversHearEveryWriteMayChangeWhileNotifiedAndReadTheNewValue) {
   Fixture f;
   std::vector<Property> heard;
-  // That observers read the new value is the OSC switch test's.
   const int token = f.state.observe([&](Property p) { heard.push_back(p); });
   f.state.setMaskOpacity(0.5f);
   f.state.setMaskOpacity(0.5f);  // unchanged values notify too
@@ -398,8 +346,7 @@ TEST(FaceTrackingStateTest, ObserversHearEveryWriteAndMayChangeWhileNotified) {
 
   // Observers may unobserve and observe while notified.
   int first = 0, second = 0, late = 0;
-  int firstToken = 0;
-  firstToken = f.state.observe([&](Property) {
+  const int firstToken = f.state.observe([&](Property) {
     ++first;
     f.state.unobserve(firstToken);
     f.state.observe([&](Property) { ++late; });
@@ -409,18 +356,16 @@ TEST(FaceTrackingStateTest, ObserversHearEveryWriteAndMayChangeWhileNotified) {
     if (p == Property::maskOpacity) f.state.setLightIntensity(2.0f);  // nested write
   });
   f.state.setMaskOpacity(0.3f);
-  EXPECT_EQ(first, 1);
-  EXPECT_EQ(second, 2);  // maskOpacity, then the nested lightIntensity
-  EXPECT_EQ(late, 1);    // added during the first notification, heard the nested one
+  // The second heard maskOpacity, then the nested lightIntensity; the late one,
+  // added during the first notification, heard the nested one.
+  EXPECT_EQ(std::tuple(first, second, late), std::tuple(1, 2, 1));
   f.state.setMaskOpacity(0.4f);
   EXPECT_EQ(first, 1);
   f.state.unobserve(12345);  // unknown tokens are ignored
-}
 
-TEST(FaceTrackingStateTest, OSCSwitchPersistsAndSetsStatusBeforeObserversHear) {
-  Fixture f;
+  // The application's cue-server switch is such an observer: it reads the new
+  // value, already stored, with the status written.
   std::vector<bool> calls;
-  // The application's cue-server switch is such an observer.
   f.state.observe([&](Property p) {
     if (p != Property::isOSCEnabled) return;
     const bool enabled = f.state.isOSCEnabled();
@@ -442,10 +387,7 @@ TEST(FaceTrackingStateTest, OSCSwitchPersistsAndSetsStatusBeforeObserversHear) {
 TEST(FaceTrackingStateDeathTest, WritesOffTheMainThreadAreCaught) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   Fixture f;
-  auto offMain = [&](const std::function<void()>& write) {
-    std::thread worker(write);
-    worker.join();
-  };
+  auto offMain = [](const std::function<void()>& write) { std::thread(write).join(); };
   EXPECT_DEATH(offMain([&] { f.state.setMaskOpacity(0.5f); }), "must run on the main thread");
   EXPECT_DEATH(offMain([&] { f.state.ingestPacket(std::nullopt, std::nullopt, std::nullopt, "x:1"); }),
                "must run on the main thread");

@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <future>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
@@ -78,27 +77,6 @@ TEST(TrackingReceiverNetTest, PortHeldElsewhereIsSkippedOthersListen) {
   EXPECT_TRUE(UdpSocket(a).bound());
 }
 
-// A tap that keeps a copy of everything it is shown.
-class CopyingTap final : public DatagramTap {
- public:
-  struct Seen {
-    std::vector<std::uint8_t> payload;
-    DatagramEnvelope envelope;
-  };
-  void datagramArrived(std::span<const std::uint8_t> payload, const DatagramEnvelope& envelope) override {
-    std::lock_guard lock(mutex_);
-    seen_.push_back({{payload.begin(), payload.end()}, envelope});
-  }
-  std::vector<Seen> seen() const {
-    std::lock_guard lock(mutex_);
-    return seen_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<Seen> seen_;
-};
-
 // Several receive calls' worth of datagrams from two senders, and the
 // largest datagram IPv4 can carry among them, all waiting when the queue
 // wakes: everything reaches the taps and the sink whole, in arrival order,
@@ -106,9 +84,8 @@ class CopyingTap final : public DatagramTap {
 TEST(TrackingReceiverNetTest, BatchedBurstArrivesWholeAndInOrder) {
   const std::uint16_t port = freeUdpPort();
   auto sink = std::make_shared<test::RecordingSink>();
-  auto tap = std::make_shared<CopyingTap>();
   TrackingReceiver receiver(sink);
-  receiver.addTap(tap);
+  receiver.addTap(sink);
   ASSERT_TRUE(listen(receiver, port));
 
   // Hold the queue while the burst lands in the socket buffer.
@@ -116,13 +93,9 @@ TEST(TrackingReceiverNetTest, BatchedBurstArrivesWholeAndInOrder) {
   auto released = release.get_future().share();
   receiver.queue().post([released] { released.wait(); });
   UdpSocket a, b;
-  std::vector<std::string> sent;
-  std::vector<std::uint16_t> from;
-  std::vector<float> jaw;  // each frame's jawOpen, -1 for none
+  std::vector<std::tuple<std::string, std::uint16_t, float>> sent;  // text, sender's port, jawOpen (-1: none)
   auto send = [&](const UdpSocket& phone, const std::string& t, float jawOpen) {
-    sent.push_back(t);
-    from.push_back(phone.port());
-    jaw.push_back(jawOpen);
+    sent.emplace_back(t, phone.port(), jawOpen);
     phone.sendTo(port, t);
   };
   auto text = [&](const UdpSocket& phone, int i) { send(phone, "jawOpen-" + std::to_string(i) + "|", i / 100.0f); };
@@ -140,23 +113,23 @@ TEST(TrackingReceiverNetTest, BatchedBurstArrivesWholeAndInOrder) {
 
   const std::size_t total = sent.size();
   ASSERT_TRUE(waitFor([&] { return sink->frames().size() == total; })) << sink->total() << " of " << total;
-  EXPECT_EQ(receiver.statistics().readinessEvents - eventsBefore, 1u);
-  EXPECT_EQ(receiver.statistics().packetsReceived, total);
-  EXPECT_EQ(receiver.statistics().lastSender, "127.0.0.1:" + std::to_string(b.port()));
-  EXPECT_EQ(receiver.statistics().lastFormat, TrackingFormat::iFacialMocap);
-  const auto seen = tap->seen();
+  const auto stats = receiver.statistics();
+  EXPECT_EQ(std::tuple(stats.readinessEvents - eventsBefore, stats.packetsReceived, stats.lastSender, stats.lastFormat),
+            std::tuple(1u, total, "127.0.0.1:" + std::to_string(b.port()), TrackingFormat::iFacialMocap));
+  const auto seen = sink->seen();
   const auto frames = sink->frames();
   ASSERT_EQ(seen.size(), total);
   for (std::size_t i = 0; i < total; ++i) {
     SCOPED_TRACE(i);
-    const DatagramEnvelope& e = seen[i].envelope;
-    EXPECT_EQ(seen[i].payload, std::vector<std::uint8_t>(sent[i].begin(), sent[i].end()));
+    const auto& [text, from, jaw] = sent[i];
+    const auto& [payload, e] = seen[i];
+    EXPECT_EQ(payload, std::vector<std::uint8_t>(text.begin(), text.end()));
     EXPECT_EQ(std::tuple(e.sourceAddress, e.sourcePort, e.destinationAddress, e.destinationPort),
-              std::tuple(0x7F000001u, from[i], 0x7F000001u, port));
-    EXPECT_GE(e.arrivalMicroseconds, i > 0 ? seen[i - 1].envelope.arrivalMicroseconds : 1);
+              std::tuple(0x7F000001u, from, 0x7F000001u, port));
+    EXPECT_GE(e.arrivalMicroseconds, i > 0 ? seen[i - 1].second.arrivalMicroseconds : 1);
     const BlendshapeMap& shapes = *frames[i].frame.blendshapes;
-    EXPECT_EQ(frames[i].frame.sender, "127.0.0.1:" + std::to_string(from[i]));
-    EXPECT_EQ(shapes.count("jawOpen") ? shapes.at("jawOpen") : -1.0f, jaw[i]);
+    EXPECT_EQ(std::tuple(frames[i].frame.sender, shapes.count("jawOpen") ? shapes.at("jawOpen") : -1.0f),
+              std::tuple("127.0.0.1:" + std::to_string(from), jaw));
   }
 }
 
@@ -171,20 +144,17 @@ TEST(TrackingReceiverNetTest, FloodStaysBounded) {
 
   // More senders than may wait; each sends frames and unknown datagrams
   // (an odd count of phones, so every phone gets both kinds).
-  std::vector<std::unique_ptr<UdpSocket>> phones;
-  for (int i = 0; i < 21; ++i) phones.push_back(std::make_unique<UdpSocket>());
+  std::vector<UdpSocket> phones(21);
   constexpr int kFlood = 3000;
   for (int i = 0; i < kFlood; ++i) {
-    phones[i % phones.size()]->sendTo(port, i % 2 ? "jawOpen-50|" : "unknown");
+    phones[i % phones.size()].sendTo(port, i % 2 ? "jawOpen-50|" : "unknown");
     if (i % 200 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   // Wait until the receiver has read everything the kernel kept.
   std::uint64_t last = 0;
   waitFor([&] {
-    const auto now = receiver.statistics().packetsReceived;
-    const bool stable = now == last && now > 0;
-    last = now;
-    return stable;
+    const auto previous = std::exchange(last, receiver.statistics().packetsReceived);
+    return previous == last && last > 0;
   });
   receiver.listeningPorts();  // the queue is idle
   const auto stats = receiver.statistics();
@@ -204,7 +174,7 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   test::StateFixture f;
   auto sink = std::make_shared<MainThreadTrackingSink>(8, MainQueue::shared(), &f.state);
   TrackingReceiver receiver(sink);
-  auto tap = std::make_shared<CopyingTap>();
+  auto tap = std::make_shared<test::RecordingSink>();  // as a tap only
   receiver.addTap(tap);
   LogCapture log;
   receiver.senderFilter().setAllowList(SenderAllowList::parse({"127.0.0.2"}));
@@ -213,9 +183,8 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   UdpSocket refused(0, 0x7F000003), allowed(0, 0x7F000002);
   ASSERT_TRUE(refused.bound() && allowed.bound());
   auto refusedLines = [&](const std::string& address) {
-    const auto lines = log.lines();
-    return std::count(lines.begin(), lines.end(),
-                      "[TrackingReceiver] Refused tracking data from " + address + " (not in the allowed senders)");
+    return std::ranges::count(log.lines(), "[TrackingReceiver] Refused tracking data from " + address +
+                                               " (not in the allowed senders)");
   };
 
   // Every way into the state: blendshapes and head, VMC, and an unknown format.
@@ -224,12 +193,10 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   refused.sendTo(port, "hello");
   ASSERT_TRUE(waitFor([&] { return receiver.statistics().refused == 3; }));
   // Every frame reaches the state through the one ingest that counts it.
-  EXPECT_EQ(f.state.totalPacketsReceived(), 0u);
-  EXPECT_EQ(receiver.statistics().packetsReceived, 0u);
-  EXPECT_TRUE(receiver.statistics().lastSender.empty());
-  EXPECT_EQ(sink->droppedCount(), 0u);
-  EXPECT_TRUE(tap->seen().empty());
-  EXPECT_EQ(refusedLines("127.0.0.3"), 1);
+  EXPECT_EQ(std::tuple(f.state.totalPacketsReceived(), receiver.statistics().packetsReceived,
+                       receiver.statistics().lastSender, sink->droppedCount(), tap->seen().size(),
+                       refusedLines("127.0.0.3")),
+            std::tuple(0u, 0u, "", 0u, 0u, 1));
 
   // An allowed sender still gets through, so the above cannot pass vacuously.
   allowed.sendTo(port, "jawOpen-20|");
@@ -237,11 +204,10 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   ASSERT_TRUE(waitFor([&] {
     return f.state.totalPacketsReceived() == 1 && receiver.statistics().packetsReceived == 1;
   }));
-  EXPECT_EQ(f.state.rawBlendshapes().at("jawOpen"), 0.2f);
-  EXPECT_EQ(f.state.senderIP(), "127.0.0.2:" + std::to_string(allowed.port()));
+  EXPECT_EQ(std::tuple(f.state.rawBlendshapes().at("jawOpen"), f.state.senderIP(), receiver.statistics().refused),
+            std::tuple(0.2f, "127.0.0.2:" + std::to_string(allowed.port()), 3u));
   ASSERT_EQ(tap->seen().size(), 1u);
-  EXPECT_EQ(tap->seen()[0].envelope.sourceAddress, 0x7F000002u);
-  EXPECT_EQ(receiver.statistics().refused, 3u);
+  EXPECT_EQ(tap->seen()[0].second.sourceAddress, 0x7F000002u);
   waitFor([] { return false; }, 0.05);
   EXPECT_EQ(f.state.totalPacketsReceived(), 1u);  // no late delivery of refused frames
 
@@ -250,14 +216,14 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
   allowed.sendTo(port, "jawOpen-70|");
   refused.sendTo(port, "jawOpen-40|");
   ASSERT_TRUE(waitFor([&] { return f.state.totalPacketsReceived() == 2; }));
-  EXPECT_EQ(f.state.rawBlendshapes().at("jawOpen"), 0.4f);
-  EXPECT_EQ(f.state.senderIP(), "127.0.0.3:" + std::to_string(refused.port()));
-  EXPECT_EQ(receiver.statistics().refused, 4u);
-  EXPECT_EQ(refusedLines("127.0.0.2"), 1);
+  EXPECT_EQ(std::tuple(f.state.rawBlendshapes().at("jawOpen"), f.state.senderIP(), receiver.statistics().refused,
+                       refusedLines("127.0.0.2")),
+            std::tuple(0.4f, "127.0.0.3:" + std::to_string(refused.port()), 4u, 1));
 }
 
 // A phone connection over a receiver that feeds a state.
 struct Phone : test::StateFixture {
+  Phone() { MainQueue::shared().bindToCurrentThread(); }
   TrackingReceiver receiver{std::make_shared<MainThreadTrackingSink>(8, MainQueue::shared(), &state)};
   PhoneConnection connection{receiver, state, MainQueue::shared()};
 
@@ -272,15 +238,23 @@ struct Phone : test::StateFixture {
   }
 };
 
-// The request each app needs, sent from the receiver's own port, and the
-// answer shown with its app.
-TEST(PhoneConnectionTest, AsksTheAppAndShowsWhichAnswered) {
-  MainQueue::shared().bindToCurrentThread();
-  Phone p;
+// Each failure in the status and the log; then the request each app needs,
+// sent from the receiver's own port, and the answer shown with its app.
+TEST(PhoneConnectionTest, ShowsEachFailureThenAsksTheAppAndShowsWhichAnswered) {
+  Phone p;  // listening on no port yet: nothing to send from
+  LogCapture log;
+  p.state.setPhoneAddress("127.0.0.1");
+  ASSERT_TRUE(p.statusBecomes("Phone: could not send the request to 127.0.0.1: not listening on any tracking port"))
+      << p.state.phoneStatus();
+  EXPECT_TRUE(log.has("[PhoneConnection] could not send the request to 127.0.0.1: not listening on any tracking port"));
+  p.state.setPhoneAddress("no-such-phone.invalid");
+  ASSERT_TRUE(p.statusBecomes("Phone: cannot resolve \"no-such-phone.invalid\": ", true)) << p.state.phoneStatus();
+  p.state.setPhoneApp("Phone Tracker 3000");
+  ASSERT_TRUE(p.statusBecomes("Phone: unknown app \"Phone Tracker 3000\" (iFacialMocap or VTube Studio)"));
+
   const std::uint16_t port = freeUdpPort();
   ASSERT_TRUE(listen(p.receiver, port));
   UdpSocket phone;  // VTube Studio on the phone, on the port its screen shows
-  LogCapture log;
   p.state.setPhoneApp("VTube Studio");
   p.state.setPhoneAddress("127.0.0.1:" + std::to_string(phone.port()));
   ASSERT_TRUE(p.statusBecomes("Phone: asking 127.0.0.1 (VTube Studio) from UDP port " + std::to_string(port)))
@@ -293,9 +267,9 @@ TEST(PhoneConnectionTest, AsksTheAppAndShowsWhichAnswered) {
   const ssize_t n = ::recvfrom(phone.descriptor(), buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &length);
   ASSERT_GT(n, 0);
   EXPECT_EQ(ntohs(from.sin_port), port);  // from the port that listens for the answer
-  const auto request = nlohmann::json::parse(buffer, buffer + n);
-  EXPECT_EQ(request["messageType"], "iOSTrackingDataRequest");
-  EXPECT_EQ(request["ports"], nlohmann::json::array({port}));
+  EXPECT_EQ(nlohmann::json::parse(buffer, buffer + n),
+            (nlohmann::json{{"messageType", "iOSTrackingDataRequest"}, {"time", 10.0}, {"sentBy", "Velmora"},
+                            {"ports", nlohmann::json::array({port})}}));
 
   phone.sendTo(port, R"({"FaceFound":true,"BlendShapes":[{"k":"JawOpen","v":0.5}]})");
   // Shown once the answer reached the state, with the app its decoder named.
@@ -303,20 +277,6 @@ TEST(PhoneConnectionTest, AsksTheAppAndShowsWhichAnswered) {
   EXPECT_EQ(PhoneConnection::request(PhoneConnection::App::iFacialMocap, port),
             "iFacialMocap_sahuasouryya9218sauhuiayeta91555dy3719");
   p.receiver.stopListening();
-}
-
-TEST(PhoneConnectionTest, FailuresShowInTheStatusAndTheLog) {
-  MainQueue::shared().bindToCurrentThread();
-  Phone p;  // listening on no port: nothing to send from
-  LogCapture log;
-  p.state.setPhoneAddress("127.0.0.1");
-  ASSERT_TRUE(p.statusBecomes("Phone: could not send the request to 127.0.0.1: not listening on any tracking port"))
-      << p.state.phoneStatus();
-  EXPECT_TRUE(log.has("[PhoneConnection] could not send the request to 127.0.0.1: not listening on any tracking port"));
-  p.state.setPhoneAddress("no-such-phone.invalid");
-  ASSERT_TRUE(p.statusBecomes("Phone: cannot resolve \"no-such-phone.invalid\": ", true)) << p.state.phoneStatus();
-  p.state.setPhoneApp("Phone Tracker 3000");
-  ASSERT_TRUE(p.statusBecomes("Phone: unknown app \"Phone Tracker 3000\" (iFacialMocap or VTube Studio)"));
 }
 
 }  // namespace

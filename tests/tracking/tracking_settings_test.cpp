@@ -3,7 +3,6 @@
 // of every key, stored ranges and an unreadable settings file.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 #include <vector>
 
@@ -11,7 +10,6 @@
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "tracking/FaceTrackingState.h"
-#include "tracking/TrackingSettings.h"
 
 namespace velmora {
 namespace {
@@ -21,17 +19,15 @@ using nlohmann::json;
 // Writes a settings file holding exactly this document and returns a fresh
 // state that reads it.
 struct Stored {
-  test::TempDir dir;
-  std::unique_ptr<SettingsStore> store;
-  std::unique_ptr<FaceTrackingState> state;
-
-  explicit Stored(const json& document) { write(document.dump()); }
-  explicit Stored(const std::string& text) { write(text); }
-  void write(const std::string& text) {
+  explicit Stored(const json& document) : Stored(document.dump()) {}
+  explicit Stored(const std::string& text) {
     std::ofstream(dir.path() / "settings.json") << text;
     store = std::make_unique<SettingsStore>(dir.path());
     state = std::make_unique<FaceTrackingState>(*store);
   }
+  test::TempDir dir;
+  std::unique_ptr<SettingsStore> store;
+  std::unique_ptr<FaceTrackingState> state;
 };
 
 TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
@@ -39,6 +35,7 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
   LightingSettings lighting = *LightingSettings::presetMatching("under light");
   lighting.preset = LightingSettings::customName;
   lighting.warmth = -0.4;
+  const std::vector<std::string> relays{"127.0.0.1:9000", "lighting-desk:7000"}, oscAllowed{"10.0.0.7", "10.0.1.0/28"};
   {
     SettingsStore store(dir.path());
     FaceTrackingState state(store);
@@ -49,14 +46,13 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
     state.setOscPort(53210);
     state.setIsNDIActive(true);
     state.setLighting(lighting);
-    EXPECT_TRUE(state.relayTargets().empty());
-    EXPECT_TRUE(state.trackingAllowedSenders().empty());
+    EXPECT_EQ(std::tuple(state.relayTargets().size(), state.trackingAllowedSenders().size()), std::tuple(0u, 0u));
     state.setTrackingTimeout(1.25);
-    state.setRelayTargets({"127.0.0.1:9000", "lighting-desk:7000"});
+    state.setRelayTargets(relays);
     state.setTrackingBindAddress("192.168.1.5");
     state.setOscBindAddress("127.0.0.1");
     state.setTrackingAllowedSenders({"192.168.1.0/24"});
-    state.setOscAllowedSenders({"10.0.0.7", "10.0.1.0/28"});
+    state.setOscAllowedSenders(oscAllowed);
     // Not persisted:
     state.setSmoothing(0.9f);
     state.setMaskOpacity(0.2f);
@@ -64,35 +60,32 @@ TEST(TrackingSettingsTest, SettingsSurviveARestartInTheirStoredForms) {
   }
   // The OSC switch's stored form is the state test's.
   SettingsStore store(dir.path());
-  EXPECT_EQ(store.object("characterModel"), json("cartoon_ghost"));
-  EXPECT_EQ(store.object("trackingDetail"), json(3));
-  EXPECT_TRUE(store.object("trackingDetail")->is_number_integer());
-  EXPECT_EQ(store.object("oscCuePort"), json(53210));
-  EXPECT_EQ(store.object("ndiOutputEnabled"), json(true));
-  EXPECT_EQ(store.object("blendshapeRanges"),
-            (json{{"jawOpen", {static_cast<double>(0.1f), static_cast<double>(0.8f)}},
-                  {"eyeBlinkLeft", {0.0, static_cast<double>(0.3f)}}}));
-  EXPECT_EQ(*store.object("trackingTimeout"), json(1.25));
-  EXPECT_EQ(*store.object("oscAllowedSenders"), json({"10.0.0.7", "10.0.1.0/28"}));
-  EXPECT_FALSE(store.object("smoothing"));
-  EXPECT_FALSE(store.object("maskOpacity"));
+  json stored;  // null: not stored
+  for (const char* key : {"characterModel", "trackingDetail", "oscCuePort", "ndiOutputEnabled", "blendshapeRanges",
+                          "trackingTimeout", "oscAllowedSenders", "smoothing", "maskOpacity"})
+    stored[key] = store.object(key).value_or(nullptr);
+  EXPECT_EQ(stored, (json{{"characterModel", "cartoon_ghost"}, {"trackingDetail", 3}, {"oscCuePort", 53210},
+                          {"ndiOutputEnabled", true},
+                          {"blendshapeRanges", {{"jawOpen", {static_cast<double>(0.1f), static_cast<double>(0.8f)}},
+                                                {"eyeBlinkLeft", {0.0, static_cast<double>(0.3f)}}}},
+                          {"trackingTimeout", 1.25}, {"oscAllowedSenders", oscAllowed}, {"smoothing", nullptr},
+                          {"maskOpacity", nullptr}}));
+  EXPECT_TRUE(stored["trackingDetail"].is_number_integer());
 
   // Model, detail, port, the switches and the timeout read back by
   // EveryKeyFallsBackFromUnusableValues's usable rows, ranges by
   // StoredRangesKeepOnlyTwoNumbersWithCeilingAboveFloor.
   FaceTrackingState restarted(store);
-  EXPECT_EQ(restarted.lighting(), lighting);
-  EXPECT_EQ(restarted.globalSensitivity(), 1.0f);
-  EXPECT_EQ(restarted.trackingLoss().timeout(), 1.25);
-  EXPECT_EQ(restarted.relayTargets(), (std::vector<std::string>{"127.0.0.1:9000", "lighting-desk:7000"}));
-  EXPECT_EQ(restarted.trackingBindAddress(), "192.168.1.5");
-  EXPECT_EQ(restarted.oscBindAddress(), "127.0.0.1");
-  EXPECT_EQ(restarted.trackingAllowedSenders(), std::vector<std::string>{"192.168.1.0/24"});
-  EXPECT_EQ(restarted.oscAllowedSenders(), (std::vector<std::string>{"10.0.0.7", "10.0.1.0/28"}));
+  EXPECT_EQ(std::tuple(restarted.lighting(), restarted.globalSensitivity(), restarted.trackingLoss().timeout(),
+                       restarted.relayTargets(), restarted.trackingBindAddress(), restarted.oscBindAddress(),
+                       restarted.trackingAllowedSenders(), restarted.oscAllowedSenders()),
+            std::tuple(lighting, 1.0f, 1.25, relays, "192.168.1.5", "127.0.0.1",
+                       std::vector<std::string>{"192.168.1.0/24"}, oscAllowed));
 }
 
-// Each key read back from a stored value: unusable values give the key's
-// default. A value read from the state, as the JSON it would be stored as.
+// Each key read back from a stored value: usable values as they were stored
+// (expected null), unusable ones as the key's default. A value read from the
+// state, as the JSON it would be stored as.
 TEST(TrackingSettingsTest, EveryKeyFallsBackFromUnusableValues) {
   using Read = json (*)(const FaceTrackingState&);
   const Read model = [](const FaceTrackingState& s) { return json(rawValue(s.characterModel())); };
@@ -102,34 +95,26 @@ TEST(TrackingSettingsTest, EveryKeyFallsBackFromUnusableValues) {
   const Read ndi = [](const FaceTrackingState& s) { return json(s.isNDIActive()); };
   const Read timeout = [](const FaceTrackingState& s) { return json(s.trackingTimeout()); };
   const Read bind = [](const FaceTrackingState& s) { return json(s.oscBindAddress()); };
-  struct Row {
-    const char* key;
-    Read read;
-    std::vector<json> stored;
-    json expected;
-  };
-  const Row rows[] = {
-      {"characterModel", model, {"cartoon_ghost"}, "cartoon_ghost"},
+  // Key, its reader, the values stored one at a time, what each reads back as.
+  const std::tuple<const char*, Read, std::vector<json>, json> rows[] = {
+      {"characterModel", model, {"cartoon_ghost"}, nullptr},
       {"characterModel", model, {"ghost", "Cartoon Ghost", "CARTOON_GHOST", "", 1, true, json::array()}, "theatrical_mask"},
-      {"trackingDetail", detail, {0}, 0},
-      {"trackingDetail", detail, {3}, 3},
+      {"trackingDetail", detail, {0, 3}, nullptr},
       {"trackingDetail", detail, {7, -1, 4, std::int64_t{1} << 40, "3", true, json::object()}, 2},
-      {"oscCuePort", port, {1024}, 1024},
-      {"oscCuePort", port, {65535}, 65535},
-      {"oscCuePort", port, {53210}, 53210},
+      {"oscCuePort", port, {1024, 65535, 53210}, nullptr},
       {"oscCuePort", port, {80, 70000, 1023, 65536, "53210", -53210, false, 1e12}, 53100},
-      {"isOSCEnabled", osc, {false}, false},
+      {"isOSCEnabled", osc, {false}, nullptr},
       {"isOSCEnabled", osc, {0, 1, "false", nullptr}, true},
-      {"ndiOutputEnabled", ndi, {true}, true},
+      {"ndiOutputEnabled", ndi, {true}, nullptr},
       {"ndiOutputEnabled", ndi, {1, "true", json::array({true})}, false},
       {"trackingTimeout", timeout, {-1}, 0.5},
-      {"trackingTimeout", timeout, {0}, 0.0},  // 0: never lose the face
+      {"trackingTimeout", timeout, {0}, nullptr},  // 0: never lose the face
       {"oscBindAddress", bind, {7}, ""},
   };
-  for (const Row& r : rows) {
-    for (const json& stored : r.stored) {
-      SCOPED_TRACE(std::string(r.key) + " " + stored.dump());
-      EXPECT_EQ(r.read(*Stored(json{{r.key, stored}}).state), r.expected);
+  for (const auto& [key, read, values, expected] : rows) {
+    for (const json& stored : values) {
+      SCOPED_TRACE(std::string(key) + " " + stored.dump());
+      EXPECT_EQ(read(*Stored(json{{key, stored}}).state), expected.is_null() ? stored : expected);
     }
   }
   EXPECT_EQ(Stored(json::object()).state->oscPort(), FaceTrackingState::defaultOSCPort);
@@ -147,10 +132,7 @@ TEST(TrackingSettingsTest, StoredRangesKeepOnlyTwoNumbersWithCeilingAboveFloor) 
       {"eyeWideLeft", {0, 1}},  // integers are numbers
   };
   Stored s(json{{"blendshapeRanges", ranges}});
-  const auto& loaded = s.state->blendshapeRanges();
-  EXPECT_EQ(loaded.size(), 2u);
-  EXPECT_EQ(s.state->range("jawOpen"), (BlendshapeRange{0.1f, 0.8f}));
-  EXPECT_TRUE(loaded.contains("eyeWideLeft"));
+  EXPECT_EQ(s.state->blendshapeRanges(), (BlendshapeRanges{{"jawOpen", {0.1f, 0.8f}}, {"eyeWideLeft", {0.0f, 1.0f}}}));
 
   // A value that is not a dictionary of number arrays yields no ranges at all.
   for (const json& bad : {json{{"jawOpen", {0.1, 0.8}}, {"cheekPuff", "0.2,0.4"}},
@@ -159,32 +141,25 @@ TEST(TrackingSettingsTest, StoredRangesKeepOnlyTwoNumbersWithCeilingAboveFloor) 
   }
 }
 
-// Moving the file aside is the store's (settings_store_test); here, the
-// state's fallbacks afterwards and a valid next write.
-TEST(TrackingSettingsTest, UnreadableFileFallsBackAndTheNextWriteIsValid) {
+// Moving an unreadable file aside is the store's (settings_store_test); here,
+// the state's fallbacks afterwards and a valid next write. Each unusable value
+// is logged once, with what is used instead. Whatever is stored as an allow
+// list restricts: a lone string, non-string elements and other kinds come back
+// as entries (the allow-list reports the malformed ones); only an absent key
+// or [] admits everyone.
+TEST(TrackingSettingsTest, UnreadableFileAndUnusableValuesFallBackLoggedOnceAndAllowListsStayRestrictive) {
   test::LogCapture log;
   Stored s(std::string("{\"characterModel\": \"cartoon_ghost\", oops"));
-  EXPECT_EQ(s.state->characterModel(), CharacterModelType::theatricalMask);
-  EXPECT_EQ(s.state->oscPort(), 53100);
-  EXPECT_TRUE(s.state->isOSCEnabled());
-  EXPECT_EQ(log.lines().size(), 1u);
-
+  EXPECT_EQ(std::tuple(s.state->characterModel(), s.state->oscPort(), s.state->isOSCEnabled(), log.lines().size()),
+            std::tuple(CharacterModelType::theatricalMask, 53100, true, 1u));
   s.state->setTrackingDetail(TrackingDetail::simple);
   std::ifstream in(s.dir.path() / "settings.json");
   EXPECT_EQ(json::parse(in, nullptr, false), (json{{"trackingDetail", 0}}));
-}
 
-// Each unusable value is logged once, with what is used instead. Whatever is
-// stored as an allow list restricts: a lone string, non-string elements and
-// other kinds come back as entries (the allow-list reports the malformed
-// ones); only an absent key or [] admits everyone.
-TEST(TrackingSettingsTest, UnusableValuesAreLoggedOnceAndAllowListsNeverComeBackEmptyByAccident) {
-  test::LogCapture log;
+  log.clear();
   Stored stored(json{{"oscCuePort", 80}, {"trackingDetail", "3"}, {"characterModel", "cartoon_ghost"},
-                     {"oscAllowedSenders", "10.0.0.7"},
-                     {"trackingAllowedSenders", json::array({"10.0.0.8", 42, nullptr})},
-                     {"trackingTimeout", -1},
-                     {"oscBindAddress", 7}});
+                     {"oscAllowedSenders", "10.0.0.7"}, {"trackingTimeout", -1}, {"oscBindAddress", 7},
+                     {"trackingAllowedSenders", json::array({"10.0.0.8", 42, nullptr})}});
   EXPECT_EQ(log.lines(), (std::vector<std::string>{
                              "[Settings] Stored \"trackingDetail\" value \"3\" is not usable; using 2",
                              "[Settings] Stored \"oscCuePort\" value 80 is not usable; using 53100",
@@ -193,10 +168,8 @@ TEST(TrackingSettingsTest, UnusableValuesAreLoggedOnceAndAllowListsNeverComeBack
                          }));
   EXPECT_EQ(stored.state->oscAllowedSenders(), std::vector<std::string>{"10.0.0.7"});
   EXPECT_EQ(stored.state->trackingAllowedSenders(), (std::vector<std::string>{"10.0.0.8", "42", "null"}));
-  Stored other(json{{"oscAllowedSenders", json::object({{"a", 1}})}});
-  EXPECT_EQ(other.state->oscAllowedSenders().size(), 1u);
-  Stored empty(json{{"oscAllowedSenders", json::array()}});
-  EXPECT_TRUE(empty.state->oscAllowedSenders().empty());
+  EXPECT_EQ(Stored(json{{"oscAllowedSenders", json::object({{"a", 1}})}}).state->oscAllowedSenders().size(), 1u);
+  EXPECT_TRUE(Stored(json{{"oscAllowedSenders", json::array()}}).state->oscAllowedSenders().empty());
 }
 
 }  // namespace

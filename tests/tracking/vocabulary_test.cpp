@@ -15,41 +15,32 @@
 namespace velmora {
 namespace {
 
-TEST(ARKitBlendShapeTest, CasesAreAlphabeticalWithTheirIndicesAndRoundTrip) {
+TEST(ARKitBlendShapeTest, CasesAreAlphabeticalWithTheirIndicesRoundTripAndLiveLinkOrderCoversThem) {
   const auto all = allCases<ARKitBlendShape>();
   ASSERT_EQ(all.size(), 52u);
   std::vector<std::string> names;
   // Index and round trip per case also make the names and the cases distinct.
   for (std::size_t i = 0; i < all.size(); ++i) {
-    EXPECT_EQ(index(all[i]), i);
-    EXPECT_EQ(fromRawValue<ARKitBlendShape>(rawValue(all[i])), all[i]) << rawValue(all[i]);
+    EXPECT_EQ(std::tuple(index(all[i]), fromRawValue<ARKitBlendShape>(rawValue(all[i]))), std::tuple(i, all[i]))
+        << rawValue(all[i]);
     names.emplace_back(rawValue(all[i]));
   }
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
-  for (const auto& [i, name] : {std::pair{0, "browDownLeft"}, std::pair{13, "eyeLookInRight"},
-                                std::pair{24, "jawOpen"}, std::pair{26, "mouthClose"},
-                                std::pair{39, "mouthRollLower"}, std::pair{51, "tongueOut"}}) {
-    EXPECT_EQ(rawValue(all[i]), name);
-  }
-  using std::string_view;
-  for (const string_view unknown : {string_view(""), string_view("JawOpen"), string_view("jawopen"),
-                                    string_view("jawOpen "), string_view("jawOpen\0", 8), string_view("tongueOutX"),
-                                    string_view("aaa"), string_view("zzz"), string_view("browDown"),
-                                    string_view("mouthSmileLeftX")}) {
+  // Positions 0, 13, 24, 26, 39 and 51.
+  EXPECT_EQ((std::vector{names[0], names[13], names[24], names[26], names[39], names[51]}),
+            (std::vector<std::string>{"browDownLeft", "eyeLookInRight", "jawOpen", "mouthClose", "mouthRollLower",
+                                      "tongueOut"}));
+  using namespace std::string_view_literals;
+  for (const std::string_view unknown : {""sv, "JawOpen"sv, "jawopen"sv, "jawOpen "sv, "jawOpen\0"sv, "tongueOutX"sv,
+                                         "aaa"sv, "zzz"sv, "browDown"sv, "mouthSmileLeftX"sv})
     EXPECT_FALSE(fromRawValue<ARKitBlendShape>(unknown)) << unknown;
-  }
-}
 
-TEST(LiveLinkNamesTest, WireOrderCoversTheVocabularyOnce) {
-  ASSERT_EQ(unrealARKitNames.size(), 52u);
-  std::set<std::string_view> seen;
-  for (auto name : unrealARKitNames) {
-    EXPECT_TRUE(fromRawValue<ARKitBlendShape>(name)) << name;
-    seen.insert(name);
-  }
-  EXPECT_EQ(seen.size(), 52u);
+  // The Live Link wire order covers the vocabulary once.
+  // 52 positions (the array's type), each a vocabulary name, none twice.
+  for (auto name : unrealARKitNames) EXPECT_TRUE(fromRawValue<ARKitBlendShape>(name)) << name;
+  const std::set<std::string_view> seen(unrealARKitNames.begin(), unrealARKitNames.end());
   // Positions 0, 17, 41 and 51 are LiveLinkDecoderTest.ReadsTheLast244BytesInWireOrder's.
-  EXPECT_EQ(unrealARKitNames[46], "cheekPuff");
+  EXPECT_EQ(std::tuple(seen.size(), unrealARKitNames[46]), std::tuple(52u, "cheekPuff"));
 }
 
 TEST(BlendshapeRegionTest, PlainCaseSensitivePrefix) {
@@ -71,17 +62,15 @@ TEST(PersistedEnumerationsTest, RawValuesNamesAndLabels) {
   // The raw values both ways (stored and read back, the fallback's
   // "theatrical_mask"): the rows of
   // TrackingSettingsTest.EveryKeyFallsBackFromUnusableValues.
-  EXPECT_EQ(models[0], CharacterModelType::theatricalMask);
-  EXPECT_EQ(displayName(models[0]), "Theatrical Mask");
-  EXPECT_EQ(displayName(models[1]), "Cartoon Ghost");
+  EXPECT_EQ(std::tuple(models[0], displayName(models[0]), displayName(models[1])),
+            std::tuple(CharacterModelType::theatricalMask, "Theatrical Mask", "Cartoon Ghost"));
 
   const auto details = allCases<TrackingDetail>();
   ASSERT_EQ(details.size(), 4u);
   const char* labels[] = {"Simple", "Standard", "Detailed", "Many"};
   for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(rawValue(details[i]), i);
-    EXPECT_EQ(label(details[i]), labels[i]);
-    EXPECT_EQ(fromRawValue<TrackingDetail>(i), details[i]);
+    EXPECT_EQ(std::tuple(rawValue(details[i]), label(details[i]), fromRawValue<TrackingDetail>(i)),
+              std::tuple(i, labels[i], std::optional(details[i])));
   }
   // The values refused: TrackingSettingsTest.EveryKeyFallsBackFromUnusableValues.
 }
