@@ -10,6 +10,7 @@
 
 #include "base/AtomicFile.h"
 #include "support/LogCapture.h"
+#include "support/ScopedEnv.h"
 #include "support/TempDir.h"
 
 namespace velmora {
@@ -20,12 +21,6 @@ namespace fs = std::filesystem;
 std::string contents(const fs::path& file) {
   std::ifstream in(file, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-int entries(const fs::path& dir) {
-  int n = 0;
-  for ([[maybe_unused]] const auto& e : fs::directory_iterator(dir)) ++n;
-  return n;
 }
 
 // The first write creates the folder; a removed key stays removed.
@@ -106,16 +101,13 @@ TEST(SettingsStore, UnwritableFolderLogsAndKeepsTheValueInMemory) {
 }
 
 TEST(SettingsStore, DefaultFolderFollowsTheEnvironment) {
-  ::setenv("VELMORA_CONFIG_DIR", "/tmp/velmora-a", 1);
+  test::ScopedEnv config("VELMORA_CONFIG_DIR", "/tmp/velmora-a"), xdg("XDG_CONFIG_HOME", "/tmp/xdg"),
+      home("HOME", "/home/op");
   EXPECT_EQ(SettingsStore::defaultFolder(), "/tmp/velmora-a");
-  const std::string saved = std::getenv("VELMORA_CONFIG_DIR");
-  ::unsetenv("VELMORA_CONFIG_DIR");
-  ::setenv("XDG_CONFIG_HOME", "/tmp/xdg", 1);
+  config.set(nullptr);
   EXPECT_EQ(SettingsStore::defaultFolder(), "/tmp/xdg/velmora");
-  ::unsetenv("XDG_CONFIG_HOME");
-  ::setenv("HOME", "/home/op", 1);
+  xdg.set(nullptr);
   EXPECT_EQ(SettingsStore::defaultFolder(), "/home/op/.config/velmora");
-  ::setenv("VELMORA_CONFIG_DIR", saved.c_str(), 1);
 }
 
 TEST(AtomicFile, ReplacesTheWholeFileAndLeavesNoTemporaryFile) {
@@ -125,7 +117,7 @@ TEST(AtomicFile, ReplacesTheWholeFileAndLeavesNoTemporaryFile) {
   const std::string shorter("\0glb\0", 5);  // binary-safe, and shorter than before
   ASSERT_EQ(AtomicFile::write(file, shorter), "");
   EXPECT_EQ(contents(file), shorter);
-  EXPECT_EQ(entries(dir.path()), 1);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 1);
 
   const fs::path secret = dir.path() / "settings.json";
   ASSERT_EQ(AtomicFile::write(secret, "{}", 0600), "");
@@ -139,7 +131,7 @@ TEST(AtomicFile, AWriteThatCannotHappenSaysWhyAndLeavesNothing) {
   fs::create_directory(asFolder);  // a folder where the file should go: the rename fails
   EXPECT_EQ(AtomicFile::write(asFolder, "data"), "Is a directory");
   EXPECT_TRUE(fs::is_directory(asFolder));
-  EXPECT_EQ(entries(dir.path()), 1);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 1);
 }
 
 }  // namespace
