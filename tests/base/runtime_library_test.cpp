@@ -2,7 +2,6 @@
 // a library the caller refuses closed and passed over, each place logged once.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <fstream>
 
 #include "base/RuntimeLibrary.h"
