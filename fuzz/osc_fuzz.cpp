@@ -59,23 +59,15 @@ void roundTrip(const velmora::OSCMessage& m) {
   if (m.address.starts_with("#bundle")) return;
   auto writer = velmora::OSCWriter::message(m.address);
   for (const auto& a : m.arguments) {
-    if (const auto* f = a.get<float>()) {
-      writer.f(*f);
-    } else if (const auto* i = a.get<std::int32_t>()) {
-      writer.i(*i);
-    } else if (const auto* s = a.get<std::string>()) {
-      writer.s(*s);
-    } else if (const auto* b = a.get<bool>()) {
-      writer.boolean(*b);
-    } else {
-      return;
-    }
+    if (const auto* f = a.get<float>()) writer.f(*f);
+    else if (const auto* i = a.get<std::int32_t>()) writer.i(*i);
+    else if (const auto* s = a.get<std::string>()) writer.s(*s);
+    else if (const auto* b = a.get<bool>()) writer.boolean(*b);
+    else return;
   }
   const auto bytes = writer.bytes();
   const auto back = velmora::OSCParser::parsePacket(bytes);
-  if (back.size() != 1 || back[0].address != m.address || back[0].arguments.size() != m.arguments.size()) {
-    std::abort();
-  }
+  if (back.size() != 1 || back[0].address != m.address || back[0].arguments.size() != m.arguments.size()) std::abort();
   for (std::size_t i = 0; i < m.arguments.size(); ++i) {
     const auto& a = m.arguments[i].value;
     const auto& b = back[0].arguments[i].value;
@@ -108,9 +100,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (index >= messages.size()) std::abort();
     const auto& owned = messages[index++];
     if (view.address != owned.address || view.arguments.size() != owned.arguments.size()) std::abort();
-    for (std::size_t i = 0; i < view.arguments.size(); ++i) {
+    for (std::size_t i = 0; i < view.arguments.size(); ++i)
       if (!same(view.arguments[i], owned.arguments[i])) std::abort();
-    }
   });
   if (count != messages.size() || index != count) std::abort();
   // readString from every offset up to one past the end, as the plain reader.
