@@ -27,12 +27,9 @@ class XorgDummy {
     // A display number nobody holds; when another test's server takes the
     // same one first, this one exits at once and the next number is tried.
     for (int n = 90 + (::getpid() % 50); n < 250 && !ready_; ++n) {
-      if (std::filesystem::exists("/tmp/.X11-unix/X" + std::to_string(n)) ||
-          std::filesystem::exists("/tmp/.X" + std::to_string(n) + "-lock")) {
-        continue;
-      }
       display_ = n;
-      ready_ = launch();
+      ready_ = !std::filesystem::exists("/tmp/.X11-unix/X" + std::to_string(n)) &&
+               !std::filesystem::exists("/tmp/.X" + std::to_string(n) + "-lock") && launch();
     }
     if (!ready_) display_ = -1;
   }
