@@ -136,10 +136,8 @@ TEST(PcapReaderTest, OtherTrafficIsSkippedAndLinkLayersAreUnwrapped) {
   ASSERT_TRUE(r) << r.error;
   EXPECT_EQ(r.skipped, 1u);
   ASSERT_EQ(r.datagrams.size(), 2u);
-  for (const auto& d : r.datagrams) {
-    EXPECT_EQ(d.payload, payload);
-    EXPECT_EQ(d.envelope.destinationPort, 39539);
-  }
+  for (const auto& d : r.datagrams)
+    EXPECT_EQ(std::tuple(d.payload, d.envelope.destinationPort), std::tuple(payload, 39539));
 }
 
 TEST(PcapReaderTest, HostileFilesGetOneLineAndNoDatagrams) {
