@@ -68,9 +68,7 @@ struct Harness {
     std::lock_guard lock(mutex);
     return datagrams.size();
   }
-  bool waitFor(std::size_t n) {
-    return MainQueue::shared().runUntil([&] { return count() >= n; }, 5.0);
-  }
+  bool waitFor(std::size_t n) { return MainQueue::shared().runUntil([&] { return count() >= n; }, 5.0); }
 };
 
 // Then a callback closes the listener in the middle of a read: the batch
