@@ -8,17 +8,33 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <span>
 #include <string>
 #include <type_traits>
 #include <variant>
 
-#include "ReferenceOSCString.h"
 #include "base/Utf8.h"
 #include "osc/OSCParser.h"
 #include "osc/OSCWriter.h"
 
 namespace {
+
+// OSC text reading done the plain way, one byte at a time: the reference the
+// reader's word-at-a-time scan is checked against. Same contract as
+// OSCParser::readString.
+std::optional<std::string> plainReadString(std::span<const std::uint8_t> data, std::size_t& offset) {
+  const std::size_t size = data.size();
+  const std::size_t start = offset;
+  if (start > size) return std::nullopt;
+  while (offset < size && data[offset] != 0) ++offset;  // to the terminator or the end
+  const auto bytes = data.subspan(start, offset - start);
+  if (!velmora::isValidUTF8(bytes)) return std::nullopt;
+  // The terminator, then the padding up to the next multiple of four.
+  if (offset < size) ++offset;
+  while (offset < size && (offset & 3u) != 0) ++offset;
+  return std::string(bytes.begin(), bytes.end());
+}
 
 // An in-place argument equals its owned copy (same kind, same value bits).
 bool same(const velmora::OSCArgumentView& view, const velmora::OSCArgument& owned) {
@@ -43,23 +59,15 @@ void roundTrip(const velmora::OSCMessage& m) {
   if (m.address.starts_with("#bundle")) return;
   auto writer = velmora::OSCWriter::message(m.address);
   for (const auto& a : m.arguments) {
-    if (const auto* f = a.get<float>()) {
-      writer.f(*f);
-    } else if (const auto* i = a.get<std::int32_t>()) {
-      writer.i(*i);
-    } else if (const auto* s = a.get<std::string>()) {
-      writer.s(*s);
-    } else if (const auto* b = a.get<bool>()) {
-      writer.boolean(*b);
-    } else {
-      return;
-    }
+    if (const auto* f = a.get<float>()) writer.f(*f);
+    else if (const auto* i = a.get<std::int32_t>()) writer.i(*i);
+    else if (const auto* s = a.get<std::string>()) writer.s(*s);
+    else if (const auto* b = a.get<bool>()) writer.boolean(*b);
+    else return;
   }
   const auto bytes = writer.bytes();
   const auto back = velmora::OSCParser::parsePacket(bytes);
-  if (back.size() != 1 || back[0].address != m.address || back[0].arguments.size() != m.arguments.size()) {
-    std::abort();
-  }
+  if (back.size() != 1 || back[0].address != m.address || back[0].arguments.size() != m.arguments.size()) std::abort();
   for (std::size_t i = 0; i < m.arguments.size(); ++i) {
     const auto& a = m.arguments[i].value;
     const auto& b = back[0].arguments[i].value;
@@ -92,9 +100,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (index >= messages.size()) std::abort();
     const auto& owned = messages[index++];
     if (view.address != owned.address || view.arguments.size() != owned.arguments.size()) std::abort();
-    for (std::size_t i = 0; i < view.arguments.size(); ++i) {
+    for (std::size_t i = 0; i < view.arguments.size(); ++i)
       if (!same(view.arguments[i], owned.arguments[i])) std::abort();
-    }
   });
   if (count != messages.size() || index != count) std::abort();
   // readString from every offset up to one past the end, as the plain reader.
@@ -102,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::size_t offset = start;
     auto s = velmora::OSCParser::readString(bytes, offset);
     std::size_t plainOffset = start;
-    const auto plain = velmora::reference::readOSCString(bytes, plainOffset);
+    const auto plain = plainReadString(bytes, plainOffset);
     if (s != plain || offset != plainOffset) std::abort();
     if (s && offset > size) std::abort();
     if (s && start <= size && offset < start + s->size()) std::abort();

@@ -87,8 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       if (receiver.statistics().packetsReceived != packets + 1) std::abort();
       break;
     }
-    case 1:
-    {
+    case 1: {
       auto liveLink = velmora::decodeUnrealLiveLinkBinary(body, kSender);
       if (liveLink.has_value() != (body.size() >= 244)) std::abort();
       if (liveLink) sink->deliver(std::move(*liveLink));

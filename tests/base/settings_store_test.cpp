@@ -7,9 +7,11 @@
 
 #include <fstream>
 #include <iterator>
+#include <vector>
 
 #include "base/AtomicFile.h"
 #include "support/LogCapture.h"
+#include "support/ScopedEnv.h"
 #include "support/TempDir.h"
 
 namespace velmora {
@@ -20,12 +22,6 @@ namespace fs = std::filesystem;
 std::string contents(const fs::path& file) {
   std::ifstream in(file, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-int entries(const fs::path& dir) {
-  int n = 0;
-  for ([[maybe_unused]] const auto& e : fs::directory_iterator(dir)) ++n;
-  return n;
 }
 
 // The first write creates the folder; a removed key stays removed.
@@ -78,14 +74,11 @@ TEST(SettingsStore, CorruptFileIsMovedAsideWithOneLogLineAndTheNextWriteIsValid)
     EXPECT_FALSE(store.object("characterModel"));
     EXPECT_FALSE(store.object("0"));
     EXPECT_FALSE(std::filesystem::exists(store.filePath()));
-    int aside = 0;
-    for (const auto& e : std::filesystem::directory_iterator(dir.path())) {
-      if (e.path().filename().string().rfind("settings.json.corrupt-", 0) == 0) {
-        ++aside;
-        EXPECT_EQ(contents(e.path()), corrupt) << "the old content is kept";
-      }
-    }
-    EXPECT_EQ(aside, 1);
+    // Only the old file is left, under another name, its content kept.
+    const std::vector<fs::directory_entry> left(fs::directory_iterator(dir.path()), {});
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_TRUE(left[0].path().filename().string().starts_with("settings.json.corrupt-")) << left[0].path();
+    EXPECT_EQ(contents(left[0].path()), corrupt);
     store.set("characterModel", "theatrical_mask");
     auto parsed = nlohmann::json::parse(contents(store.filePath()), nullptr, false);
     ASSERT_TRUE(parsed.is_object());
@@ -106,16 +99,13 @@ TEST(SettingsStore, UnwritableFolderLogsAndKeepsTheValueInMemory) {
 }
 
 TEST(SettingsStore, DefaultFolderFollowsTheEnvironment) {
-  ::setenv("VELMORA_CONFIG_DIR", "/tmp/velmora-a", 1);
+  test::ScopedEnv config("VELMORA_CONFIG_DIR", "/tmp/velmora-a"), xdg("XDG_CONFIG_HOME", "/tmp/xdg"),
+      home("HOME", "/home/op");
   EXPECT_EQ(SettingsStore::defaultFolder(), "/tmp/velmora-a");
-  const std::string saved = std::getenv("VELMORA_CONFIG_DIR");
-  ::unsetenv("VELMORA_CONFIG_DIR");
-  ::setenv("XDG_CONFIG_HOME", "/tmp/xdg", 1);
+  config.set(nullptr);
   EXPECT_EQ(SettingsStore::defaultFolder(), "/tmp/xdg/velmora");
-  ::unsetenv("XDG_CONFIG_HOME");
-  ::setenv("HOME", "/home/op", 1);
+  xdg.set(nullptr);
   EXPECT_EQ(SettingsStore::defaultFolder(), "/home/op/.config/velmora");
-  ::setenv("VELMORA_CONFIG_DIR", saved.c_str(), 1);
 }
 
 TEST(AtomicFile, ReplacesTheWholeFileAndLeavesNoTemporaryFile) {
@@ -125,7 +115,7 @@ TEST(AtomicFile, ReplacesTheWholeFileAndLeavesNoTemporaryFile) {
   const std::string shorter("\0glb\0", 5);  // binary-safe, and shorter than before
   ASSERT_EQ(AtomicFile::write(file, shorter), "");
   EXPECT_EQ(contents(file), shorter);
-  EXPECT_EQ(entries(dir.path()), 1);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 1);
 
   const fs::path secret = dir.path() / "settings.json";
   ASSERT_EQ(AtomicFile::write(secret, "{}", 0600), "");
@@ -139,7 +129,7 @@ TEST(AtomicFile, AWriteThatCannotHappenSaysWhyAndLeavesNothing) {
   fs::create_directory(asFolder);  // a folder where the file should go: the rename fails
   EXPECT_EQ(AtomicFile::write(asFolder, "data"), "Is a directory");
   EXPECT_TRUE(fs::is_directory(asFolder));
-  EXPECT_EQ(entries(dir.path()), 1);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 1);
 }
 
 }  // namespace

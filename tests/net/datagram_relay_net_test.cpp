@@ -17,11 +17,7 @@ namespace {
 
 using test::freeUdpPort;
 using test::UdpSocket;
-
-
-void arrive(DatagramRelay& relay, const std::vector<std::uint8_t>& payload) {
-  relay.datagramArrived(payload, DatagramEnvelope{});
-}
+using Bytes = std::vector<std::uint8_t>;
 
 TEST(DatagramRelayNetTest, DeliversEveryDatagramUnchanged) {
   UdpSocket first, second;
@@ -30,13 +26,13 @@ TEST(DatagramRelayNetTest, DeliversEveryDatagramUnchanged) {
                    {freeUdpPort()});
   // Datagrams arriving at once, while the relay's queue may still be
   // resolving the targets (the phone is already sending at start-up), are kept.
-  std::vector<std::vector<std::uint8_t>> sent = {
+  std::vector<Bytes> sent = {
       {'j', 'a', 'w', 'O', 'p', 'e', 'n', '-', '5', '0', '|'},
       {0x00, 0xFF, 0x00, 0x80, 0x7F},  // binary with zeros
-      std::vector<std::uint8_t>(60000, 0x5A),  // large
+      Bytes(60000, 0x5A),                       // large
       {},                                       // empty datagrams are datagrams too
   };
-  for (const auto& p : sent) arrive(relay, p);
+  for (const auto& p : sent) relay.datagramArrived(p, {});
   for (UdpSocket* target : {&first, &second}) {
     for (const auto& p : sent) EXPECT_EQ(target->receive(3.0), p) << "target " << target->port();
   }
@@ -75,7 +71,7 @@ TEST(DatagramRelayNetTest, RefusesLoopsAndMalformedTargets) {
   // Nothing is sent to a refused target: our own port stays quiet.
   UdpSocket own(tracking);
   ASSERT_TRUE(own.bound());
-  arrive(relay, {1, 2, 3});
+  relay.datagramArrived(Bytes{1, 2, 3}, {});
   relay.waitForQueue();
   EXPECT_FALSE(own.receive(0.2));
 }
@@ -90,7 +86,7 @@ TEST(DatagramRelayNetTest, AFailingTargetShowsItsErrorAndIsRetried) {
   auto stream = [&](double seconds) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (std::chrono::steady_clock::now() < end) {
-      arrive(relay, {'x'});
+      relay.datagramArrived(Bytes{'x'}, {});
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     relay.waitForQueue();

@@ -5,6 +5,7 @@
 // fuzzer's cross-check.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -36,8 +37,9 @@ Bytes bundle(std::initializer_list<Bytes> pieces) {
   for (const auto& p : pieces) out.insert(out.end(), p.begin(), p.end());
   return out;
 }
-Bytes with(Bytes b, std::size_t at, std::uint8_t value) {
-  b[at] = value;
+// `b` with the bytes from `at` on replaced by `values`.
+Bytes with(Bytes b, std::size_t at, std::initializer_list<std::uint8_t> values) {
+  std::copy(values.begin(), values.end(), b.begin() + static_cast<std::ptrdiff_t>(at));
   return b;
 }
 
@@ -50,10 +52,6 @@ const Bytes kVmc = {'/', 'V', 'M', 'C', '/', 'E', 'x', 't', '/', 'B', 'l', 'e', 
 const OSCMessage a1{"/a", {1.0f}}, b2{"/b", {2.0f}};
 
 TEST(OSCParserTest, LiteralDatagrams) {
-  Bytes lying = bundle({element(kFloatOne), element(kFloatTwoAtB)});
-  lying[16 + 4 + 12 + 3] = 200;  // the second size field (32..35) points past the end
-  Bytes vmcAtRest = kVmc;
-  vmcAtRest[32] = vmcAtRest[33] = vmcAtRest[34] = vmcAtRest[35] = 0;
   // As deep as a 64 KiB datagram allows (over 3000 levels): each level is a
   // 16-byte header plus a 4-byte size field around the next.
   Bytes deep = kFloatOne;
@@ -70,7 +68,7 @@ TEST(OSCParserTest, LiteralDatagrams) {
       {"unterminated address to the end", {'/', 'a', 'b', 'c', 'd'}, {{"/abcd", {}}}},
       {"float 1.0", kFloatOne, {a1}},
       // The tag string's padding ends at 8, so a zero group there is the argument (fade out, a closed eye).
-      {"float 0.0 at 8", with(with(kFloatOne, 8, 0), 9, 0), {{"/a", {0.0f}}}},
+      {"float 0.0 at 8", with(kFloatOne, 8, {0, 0}), {{"/a", {0.0f}}}},
       {"int 5, zero-led", {'/', 'a', 0, 0, ',', 'i', 0, 0, 0, 0, 0, 5}, {{"/a", {std::int32_t(5)}}}},
       {"int 0 (NDI off)", {'/', 'a', 0, 0, ',', 'i', 0, 0, 0, 0, 0, 0}, {{"/a", {std::int32_t(0)}}}},
       {"int 16,777,216", {'/', 'a', 0, 0, ',', 'i', 0, 0, 0x01, 0, 0, 0}, {{"/a", {std::int32_t(16777216)}}}},
@@ -87,7 +85,7 @@ TEST(OSCParserTest, LiteralDatagrams) {
       {"tags without the comma", {'/', 'a', 0, 0, 'f', 0, 0, 0, 0x3F, 0x80, 0, 0}, {{"/a", {}}}},
       {"a lone comma", {'/', 'a', 0, 0, ',', 0, 0, 0, 0x3F, 0x80, 0, 0}, {{"/a", {}}}},
       {"text and float", kVmc, {{"/VMC/Ext/Blend/Val", {"jawOpen", 0.7f}}}},
-      {"a resting jaw after the name's padding", vmcAtRest, {{"/VMC/Ext/Blend/Val", {"jawOpen", 0.0f}}}},
+      {"a resting jaw after the name's padding", with(kVmc, 32, {0, 0, 0, 0}), {{"/VMC/Ext/Blend/Val", {"jawOpen", 0.0f}}}},
       // ",ssf\0" (4..11), "x" (12..15), an empty string (16..19), float 1.0 (20..23).
       {"empty text is an argument",
        {'/', 'a', 0, 0, ',', 's', 's', 'f', 0, 0, 0, 0, 'x', 0, 0, 0, 0, 0, 0, 0, 0x3F, 0x80, 0, 0},
@@ -100,12 +98,13 @@ TEST(OSCParserTest, LiteralDatagrams) {
       {"bundle of two", bundle({element(kFloatOne), element(kFloatTwoAtB)}), {a1, b2}},
       {"a size-0 element ends the bundle", bundle({element(kFloatOne), Bytes{0, 0, 0, 0}, element(kFloatTwoAtB)}),
        {a1}},
-      {"last size past the end", lying, {a1}},
+      // The second size field (32..35) points past the end.
+      {"last size past the end", with(bundle({element(kFloatOne), element(kFloatTwoAtB)}), 35, {200}), {a1}},
       {"nested bundle in place",
        bundle({element(kFloatOne), element(bundle({element(kFloatTwoAtB), element(kFloatOne)})), element(kFloatTwoAtB)}),
        {a1, b2, a1, b2}},
       {"element under 4 bytes", bundle({element({'/', 'x', 0}), element(kFloatTwoAtB)}), {b2}},
-      {"#bundle without its terminator (7-byte check)", with(bundle({element(kFloatTwoAtB)}), 7, 'X'), {b2}},
+      {"#bundle without its terminator (7-byte check)", with(bundle({element(kFloatTwoAtB)}), 7, {'X'}), {b2}},
       {"header only", bundle({}), {}},
       {"7 bytes of #bundle", {'#', 'b', 'u', 'n', 'd', 'l', 'e'}, {}},
       {"nested as deep as a datagram allows", deep, {a1}},
@@ -115,8 +114,8 @@ TEST(OSCParserTest, LiteralDatagrams) {
     EXPECT_EQ(parse(row.datagram), row.expected);
   }
   // Zero floats keep their sign: 00 00 00 00 is +0, 80 00 00 00 is -0.
-  EXPECT_FALSE(std::signbit(*parse(with(with(kFloatOne, 8, 0), 9, 0))[0].arguments[0].get<float>()));
-  EXPECT_TRUE(std::signbit(*parse(with(with(kFloatOne, 8, 0x80), 9, 0))[0].arguments[0].get<float>()));
+  EXPECT_FALSE(std::signbit(*parse(with(kFloatOne, 8, {0, 0}))[0].arguments[0].get<float>()));
+  EXPECT_TRUE(std::signbit(*parse(with(kFloatOne, 8, {0x80, 0}))[0].arguments[0].get<float>()));
 }
 
 TEST(OSCParserTest, ManyArgumentsAndMixedMessagesInOneBundle) {

@@ -29,10 +29,8 @@ TEST(OSCWriterTest, TagStringGrowsByAGroupEveryFourthTag) {
   // No arguments: ",\0\0\0" at 4.
   EXPECT_EQ(OSCWriter::message("/a").bytes(), (Bytes{'/', 'a', 0, 0, ',', 0, 0, 0}));
   // ",fff" fills 4..7, so its terminator opens a group at 8; the floats follow at 12.
-  const Bytes three = OSCWriter::message("/a").f(0.5f).f(0.5f).f(0.5f).bytes();
-  const Bytes want = {'/', 'a', 0, 0, ',', 'f', 'f', 'f', 0, 0, 0, 0,
-                      0x3F, 0, 0, 0, 0x3F, 0, 0, 0, 0x3F, 0, 0, 0};
-  EXPECT_EQ(three, want);
+  EXPECT_EQ(OSCWriter::message("/a").f(0.5f).f(0.5f).f(0.5f).bytes(),
+            (Bytes{'/', 'a', 0, 0, ',', 'f', 'f', 'f', 0, 0, 0, 0, 0x3F, 0, 0, 0, 0x3F, 0, 0, 0, 0x3F, 0, 0, 0}));
 }
 
 TEST(OSCWriterTest, NestedBundlesKeepEverySizeCurrent) {

@@ -58,19 +58,24 @@ inline pid_t spawnProcess(const std::vector<std::string>& args, const std::vecto
   return failed ? -1 : pid;
 }
 
+// Polls `pred` until it holds or `seconds` pass; its last answer.
+inline bool eventually(const std::function<bool()>& pred, double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (pred()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return pred();
+}
+
 // Signals a started process and reaps it, with SIGKILL after `graceSeconds`;
 // the id becomes -1. Nothing when it is -1 already.
 inline void stopProcess(pid_t& pid, int sig, double graceSeconds = 2.0) {
   if (pid <= 0) return;
   ::kill(pid, sig);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(graceSeconds);
-  while (::waitpid(pid, nullptr, WNOHANG) != pid) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, nullptr, 0);
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  if (!eventually([&] { return ::waitpid(pid, nullptr, WNOHANG) == pid; }, graceSeconds)) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
   }
   pid = -1;
 }
@@ -173,16 +178,6 @@ class ChildProcess {
   std::vector<std::string> lines_;
   std::size_t next_ = 0;
 };
-
-// Polls `pred` until it holds or `seconds` pass; its last answer.
-inline bool eventually(const std::function<bool()>& pred, double seconds) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  return pred();
-}
 
 // How a program run to its end went: its exit status (-1 when it did not
 // start or did not exit within the time) and its output.

@@ -2,6 +2,7 @@
 // Reading glTF accessors back as plain arrays for tests: dense data, sparse
 // substitutions and zero-initialised accessors all resolved, as a glTF
 // consumer sees them.
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -13,20 +14,12 @@
 
 namespace velmora::test {
 
-inline std::uint32_t readIndexAt(const unsigned char* p, int componentType) {
-  switch (componentType) {
-    case TINYGLTF_COMPONENT_TYPE_UNSIGNED_BYTE: return *p;
-    case TINYGLTF_COMPONENT_TYPE_UNSIGNED_SHORT: {
-      std::uint16_t v;
-      std::memcpy(&v, p, 2);
-      return v;
-    }
-    default: {
-      std::uint32_t v;
-      std::memcpy(&v, p, 4);
-      return v;
-    }
-  }
+// An index of `size` bytes (1, 2 or 4), little-endian as glTF stores it.
+inline std::uint32_t readIndexAt(const unsigned char* p, std::size_t size) {
+  static_assert(std::endian::native == std::endian::little);
+  std::uint32_t v = 0;
+  std::memcpy(&v, p, size);
+  return v;
 }
 
 inline const unsigned char* viewData(const tinygltf::Model& m, int view, std::size_t offset) {
@@ -50,7 +43,7 @@ inline std::vector<float> readFloats(const tinygltf::Model& m, int index) {
     const unsigned char* val = viewData(m, a.sparse.values.bufferView, static_cast<std::size_t>(a.sparse.values.byteOffset));
     const auto indexSize = static_cast<std::size_t>(tinygltf::GetComponentSizeInBytes(static_cast<std::uint32_t>(a.sparse.indices.componentType)));
     for (std::size_t k = 0; k < static_cast<std::size_t>(a.sparse.count); ++k) {
-      const std::uint32_t i = readIndexAt(idx + k * indexSize, a.sparse.indices.componentType);
+      const std::uint32_t i = readIndexAt(idx + k * indexSize, indexSize);
       std::memcpy(&out[i * comps], val + k * comps * 4, comps * 4);
     }
   }
@@ -63,7 +56,7 @@ inline std::vector<std::int32_t> readIndices(const tinygltf::Model& m, int index
   const auto size = static_cast<std::size_t>(tinygltf::GetComponentSizeInBytes(static_cast<std::uint32_t>(a.componentType)));
   const unsigned char* base = viewData(m, a.bufferView, a.byteOffset);
   std::vector<std::int32_t> out(a.count);
-  for (std::size_t i = 0; i < a.count; ++i) out[i] = static_cast<std::int32_t>(readIndexAt(base + i * size, a.componentType));
+  for (std::size_t i = 0; i < a.count; ++i) out[i] = static_cast<std::int32_t>(readIndexAt(base + i * size, size));
   return out;
 }
 

@@ -26,13 +26,9 @@ class LogCapture {
     std::lock_guard lock(mutex_);
     return lines_;
   }
-  bool has(const std::string& line) const {
-    std::lock_guard lock(mutex_);
-    return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
-  }
+  bool has(const std::string& line) const { return std::ranges::count(lines(), line) > 0; }
   bool hasPrefix(const std::string& prefix) const {
-    std::lock_guard lock(mutex_);
-    return std::any_of(lines_.begin(), lines_.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; });
+    return std::ranges::any_of(lines(), [&](const std::string& l) { return l.starts_with(prefix); });
   }
   void clear() {
     std::lock_guard lock(mutex_);

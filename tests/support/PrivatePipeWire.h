@@ -78,10 +78,8 @@ class PrivatePipeWire {
   // could not run); its output is appended to `outputFile` (in dir()) or dropped.
   int run(const std::vector<std::string>& args, const std::string& outputFile = {}) const {
     const pid_t pid = spawn(args, outputFile);
-    if (pid <= 0) return -1;
     int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
   // Waits until a node of this name is in the registry (pw-cli's listing).
   bool waitForNode(const std::string& name, double seconds) const {

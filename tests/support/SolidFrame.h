@@ -11,13 +11,8 @@ inline RenderedFrame solidFrame(int w, int h, std::uint8_t b, std::uint8_t g, st
   RenderedFrame f;
   f.width = w;
   f.height = h;
-  f.pixels.resize(static_cast<std::size_t>(w) * h * 4);
-  for (std::size_t i = 0; i < f.pixels.size(); i += 4) {
-    f.pixels[i] = b;
-    f.pixels[i + 1] = g;
-    f.pixels[i + 2] = r;
-    f.pixels[i + 3] = a;
-  }
+  f.pixels.reserve(static_cast<std::size_t>(w) * h * 4);
+  for (int i = 0; i < w * h; ++i) f.pixels.insert(f.pixels.end(), {b, g, r, a});
   return f;
 }
 

@@ -21,10 +21,7 @@ class UdpSocket {
   // local address it binds, and so the source of what it sends to loopback
   // (127.0.0.2 sends as 127.0.0.2).
   explicit UdpSocket(std::uint16_t port = 0, std::uint32_t address = INADDR_ANY) : fd_(::socket(AF_INET, SOCK_DGRAM, 0)) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(address);
-    a.sin_port = htons(port);
+    sockaddr_in a{.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(address)}, .sin_zero = {}};
     bound_ = ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
     socklen_t len = sizeof a;
     ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
@@ -41,10 +38,7 @@ class UdpSocket {
   std::uint16_t port() const { return port_; }
   // To `port` of loopback, or of another local address (host byte order).
   void sendTo(std::uint16_t port, std::span<const std::uint8_t> bytes, std::uint32_t address = INADDR_LOOPBACK) const {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(address);
-    to.sin_port = htons(port);
+    sockaddr_in to{.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(address)}, .sin_zero = {}};
     ::sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
   }
   void sendTo(std::uint16_t port, std::string_view text, std::uint32_t address = INADDR_LOOPBACK) const {

@@ -27,12 +27,9 @@ class XorgDummy {
     // A display number nobody holds; when another test's server takes the
     // same one first, this one exits at once and the next number is tried.
     for (int n = 90 + (::getpid() % 50); n < 250 && !ready_; ++n) {
-      if (std::filesystem::exists("/tmp/.X11-unix/X" + std::to_string(n)) ||
-          std::filesystem::exists("/tmp/.X" + std::to_string(n) + "-lock")) {
-        continue;
-      }
       display_ = n;
-      ready_ = launch();
+      ready_ = !std::filesystem::exists("/tmp/.X11-unix/X" + std::to_string(n)) &&
+               !std::filesystem::exists("/tmp/.X" + std::to_string(n) + "-lock") && launch();
     }
     if (!ready_) display_ = -1;
   }
@@ -45,30 +42,22 @@ class XorgDummy {
   const std::filesystem::path& logFile() const { return log_; }
 
  private:
-  // Starts Xorg on display_; true once its socket is there (about half a second).
+  // Starts Xorg on display_; true once its socket is there (about half a
+  // second) and the server still runs. It exits at once when the display was
+  // taken meanwhile, and the socket may then be the other server's.
   bool launch() {
-    const std::string name = ":" + std::to_string(display_);
-    pid_ = spawnProcess({"/usr/bin/Xorg", name, "-config", config_.string(), "-noreset", "-nolisten", "tcp",
-                         "-logfile", log_.string()},
+    pid_ = spawnProcess({"/usr/bin/Xorg", ":" + std::to_string(display_), "-config", config_.string(), "-noreset",
+                         "-nolisten", "tcp", "-logfile", log_.string()},
                         environmentWithout("VELMORA_"));
-    if (pid_ <= 0) return false;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    while (std::chrono::steady_clock::now() < deadline) {
-      int status = 0;
-      if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;  // it gave up (the display was taken meanwhile)
-        return false;
-      }
-      if (std::filesystem::exists("/tmp/.X11-unix/X" + std::to_string(display_))) {
-        // The socket may be another server's: ours must still be running.
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        if (::waitpid(pid_, &status, WNOHANG) == 0) return true;
-        pid_ = -1;
-        return false;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const auto exited = [&] { return pid_ <= 0 || ::waitpid(pid_, nullptr, WNOHANG) == pid_; };
+    const std::string socket = "/tmp/.X11-unix/X" + std::to_string(display_);
+    bool gone = false;
+    if (eventually([&] { return (gone = exited()) || std::filesystem::exists(socket); }, 15.0) && !gone) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      if (!(gone = exited())) return true;
     }
-    stopProcess(pid_, SIGKILL);
+    if (gone) pid_ = -1;
+    stopProcess(pid_, SIGKILL);  // still starting after 15 s
     return false;
   }
 
