@@ -1,7 +1,8 @@
 // The production sink between the receiver's queue and the main thread:
 // newest wins per sender while the main thread is busy (merging what partial
-// senders sent), and memory bounded under a flood. Frames come from the real decoders, on the bytes a
-// sender would send; the test thread is the main thread.
+// senders sent), and memory bounded under a flood, also as the receiver
+// counts it. Frames come from the real decoders, on the bytes a sender would
+// send; the test thread is the main thread.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -127,12 +128,12 @@ TEST(MainThreadTrackingSinkTest, FloodStaysBoundedInSendersAndNames) {
   // unknown datagram; the rest are dropped and counted in the receiver's
   // statistics, and one drain request waits, never one per datagram.
   for (int i = 0; i < 40; ++i) {
-    const std::string text = i % 20 < 10 ? "jawOpen-40|" : "unknown";
-    receiver.processData(test::Bytes(text.begin(), text.end()), "10.0.0." + std::to_string(i % 10) + ":5000");
+    const std::string datagram = i % 20 < 10 ? "jawOpen-40|" : "unknown";
+    receiver.processData(test::Bytes(datagram.begin(), datagram.end()), "10.0.0." + std::to_string(i % 10) + ":5000");
   }
   const auto stats = receiver.statistics();
-  EXPECT_EQ(std::tuple(t.sink->waitingSenders(), stats.dropped, MainQueue::shared().pendingCount(), stats.packetsReceived,
-                       stats.lastFormat, stats.lastSender),
+  EXPECT_EQ(std::tuple(t.sink->waitingSenders(), stats.dropped, MainQueue::shared().pendingCount(),
+                       stats.packetsReceived, stats.lastFormat, stats.lastSender),
             std::tuple(4u, 40u - 8u, 1u, 40u, TrackingFormat::unknown, "10.0.0.9:5000"));
   MainQueue::shared().drain();
   EXPECT_EQ(t.state.totalPacketsReceived(), 4u * 4u);  // what the four waiting senders sent
