@@ -1,6 +1,6 @@
 #pragma once
-// A TrackingSink that keeps the frames it is given and counts the unknown
-// datagrams, for tests that drive the receiver without the main thread; as a
+// A TrackingSink that keeps the frames it is given (unknown datagrams are
+// ignored), for tests that drive the receiver without the main thread; as a
 // DatagramTap, it keeps a copy of every datagram it is shown and its envelope.
 // Thread-safe: net tests read it while the receiver's queue writes it.
 #include <mutex>
@@ -19,10 +19,7 @@ class RecordingSink final : public TrackingSink, public DatagramTap {
     std::lock_guard lock(mutex_);
     frames_.push_back(std::move(frame));
   }
-  void deliverUnknown(const std::string&) override {
-    std::lock_guard lock(mutex_);
-    ++unknown_;
-  }
+  void deliverUnknown(const std::string&) override {}
   void datagramArrived(std::span<const std::uint8_t> payload, const DatagramEnvelope& envelope) override {
     std::lock_guard lock(mutex_);
     seen_.emplace_back(std::vector<std::uint8_t>(payload.begin(), payload.end()), envelope);
@@ -35,15 +32,10 @@ class RecordingSink final : public TrackingSink, public DatagramTap {
     std::lock_guard lock(mutex_);
     return frames_;
   }
-  std::size_t total() const {
-    std::lock_guard lock(mutex_);
-    return frames_.size() + unknown_;
-  }
 
  private:
   mutable std::mutex mutex_;
   std::vector<DecodedFrame> frames_;
-  std::size_t unknown_ = 0;
   std::vector<Seen> seen_;
 };
 

@@ -1,7 +1,8 @@
 // The production sink between the receiver's queue and the main thread:
 // newest wins per sender while the main thread is busy (merging what partial
-// senders sent), and memory bounded under a flood. Frames come from the real decoders, on the bytes a
-// sender would send; the test thread is the main thread.
+// senders sent), and memory bounded under a flood, also as the receiver
+// counts it. Frames come from the real decoders, on the bytes a sender would
+// send; the test thread is the main thread.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -12,6 +13,7 @@
 #include "support/StateFixture.h"
 #include "tracking/MainThreadTrackingSink.h"
 #include "tracking/TrackingDecoders.h"
+#include "tracking/TrackingReceiver.h"
 
 namespace velmora {
 namespace {
@@ -37,8 +39,9 @@ test::Bytes blend(const std::string& name, float value) {
 
 // A face tracking state of its own, with the sink that feeds it.
 struct Target : test::StateFixture {
-  MainThreadTrackingSink sink;
-  explicit Target(std::size_t maxSenders = 8) : sink(maxSenders, MainQueue::shared(), &state) {}
+  std::shared_ptr<MainThreadTrackingSink> sink;
+  explicit Target(std::size_t maxSenders = 8)
+      : sink(std::make_shared<MainThreadTrackingSink>(maxSenders, MainQueue::shared(), &state)) {}
 };
 
 TEST(MainThreadTrackingSinkTest, NewerFrameReplacesTheWaitingOneKeepingWhatOnlyTheOlderCarried) {
@@ -62,15 +65,15 @@ TEST(MainThreadTrackingSinkTest, NewerFrameReplacesTheWaitingOneKeepingWhatOnlyT
   start.frame.rotation = float3(0.5f, 0.5f, 0.5f);
   start.frame.position = float3(1.0f, 1.0f, 1.0f);
   start.frame.sender = kSender;
-  for (Target* t : {&reference, &coalesced}) t->sink.deliver(start);
+  for (Target* t : {&reference, &coalesced}) t->sink->deliver(start);
   MainQueue::shared().drain();
 
   for (const auto& p : packets) {
-    reference.sink.deliver(decoded(p));
+    reference.sink->deliver(decoded(p));
     MainQueue::shared().drain();
   }
-  for (const auto& p : packets) coalesced.sink.deliver(decoded(p));
-  EXPECT_EQ(std::tuple(coalesced.sink.waitingSenders(), coalesced.sink.droppedCount()),
+  for (const auto& p : packets) coalesced.sink->deliver(decoded(p));
+  EXPECT_EQ(std::tuple(coalesced.sink->waitingSenders(), coalesced.sink->droppedCount()),
             std::tuple(1u, packets.size() - 1));
   MainQueue::shared().drain();
 
@@ -80,7 +83,7 @@ TEST(MainThreadTrackingSinkTest, NewerFrameReplacesTheWaitingOneKeepingWhatOnlyT
   const FaceTrackingState& c = coalesced.state;
   EXPECT_EQ(c.rawBlendshapes(), reference.state.rawBlendshapes());
   EXPECT_EQ(std::tuple(c.rawBlendshapes().size(), c.senderIP(), c.rawRotation(), c.rawPosition(),
-                       c.totalPacketsReceived(), reference.sink.droppedCount()),
+                       c.totalPacketsReceived(), reference.sink->droppedCount()),
             std::tuple(4u, kSender, float3(10.0f * kDeg, -45.0f * kDeg, -5.0f * kDeg), float3(1.0f, 1.0f, 0.07f),
                        1 + packets.size(), 0u));
 }
@@ -88,52 +91,61 @@ TEST(MainThreadTrackingSinkTest, NewerFrameReplacesTheWaitingOneKeepingWhatOnlyT
 TEST(MainThreadTrackingSinkTest, UnknownFormatWaitsOncePerSenderAndSendersKeepArrivalOrder) {
   Target t;
   MainQueue& main = MainQueue::shared();
-  for (int i = 0; i < 100; ++i) t.sink.deliverUnknown(kSender);
-  EXPECT_EQ(std::tuple(t.sink.waitingSenders(), t.sink.droppedCount()), std::tuple(1u, 99u));
+  for (int i = 0; i < 100; ++i) t.sink->deliverUnknown(kSender);
+  EXPECT_EQ(std::tuple(t.sink->waitingSenders(), t.sink->droppedCount()), std::tuple(1u, 99u));
   main.drain();
   EXPECT_EQ(std::tuple(t.state.totalPacketsReceived(), t.state.senderIP()),
             std::tuple(100u, kSender + " (Unknown format)"));
 
   // A frame after an unknown datagram shows the sender plainly; an unknown
   // one after a frame shows the note, as ingesting them in order would.
-  t.sink.deliverUnknown(kSender);
-  t.sink.deliver(text("jawOpen-50|"));
+  t.sink->deliverUnknown(kSender);
+  t.sink->deliver(text("jawOpen-50|"));
   main.drain();
   EXPECT_EQ(std::tuple(t.state.senderIP(), t.state.rawBlendshapes().at("jawOpen")), std::tuple(kSender, 0.5f));
-  t.sink.deliver(text("jawOpen-70|"));
-  t.sink.deliverUnknown(kSender);
+  t.sink->deliver(text("jawOpen-70|"));
+  t.sink->deliverUnknown(kSender);
   main.drain();
   EXPECT_EQ(std::tuple(t.state.senderIP(), t.state.rawBlendshapes().at("jawOpen"), t.state.totalPacketsReceived(),
-                       t.sink.droppedCount()),
+                       t.sink->droppedCount()),
             std::tuple(kSender + " (Unknown format)", 0.7f, 104u, 99u));
 
   // Senders are ingested in the order of their newest packet.
   const std::string a = "10.0.0.1:1000", b = "10.0.0.2:2000";
-  t.sink.deliver(text("jawOpen-10|", a));
-  t.sink.deliver(text("jawOpen-20|", b));
-  t.sink.deliver(text("jawOpen-30|", a));  // a's newest came last: a is ingested last
+  t.sink->deliver(text("jawOpen-10|", a));
+  t.sink->deliver(text("jawOpen-20|", b));
+  t.sink->deliver(text("jawOpen-30|", a));  // a's newest came last: a is ingested last
   main.drain();
-  EXPECT_EQ(std::tuple(t.state.senderIP(), t.state.rawBlendshapes().at("jawOpen"), t.sink.droppedCount()),
+  EXPECT_EQ(std::tuple(t.state.senderIP(), t.state.rawBlendshapes().at("jawOpen"), t.sink->droppedCount()),
             std::tuple(a, 0.3f, 100u));
 }
 
 TEST(MainThreadTrackingSinkTest, FloodStaysBoundedInSendersAndNames) {
   Target t(4);
-  // Ten senders while the main thread is busy: four wait, the rest are
-  // dropped and counted.
-  for (int i = 0; i < 30; ++i) t.sink.deliver(text("jawOpen-40|", "10.0.0." + std::to_string(i % 10) + ":5000"));
-  EXPECT_EQ(std::tuple(t.sink.waitingSenders(), t.sink.droppedCount()), std::tuple(4u, 30u - 4u));
+  TrackingReceiver receiver(t.sink);
+  // Ten senders, each sending frames and unknown datagrams, while the main
+  // thread is busy: four wait, each with its newest frame and its newest
+  // unknown datagram; the rest are dropped and counted in the receiver's
+  // statistics, and one drain request waits, never one per datagram.
+  for (int i = 0; i < 40; ++i) {
+    const std::string datagram = i % 20 < 10 ? "jawOpen-40|" : "unknown";
+    receiver.processData(test::Bytes(datagram.begin(), datagram.end()), "10.0.0." + std::to_string(i % 10) + ":5000");
+  }
+  const auto stats = receiver.statistics();
+  EXPECT_EQ(std::tuple(t.sink->waitingSenders(), stats.dropped, MainQueue::shared().pendingCount(),
+                       stats.packetsReceived, stats.lastFormat, stats.lastSender),
+            std::tuple(4u, 40u - 8u, 1u, 40u, TrackingFormat::unknown, "10.0.0.9:5000"));
   MainQueue::shared().drain();
-  EXPECT_EQ(t.state.totalPacketsReceived(), 4u * 3u);  // what the four waiting senders sent
+  EXPECT_EQ(t.state.totalPacketsReceived(), 4u * 4u);  // what the four waiting senders sent
   // Room again once the main thread took them.
-  t.sink.deliver(text("jawOpen-40|", "10.0.0.9:5000"));
-  EXPECT_EQ(t.sink.waitingSenders(), 1u);
+  t.sink->deliver(text("jawOpen-40|", "10.0.0.9:5000"));
+  EXPECT_EQ(t.sink->waitingSenders(), 1u);
   MainQueue::shared().drain();
 
   // One sender naming a new blendshape in every packet cannot grow the
   // waiting frame without bound; the newest packet's names always stay.
   const std::size_t cap = MainThreadTrackingSink::maxMergedNames;
-  for (std::size_t i = 0; i < 3 * cap; ++i) t.sink.deliver(text("custom" + std::to_string(i) + "-50|"));
+  for (std::size_t i = 0; i < 3 * cap; ++i) t.sink->deliver(text("custom" + std::to_string(i) + "-50|"));
   MainQueue::shared().drain();
   const auto& raw = t.state.rawBlendshapes();
   EXPECT_LE(raw.size(), cap + 1);  // + jawOpen from before
