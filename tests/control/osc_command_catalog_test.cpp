@@ -29,15 +29,11 @@ using S = const FaceTrackingState&;
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 const float kInf = std::numeric_limits<float>::infinity();
 
-OSCMessage msg(std::string address, std::vector<OSCArgument> args = {}) {
-  return OSCMessage{std::move(address), std::move(args)};
-}
-
 // Each test on a fresh state (default values, its own settings folder) and cue player.
 class CatalogTest : public ::testing::Test, protected test::StateFixture {
  protected:
   bool dispatch(std::string address, std::vector<OSCArgument> args = {}) {
-    return OSCCommandCatalog::dispatch(msg(std::move(address), std::move(args)), context);
+    return OSCCommandCatalog::dispatch(OSCMessage{std::move(address), std::move(args)}, context);
   }
 
   CharacterAnimationController cues;
@@ -180,7 +176,7 @@ TEST_F(CatalogTest, NumbersClampIntoTheirRangeAndNaNOrNoneKeepTheValue) {
         {{float(r.inside)}, r.inside}, {{-kInf}, r.lo}, {{kInf}, r.hi}};
     for (const auto& [args, expected] : steps) {
       ASSERT_TRUE(dispatch(r.address, args));
-      EXPECT_EQ(float(r.get(state)), float(expected)) << msg("", args).printedArguments();
+      EXPECT_EQ(float(r.get(state)), float(expected)) << OSCMessage{"", args}.printedArguments();
     }
   }
 }
@@ -244,7 +240,7 @@ TEST_F(CatalogTest, SwitchesModelAndPresetFollowTheirArgumentOrKeepTheValue) {
       {"/lighting/preset", none, preset, 4, 4},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(std::string(row.address) + " " + msg("", row.args).printedArguments());
+    SCOPED_TRACE(std::string(row.address) + " " + (OSCMessage{"", row.args}).printedArguments());
     row.field.set(state, row.start);
     ASSERT_TRUE(dispatch(row.address, row.args));
     EXPECT_EQ(row.field.get(state), row.expected);
@@ -311,7 +307,7 @@ TEST_F(CatalogTest, CueCommandsStartTheirCueOnTheirCharacterAndStopCommandsFadeI
       {"/mask/gasp", {0.0f}, K::maskGasp, 0.0},          {"/mask/gasp", {std::string("3")}, K::maskGasp, 1.8},
   };
   for (const auto& [address, args, kind, duration] : rows) {
-    SCOPED_TRACE(address + msg("", args).printedArguments());
+    SCOPED_TRACE(address + (OSCMessage{"", args}).printedArguments());
     // Start on the other character: the command switches first.
     const bool ghost = AnimationCue::isGhostCue(kind);
     state.setCharacterModel(ghost ? CharacterModelType::theatricalMask : CharacterModelType::cartoonGhost);
@@ -348,7 +344,7 @@ TEST_F(CatalogTest, HostileArgumentsOnEveryCommandKeepTheStateFiniteAndInRange) 
 
   for (const OSCCommand& command : OSCCommandCatalog::all()) {
     for (const auto& args : hostile) {
-      const std::string where = command.address + " " + msg("", args).printedArguments().substr(0, 40);
+      const std::string where = command.address + " " + OSCMessage{"", args}.printedArguments().substr(0, 40);
       ASSERT_TRUE(dispatch(command.address, args)) << where;
       // Every number in its range (so finite too).
       for (const Range& r : kRanges) EXPECT_TRUE(r.get(state) >= r.lo && r.get(state) <= r.hi) << where << r.address;

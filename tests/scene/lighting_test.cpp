@@ -37,8 +37,7 @@ TEST(LightingSettingsTest, PresetMatchingByIndexOrName) {
       {"Soft_Front", "Soft Front"},   {" soft.front ", "Soft Front"}, {"soft/front", "Soft Front"},
       {"underlight", "Under Light"},  {"Theatrical", "Theatrical"},
   };
-  LightingSettings miss;
-  miss.preset = "(no match)";
+  const LightingSettings miss{.preset = "(no match)"};
   for (const auto& [text, preset] : hits)
     EXPECT_EQ(LightingSettings::presetMatching(text).value_or(miss).preset, preset) << text;
   for (const char* miss : {"6", "-1", "+", "2.5", "99999999999999999999999", "", " - ", "Custom", "soft", "soft fronts"})
