@@ -207,7 +207,6 @@ TEST_F(CatalogTest, SwitchesModelAndPresetFollowTheirArgumentOrKeepTheValue) {
                        return it == presets.end() ? -1.0 : double(it - presets.begin());
                      },
                      [&](FaceTrackingState& s, double i) { s.setLighting(presets[std::size_t(i)]); }};
-  const std::vector<OSCArgument> none;
   struct Row {
     const char* address;
     std::vector<OSCArgument> args;
@@ -217,11 +216,11 @@ TEST_F(CatalogTest, SwitchesModelAndPresetFollowTheirArgumentOrKeepTheValue) {
   const Row rows[] = {
       // Lock rotation: a boolean or a number above 0.5 (the accessors'); NaN and none keep it.
       {"/velmora/lockrotation", {true}, lock, 0, 1}, {"/velmora/lockrotation", {false}, lock, 1, 0},
-      {"/velmora/lockrotation", {kNaN}, lock, 1, 1}, {"/velmora/lockrotation", none, lock, 1, 1},
+      {"/velmora/lockrotation", {kNaN}, lock, 1, 1}, {"/velmora/lockrotation", {}, lock, 1, 1},
       // Toggles: none inverts, a boolean sets. NDI and OSC start where the
       // other switches' getters would give the wrong answer.
-      {"/velmora/syphon", none, syphon, 1, 0}, {"/velmora/syphon", none, syphon, 0, 1},
-      {"/velmora/syphon", {true}, syphon, 1, 1}, {"/ndi", none, ndi, 0, 1}, {"/osc/enable", none, osc, 0, 1},
+      {"/velmora/syphon", {}, syphon, 1, 0}, {"/velmora/syphon", {}, syphon, 0, 1},
+      {"/velmora/syphon", {true}, syphon, 1, 1}, {"/ndi", {}, ndi, 0, 1}, {"/osc/enable", {}, osc, 0, 1},
       // The model: text by name (never as a number), numbers truncated (only 1 is the ghost).
       {"/velmora/model", {"my Ghostly mask"}, model, 0, 1}, {"/velmora/model", {"MASK"}, model, 1, 0},
       {"/character", {"Theatre"}, model, 1, 0}, {"/velmora/model", {"robot"}, model, 1, 1},
@@ -237,7 +236,7 @@ TEST_F(CatalogTest, SwitchesModelAndPresetFollowTheirArgumentOrKeepTheValue) {
       {"/lighting/preset", {-0.4f}, preset, 1, 0}, {"/lighting/preset", {-0.6f}, preset, 4, 4},
       {"/lighting/preset", {"FLAT-EVEN"}, preset, 0, 5}, {"/lighting/preset", {kNaN}, preset, 4, 4},
       {"/lighting/preset", {kInf}, preset, 4, 4}, {"/lighting/preset", {true}, preset, 4, 4},
-      {"/lighting/preset", none, preset, 4, 4},
+      {"/lighting/preset", {}, preset, 4, 4},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(std::string(row.address) + " " + (OSCMessage{"", row.args}).printedArguments());
