@@ -15,17 +15,17 @@ TEST(RemotePeersTest, CapLapseAndReplyPorts) {
   EXPECT_TRUE(peers.subscribe({local, 9000}, 1.0));   // renewing is not a new one
 
   peers.heard({local, 9001}, 30.0);
-  EXPECT_EQ(peers.expire(60.5), 30u);  // heard at 0, more than 60 s ago
-  EXPECT_EQ(peers.subscribers().size(), 2u);
-  EXPECT_EQ(peers.expire(89.0), 1u);  // 9000 (renewed at 1); 9001, heard at 30, stays
-  EXPECT_TRUE(peers.isSubscribed({local, 9001}));
+  // 30 heard at 0, more than 60 s ago; then 9000 (renewed at 1); 9001, heard at 30, stays.
+  EXPECT_EQ((std::tuple{peers.expire(60.5), peers.subscribers().size(), peers.expire(89.0),
+                        peers.isSubscribed({local, 9001})}),
+            std::tuple(30u, 2u, 1u, true));
   peers.unsubscribe({local, 9001});
 
   // One reply port per address, whatever port the sender used; two
   // subscriptions from that address then share one event target.
   peers.setReplyPort({local, 5000}, 53001, 100.0);
-  EXPECT_EQ(peers.replyTarget({local, 5001}).port, 53001);
-  EXPECT_EQ(peers.replyTarget({0x7F000002, 5001}).port, 5001);
+  EXPECT_EQ(std::pair(peers.replyTarget({local, 5001}).port, peers.replyTarget({0x7F000002, 5001}).port),
+            (std::pair<std::uint16_t, std::uint16_t>(53001, 5001)));
   peers.subscribe({local, 5000}, 100.0);
   peers.subscribe({local, 5001}, 100.0);
   EXPECT_EQ(peers.eventTargets().size(), 1u);

@@ -37,8 +37,7 @@ TEST(LightingSettingsTest, PresetMatchingByIndexOrName) {
       {"Soft_Front", "Soft Front"},   {" soft.front ", "Soft Front"}, {"soft/front", "Soft Front"},
       {"underlight", "Under Light"},  {"Theatrical", "Theatrical"},
   };
-  LightingSettings miss;
-  miss.preset = "(no match)";
+  const LightingSettings miss{.preset = "(no match)"};
   for (const auto& [text, preset] : hits)
     EXPECT_EQ(LightingSettings::presetMatching(text).value_or(miss).preset, preset) << text;
   for (const char* miss : {"6", "-1", "+", "2.5", "99999999999999999999999", "", " - ", "Custom", "soft", "soft fronts"})
@@ -71,9 +70,8 @@ TEST(LightingSettingsTest, UndecodableRecordsLoadTheatrical) {
   auto integral = with("fill", 2);
   integral["extra"] = true;
   store.set("lightingSettings", integral);
-  LightingSettings expected = custom;
-  expected.fill = 2.0;
-  EXPECT_EQ(LightingSettings::load(store), expected);
+  EXPECT_EQ(LightingSettings::load(store),
+            (LightingSettings{LightingSettings::customName, 2.5, 2.0, 3.0, 1.7, 2.9, -2.75, -0.6, 0.011}));
 }
 
 // Intensities scale with the master and the settings; the key moves with
@@ -83,11 +81,10 @@ TEST(LightingSettingsTest, UndecodableRecordsLoadTheatrical) {
 TEST(LightRigTest, SettingsAndMasterScaleTheLights) {
   LightingSettings warmSide = *LightingSettings::presetMatching("side light");
   warmSide.warmth = 1.0;
-  LightingSettings faint;
-  faint.shadow = 0.01;
-  LightingSettings cool;  // scales the given colour, not white: 1 - 0.28 * 0.5 red, 1 - 0.1 * 0.5 green
-  cool.warmth = -0.5;
-  cool.shadow = 0.011;  // just above 0.01: the key casts shadows
+  const LightingSettings faint{.shadow = 0.01};
+  // Cool scales the given colour, not white: 1 - 0.28 * 0.5 red, 1 - 0.1 * 0.5
+  // green; a shadow just above 0.01: the key casts shadows.
+  const LightingSettings cool{.warmth = -0.5, .shadow = 0.011};
   struct Row {
     const char* what;
     LightRig rig;
