@@ -42,9 +42,8 @@ void expectSameNode(const tinygltf::Model& doc, int index, const Node& node,
                     const std::unordered_map<std::string, int>& keys) {
   SCOPED_TRACE(node.name);
   const tinygltf::Node& out = doc.nodes.at(static_cast<std::size_t>(index));
-  EXPECT_EQ(out.name, node.name);
-  EXPECT_EQ(out.translation.empty() ? std::vector<double>(3, 0.0) : out.translation,
-            (std::vector<double>{node.position.x, node.position.y, node.position.z}));
+  EXPECT_EQ(std::pair(out.name, out.translation.empty() ? std::vector<double>(3, 0.0) : out.translation),
+            std::pair(node.name, std::vector<double>{node.position.x, node.position.y, node.position.z}));
   ASSERT_EQ(out.children.size(), node.children().size());
   for (std::size_t c = 0; c < out.children.size(); ++c) expectSameNode(doc, out.children[c], *node.children()[c], keys);
 
@@ -74,9 +73,8 @@ void expectSameNode(const tinygltf::Model& doc, int index, const Node& node,
         expected.insert(expected.end(), v, v + s.componentsPerVector);
       }
       ASSERT_EQ(p.attributes.count(attribute), expected.empty() ? 0u : 1u) << attribute;
-      if (!expected.empty()) {
-        EXPECT_THAT(test::readFloats(doc, p.attributes.at(attribute)), Pointwise(Eq(), expected)) << attribute;
-      }
+      EXPECT_THAT(expected.empty() ? expected : test::readFloats(doc, p.attributes.at(attribute)),
+                  Pointwise(Eq(), expected)) << attribute;
     }
 
     // The material: name, base colour, roughness, metalness, emission, sides.
@@ -190,11 +188,8 @@ TEST(GltfExporter, NodeTransformsMeanWhatTheSceneMeans) {
   ASSERT_EQ(out.rotation.size(), 4u);
   const glm::quat q(static_cast<float>(out.rotation[3]), static_cast<float>(out.rotation[0]),
                     static_cast<float>(out.rotation[1]), static_cast<float>(out.rotation[2]));
-  for (const float3 v : {float3(1, 0, 0), float3(0, 1, 0), float3(0, 0, 1)}) {
-    const float3 expected = float3(eulerRotation(child->eulerAngles) * float4(v, 0.0f));
-    const float3 actual = q * v;
-    EXPECT_NEAR(glm::length(actual - expected), 0.0f, 1e-6f);
-  }
+  for (const float3 v : {float3(1, 0, 0), float3(0, 1, 0), float3(0, 0, 1)})
+    EXPECT_NEAR(glm::length(q * v - float3(eulerRotation(child->eulerAngles) * float4(v, 0.0f))), 0.0f, 1e-6f);
 }
 
 // Run in the background (the menu's way; the same export as run()): a

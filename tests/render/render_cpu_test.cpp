@@ -18,7 +18,9 @@ namespace {
 
 using test::solidFrame;
 
-TEST(EnvironmentLightingTest, AUniformSkyGivesPiTimesItsRadianceFromEveryDirection) {
+// A uniform sky gives pi times its radiance from every direction; a bright
+// upper half lights upward surfaces more; the stage environment is lit from above.
+TEST(EnvironmentLightingTest, SkiesLightSurfacesByTheWayTheyFace) {
   const auto lighting = EnvironmentLighting::compute({64, 32, std::vector<float3>(64 * 32, float3(0.5f, 1.0f, 2.0f))});
   for (const float3 n : {float3(0, 1, 0), float3(0, -1, 0), float3(1, 0, 0), glm::normalize(float3(1, 1, 1))}) {
     const float3 e = lighting.irradiance(n);
@@ -32,25 +34,21 @@ TEST(EnvironmentLightingTest, AUniformSkyGivesPiTimesItsRadianceFromEveryDirecti
   const auto none = EnvironmentLighting::compute(EnvironmentImage{});
   EXPECT_TRUE(none.specular.empty());
   EXPECT_EQ(none.irradiance({0, 1, 0}), float3(0.0f));
-}
 
-TEST(EnvironmentLightingTest, ABrightSkyLightsUpFacingSurfacesMore) {
   EnvironmentImage sky{64, 32, std::vector<float3>(64 * 32, float3(0.0f))};
   std::fill_n(sky.texels.begin(), 64 * 16, float3(1.0f));  // rows 0..15, the upper half
-  const auto lighting = EnvironmentLighting::compute(sky);
-  EXPECT_GT(lighting.irradiance({0, 1, 0}).x, 2.5f);   // about pi
-  EXPECT_LT(lighting.irradiance({0, -1, 0}).x, 0.3f);  // about 0
+  const auto upper = EnvironmentLighting::compute(sky);
+  EXPECT_GT(upper.irradiance({0, 1, 0}).x, 2.5f);   // about pi
+  EXPECT_LT(upper.irradiance({0, -1, 0}).x, 0.3f);  // about 0
   // The rough levels blur the horizon: straight up stays bright, the horizon is half lit.
-  const auto& rough = lighting.specular.back();
+  const auto& rough = upper.specular.back();
   EXPECT_GT(rough.at(0, 0).x, rough.at(0, rough.height - 1).x);
-}
 
-TEST(EnvironmentLightingTest, TheStageEnvironmentIsLitFromAbove) {
   const auto image = MaskSceneManager::makeEnvironmentImage();
   ASSERT_TRUE(image);
-  const auto lighting = EnvironmentLighting::compute(*image);
-  EXPECT_GT(lighting.irradiance({0, 1, 0}).y, 2.0f * lighting.irradiance({0, -1, 0}).y);
-  EXPECT_GT(lighting.irradiance({0, 0, 1}).y, 0.0f);
+  const auto stage = EnvironmentLighting::compute(*image);
+  EXPECT_GT(stage.irradiance({0, 1, 0}).y, 2.0f * stage.irradiance({0, -1, 0}).y);
+  EXPECT_GT(stage.irradiance({0, 0, 1}).y, 0.0f);
   // Directions and texture coordinates agree.
   const float3 d = image->directionAt(10.0f, 20.0f);
   const float2 uv = EnvironmentImage::coordinatesOf(d);
