@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <tuple>
 
 #include "ClosedShell.h"
 #include "MaskFeatures.h"
@@ -138,10 +139,9 @@ TEST(MaskGeometry, NeutralSurfaceIsMirrorSymmetricBoundedAndRelieved) {
   EXPECT_GT(heightNear(front, 0.0f, -0.02f), heightNear(front, 0.3f, -0.02f));
   EXPECT_LT(heightNear(front, 0.4f, 0.42f), heightNear(front, 0.4f, 0.55f));
   EXPECT_LT(heightNear(front, 0.9f, 0.15f), heightNear(front, 0.6f, 0.15f) - 0.1f);
-  float3 lo(1e9f), hi(-1e9f);
-  for (const float3& p : front) lo = glm::min(lo, p), hi = glm::max(hi, p);
-  EXPECT_NEAR(hi.x, 0.93f, 1e-4f);  // and -0.93 by the symmetry above
-  EXPECT_NEAR(lo.y, -1.0f, 0.011f);
+  // Widest at 0.93 (and -0.93 by the symmetry above), lowest at -1.0.
+  EXPECT_NEAR(std::ranges::max(front, {}, [](float3 p) { return p.x; }).x, 0.93f, 1e-4f);
+  EXPECT_NEAR(std::ranges::min(front, {}, [](float3 p) { return p.y; }).y, -1.0f, 0.011f);
   // Below y = 0.15 each row ends on the outline 0.93 (1 - t^2.2)^(1/2.2),
   // t = (0.15 - y) / 1.15.
   for (int i = 0; i < 191; ++i) {
@@ -159,8 +159,9 @@ TEST(MaskGeometry, NeutralSurfaceIsMirrorSymmetricBoundedAndRelieved) {
 }
 
 // Distance outside the eye outline (0 inside; the second result is the
-// eye-local y) and the lid fold it shapes, at hand-computed points.
-TEST(MaskGeometry, EyeDistanceAndLidFoldSpotValues) {
+// eye-local y) and the lid fold it shapes, at hand-computed points; smooth
+// normals weight each triangle by its area.
+TEST(MaskGeometry, EyeDistanceLidFoldAndSmoothNormalsAtHandComputedPoints) {
   for (const float s : {1.0f, -1.0f}) {
     const struct {
       float lx, ly, distance;
@@ -177,9 +178,7 @@ TEST(MaskGeometry, EyeDistanceAndLidFoldSpotValues) {
   // -0.06 exp(-(0.062/0.026)^2) + 0.05 exp(-(0.108/0.035)^2) = -1.99852e-4.
   EXPECT_NEAR(G::lidFoldSculpt({0.4f, 0.33f}), 0.393586f * -1.99852e-4f, 2e-8f);
   EXPECT_EQ(G::lidFoldSculpt({0.0f, -0.7f}), 0.0f);  // far from both eyes
-}
 
-TEST(MaskGeometry, SmoothNormalsWeightByArea) {
   // Vertex 0 is shared by a big triangle in x-y and a small one in x-z:
   // (0, 0, 4) + (0, 1, 0); vertex 4 is used by none and gets +z.
   const auto nrm = G::smoothNormals({{0, 0, 0}, {2, 0, 0}, {0, 2, 0}, {0, 0, -0.5f}, {9, 9, 9}}, {0, 1, 2, 0, 1, 3});

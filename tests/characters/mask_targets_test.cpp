@@ -149,10 +149,9 @@ TEST(MaskTargets, JawOpenOpensTheSlitWhileTheUpperLipStaysAndBlinksCloseTheEyes)
   const auto& topo = G::topology();
   const std::size_t n = topo.frontCount();
   const std::size_t upper = 136 * 161 + 80;  // mouth-row vertex at x = 0
-  std::size_t lower = 0;
-  for (std::size_t i = 30751; i < n; ++i)
-    if (topo.gridPoints[i] == topo.gridPoints[upper]) lower = i;
-  ASSERT_NE(lower, 0u);
+  const auto points = topo.gridPoints.begin();  // its lower-lip copy is among the duplicates from 30751
+  const auto lower = static_cast<std::size_t>(std::find(points + 30751, points + n, points[upper]) - points);
+  ASSERT_LT(lower, n);
   const auto jaw = targetDeltas(build, "jawopen");
   EXPECT_EQ(jaw[upper], float3(0.0f));
   for (const std::size_t v : {lower, n + lower}) EXPECT_NEAR(jaw[v].y, -0.24f, 1e-6f) << v;

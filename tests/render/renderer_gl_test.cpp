@@ -159,10 +159,10 @@ std::vector<const std::uint8_t*> opaquePixels(const RenderedFrame& f) {
 // [SECTION] The renderer on test meshes
 // ---------------------------------------------------------------------------
 
-// A transparent background and an opaque character, even unlit; the same
-// mesh twice in one frame and again in the next is uploaded once; failures
-// are reported, nothing crashes, and the renderer still works.
-TEST(RendererGLTest, ClearBackgroundOpaqueCharacterOneUploadAndFailuresReported) {
+// A transparent background and an opaque character, even unlit; the shadow
+// alpha; the same mesh twice in one frame and again in the next is uploaded
+// once; failures are reported, nothing crashes, and the renderer still works.
+TEST(RendererGLTest, ClearBackgroundOpaqueCharacterShadowsOneUploadAndFailuresReported) {
   auto face = makeTestFace();
   auto frame = frameOf({face});
   auto out = render(frame);
@@ -180,6 +180,23 @@ TEST(RendererGLTest, ClearBackgroundOpaqueCharacterOneUploadAndFailuresReported)
   const auto unlit = opaquePixels(*black);
   EXPECT_GT(unlit.size(), 3000u);
   EXPECT_EQ(std::ranges::count_if(unlit, [](const std::uint8_t* p) { return p[0] + p[1] + p[2] > 0; }), 0);
+
+  // A ball between the key light (below, in front) and the face.
+  const float3 onFace(0.0f, -0.25f, 0.43f);
+  auto ball = sphereNode(0.1f, onFace + 0.3f * (LightRig::initial().keyPosition - onFace));
+  frame = frameOf({face, ball}, {.shadow = 0.0f});
+  auto without = render(frame);
+  auto with = render(frameOf({face, ball}, {.shadow = 1.0f}));
+  int darker = 0, lighter = 0;
+  for (std::size_t i = 0; i < with->pixels.size(); i += 4) {
+    const int d = int(without->pixels[i + 1]) - int(with->pixels[i + 1]);
+    darker += d > 8;
+    lighter += d < -8;
+  }
+  EXPECT_TRUE(darker > 100 && lighter == 0) << darker << " darker, " << lighter << " lighter";
+  // Where the key light does not reach anyway (the top of the head), nothing changes.
+  const auto top = project(*frame, {0.0f, 0.47f, 0.1f});
+  EXPECT_EQ(with->pixel(top.x, top.y)[1], without->pixel(top.x, top.y)[1]);
 
   face->morpher->setWeight(0, 0.5f);
   frame = frameOf({face, face});  // the same mesh twice in one frame
@@ -228,26 +245,6 @@ TEST(RendererGLTest, TheGpuMorphMatchesTheCpuReference) {
     EXPECT_LT(worstGap(gpu.normals, cpu.normals), 5e-3f);
     EXPECT_GT(worstGap(gpu.positions, node->geometry->source(Semantic::vertex)->toVec3()), 0.02f);
   }
-}
-
-TEST(RendererGLTest, TheShadowAlphaDarkensWhatTheKeyLightCannotReach) {
-  // A ball between the key light (below, in front) and the face.
-  auto face = makeTestFace();
-  const float3 onFace(0.0f, -0.25f, 0.43f);
-  auto ball = sphereNode(0.1f, onFace + 0.3f * (LightRig::initial().keyPosition - onFace));
-  auto frame = frameOf({face, ball}, {.shadow = 0.0f});
-  auto without = render(frame);
-  auto with = render(frameOf({face, ball}, {.shadow = 1.0f}));
-  int darker = 0, lighter = 0;
-  for (std::size_t i = 0; i < with->pixels.size(); i += 4) {
-    const int d = int(without->pixels[i + 1]) - int(with->pixels[i + 1]);
-    darker += d > 8;
-    lighter += d < -8;
-  }
-  EXPECT_TRUE(darker > 100 && lighter == 0) << darker << " darker, " << lighter << " lighter";
-  // Where the key light does not reach anyway (the top of the head), nothing changes.
-  const auto top = project(*frame, {0.0f, 0.47f, 0.1f});
-  EXPECT_EQ(with->pixel(top.x, top.y)[1], without->pixel(top.x, top.y)[1]);
 }
 
 TEST(RendererGLTest, AFadingCharacterShowsOnlyItsFrontSurface) {
