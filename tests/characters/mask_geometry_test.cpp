@@ -20,10 +20,7 @@ using Snap = TheatricalMaskTopology::Snap;
 
 // Height of the front vertex nearest (x, y).
 float heightNear(const std::vector<float3>& front, float x, float y) {
-  std::size_t best = 0;
-  for (std::size_t i = 1; i < front.size(); ++i)
-    if (glm::length(float2(front[i]) - float2(x, y)) < glm::length(float2(front[best]) - float2(x, y))) best = i;
-  return front[best].z;
+  return std::ranges::min(front, {}, [&](float3 p) { return glm::length(float2(p) - float2(x, y)); }).z;
 }
 
 // Counts and the vertex-order contract: the shell has 2n + 2k entries in
