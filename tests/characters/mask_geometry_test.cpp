@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <tuple>
 
 #include "ClosedShell.h"
 #include "MaskFeatures.h"
@@ -19,10 +20,7 @@ using Snap = TheatricalMaskTopology::Snap;
 
 // Height of the front vertex nearest (x, y).
 float heightNear(const std::vector<float3>& front, float x, float y) {
-  std::size_t best = 0;
-  for (std::size_t i = 1; i < front.size(); ++i)
-    if (glm::length(float2(front[i]) - float2(x, y)) < glm::length(float2(front[best]) - float2(x, y))) best = i;
-  return front[best].z;
+  return std::ranges::min(front, {}, [&](float3 p) { return glm::length(float2(p) - float2(x, y)); }).z;
 }
 
 // Counts and the vertex-order contract: the shell has 2n + 2k entries in
@@ -62,9 +60,8 @@ TEST(MaskGeometry, ShellHolesAndSources) {
     ASSERT_EQ(colors.vec3(2 * n + k + j).x, colors.vec3(2 * n + j).x * 0.5f);
   }
   ASSERT_EQ(rims.size(), 3u);
-  EXPECT_GT(rims[0.02f], 100);  // both lips of the slit
-  EXPECT_GT(rims[0.06f], 100);
-  EXPECT_GT(rims[0.65f], 300);
+  // Both lips of the slit at 0.02.
+  EXPECT_TRUE(rims[0.02f] > 100 && rims[0.06f] > 100 && rims[0.65f] > 300) << rims[0.02f] << ", " << rims[0.06f];
   for (std::size_t i = 0; i < n; i += 997)
     ASSERT_EQ(colors.vec3(i), float3(std::pow(G::occlusion(topo.gridPoints[i]), 2.2f))) << i;
   EXPECT_EQ(colors.vec3(n + 5), float3(0.12f));
@@ -91,10 +88,8 @@ TEST(MaskGeometry, ShellHolesAndSources) {
     ASSERT_EQ(normals.vec3(n + i), float3(0.0f, 0.0f, 1.0f));
   }
   EXPECT_GT(inside, 100);
-  EXPECT_GT(eyes[0], 40);
-  EXPECT_EQ(eyes[0], eyes[1]);
-  EXPECT_GT(nostrils[0], 6);
-  EXPECT_EQ(nostrils[0], nostrils[1]);
+  EXPECT_EQ(std::pair(eyes[0], nostrils[0]), std::pair(eyes[1], nostrils[1]));  // as many on each side
+  EXPECT_TRUE(eyes[0] > 40 && nostrils[0] > 6) << eyes[0] << " eye, " << nostrils[0] << " nostril rim vertices";
   const auto corner = [&](std::size_t t) { return topo.gridPoints[static_cast<std::size_t>(topo.frontTriangles[t])]; };
   for (std::size_t t = 0; t < topo.frontTriangles.size(); t += 3) {
     const float2 a = corner(t), b = corner(t + 1), c = corner(t + 2);
@@ -108,11 +103,9 @@ TEST(MaskGeometry, ShellHolesAndSources) {
   // the wireframe draws the front alone.
   const auto& elements = G::elements();
   ASSERT_EQ(elements.size(), 3u);
-  EXPECT_EQ(*elements[0].indices, topo.frontTriangles);
-  EXPECT_EQ(*elements[2].indices, topo.rimTriangles);
-  EXPECT_EQ(elements[1].bytesPerIndex, 4);
-  EXPECT_EQ(G::elements()[0].indices, elements[0].indices);
-  EXPECT_EQ(*G::makeWireframeGeometry()->elements.at(0).indices, topo.frontTriangles);
+  EXPECT_EQ(std::tuple(*elements[0].indices, *elements[2].indices, *G::makeWireframeGeometry()->elements.at(0).indices),
+            std::tuple(topo.frontTriangles, topo.rimTriangles, topo.frontTriangles));
+  EXPECT_EQ(std::pair(elements[1].bytesPerIndex, G::elements()[0].indices), std::pair(4, elements[0].indices));
 }
 
 // Symmetry and range: the surface and its occlusion mirror in x (column j
@@ -143,10 +136,9 @@ TEST(MaskGeometry, NeutralSurfaceIsMirrorSymmetricBoundedAndRelieved) {
   EXPECT_GT(heightNear(front, 0.0f, -0.02f), heightNear(front, 0.3f, -0.02f));
   EXPECT_LT(heightNear(front, 0.4f, 0.42f), heightNear(front, 0.4f, 0.55f));
   EXPECT_LT(heightNear(front, 0.9f, 0.15f), heightNear(front, 0.6f, 0.15f) - 0.1f);
-  float3 lo(1e9f), hi(-1e9f);
-  for (const float3& p : front) lo = glm::min(lo, p), hi = glm::max(hi, p);
-  EXPECT_NEAR(hi.x, 0.93f, 1e-4f);  // and -0.93 by the symmetry above
-  EXPECT_NEAR(lo.y, -1.0f, 0.011f);
+  // Widest at 0.93 (and -0.93 by the symmetry above), lowest at -1.0.
+  EXPECT_NEAR(std::ranges::max(front, {}, [](float3 p) { return p.x; }).x, 0.93f, 1e-4f);
+  EXPECT_NEAR(std::ranges::min(front, {}, [](float3 p) { return p.y; }).y, -1.0f, 0.011f);
   // Below y = 0.15 each row ends on the outline 0.93 (1 - t^2.2)^(1/2.2),
   // t = (0.15 - y) / 1.15.
   for (int i = 0; i < 191; ++i) {
@@ -164,8 +156,9 @@ TEST(MaskGeometry, NeutralSurfaceIsMirrorSymmetricBoundedAndRelieved) {
 }
 
 // Distance outside the eye outline (0 inside; the second result is the
-// eye-local y) and the lid fold it shapes, at hand-computed points.
-TEST(MaskGeometry, EyeDistanceAndLidFoldSpotValues) {
+// eye-local y) and the lid fold it shapes, at hand-computed points; smooth
+// normals weight each triangle by its area.
+TEST(MaskGeometry, EyeDistanceLidFoldAndSmoothNormalsAtHandComputedPoints) {
   for (const float s : {1.0f, -1.0f}) {
     const struct {
       float lx, ly, distance;
@@ -182,15 +175,12 @@ TEST(MaskGeometry, EyeDistanceAndLidFoldSpotValues) {
   // -0.06 exp(-(0.062/0.026)^2) + 0.05 exp(-(0.108/0.035)^2) = -1.99852e-4.
   EXPECT_NEAR(G::lidFoldSculpt({0.4f, 0.33f}), 0.393586f * -1.99852e-4f, 2e-8f);
   EXPECT_EQ(G::lidFoldSculpt({0.0f, -0.7f}), 0.0f);  // far from both eyes
-}
 
-TEST(MaskGeometry, SmoothNormalsWeightByArea) {
   // Vertex 0 is shared by a big triangle in x-y and a small one in x-z:
   // (0, 0, 4) + (0, 1, 0); vertex 4 is used by none and gets +z.
   const auto nrm = G::smoothNormals({{0, 0, 0}, {2, 0, 0}, {0, 2, 0}, {0, 0, -0.5f}, {9, 9, 9}}, {0, 1, 2, 0, 1, 3});
   EXPECT_NEAR(glm::length(nrm[0] - float3(0, 1, 4) / std::sqrt(17.0f)), 0.0f, 1e-6f);
-  EXPECT_EQ(nrm[3], float3(0, 1, 0));
-  EXPECT_EQ(nrm[4], float3(0, 0, 1));
+  EXPECT_EQ(std::pair(nrm[3], nrm[4]), std::pair(float3(0, 1, 0), float3(0, 0, 1)));
 }
 
 }  // namespace

@@ -159,7 +159,10 @@ std::vector<const std::uint8_t*> opaquePixels(const RenderedFrame& f) {
 // [SECTION] The renderer on test meshes
 // ---------------------------------------------------------------------------
 
-TEST(RendererGLTest, TheBackgroundIsTransparentAndTheCharacterOpaqueEvenUnlit) {
+// A transparent background and an opaque character, even unlit; the shadow
+// alpha; the same mesh twice in one frame and again in the next is uploaded
+// once; failures are reported, nothing crashes, and the renderer still works.
+TEST(RendererGLTest, ClearBackgroundOpaqueCharacterShadowsOneUploadAndFailuresReported) {
   auto face = makeTestFace();
   auto frame = frameOf({face});
   auto out = render(frame);
@@ -168,8 +171,6 @@ TEST(RendererGLTest, TheBackgroundIsTransparentAndTheCharacterOpaqueEvenUnlit) {
     for (int c = 0; c < 4; ++c) EXPECT_EQ(out->pixel(corner.x, corner.y)[c], 0);
   EXPECT_EQ(alphaAt(*out, project(*frame, {0.0f, -0.2f, 0.45f})), 255);
   EXPECT_EQ(alphaAt(*out, project(*frame, {0.0f, 0.45f, 0.2f})), 255);
-  // Rows run top first: the top of the sphere is in the upper half.
-  EXPECT_LT(project(*frame, {0.0f, 0.45f, 0.2f}).y, H / 2);
   // The eye holes show the background through the sphere: its far inside
   // faces away from the camera and is not drawn.
   for (float side : {-1.0f, 1.0f})
@@ -179,7 +180,49 @@ TEST(RendererGLTest, TheBackgroundIsTransparentAndTheCharacterOpaqueEvenUnlit) {
   const auto unlit = opaquePixels(*black);
   EXPECT_GT(unlit.size(), 3000u);
   EXPECT_EQ(std::ranges::count_if(unlit, [](const std::uint8_t* p) { return p[0] + p[1] + p[2] > 0; }), 0);
+
+  // A ball between the key light (below, in front) and the face.
+  const float3 onFace(0.0f, -0.25f, 0.43f);
+  auto ball = sphereNode(0.1f, onFace + 0.3f * (LightRig::initial().keyPosition - onFace));
+  frame = frameOf({face, ball}, {.shadow = 0.0f});
+  auto without = render(frame);
+  auto with = render(frameOf({face, ball}, {.shadow = 1.0f}));
+  int darker = 0, lighter = 0;
+  for (std::size_t i = 0; i < with->pixels.size(); i += 4) {
+    const int d = int(without->pixels[i + 1]) - int(with->pixels[i + 1]);
+    darker += d > 8;
+    lighter += d < -8;
+  }
+  EXPECT_TRUE(darker > 100 && lighter == 0) << darker << " darker, " << lighter << " lighter";
+  // Where the key light does not reach anyway (the top of the head), nothing changes.
+  const auto top = project(*frame, {0.0f, 0.47f, 0.1f});
+  EXPECT_EQ(with->pixel(top.x, top.y)[1], without->pixel(top.x, top.y)[1]);
+
+  face->morpher->setWeight(0, 0.5f);
+  frame = frameOf({face, face});  // the same mesh twice in one frame
+  ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer& r) {
+    r.render(*frame);
+    const std::size_t first = r.meshUploadCount();
+    r.render(*frame);
+    EXPECT_EQ(r.meshUploadCount(), first);
+  }));
+
+  frame->width = 0;
+  const auto result = renderer().renderNow(frame);
+  EXPECT_TRUE(!result.frame && !result.error.empty()) << result.error;
+
+  ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer&) {
+    auto program = ShaderProgram::create({"broken", "#version 330 core\nvoid main() { nonsense; }\n", "", {}});
+    EXPECT_FALSE(program);
+    EXPECT_NE(program.reason.find("broken vertex shader does not compile"), std::string::npos) << program.reason;
+  }));
+
+  // The renderer still works afterwards.
+  frame->width = W;
+  EXPECT_TRUE(renderer().renderNow(frame).frame);
+  EXPECT_FALSE(renderer().renderNow(nullptr).frame);
 }
+
 
 // Deltas travel as half floats: well under a millimetre, and a degree; and
 // the morph moved something, so it is not just the base mesh.
@@ -204,27 +247,6 @@ TEST(RendererGLTest, TheGpuMorphMatchesTheCpuReference) {
   }
 }
 
-TEST(RendererGLTest, TheShadowAlphaDarkensWhatTheKeyLightCannotReach) {
-  // A ball between the key light (below, in front) and the face.
-  auto face = makeTestFace();
-  const float3 onFace(0.0f, -0.25f, 0.43f);
-  auto ball = sphereNode(0.1f, onFace + 0.3f * (LightRig::initial().keyPosition - onFace));
-  auto frame = frameOf({face, ball}, {.shadow = 0.0f});
-  auto without = render(frame);
-  auto with = render(frameOf({face, ball}, {.shadow = 1.0f}));
-  int darker = 0, lighter = 0;
-  for (std::size_t i = 0; i < with->pixels.size(); i += 4) {
-    const int d = int(without->pixels[i + 1]) - int(with->pixels[i + 1]);
-    darker += d > 8;
-    lighter += d < -8;
-  }
-  EXPECT_GT(darker, 100);
-  EXPECT_EQ(lighter, 0);
-  // Where the key light does not reach anyway (the top of the head), nothing changes.
-  const auto top = project(*frame, {0.0f, 0.47f, 0.1f});
-  EXPECT_EQ(with->pixel(top.x, top.y)[1], without->pixel(top.x, top.y)[1]);
-}
-
 TEST(RendererGLTest, AFadingCharacterShowsOnlyItsFrontSurface) {
   // A front ball partly hiding a larger one behind it, both at half opacity:
   // where they overlap only the front ball may show.
@@ -242,36 +264,6 @@ TEST(RendererGLTest, AFadingCharacterShowsOnlyItsFrontSurface) {
   // Straight alpha: the colour is the opaque colour, only alpha changes.
   for (int ch = 0; ch < 3; ++ch) EXPECT_NEAR(alone->pixel(c.x, c.y)[ch], opaque->pixel(c.x, c.y)[ch], 2) << ch;
   EXPECT_EQ(opaque->pixel(c.x, c.y)[3], 255);
-}
-
-// The same mesh twice in one frame and again in the next is uploaded once;
-// failures are reported, nothing crashes, and the renderer still works.
-TEST(RendererGLTest, MeshesAreUploadedOncePerContextAndFailuresAreReported) {
-  auto face = makeTestFace();
-  face->morpher->setWeight(0, 0.5f);
-  auto frame = frameOf({face, face});  // the same mesh twice in one frame
-  ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer& r) {
-    r.render(*frame);
-    const std::size_t first = r.meshUploadCount();
-    r.render(*frame);
-    EXPECT_EQ(r.meshUploadCount(), first);
-  }));
-
-  frame->width = 0;
-  auto result = renderer().renderNow(frame);
-  EXPECT_FALSE(result.frame);
-  EXPECT_FALSE(result.error.empty());
-
-  ASSERT_TRUE(renderer().withRenderer([&](SceneRenderer&) {
-    auto program = ShaderProgram::create({"broken", "#version 330 core\nvoid main() { nonsense; }\n", "", {}});
-    EXPECT_FALSE(program);
-    EXPECT_NE(program.reason.find("broken vertex shader does not compile"), std::string::npos) << program.reason;
-  }));
-
-  // The renderer still works afterwards.
-  frame->width = W;
-  EXPECT_TRUE(renderer().renderNow(frame).frame);
-  EXPECT_FALSE(renderer().renderNow(nullptr).frame);
 }
 
 // ---------------------------------------------------------------------------
@@ -302,10 +294,9 @@ TEST(MaskSceneGLTest, TheMaskAtRestOpenAndRenderedLaterAndTheGhost) {
     black += luminance(p) < 0.04f;
   }
   const double mean = sum / covered.size();
-  EXPECT_GE(mean, 0.30);
-  EXPECT_LE(mean, 0.65);
-  EXPECT_LE(clipped, covered.size() / 50);
-  EXPECT_LE(black, covered.size() / 50);  // no black blotches (the mouth slit is a thin line)
+  EXPECT_TRUE(mean >= 0.30 && mean <= 0.65) << mean;
+  // No clipped highlights, no black blotches (the mouth slit is a thin line).
+  EXPECT_LE(std::max(clipped, black), covered.size() / 50) << clipped << " clipped, " << black << " black";
 
   // The forehead is solid; opening the jaw changes the mouth and chin and not
   // the forehead. (That the eye openings stay open: the mask's hole loop in
@@ -333,17 +324,15 @@ TEST(MaskSceneGLTest, TheMaskAtRestOpenAndRenderedLaterAndTheGhost) {
   frame->sampleCount = 1;
   EXPECT_EQ(framePixels(later.renderNow(frame))->pixels, open->pixels);
 
-  // The ghost renders with dark eyes. (Opacity 0 leaves the frame without
-  // items: the scene manager's tests; a frame without items is the cleared
-  // background: the corners above.)
+  // The ghost renders with dark eyes and mouth. (How much of the frame it
+  // covers: the snapshot run's ghost pictures, SnapshotE2ETest. Opacity 0
+  // leaves the frame without items: the scene manager's tests; a frame
+  // without items is the cleared background: the corners above.)
   f.state.setBlendshapes({});
   f.state.setCharacterModel(CharacterModelType::cartoonGhost);
-  auto ghost = renderNow();
+  const auto ghost = renderNow();  // holds the pixels listed below
   const auto ghostPixels = opaquePixels(*ghost);
-  EXPECT_GT(ghostPixels.size(), 5000u);
-  // Dark: eyes and mouth.
   EXPECT_GT(std::ranges::count_if(ghostPixels, [](const std::uint8_t* p) { return luminance(p) < 0.1f; }), 10);
-  EXPECT_EQ(ghost->pixel(0, 0)[3], 0);
 }
 
 }  // namespace
