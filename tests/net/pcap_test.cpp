@@ -196,9 +196,8 @@ TEST(SessionRecorderTest, RecordsInOrderAndTheFileIsReadableWhileRecording) {
 
   // Written as they arrive, from empty to the largest payload a record holds.
   std::vector<RecordedDatagram> sent;
-  for (int i = 0; i < 50; ++i) {
+  for (int i = 0; i < 50; ++i)
     sent.push_back({envelope(i % 2 ? 11111 : 39539, 1700000000123456 + i * 16667), Bytes(i * 3, std::uint8_t(i))});
-  }
   sent[7].payload.assign(PcapWriter::maxPayload, 0xAB);
   for (const auto& d : sent) recorder.datagramArrived(d.payload, d.envelope);
   // Without stopping: within about a second the file holds all of them.
