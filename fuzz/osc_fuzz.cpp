@@ -36,12 +36,14 @@ std::optional<std::string> plainReadString(std::span<const std::uint8_t> data, s
   return std::string(bytes.begin(), bytes.end());
 }
 
-// An in-place argument equals its owned copy (same kind, same value bits).
-bool same(const velmora::OSCArgumentView& view, const velmora::OSCArgument& owned) {
+// An argument (in place, or read again) equals its owned copy: same kind,
+// same value bits, so NaN payloads and the sign of zero count.
+template <class Variant>
+bool same(const Variant& other, const velmora::OSCArgument& owned) {
   return std::visit(
       [&](const auto& v) {
         using T = std::decay_t<decltype(v)>;
-        if constexpr (std::is_same_v<T, std::string_view>) {
+        if constexpr (std::is_same_v<T, std::string_view> || std::is_same_v<T, std::string>) {
           const auto* s = owned.get<std::string>();
           return s && *s == v;
         } else {
@@ -49,7 +51,7 @@ bool same(const velmora::OSCArgumentView& view, const velmora::OSCArgument& owne
           return o && std::memcmp(o, &v, sizeof v) == 0;
         }
       },
-      view);
+      other);
 }
 
 // Writes `m` with OSCWriter and reads it back. Doubles have no writer tag,
@@ -65,19 +67,10 @@ void roundTrip(const velmora::OSCMessage& m) {
     else if (const auto* b = a.get<bool>()) writer.boolean(*b);
     else return;
   }
-  const auto bytes = writer.bytes();
-  const auto back = velmora::OSCParser::parsePacket(bytes);
+  const auto back = velmora::OSCParser::parsePacket(writer.bytes());
   if (back.size() != 1 || back[0].address != m.address || back[0].arguments.size() != m.arguments.size()) std::abort();
-  for (std::size_t i = 0; i < m.arguments.size(); ++i) {
-    const auto& a = m.arguments[i].value;
-    const auto& b = back[0].arguments[i].value;
-    if (a.index() != b.index()) std::abort();
-    if (const auto* f = std::get_if<float>(&a)) {
-      if (std::memcmp(f, std::get_if<float>(&b), sizeof *f) != 0) std::abort();
-    } else if (!(a == b)) {
-      std::abort();
-    }
-  }
+  for (std::size_t i = 0; i < m.arguments.size(); ++i)
+    if (!same(back[0].arguments[i].value, m.arguments[i])) std::abort();
 }
 
 }  // namespace
@@ -89,9 +82,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const auto& m : messages) {
     const auto* address = reinterpret_cast<const std::uint8_t*>(m.address.data());
     if (!velmora::isValidUTF8({address, m.address.size()})) std::abort();
-    (void)m.floatValue();
-    (void)m.boolValue();
-    (void)m.stringValue();
     (void)m.printedArguments();
     roundTrip(m);
   }

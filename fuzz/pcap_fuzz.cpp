@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <pcap/dlt.h>
 #include <span>
+#include <tuple>
 #include <vector>
 
 #include "net/PcapReader.h"
@@ -26,15 +27,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     velmora::RecordedDatagram back;
     std::string reason;
     if (velmora::PcapReader::decodePacket(DLT_RAW, packet, d.envelope, back, reason) !=
-        velmora::PcapReader::Outcome::datagram) {
+        velmora::PcapReader::Outcome::datagram)
       std::abort();
-    }
-    if (back.payload != d.payload || back.envelope.sourceAddress != d.envelope.sourceAddress ||
-        back.envelope.sourcePort != d.envelope.sourcePort ||
-        back.envelope.destinationAddress != d.envelope.destinationAddress ||
-        back.envelope.destinationPort != d.envelope.destinationPort) {
+    const auto& [b, e] = std::tie(back.envelope, d.envelope);
+    if (std::tie(back.payload, b.sourceAddress, b.sourcePort, b.destinationAddress, b.destinationPort) !=
+        std::tie(d.payload, e.sourceAddress, e.sourcePort, e.destinationAddress, e.destinationPort))
       std::abort();
-    }
   }
   return 0;
 }

@@ -75,8 +75,10 @@ DatagramEnvelope envelope(std::uint16_t destinationPort, std::int64_t micros) {
   return {0xC0A80117, 50123, 0x7F000001, destinationPort, micros};
 }
 
-auto fields(const DatagramEnvelope& e) {
-  return std::tuple(e.sourceAddress, e.sourcePort, e.destinationAddress, e.destinationPort, e.arrivalMicroseconds);
+auto fields(const RecordedDatagram& d) {
+  const DatagramEnvelope& e = d.envelope;
+  return std::tuple(d.payload, e.sourceAddress, e.sourcePort, e.destinationAddress, e.destinationPort,
+                    e.arrivalMicroseconds);
 }
 
 TEST(PcapWriterTest, SynthesisedHeadersAroundThePayload) {
@@ -115,9 +117,9 @@ TEST(PcapReaderTest, OtherTrafficIsSkippedAndLinkLayersAreUnwrapped) {
   ASSERT_TRUE(r) << r.error;
   EXPECT_EQ(r.skipped, 3u);
   ASSERT_EQ(r.datagrams.size(), 2u);
-  EXPECT_EQ(r.datagrams[0].payload, payload);
-  EXPECT_EQ(r.datagrams[1].envelope.destinationPort, 49983);
-  EXPECT_EQ(r.datagrams[1].envelope.arrivalMicroseconds - r.datagrams[0].envelope.arrivalMicroseconds, 500000);
+  // From 10.0.0.2:50000 to 10.0.0.1, at the record's time in microseconds.
+  EXPECT_EQ(fields(r.datagrams[0]), std::tuple(payload, 0x0A000002u, 50000, 0x0A000001u, 11111, 1700000000000000));
+  EXPECT_EQ(fields(r.datagrams[1]), std::tuple(payload, 0x0A000002u, 50000, 0x0A000001u, 49983, 1700000000500000));
   EXPECT_EQ(r.datagrams[0].envelope.senderText(), "10.0.0.2:50000");
 
   // Ethernet, with and without a VLAN tag; ARP is skipped; padding after the IP packet is ignored.
@@ -133,9 +135,7 @@ TEST(PcapReaderTest, OtherTrafficIsSkippedAndLinkLayersAreUnwrapped) {
       .record(ethernet({0x81, 0x00, 0x00, 0x05, 0x08, 0x00}, packet, 0))
       .record(ethernet({0x08, 0x06, 0, 1}, {}, 0));
   r = PcapReader::readBytes(eth.bytes);
-  ASSERT_TRUE(r) << r.error;
-  EXPECT_EQ(r.skipped, 1u);
-  ASSERT_EQ(r.datagrams.size(), 2u);
+  EXPECT_EQ(std::tuple(r.error, r.skipped, r.datagrams.size()), std::tuple("", 1u, 2u));
   for (const auto& d : r.datagrams)
     EXPECT_EQ(std::tuple(d.payload, d.envelope.destinationPort), std::tuple(payload, 39539));
 }
@@ -148,7 +148,6 @@ TEST(PcapReaderTest, HostileFilesGetOneLineAndNoDatagrams) {
     p[at] = value;
     return Capture().record(good).record(p).bytes;
   };
-  const std::string text = "this is a text file, not a capture at all";
   struct Case {
     const char* what;
     Bytes bytes;
@@ -156,7 +155,7 @@ TEST(PcapReaderTest, HostileFilesGetOneLineAndNoDatagrams) {
   };
   const std::vector<Case> cases = {
       {"empty", {}, "empty file"},
-      {"text", bytesOf(text), "not a capture file"},
+      {"text", bytesOf("this is a text file, not a capture at all"), "not a capture file"},
       {"header cut short", Bytes(whole.begin(), whole.begin() + 10), "not a capture file"},
       {"last record cut short", Bytes(whole.begin(), whole.end() - 5), "damaged after 1 good packets"},
       {"record claims 4 GiB", Capture().record(good).record(good, 0, 0xFFFFFFFFu).bytes, "damaged after 1 good"},
@@ -197,9 +196,8 @@ TEST(SessionRecorderTest, RecordsInOrderAndTheFileIsReadableWhileRecording) {
 
   // Written as they arrive, from empty to the largest payload a record holds.
   std::vector<RecordedDatagram> sent;
-  for (int i = 0; i < 50; ++i) {
+  for (int i = 0; i < 50; ++i)
     sent.push_back({envelope(i % 2 ? 11111 : 39539, 1700000000123456 + i * 16667), Bytes(i * 3, std::uint8_t(i))});
-  }
   sent[7].payload.assign(PcapWriter::maxPayload, 0xAB);
   for (const auto& d : sent) recorder.datagramArrived(d.payload, d.envelope);
   // Without stopping: within about a second the file holds all of them.
@@ -219,10 +217,7 @@ TEST(SessionRecorderTest, RecordsInOrderAndTheFileIsReadableWhileRecording) {
   const auto read = PcapReader::readFile(path);
   ASSERT_TRUE(read) << read.error;
   ASSERT_EQ(read.datagrams.size(), sent.size());
-  for (std::size_t i = 0; i < sent.size(); ++i) {
-    EXPECT_EQ(read.datagrams[i].payload, sent[i].payload) << i;
-    EXPECT_EQ(fields(read.datagrams[i].envelope), fields(sent[i].envelope)) << i;
-  }
+  for (std::size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(fields(read.datagrams[i]), fields(sent[i])) << i;
 }
 
 TEST(SessionRecorderTest, WriteFailureEndsTheRecordingButKeepsWhatWasWritten) {
@@ -234,8 +229,7 @@ TEST(SessionRecorderTest, WriteFailureEndsTheRecordingButKeepsWhatWasWritten) {
   rlimit old{};
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
   auto oldHandler = ::signal(SIGXFSZ, SIG_IGN);
-  rlimit small = old;
-  small.rlim_cur = 64 * 1024;
+  const rlimit small{64 * 1024, old.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
 
   auto created = SessionRecorder::create(path);

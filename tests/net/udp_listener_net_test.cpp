@@ -24,7 +24,8 @@ using test::freeUdpPort;
 using test::UdpSocket;
 
 // A listener on its own queue, opened on a free loopback port with
-// callbacks that record what they saw (read from the test thread).
+// callbacks that record what they saw (read from the test thread). The
+// datagram "stop" closes the listener from within its callback.
 struct Harness {
   SerialQueue queue{"test.listener"};
   UdpListener listener;
@@ -42,7 +43,7 @@ struct Harness {
     // (QLabServerTest.EveryMessageIsAnsweredExceptReplies).
     callbacks.onDatagram = [this](std::span<const std::uint8_t> bytes, const UdpSender&) {
       std::lock_guard lock(mutex);
-      datagrams.emplace_back(bytes.begin(), bytes.end());
+      if (datagrams.emplace_back(bytes.begin(), bytes.end()) == "stop") listener.close();
     };
     callbacks.onBatch = [this](std::size_t n) {
       std::lock_guard lock(mutex);
@@ -76,11 +77,6 @@ struct Harness {
 TEST(UdpListenerNetTest, BatchesCutEachDatagramToItsSlotAndKeepOrderUntilACallbackCloses) {
   // 4 slots of 10 bytes; at most 9 datagrams per readiness event.
   Harness h({.maxDatagramsPerEvent = 9, .datagramsPerRead = 4}, 40);
-  auto record = h.callbacks.onDatagram;
-  h.callbacks.onDatagram = [&, record](std::span<const std::uint8_t> bytes, const UdpSender& from) {
-    record(bytes, from);
-    if (std::string(bytes.begin(), bytes.end()) == "stop") h.listener.close();
-  };
   ASSERT_TRUE(h.open());
   std::vector<std::string> sent;
   h.sendWhileBusy([&] {

@@ -1,6 +1,5 @@
 #pragma once
 // A frame of one flat colour, for tests of the CPU image paths.
-#include <cstddef>
 #include <cstdint>
 
 #include "scene/RenderedFrame.h"
@@ -11,7 +10,6 @@ inline RenderedFrame solidFrame(int w, int h, std::uint8_t b, std::uint8_t g, st
   RenderedFrame f;
   f.width = w;
   f.height = h;
-  f.pixels.reserve(static_cast<std::size_t>(w) * h * 4);
   for (int i = 0; i < w * h; ++i) f.pixels.insert(f.pixels.end(), {b, g, r, a});
   return f;
 }

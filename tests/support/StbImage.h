@@ -37,12 +37,10 @@ struct Picture {
 inline Picture loadPicture(const std::string& path) {
   Picture picture;
   int channels = 0;
-  if (stbi_uc* data = stbi_load(path.c_str(), &picture.width, &picture.height, &channels, 4)) {
-    picture.rgba.assign(data, data + static_cast<std::size_t>(picture.width) * picture.height * 4);
-    stbi_image_free(data);
-  } else {
-    picture.width = picture.height = 0;
-  }
+  stbi_uc* data = stbi_load(path.c_str(), &picture.width, &picture.height, &channels, 4);
+  if (!data) return {};
+  picture.rgba.assign(data, data + static_cast<std::size_t>(picture.width) * picture.height * 4);
+  stbi_image_free(data);
   return picture;
 }
 

@@ -4,18 +4,13 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <filesystem>
-#include <string>
-
 #include "base/MainQueue.h"
+#include "support/TempDir.h"
 
 int main(int argc, char** argv) {
-  std::string templ = (std::filesystem::temp_directory_path() / "velmora-test-XXXXXX").string();
-  if (char* dir = ::mkdtemp(templ.data())) ::setenv("VELMORA_CONFIG_DIR", dir, 1);
+  const velmora::test::TempDir config;  // removed when the tests are done
+  ::setenv("VELMORA_CONFIG_DIR", config.path().c_str(), 1);
   velmora::MainQueue::shared().bindToCurrentThread();
   ::testing::InitGoogleTest(&argc, argv);
-  const int rc = RUN_ALL_TESTS();
-  std::error_code ec;
-  std::filesystem::remove_all(templ, ec);
-  return rc;
+  return RUN_ALL_TESTS();
 }

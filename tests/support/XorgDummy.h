@@ -20,9 +20,8 @@ namespace velmora::test {
 
 class XorgDummy {
  public:
-  XorgDummy(const std::filesystem::path& folder, int monitors) {
-    config_ = folder / "xorg-dummy.conf";
-    log_ = folder / "xorg.log";
+  XorgDummy(const std::filesystem::path& folder, int monitors)
+      : config_(folder / "xorg-dummy.conf"), log_(folder / "xorg.log") {
     writeConfig(monitors);
     // A display number nobody holds; when another test's server takes the
     // same one first, this one exits at once and the next number is tried.
