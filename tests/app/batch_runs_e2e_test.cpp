@@ -73,26 +73,25 @@ TEST(SnapshotE2ETest, WritesEveryPictureWithATransparentBackground) {
 TEST(BatchRunsE2E, RunsThatEndAtOnceSayWhatTheyDidInTheirStatusAndOutput) {
   test::TempDir dir;
   struct Row {
-    std::vector<std::string> args;
+    std::vector<std::string> args;  // the program first
     int status;
     std::vector<std::string> shown;  // substrings of the output
     std::vector<std::string> env = {};
   };
   const Row rows[] = {
-      {{"--help"}, 0, {"Usage: velmora [OPTION]...", "  --output-selftest FOLDER", "  --record FILE", "VELMORA_CONFIG_DIR",
-                       "VELMORA_TRACKING_PORTS", "NDI_RUNTIME_DIR_V6", "NDI_RUNTIME_DIR_V5", "/velmora/settings.json"}},
-      {{"--version"}, 0, {"velmora " VELMORA_VERSION "\n"}},
-      {{"--fullscreen", "--version"}, 0, {"velmora " VELMORA_VERSION}},
-      {{"--fullscreen"}, 2, {"velmora: unrecognized option '--fullscreen'; try 'velmora --help'\n"}},
-      {{"--snapshot", (dir.path() / "out").string()}, 0,
+      {{kVelmora, "--help"}, 0, {"Usage: velmora [OPTION]...", "  --output-selftest FOLDER", "  --record FILE",
+                                 "VELMORA_CONFIG_DIR", "VELMORA_TRACKING_PORTS", "NDI_RUNTIME_DIR_V6", "NDI_RUNTIME_DIR_V5",
+                                 "/velmora/settings.json"}},
+      {{kVelmora, "--version"}, 0, {"velmora " VELMORA_VERSION "\n"}},
+      {{kVelmora, "--fullscreen", "--version"}, 0, {"velmora " VELMORA_VERSION}},
+      {{kVelmora, "--fullscreen"}, 2, {"velmora: unrecognized option '--fullscreen'; try 'velmora --help'\n"}},
+      {{kVelmora, "--snapshot", (dir.path() / "out").string()}, 0,
        {"[Renderer] EglContext::create(): ", "nothing will be rendered", "[snapshot] Wrote 0 files to "},
        {"__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent/egl.json"}},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.args.front());
-    std::vector<std::string> argv{kVelmora};
-    argv.insert(argv.end(), row.args.begin(), row.args.end());
-    const test::Finished r = test::runToEnd(argv, row.env, 60);
+    SCOPED_TRACE(row.args.at(1));
+    const test::Finished r = test::runToEnd(row.args, row.env, 60);
     EXPECT_EQ(r.status, row.status) << r.output;
     for (const auto& text : row.shown) EXPECT_NE(r.output.find(text), std::string::npos) << text;
     EXPECT_TRUE(row.status != 2 || std::count(r.output.begin(), r.output.end(), '\n') == 1) << r.output;

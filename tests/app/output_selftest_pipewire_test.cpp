@@ -27,8 +27,7 @@ TEST(OutputSelfTestPipeWire, EachPartSaysWhatItFoundAndTheRunExitsZero) {
   test::TempDir out;
   struct Row {
     bool daemon, gl, frame, discovered;
-    std::vector<std::string> env;
-    std::vector<std::string> lines;
+    std::vector<std::string> env, lines;
   };
   const std::string ndi = "NDI_RUNTIME_DIR_V6=" VELMORA_NDI_DOUBLE_DIR;
   const Row rows[] = {

@@ -215,9 +215,7 @@ NDI_EXPORT void NDIlib_find_destroy(void* instance) { delete static_cast<Finder*
 
 // Local sources are there at once; otherwise nothing turns up within the timeout.
 NDI_EXPORT bool NDIlib_find_wait_for_sources(void* instance, std::uint32_t timeout_in_ms) {
-  std::unique_lock lock(state.mutex);
-  if (static_cast<Finder*>(instance)->showLocal && !state.senders.empty()) return true;
-  lock.unlock();
+  if (std::lock_guard lock(state.mutex); static_cast<Finder*>(instance)->showLocal && !state.senders.empty()) return true;
   std::this_thread::sleep_for(std::chrono::milliseconds(timeout_in_ms));
   return false;
 }
