@@ -186,8 +186,7 @@ TEST(VelmoraE2E, OneHeadlessShowTakesCuesTrackingRelaysAndRecordsAndItsReplayOut
       << velmora->output();
   EXPECT_EQ(velmora->printedStarting("[OSC] /velmora/sensitivity"), 0) << velmora->output();
   // The commands' persisted effects: the look, and the ghost the cue switched to.
-  const nlohmann::json settings = velmora.settings();
-  ASSERT_TRUE(settings.is_object());
+  nlohmann::json settings = velmora.settings();  // unreadable: reading a key throws, and the test fails
   EXPECT_EQ(settings["lightingSettings"]["preset"], "Top Light");
   EXPECT_EQ(settings["characterModel"], "cartoon_ghost");
 
@@ -272,8 +271,7 @@ TEST(VelmoraE2E, RunTestsPrintsEveryCheckPassingAndPutsTheSettingsBack) {
   EXPECT_TRUE(std::regex_search(out, std::regex(R"(Ghost Spook Z offset stays <= 0\.35m \(body fully inside frame, actual: 0\.3[0-9]*\)\n)")))
       << out;
   EXPECT_TRUE(std::regex_search(out, std::regex(R"(Mask bow tilts head DOWN \(pitch > 0, actual: 0\.5\)\n)"))) << out;
-  const nlohmann::json after = velmora.settings();
-  for (const auto& [key, value] : before.items()) EXPECT_EQ(after[key], value) << key;
+  for (const auto& [key, value] : before.items()) EXPECT_EQ(velmora.settings()[key], value) << key;
 }
 
 }  // namespace

@@ -116,8 +116,7 @@ bool flag(const char* name) {
 
 // Under the state's lock.
 void violation(const std::string& text) {
-  auto& first = state.r.firstViolation;
-  if (state.r.violations++ == 0) std::snprintf(first, sizeof first, "%s", text.c_str());
+  if (state.r.violations++ == 0) std::snprintf(state.r.firstViolation, sizeof state.r.firstViolation, "%s", text.c_str());
 }
 
 // Under the state's lock. Without such a sender, a call named `caller` broke a promise.
