@@ -192,8 +192,6 @@ TEST_F(NDIPublisherTest, OneFrameInFlightStopWaitsForItAndNoneReachesADestroyedS
 // sync asks, and a later start succeeds once the cause is gone (nothing about
 // a failed search is remembered).
 TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
-  const std::string incompleteLine =
-      "[NDI] " + kIncompleteDoubleDir + "/libndi.so.6 lacks NDIlib_send_get_no_connections; skipped";
   struct Row {
     const char* what;
     test::ScopedEnv* env;  // set to `cause` for the failure, to `cure` after it
@@ -205,7 +203,7 @@ TEST_F(NDIPublisherTest, FailuresSayWhyAndALaterStartRecovers) {
   const Row rows[] = {
       {"no runtime anywhere", &v6, nullptr, kDoubleDir.c_str(), kNotFound, "", false, 0},
       {"a runtime lacking an entry point", &v6, kIncompleteDoubleDir.c_str(), kDoubleDir.c_str(), kNotFound,
-       incompleteLine, false, 0},
+       "[NDI] " + kIncompleteDoubleDir + "/libndi.so.6 lacks NDIlib_send_get_no_connections; skipped", false, 0},
       {"initialisation refused", &refuse, "1", nullptr, "NDI runtime refused to initialize (unsupported CPU?)", "",
        false, 1},
       {"no sender", &failCreate, "1", nullptr, "NDI sender could not be created", "", true, 0},
