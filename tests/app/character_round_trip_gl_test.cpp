@@ -21,9 +21,8 @@ namespace {
 TEST(CharacterRoundTripGl, TheExportedMaskReadBackRendersTheSamePicture) {
   MainQueue::shared().bindToCurrentThread();
   test::StateFixture f;
-  FaceTrackingState& state = f.state;
   CharacterAnimationController animation;
-  MaskSceneManager scene(state, animation, [] { return 100.0; });
+  MaskSceneManager scene(f.state, animation, [] { return 100.0; });
   scene.setRenderer(std::make_unique<RenderThread>());
 
   const std::string glb = GltfExporter::glb(GltfExporter::document(*createTheatricalMaskNode().node));
@@ -35,13 +34,13 @@ TEST(CharacterRoundTripGl, TheExportedMaskReadBackRendersTheSamePicture) {
   std::shared_ptr<const FileCharacter> character = std::move(read.value);
 
   for (const BlendshapeMap& face : {BlendshapeMap{}, BlendshapeMap{{"mouthSmileLeft", 1.0f}, {"jawOpen", 0.6f}}}) {
-    state.setBlendshapes(face);
-    state.setCharacterFile({});
-    scene.updateTracking(state);
+    f.state.setBlendshapes(face);
+    f.state.setCharacterFile({});
+    scene.updateTracking(f.state);
     const auto builtIn = scene.renderFrameNow(480, 270, 4);
     scene.setFileCharacter(character);
-    state.setCharacterFile("theatrical_mask.glb");
-    scene.updateTracking(state);
+    f.state.setCharacterFile("theatrical_mask.glb");
+    scene.updateTracking(f.state);
     ASSERT_EQ(scene.shownCharacterFile(), "theatrical_mask.glb");
     const auto fromFile = scene.renderFrameNow(480, 270, 4);
     ASSERT_TRUE(builtIn.frame && fromFile.frame) << builtIn.error << fromFile.error;

@@ -60,8 +60,7 @@ TEST(HeadlessOutputPipeWire, AConsumerReceivesTheCharacterAndTheStatusFollowsIt)
   EXPECT_TRUE(velmora->waitForLine("[Velmora] Syphon: sending to a client", 10)) << velmora->output();
   EXPECT_TRUE(velmora->waitForLine(kReady, 20)) << velmora->output();  // the consumer left
 
-  ASSERT_EQ(image.width, 1920) << velmora->output();
-  ASSERT_EQ(image.height, 1080);
+  ASSERT_EQ(std::pair(image.width, image.height), std::pair(1920, 1080)) << velmora->output();
   // Transparent background: the top row is empty.
   EXPECT_EQ(image.count(0, 0, 1920, 1, [](int, int, int, int a) { return a != 0; }), 0u);
   // The character: an opaque region around the centre, a real share of the
@@ -85,9 +84,8 @@ TEST(HeadlessOutputPipeWire, AConsumerReceivesTheCharacterAndTheStatusFollowsIt)
   EXPECT_GT(upper, 10 * lower) << "rows " << top << ".." << bottom;
 
   EXPECT_TRUE(velmora.stopsCleanly(SIGTERM)) << velmora->output();
-  for (const std::string line : {"[Syphon] Server 'Velmora' started using /usr/lib/x86_64-linux-gnu/libpipewire-0.3.so.0",
-                                 "[NDI] Sending 'Velmora' using " VELMORA_NDI_DOUBLE_DIR "/libndi.so.6",
-                                 "[Velmora] NDI: sending to 1 receiver", "[Syphon] Server stopped", "[NDI] Sender stopped"})
+  // Which library each one uses, and saying so once, is the publishers' own tests'.
+  for (const std::string line : {"[Velmora] NDI: sending to 1 receiver", "[Syphon] Server stopped", "[NDI] Sender stopped"})
     EXPECT_EQ(velmora->printed(line), 1) << line << "\n" << velmora->output();
 }
 

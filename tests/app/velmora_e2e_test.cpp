@@ -120,13 +120,12 @@ TEST(VelmoraE2E, OneHeadlessShowTakesCuesTrackingRelaysAndRecordsAndItsReplayOut
   EXPECT_TRUE(velmora->waitForLine("[QLabOSCServer] Refused OSC from 127.0.0.3 (not in the allowed senders)", 10))
       << velmora->output();
   stranger.sendTo(velmora.cuePort, test::oscMessage("/velmora/sensitivity", {3.0f}));
-  // No arguments, a text, a cue by its alias that switches the character; an
-  // unknown address is recorded, never dispatched: a known one after it still
-  // works. The aliases themselves are osc_command_catalog_test's.
+  // No arguments, a text, a cue by its alias that switches the character. The
+  // aliases themselves are osc_command_catalog_test's; an unknown address,
+  // answered and never dispatched, is its and qlab_osc_server_net_test's.
   oscsendAll(velmora, {{{"/velmora/recentre"}, "[OSC] /velmora/recentre []"},
                        {{"/velmora/lighting/preset", "s", "Top Light"}, "[OSC] /velmora/lighting/preset [\"Top Light\"]"},
                        {{"/ghost/spook", "f", "3"}, "[OSC] /velmora/ghost/spook [3]"},
-                       {{"/velmora/no/such/thing"}, ""},
                        {{"/ghost/stop"}, "[OSC] /velmora/ghost/reset []"}});
 
   // Tracking to 127.0.0.1 finds nobody (the listener is bound to 127.0.0.2);
@@ -186,10 +185,8 @@ TEST(VelmoraE2E, OneHeadlessShowTakesCuesTrackingRelaysAndRecordsAndItsReplayOut
   EXPECT_EQ(velmora->printed("[SessionRecorder] Recording stopped: " + std::to_string(sent) + " datagrams in " + file), 1)
       << velmora->output();
   EXPECT_EQ(velmora->printedStarting("[OSC] /velmora/sensitivity"), 0) << velmora->output();
-  for (const auto& line : velmora->lines()) EXPECT_EQ(line.find("no/such"), std::string::npos) << line;
   // The commands' persisted effects: the look, and the ghost the cue switched to.
-  const nlohmann::json settings = velmora.settings();
-  ASSERT_TRUE(settings.is_object());
+  nlohmann::json settings = velmora.settings();  // unreadable: reading a key throws, and the test fails
   EXPECT_EQ(settings["lightingSettings"]["preset"], "Top Light");
   EXPECT_EQ(settings["characterModel"], "cartoon_ghost");
 
@@ -255,19 +252,18 @@ TEST(VelmoraE2E, RunTestsPrintsEveryCheckPassingAndPutsTheSettingsBack) {
   test::VelmoraRun velmora({.settings = before, .args = {"--run-tests"}});
   EXPECT_EQ(velmora->wait(120), 0);
   const std::string out = velmora->output();
-  EXPECT_EQ(velmora->printedStarting("  \xE2\x9C\x97 FAIL: "), 0) << out;
-  EXPECT_EQ(velmora->printedStarting("  \xE2\x9C\x93 PASS: "), 59) << out;
-  EXPECT_NE(out.find("\n=== RUNNING VELMORA VERIFICATION SUITE ===\n"), std::string::npos) << out;
-  EXPECT_NE(out.find("\n=== VERIFICATION RESULTS: 59 PASSED, 0 FAILED ===\n"), std::string::npos) << out;
-  const char* headings[] = {"--- 1. UK English OSC Dispatch ---", "--- 2. Model Switching OSC Shortcuts ---",
-                            "--- 3. Ghost Animation Cues & Auto-Selection ---",
-                            "--- 4. Mask Gestures & Auto-Selection ---",
-                            "--- 5. Graceful Blending & Return Verification ---",
-                            "--- 6. Geometry & Holes Verification ---", "--- 7. OSC Master Toggle ---"};
+  // Each check's own line is self_test_runner_test's; the counts are the runner's.
+  // The banner, each section's heading after a blank line, the totals, in this order.
+  const char* headings[] = {"=== RUNNING VELMORA VERIFICATION SUITE ===", "\n--- 1. UK English OSC Dispatch ---",
+                            "\n--- 2. Model Switching OSC Shortcuts ---", "\n--- 3. Ghost Animation Cues & Auto-Selection ---",
+                            "\n--- 4. Mask Gestures & Auto-Selection ---",
+                            "\n--- 5. Graceful Blending & Return Verification ---",
+                            "\n--- 6. Geometry & Holes Verification ---", "\n--- 7. OSC Master Toggle ---",
+                            "\n=== VERIFICATION RESULTS: 59 PASSED, 0 FAILED ==="};
   std::size_t at = 0;
   for (const char* h : headings) {
-    at = out.find(std::string("\n\n") + h + "\n", at);
-    ASSERT_NE(at, std::string::npos) << h;
+    at = out.find(std::string("\n") + h + "\n", at);
+    ASSERT_NE(at, std::string::npos) << h << "\n" << out;
   }
   // A batch run starts no listener.
   EXPECT_EQ(out.find("[QLabOSCServer]"), std::string::npos) << out;
@@ -275,8 +271,7 @@ TEST(VelmoraE2E, RunTestsPrintsEveryCheckPassingAndPutsTheSettingsBack) {
   EXPECT_TRUE(std::regex_search(out, std::regex(R"(Ghost Spook Z offset stays <= 0\.35m \(body fully inside frame, actual: 0\.3[0-9]*\)\n)")))
       << out;
   EXPECT_TRUE(std::regex_search(out, std::regex(R"(Mask bow tilts head DOWN \(pitch > 0, actual: 0\.5\)\n)"))) << out;
-  const nlohmann::json after = velmora.settings();
-  for (const auto& [key, value] : before.items()) EXPECT_EQ(after[key], value) << key;
+  for (const auto& [key, value] : before.items()) EXPECT_EQ(velmora.settings()[key], value) << key;
 }
 
 }  // namespace

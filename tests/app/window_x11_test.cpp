@@ -56,12 +56,10 @@ const std::string kClosed = "[ProjectorWindowController] Closed projector window
 // A private X server with `monitors` monitors and velmora on it, its main window found.
 struct Session {
   explicit Session(int monitors) : xorg(dir.path(), monitors) {}
-  ~Session() {
-    if (x) XCloseDisplay(x);
-  }
   void start() {
     ASSERT_TRUE(xorg.ready()) << "Xorg with the dummy driver did not start; see " << xorg.logFile();
-    ASSERT_TRUE(x = XOpenDisplay(xorg.display().c_str()));
+    x.reset(XOpenDisplay(xorg.display().c_str()));
+    ASSERT_TRUE(x);
     velmora = std::make_unique<test::VelmoraRun>(test::VelmoraOptions{.env = {"DISPLAY=" + xorg.display()}});
     ASSERT_TRUE((*velmora)->waitForLine("[Velmora] Main window open; close it (or press Ctrl-C) to stop", 30))
         << (*velmora)->output();
@@ -78,12 +76,12 @@ struct Session {
   bool logged(const std::string& line) { return (*velmora)->waitForLine(line, 30.0); }
   // What a window manager sends when the operator clicks the close box.
   void requestClose(const std::string& window) {
-    XEvent e{.xclient = {.type = ClientMessage, .serial = 0, .send_event = True, .display = x,
-                         .window = std::stoul(window), .message_type = XInternAtom(x, "WM_PROTOCOLS", False),
+    XEvent e{.xclient = {.type = ClientMessage, .serial = 0, .send_event = True, .display = x.get(),
+                         .window = std::stoul(window), .message_type = XInternAtom(x.get(), "WM_PROTOCOLS", False),
                          .format = 32,
-                         .data = {.l = {static_cast<long>(XInternAtom(x, "WM_DELETE_WINDOW", False)), CurrentTime}}}};
-    XSendEvent(x, e.xclient.window, False, NoEventMask, &e);
-    XFlush(x);
+                         .data = {.l = {static_cast<long>(XInternAtom(x.get(), "WM_DELETE_WINDOW", False)), CurrentTime}}}};
+    XSendEvent(x.get(), e.xclient.window, False, NoEventMask, &e);
+    XFlush(x.get());
   }
   // Ctrl+P on the main window: the projector covers the monitor, black with the character.
   std::string openProjector(int monitor) {
@@ -97,7 +95,7 @@ struct Session {
     // for _NET_WM_STATE_FULLSCREEN, GLFW takes the monitor itself
     // (override-redirect), which a plain borderless window never is.
     XWindowAttributes a{};
-    EXPECT_TRUE(XGetWindowAttributes(x, std::stoul(projector), &a));
+    EXPECT_TRUE(XGetWindowAttributes(x.get(), std::stoul(projector), &a));
     EXPECT_EQ(std::tuple(a.x, a.y, a.width, a.height, a.override_redirect),
               std::tuple(monitor * 1920, 0, 1920, 1080, True));
     const std::string shot = "projector-" + std::to_string(monitor) + ".png";
@@ -114,7 +112,7 @@ struct Session {
 
   test::TempDir dir;
   test::XorgDummy xorg;
-  ::Display* x = nullptr;  // the test's own connection to the server
+  std::unique_ptr<::Display, int (*)(::Display*)> x{nullptr, XCloseDisplay};  // the test's own connection to the server
   std::unique_ptr<test::VelmoraRun> velmora;
   std::string main;
 };

@@ -15,7 +15,7 @@ struct NDIDoubleReadout {
   VideoFrame lastFrame{};  // as handed over, p_data included; xres 0 before the first send
   std::uint64_t lastChecksum = 0;  // of lastFrame's pixels, read during its send
   // Broken promises (a send on a destroyed sender, a destroy during a send,
-  // pixels changed during the send...) and the first one's text.
+  // pixels unreadable at the stated stride) and the first one's text.
   int violations = 0;
   char firstViolation[256] = {};
 };

