@@ -24,18 +24,19 @@ namespace velmora::reference {
 using ReferenceMap = std::unordered_map<std::string, float>;
 
 // One datagram as the reference reads it. For TrackingFormat::unknown every
-// optional is empty.
+// optional is empty. Every member has an initializer, so a designated
+// initializer may leave any of them out.
 struct ReferenceFrame {
   TrackingFormat format = TrackingFormat::unknown;
-  std::optional<ReferenceMap> blendshapes;
-  std::optional<float3> rotation;  // (pitch, yaw, roll), radians
-  std::optional<float3> position;
+  std::optional<ReferenceMap> blendshapes{};
+  std::optional<float3> rotation{};  // (pitch, yaw, roll), radians
+  std::optional<float3> position{};
   // As DecodedFrame: which head components the datagram set (OSC may send
   // single ones; unset components hold 0).
   std::array<bool, 3> rotationSet{true, true, true};
   std::array<bool, 3> positionSet{true, true, true};
   TrackingApp app = TrackingApp::none;
-  std::optional<float3> leftEye, rightEye;  // radians
+  std::optional<float3> leftEye{}, rightEye{};  // radians
   bool faceFound = true;
 };
 
