@@ -165,24 +165,26 @@ TEST(TrackingReceiverNetTest, ARefusedSendersDataNeverReachesTheFaceState) {
                        refusedLines("127.0.0.3")),
             std::tuple(0u, 0u, "", 0u, 0u, 1));
 
-  // An allowed sender still gets through, so the above cannot pass vacuously.
+  // An allowed sender still gets through, so the above cannot pass vacuously;
+  // its unknown datagram counts as received like its frame.
+  allowed.sendTo(port, "hello");
   allowed.sendTo(port, "jawOpen-20|");
   // The receiver counts a batch once it has handed it on, so the state may have it first.
   ASSERT_TRUE(waitFor([&] {
-    return f.state.totalPacketsReceived() == 1 && receiver.statistics().packetsReceived == 1;
+    return f.state.totalPacketsReceived() == 2 && receiver.statistics().packetsReceived == 2;
   }));
   EXPECT_EQ(std::tuple(f.state.rawBlendshapes().at("jawOpen"), f.state.senderIP(), receiver.statistics().refused),
             std::tuple(0.2f, "127.0.0.2:" + std::to_string(allowed.port()), 3u));
-  ASSERT_EQ(tap->seen().size(), 1u);
+  ASSERT_EQ(tap->seen().size(), 2u);
   EXPECT_EQ(tap->seen()[0].second.sourceAddress, 0x7F000002u);
   waitFor([] { return false; }, 0.05);
-  EXPECT_EQ(f.state.totalPacketsReceived(), 1u);  // no late delivery of refused frames
+  EXPECT_EQ(f.state.totalPacketsReceived(), 2u);  // no late delivery of refused frames
 
   // The list edited: the other sender is the refused one from the next datagram.
   receiver.senderFilter().setAllowList(SenderAllowList::parse({"127.0.0.3"}));
   allowed.sendTo(port, "jawOpen-70|");
   refused.sendTo(port, "jawOpen-40|");
-  ASSERT_TRUE(waitFor([&] { return f.state.totalPacketsReceived() == 2; }));
+  ASSERT_TRUE(waitFor([&] { return f.state.totalPacketsReceived() == 3; }));
   EXPECT_EQ(std::tuple(f.state.rawBlendshapes().at("jawOpen"), f.state.senderIP(), receiver.statistics().refused,
                        refusedLines("127.0.0.2")),
             std::tuple(0.4f, "127.0.0.3:" + std::to_string(refused.port()), 4u, 1));
