@@ -9,6 +9,7 @@
 #include "render/PngWriter.h"
 #include "scene/MaskSceneManager.h"
 #include "support/SolidFrame.h"
+#include "support/StbImage.h"
 #include "support/TempDir.h"
 
 namespace velmora {
@@ -55,9 +56,15 @@ TEST(EnvironmentLightingTest, SkiesLightSurfacesByTheWayTheyFace) {
 
 // A written file's bytes (signature, size) are read by the snapshot run's
 // picture checks (SnapshotE2ETest); here the failures.
-TEST(PngWriterTest, ReportsFailures) {
+// What the writer makes, read by another decoder (stb_image): size, channel
+// order (BGRA in, RGBA in the file) and straight alpha; then its failures.
+TEST(PngWriterTest, WritesWhatAnotherDecoderReadsAndReportsFailures) {
   test::TempDir dir;
   std::string error;
+  ASSERT_TRUE(PngWriter::write((dir.path() / "f.png").string(), solidFrame(8, 4, 1, 2, 3, 4), &error)) << error;
+  const test::Picture png = test::loadPicture((dir.path() / "f.png").string());
+  ASSERT_EQ(std::pair(png.width, png.height), std::pair(8, 4));
+  EXPECT_EQ(std::vector(png.at(7, 3), png.at(7, 3) + 4), (std::vector<unsigned char>{3, 2, 1, 4}));
   EXPECT_FALSE(PngWriter::write((dir.path() / "missing" / "f.png").string(), solidFrame(8, 4, 0, 0, 0, 0), &error));
   EXPECT_NE(error.find("cannot write"), std::string::npos);
   EXPECT_FALSE(PngWriter::write((dir.path() / "f.png").string(), RenderedFrame{}, &error));
