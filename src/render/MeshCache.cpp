@@ -18,6 +18,8 @@ using Semantic = GeometrySource::Semantic;
 // One entry of the morph program's delta buffer: position delta x, y, z and
 // normal delta x, y, z as half floats, two a texel.
 constexpr std::size_t kTexelsPerEntry = 3;
+// Each entry's target index is one byte (R8UI).
+static_assert(shaders::maxMorphTargets <= 256);
 
 GLenum glMode(GeometryElement::Primitive p) {
   switch (p) {
